@@ -1,0 +1,231 @@
+// Where a column's value comes from.
+//
+// A table of the database is described once, as an array of Columns in the
+// order of its INSERT (objects/schema/). Everything that has to agree on a
+// layout is derived from that array: the SQL texts, the binder, the database
+// file that qdb-schema makes, and the objects that the stand-in builds.
+//
+// Offsets are bytes from the first byte of an object. Objects are packed and
+// little-endian; no field is aligned.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace qdb
+{
+
+enum class Form : uint8_t
+{
+    U8,
+    U16,
+    U32,
+    U64,
+    I8,
+    I16,
+    I32,
+    F32,
+    F64,
+    Bits,         // `width` bits from bit `bit` of the integer at the offset
+    Text,         // NUL-terminated, inline
+    TextOrNull,   // the same, NULL when empty
+    OffsetText,   // a 32-bit word: offset of a text, 0 for none
+    OffsetText16, // the same in a 16-bit word
+    OffsetTextIf, // OffsetText, NULL while the word at `aux` is 0
+    BodyText,     // a 32-bit word: offset of a text from byte 0x1C, 0 for none
+    Joined,       // several texts of the object joined into one
+    ParentKey,    // key of the parent object
+    Null,         // array properties, and fields that are never stored
+};
+
+// The lists that Form::Joined makes one text of.
+enum class Join : uint8_t
+{
+    None,
+    PossibleValues,
+    DisplayValues,
+    DnsServers,
+    Gateways,
+    PhysicalFqdds,
+};
+
+struct Source
+{
+    Form form;
+    uint16_t offset = 0;
+    uint16_t aux = 0;
+    uint8_t bit = 0;
+    uint8_t width = 0;
+    Join join = Join::None;
+    bool insertOnly = false; // the UPDATE leaves the column alone
+    bool placed = false;     // position chosen here; see Placed()
+};
+
+struct Column
+{
+    const char *name;
+    Source source;
+};
+
+// One line of a column list reads {"Speed", U32(0x20)}.
+consteval Source At(Form form, uint16_t offset)
+{
+    return {.form = form, .offset = offset};
+}
+// clang-format off
+consteval Source U8(uint16_t offset) { return At(Form::U8, offset); }
+consteval Source U16(uint16_t offset) { return At(Form::U16, offset); }
+consteval Source U32(uint16_t offset) { return At(Form::U32, offset); }
+consteval Source U64(uint16_t offset) { return At(Form::U64, offset); }
+consteval Source I8(uint16_t offset) { return At(Form::I8, offset); }
+consteval Source I16(uint16_t offset) { return At(Form::I16, offset); }
+consteval Source I32(uint16_t offset) { return At(Form::I32, offset); }
+consteval Source F32(uint16_t offset) { return At(Form::F32, offset); }
+consteval Source F64(uint16_t offset) { return At(Form::F64, offset); }
+consteval Source Text(uint16_t offset) { return At(Form::Text, offset); }
+consteval Source TextOrNull(uint16_t offset) { return At(Form::TextOrNull, offset); }
+consteval Source OffsetText(uint16_t offset) { return At(Form::OffsetText, offset); }
+consteval Source OffsetText16(uint16_t offset) { return At(Form::OffsetText16, offset); }
+consteval Source BodyText(uint16_t offset) { return At(Form::BodyText, offset); }
+consteval Source Null() { return At(Form::Null, 0); }
+// clang-format on
+
+// Bits `bit` to `bit + width - 1` of the integer whose first byte is at
+// `offset`.
+consteval Source Bits(uint8_t bit, uint8_t width, uint16_t offset)
+{
+    return {.form = Form::Bits, .offset = offset, .bit = bit, .width = width};
+}
+
+// The text whose offset stands at `offset`, if the 32-bit word at `present`
+// is not 0.
+consteval Source OffsetTextIf(uint16_t offset, uint16_t present)
+{
+    return {.form = Form::OffsetTextIf, .offset = offset, .aux = present};
+}
+
+// A list joined into one text; the word with the list's offset is at `offset`.
+consteval Source Joined(Join join, uint16_t offset)
+{
+    return {.form = Form::Joined, .offset = offset, .join = join};
+}
+
+// Written once, by the INSERT.
+consteval Source InsertOnly(Source source)
+{
+    source.insertOnly = true;
+    return source;
+}
+
+// The object's own OID, signed, and the key of its parent.
+consteval Source ObjectId()
+{
+    return InsertOnly(I32(4));
+}
+consteval Source ParentKey()
+{
+    return InsertOnly(At(Form::ParentKey, 0));
+}
+
+// A field whose place the object library does not document. Such fields fill
+// the room that the documented ones leave, and never overlap them.
+consteval Source Placed(Source source)
+{
+    source.placed = true;
+    return source;
+}
+
+// Bytes that a field of this form occupies; 0 for forms without a field of
+// their own and 1 for texts, whose length only the object knows.
+constexpr size_t FieldSize(const Source &source)
+{
+    switch (source.form)
+    {
+    case Form::U8:
+    case Form::I8:
+    case Form::Text:
+    case Form::TextOrNull:
+        return 1;
+    case Form::U16:
+    case Form::I16:
+    case Form::OffsetText16:
+        return 2;
+    case Form::U32:
+    case Form::I32:
+    case Form::F32:
+    case Form::OffsetText:
+    case Form::OffsetTextIf:
+    case Form::BodyText:
+        return 4;
+    case Form::U64:
+    case Form::F64:
+        return 8;
+    case Form::Bits:
+        return (source.bit + source.width + 7u) / 8u;
+    case Form::Joined:
+        return source.join == Join::PossibleValues ||
+                       source.join == Join::DisplayValues
+                   ? 2
+                   : 4;
+    case Form::ParentKey:
+    case Form::Null:
+        return 0;
+    }
+    return 0;
+}
+
+// Whether the source reads a field at its offset.
+constexpr bool HasField(const Source &source)
+{
+    return FieldSize(source) != 0;
+}
+
+// Bytes from the field at `offset` to the next documented field behind it;
+// `none` when it is the last one.
+template <size_t N>
+constexpr size_t RoomBehind(const std::array<Column, N> &columns,
+                            uint16_t offset, size_t none)
+{
+    size_t room = none;
+    for (const Column &other : columns)
+    {
+        const Source &source = other.source;
+        if (HasField(source) && !source.placed && source.offset > offset &&
+            static_cast<size_t>(source.offset - offset) < room)
+        {
+            room = static_cast<size_t>(source.offset - offset);
+        }
+    }
+    return room;
+}
+
+// Marks, in `aux`, an offset word whose width Layout() cut down.
+inline constexpr uint16_t kNarrowed = 0xFFFF;
+
+// A column list with the widths of its offset words settled. A word is 32
+// bits wide; where the next field begins two bytes on only 16 bits belong to
+// it, and where it begins one byte on the field is a plain unsigned byte.
+// Reading more would take the neighbour in and refuse every such object.
+template <size_t N>
+consteval std::array<Column, N> Layout(const Column (&listed)[N])
+{
+    std::array<Column, N> columns = std::to_array(listed);
+    const std::array<Column, N> documented = columns;
+    for (Column &column : columns)
+    {
+        Source &source = column.source;
+        if (source.form != Form::OffsetText || source.placed)
+        {
+            continue;
+        }
+        const size_t room = RoomBehind(documented, source.offset, 4);
+        source.form = room == 1   ? Form::U8
+                      : room == 2 ? Form::OffsetText16
+                                  : Form::OffsetText;
+        source.aux = room < 4 ? kNarrowed : 0;
+    }
+    return columns;
+}
+
+} // namespace qdb
