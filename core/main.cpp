@@ -1,0 +1,6 @@
+#include "core/lifecycle.h"
+
+int main()
+{
+    return qdb::RunService();
+}

@@ -1,0 +1,75 @@
+// Owners for what the platform libraries hand out.
+#pragma once
+
+#include "platform/zo_base.h"
+#include "platform/zoil.h"
+
+#include <cstdlib>
+#include <memory>
+#include <span>
+
+namespace qdb
+{
+
+struct FreeGeneric
+{
+    void operator()(void *memory) const
+    {
+        ZOILFreeGeneric(memory);
+    }
+};
+
+struct FreeMem
+{
+    void operator()(void *memory) const
+    {
+        ZOFreeMem(memory);
+    }
+};
+
+struct CFree
+{
+    void operator()(void *memory) const
+    {
+        std::free(memory);
+    }
+};
+
+// A private copy of a Data Manager object.
+using ObjectPtr = std::unique_ptr<DataObjHeader, FreeGeneric>;
+
+// An object of the configuration client library.
+using ConfigObjectPtr = std::unique_ptr<DataObjHeader, CFree>;
+
+// A key text of the object-access library.
+using KeyPtr = std::unique_ptr<char, FreeMem>;
+
+// An OID list of the object-access library; NULL when there is none.
+class OidList
+{
+  public:
+    explicit OidList(uint32_t *list) : list_(list)
+    {
+    }
+
+    bool IsNull() const
+    {
+        return list_ == nullptr;
+    }
+
+    // Not for a NULL list.
+    std::span<const uint32_t> Oids() const
+    {
+        return {list_.get() + 1, list_.get()[0]};
+    }
+
+  private:
+    std::unique_ptr<uint32_t, FreeGeneric> list_;
+};
+
+inline ObjectPtr FetchObject(uint32_t oid)
+{
+    return ObjectPtr(ZOILGetObjByOID(&oid));
+}
+
+} // namespace qdb

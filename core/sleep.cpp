@@ -1,0 +1,29 @@
+#include "core/sleep.h"
+
+#include <unistd.h>
+
+#include <atomic>
+
+namespace qdb
+{
+namespace
+{
+std::atomic<SleepFunction> gSleepFunction = nullptr;
+}
+
+void SleepMicroseconds(unsigned microseconds)
+{
+    if (const SleepFunction replaced = gSleepFunction)
+    {
+        replaced(microseconds);
+        return;
+    }
+    usleep(microseconds);
+}
+
+void SetSleepFunction(SleepFunction function)
+{
+    gSleepFunction = function;
+}
+
+} // namespace qdb

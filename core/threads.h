@@ -1,0 +1,60 @@
+// The threads of the service: starting, cancelling and joining them while a
+// stop may come at any moment.
+//
+// Invariants, all under one mutex:
+// 1. No thread is started once a stop has been requested.
+// 2. Only a thread that was started and is not being joined is cancelled: a
+//    handle is never used after its join.
+#pragma once
+
+#include <pthread.h>
+
+namespace qdb
+{
+
+using ThreadEntry = void *(*)(void *);
+
+// The number of event workers; also of the stop records that end them.
+inline constexpr int kWorkerCount = 10;
+
+// One thread. Static storage; the fields belong to the functions below.
+struct ServiceThread
+{
+    pthread_t handle;
+    ThreadEntry entry;
+    void *argument;
+    bool running; // started and not yet joined
+    bool ended;   // its entry has returned, exited or been cancelled
+};
+
+extern ServiceThread gSignalThread;
+extern ServiceThread gBusServiceThread;
+extern ServiceThread gWorkerThreads[kWorkerCount];
+extern ServiceThread gNCThread;
+extern ServiceThread gCorruptionThread;
+
+// Whether the service has been told to stop; long work tests it between its
+// steps.
+bool StopRequested();
+
+// From here on no thread starts. False when it was requested before.
+bool RequestStop();
+
+// Starts a thread with SIGTERM blocked, so that the signal meets `main`.
+// attributes may be NULL. Returns pthread_create's result, or ECANCELED when a
+// stop has been requested.
+int StartThread(ServiceThread &thread, ThreadEntry entry, void *argument,
+                const pthread_attr_t *attributes);
+
+// Cancels the thread if it is running.
+void CancelThread(ServiceThread &thread);
+
+// Waits for the thread's end; returns at once when it isn't running. Only for
+// `main`.
+void JoinThread(ServiceThread &thread);
+
+// pthread_create with SIGTERM blocked in the new thread.
+int CreateThread(pthread_t *handle, const pthread_attr_t *attributes,
+                 ThreadEntry entry, void *argument);
+
+} // namespace qdb

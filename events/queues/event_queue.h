@@ -1,0 +1,64 @@
+// The one queue of event records.
+//
+// Strictly first in, first out, without a limit. Any thread appends; the
+// workers take. The queue owns its nodes and records from QdbenQueue on, and
+// the taker owns both from QdbdeQueue on. A stop record
+// (DATA_EVENT_WORKER_EXIT) is static memory and is never freed.
+#pragma once
+
+#include "platform/zoil.h"
+
+#include <atomic>
+#include <memory>
+
+namespace qdb
+{
+
+struct QdbEventNode
+{
+    DataEventHeader *data;
+    int seqNo; // for the log alone; two nodes may carry the same number
+    QdbEventNode *next;
+};
+
+// Guarded by gQdbDBMutex.
+struct QdbEventQueue
+{
+    QdbEventNode *head;
+    QdbEventNode *tail;
+};
+
+// Nodes on the queue. Written under gQdbDBMutex.
+extern std::atomic<int> QdbEventQSize;
+
+// The next sequence number; counts up for the life of the process.
+extern std::atomic<int> gQdbSeqNumber;
+
+// A node that belongs to the caller; NULL when there is no memory.
+QdbEventNode *QdbnewNode(DataEventHeader *data, int seqNo);
+
+// Appends a record, heap memory for free(), and posts gQdbEventSem. Never
+// fails visibly: without memory for a node the record is freed and the event
+// is lost. Takes gQdbDBMutex.
+void QdbenQueue(QdbEventQueue *queue, DataEventHeader *record);
+
+// Waits for gQdbEventSem and takes the oldest node; NULL when the queue is
+// empty all the same. At 50 nodes or fewer clears gSkipConstraintCheck. Takes
+// gQdbDBMutex.
+QdbEventNode *QdbdeQueue(QdbEventQueue *queue);
+
+// Puts one stop record per worker on gQdbEventQueue.
+void QueueStopRecords();
+
+// Frees a node and its record, but for a stop record. NULL is a no-op.
+struct FreeEventNode
+{
+    void operator()(QdbEventNode *node) const;
+};
+using EventNodePtr = std::unique_ptr<QdbEventNode, FreeEventNode>;
+
+// Frees all that is left on the queue and the queue itself; no thread may use
+// it any more. NULL is a no-op.
+void FreeEventQueue(QdbEventQueue *queue);
+
+} // namespace qdb

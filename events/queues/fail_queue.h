@@ -1,0 +1,73 @@
+// Operations that the database refused, kept until they can be repeated.
+//
+// Invariants:
+// 1. `count` is the number of nodes less one, and 0 for the empty queue: the
+//    first node put on an empty queue doesn't add to it. A drain takes exactly
+//    `count` nodes, so that the newest one stays until another failure pushes
+//    it forward.
+// 2. An index is a position in the sorted fail-type list.
+//
+// Any thread that runs a handler appends; one thread takes. Duplicates are not
+// detected. Nothing survives a restart.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace qdb
+{
+
+// What is to be done again. The numbers appear in logs.
+enum class FailedOperation : uint32_t
+{
+    Delete = 0,
+    Create = 1,
+    Refresh = 2,
+    RefreshFailure = 3, // the row wasn't there
+};
+
+struct QdbFailQNode
+{
+    uint32_t oid;
+    FailedOperation operation;
+    int index;
+    QdbFailQNode *next;
+};
+
+// Guarded by a mutex of its own, a leaf.
+struct FailQueue
+{
+    QdbFailQNode *head;
+    QdbFailQNode *tail;
+    int count;
+};
+
+inline constexpr size_t kFailTypeCount = 38;
+
+// A node for free(); NULL when there is no memory.
+QdbFailQNode *QdbFailnewNode(uint32_t oid, FailedOperation operation,
+                             int index);
+
+// Appends a failed operation; without memory it is logged and dropped.
+void QdbFailenQueue(FailQueue *queue, uint32_t oid, FailedOperation operation,
+                    int index);
+
+// Takes the oldest node, for free(); NULL and count 0 when the queue is empty.
+QdbFailQNode *QdbFaildeQueue(FailQueue *queue);
+
+// The type's position in the fail-type list, -1 when its failures aren't kept.
+// Only after SortFailTypes.
+int QdbFailObjTypeIndex(int objType);
+
+// Sorts the fail-type list; before any thread looks into it.
+void SortFailTypes();
+
+// The list, for what runs parallel to it.
+std::span<const int, kFailTypeCount> FailTypes();
+
+// Frees what is left on the queue and the queue itself; no thread may use it
+// any more. NULL is a no-op.
+void FreeFailQueue(FailQueue *queue);
+
+} // namespace qdb
