@@ -1,0 +1,128 @@
+#include "db/connection.h"
+
+#include "core/log.h"
+#include "core/paths.h"
+#include "core/state.h"
+#include "core/status.h"
+#include "db/execute.h"
+
+namespace qdb
+{
+namespace
+{
+
+constexpr int kBusyTimeoutMs = 1000;
+
+// The order is part of the behaviour: the last one's status is the result.
+constexpr const char *kOptions[] = {
+    "PRAGMA JOURNAL_MODE = OFF;",
+    "PRAGMA CACHE_SIZE = -1000;",
+    "PRAGMA synchronous = OFF;",
+    "PRAGMA foreign_keys = ON;",
+};
+
+int SetOptions(sqlite3 *handle)
+{
+    int status = SQLITE_OK;
+    for (const char *option : kOptions)
+    {
+        status = sqlite3_exec(handle, option, nullptr, nullptr, nullptr);
+        if (status != SQLITE_OK)
+        {
+            QDB_LOG(kLogTrace, "%s: error in executing sqlite3_exec %d\n",
+                    status);
+        }
+    }
+    return status;
+}
+
+} // namespace
+
+int StatementSlot::Prepare(const char *sql, int length, bool *pWasReady)
+{
+    *pWasReady = statement != nullptr;
+    if (*pWasReady)
+    {
+        return SQLITE_OK;
+    }
+    return sqlite3_prepare_v2(QDVdbHandle, sql, length, &statement, nullptr);
+}
+
+void StatementSlot::Finalize()
+{
+    sqlite3_finalize(statement);
+    statement = nullptr;
+}
+
+int QDVDBInit()
+{
+    if (QDVdbHandle != nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: QDVdbHandle not NULL.");
+        return SQLITE_OK;
+    }
+    QDB_LOG(kLogTrace, "%s: Opening DB.");
+    sqlite3 *handle = nullptr;
+    const int status = sqlite3_open(DatabasePath().c_str(), &handle);
+    QDVdbHandle = handle;
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogTrace, "%s: Cannot open database: %s\n",
+                SqliteErrorMessage().c_str());
+        return kFailed;
+    }
+    sqlite3_busy_timeout(handle, kBusyTimeoutMs);
+    return SetOptions(handle);
+}
+
+bool HasDatabase()
+{
+    if (QDVdbHandle == nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: Error: DB handle not available");
+        return false;
+    }
+    return true;
+}
+
+std::string SqliteErrorMessage()
+{
+    sqlite3 *handle = QDVdbHandle;
+    sqlite3_mutex *mutex =
+        handle == nullptr ? nullptr : sqlite3_db_mutex(handle);
+    sqlite3_mutex_enter(mutex);
+    std::string message = sqlite3_errmsg(handle);
+    sqlite3_mutex_leave(mutex);
+    return message;
+}
+
+void LogErrorMessage(int level, const char *function)
+{
+    QDB_LOG(level, "%s:  %s sqlite errormsg: %s", function,
+            SqliteErrorMessage().c_str());
+}
+
+StatementPtr PrepareOnce(const char *sql, int *pStatus)
+{
+    sqlite3_stmt *statement = nullptr;
+    *pStatus = sqlite3_prepare_v2(QDVdbHandle, sql, -1, &statement, nullptr);
+    return StatementPtr(statement);
+}
+
+int CloseDatabase()
+{
+    const int status = RunStatusLoop({}, 0,
+                                     []
+                                     {
+                                         return sqlite3_close(QDVdbHandle);
+                                     });
+    if (IsSuccess(status))
+    {
+        QDVdbHandle = nullptr;
+        QDB_LOG(kLogTrace, "%s: Main exit: closed DB \n");
+        return SQLITE_OK;
+    }
+    return status;
+}
+
+} // namespace qdb

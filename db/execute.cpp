@@ -1,0 +1,76 @@
+#include "db/execute.h"
+
+#include "core/lock.h"
+#include "core/log.h"
+#include "core/sleep.h"
+#include "core/state.h"
+
+namespace qdb
+{
+namespace
+{
+thread_local int tLastStepStatus = SQLITE_OK;
+}
+
+int StepStatement(sqlite3_stmt *statement)
+{
+    const MutexLock lock(SqliteStepMutex);
+    tLastStepStatus = sqlite3_step(statement);
+    return tLastStepStatus;
+}
+
+int LastStepStatus()
+{
+    return tLastStepStatus;
+}
+
+int execute_statement(sqlite3_stmt *statement)
+{
+    if (statement == nullptr)
+    {
+        tLastStepStatus = kFailed;
+        QDB_LOG(kLogTrace, "%s: Error: stmt is NULL");
+        return kFailed;
+    }
+    const int status = RunStatusLoop({}, 0,
+                                     [&]
+                                     {
+                                         return StepStatement(statement);
+                                     });
+    return IsSuccess(status) ? SQLITE_OK : kFailed;
+}
+
+Verdict JudgeAttempt(int status, RetryRule rule, int returnStatus)
+{
+    if (IsSuccess(status))
+    {
+        return Verdict::Done;
+    }
+    if (IsBusy(status))
+    {
+        QDB_LOG(kLogTrace, "%s: \nStatusCheck:Retry\n");
+        if (rule.pauseWhenBusy)
+        {
+            SleepMicroseconds(kBusyPauseMicroseconds);
+        }
+        return Verdict::Again;
+    }
+    if (status == ZO_STATUS_INVALID_VALUE)
+    {
+        QDB_LOG(kLogTrace, "%s: \n Inavlid value received\n");
+        return Verdict::Again;
+    }
+    QDB_LOG(kLogTrace, "%s: retval = %d\n", status);
+    QDB_LOG(kLogTrace,
+            "%s: Set ReturnStatus as Failure. ReturnStatus before update = "
+            "%d\n",
+            returnStatus);
+    return Verdict::Failed;
+}
+
+void LogAttemptsUsedUp(int returnStatus)
+{
+    QDB_LOG(kLogTrace, "%s: ReturnStatus before update = %d\n", returnStatus);
+}
+
+} // namespace qdb

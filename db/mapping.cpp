@@ -1,0 +1,207 @@
+#include "db/mapping.h"
+
+#include "core/lock.h"
+#include "core/log.h"
+#include "core/platform_ptr.h"
+#include "core/state.h"
+#include "core/status.h"
+#include "db/connection.h"
+#include "db/execute.h"
+
+namespace qdb
+{
+
+StatementSlot gParentChildInsertStmt;
+StatementSlot gEtagUpdateStmt;
+extern StatementSlot gActiveOIDInsertStmt;
+
+namespace
+{
+
+constexpr char kParentChildSql[] =
+    "INSERT OR REPLACE INTO ParentChildMapping ('OID', 'POID') VALUES (?, ?)";
+constexpr char kEtagSql[] = "UPDATE TblEtag SET MultiRecordEtag = "
+                            "strftime('%s') where TableName = ?;";
+
+pthread_mutex_t gParentChildStmtMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t gEtagStmtMutex = PTHREAD_MUTEX_INITIALIZER;
+
+// Fills a slot whose mutex the caller holds; logs what it found.
+int PrepareSlot(StatementSlot &slot, const char *sql)
+{
+    bool wasReady = false;
+    const int status = slot.Prepare(sql, -1, &wasReady);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogTrace, "%s: sqlite3_prepare_v2 Error: %d", status);
+    }
+    else if (wasReady)
+    {
+        QDB_LOG(kLogTrace, "%s: Using prepared statement");
+    }
+    else
+    {
+        QDB_LOG(kLogTrace, "%s: Prepare Statement successful");
+    }
+    return status;
+}
+
+// The value of a column as an object type; only an integer is one.
+uint32_t ColumnAsType(sqlite3_stmt *statement, int column)
+{
+    switch (sqlite3_column_type(statement, column))
+    {
+    case SQLITE_INTEGER:
+    {
+        const int value = sqlite3_column_int(statement, column);
+        QDB_LOG(kLogTrace, "%s: Column: %d, ", value);
+        return static_cast<uint32_t>(value);
+    }
+    case SQLITE_FLOAT:
+        QDB_LOG(kLogTrace, "%s: Column: %g, ",
+                sqlite3_column_double(statement, column));
+        return 0;
+    case SQLITE_TEXT:
+        QDB_LOG(kLogTrace, "%s: Column: %s, ",
+                reinterpret_cast<const char *>(
+                    sqlite3_column_text(statement, column)));
+        return 0;
+    default:
+        return 0;
+    }
+}
+
+} // namespace
+
+int InsertInTblEtag(const char *tableName)
+{
+    if (!HasDatabase())
+    {
+        return kFailed;
+    }
+    const MutexLock lock(gEtagStmtMutex);
+    int status = PrepareSlot(gEtagUpdateStmt, kEtagSql);
+    if (status != SQLITE_OK)
+    {
+        return status;
+    }
+    sqlite3_stmt *statement = gEtagUpdateStmt.statement;
+    const StatementReset reset(statement);
+    status = sqlite3_bind_text(statement, 1, tableName, -1, SQLITE_TRANSIENT);
+    if (status == SQLITE_OK)
+    {
+        status = execute_statement(statement);
+    }
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogInvalid,
+                "%s: Entry for %s could not inserted in TblEtag Table. Error: "
+                "%d",
+                tableName, status);
+    }
+    return status;
+}
+
+int InsertInParentChildMappingTable(uint32_t oid, uint32_t parentOid)
+{
+    if (!HasDatabase())
+    {
+        return kFailed;
+    }
+    const MutexLock lock(gParentChildStmtMutex);
+    int status = PrepareSlot(gParentChildInsertStmt, kParentChildSql);
+    if (status != SQLITE_OK)
+    {
+        return status;
+    }
+    sqlite3_stmt *statement = gParentChildInsertStmt.statement;
+    const StatementReset reset(statement);
+    status = sqlite3_bind_int64(statement, 1, StoredOid(oid));
+    if (status == SQLITE_OK)
+    {
+        status = sqlite3_bind_int64(statement, 2, StoredOid(parentOid));
+    }
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogInvalid, "%s: Bind failed for %d %X. Error: %d",
+                StoredOid(oid), oid, status);
+        return status;
+    }
+    status = execute_statement(statement);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogInvalid,
+                "%s: Entry for %d %X could not inserted in "
+                "ParentChildMapping Table. Error: %d",
+                StoredOid(oid), oid, status);
+    }
+    return status;
+}
+
+void RefreshParentChildMapping(const DataObjHeader *pDOH, uint32_t oid)
+{
+    const OidList parents(ZOILListParentOID(&pDOH->objID));
+    if (parents.IsNull())
+    {
+        return;
+    }
+    for (const uint32_t parentOid : parents.Oids())
+    {
+        if (const ObjectPtr parent = FetchObject(parentOid))
+        {
+            QDB_LOG(kLogTrace,
+                    "%s: ZOILGetObjByOID success for OID = 0x%x and POID = "
+                    "0x%x \n",
+                    oid, parentOid);
+            InsertInParentChildMappingTable(oid, parentOid);
+        }
+        else
+        {
+            QDB_LOG(kLogTrace,
+                    "%s: ZOILGetObjByOID returned NULL!!! for OID = 0x%x\n",
+                    parentOid);
+        }
+    }
+}
+
+uint32_t GetObjType(uint32_t oid)
+{
+    if (!HasDatabase())
+    {
+        return 0;
+    }
+    int status = SQLITE_OK;
+    const StatementPtr statement = PrepareOnce(
+        "select ObjType from ActiveOIDMapping where OID = ?", &status);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogTrace, "%s: sqlite3_prepare_v2 Error: %d", status);
+        return 0;
+    }
+    sqlite3_bind_int(statement.get(), 1, StoredOid(oid));
+    status = execute_statement(statement.get());
+    QDB_LOG(kLogTrace, "%s: GetObjType: sqlite3_step returns = %d for oid= %d ",
+            status, StoredOid(oid));
+    if (status != SQLITE_OK)
+    {
+        return 0;
+    }
+    const int columns = sqlite3_data_count(statement.get());
+    QDB_LOG(kLogTrace, "%s: GetObjType: num_cols = %d",
+            sqlite3_column_count(statement.get()));
+    uint32_t objType = 0;
+    for (int column = 0; column < columns; ++column)
+    {
+        objType = ColumnAsType(statement.get(), column);
+    }
+    return objType;
+}
+
+void FinalizeMappingStatements()
+{
+    gParentChildInsertStmt.Finalize();
+    gEtagUpdateStmt.Finalize();
+    gActiveOIDInsertStmt.Finalize();
+}
+
+} // namespace qdb

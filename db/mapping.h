@@ -1,0 +1,55 @@
+// The three bookkeeping tables.
+//
+// ActiveOIDMapping tells which OIDs are live, and is the parent of every object
+// table: a row that leaves it takes the object's row along. ParentChildMapping
+// holds the parent links, TblEtag one change tag per table. Each writer has a
+// statement and a mutex of its own, held from the use of the statement to its
+// reset; SqliteStepMutex is taken inside it. An OID is bound sign-extended
+// wherever it is bound.
+#pragma once
+
+#include "platform/zoil.h"
+
+#include <cstdint>
+
+namespace qdb
+{
+
+// Maps an OID to its type. An OID that is still mapped, mostly because its
+// delete has not finished on another thread, is waited for. Returns 0, the
+// status of the failing prepare, bind or step (19: still mapped; 5, 6: the
+// database stayed busy), or -1 without a connection.
+int insertinActiveOIDMapping(uint32_t oid, uint32_t objType);
+
+// Sets a table's change tag to the present second; a table without a tag is no
+// error. Returns 0, the status of prepare or bind, or -1.
+int InsertInTblEtag(const char *tableName);
+
+// Records one parent link. Returns 0, the status of prepare or bind, or -1.
+int InsertInParentChildMappingTable(uint32_t oid, uint32_t parentOid);
+
+// Records the links of an object to those of its parents that the Data Manager
+// still has. pDOH isn't NULL; its OID is `oid`.
+void RefreshParentChildMapping(const DataObjHeader *pDOH, uint32_t oid);
+
+// The object type of a mapped OID; 0 when it isn't mapped or nothing could be
+// read.
+uint32_t GetObjType(uint32_t oid);
+
+// Whether a create of this type is worth waiting for, even while a backlog is
+// worked off. Only after QdbSortObjTypeLists.
+bool QdbObjTypeIsConstraintSkippable(uint32_t objType);
+
+// Sorts the lists of object types; before any thread looks into them.
+void QdbSortObjTypeLists();
+
+// Finalises the statements of this file. No thread may use them any more.
+void FinalizeMappingStatements();
+
+// An OID as SQLite holds it: OIDs above 0x7FFFFFFF are negative.
+constexpr int StoredOid(uint32_t oid)
+{
+    return static_cast<int>(oid);
+}
+
+} // namespace qdb

@@ -1,0 +1,47 @@
+// The telemetry pipe: a short record for every row change, for a reader that
+// goes to the database for the rest.
+//
+// Records follow each other without separators, as "||db|table|rowid|op||".
+// The pipe's file is the reader's. Loss is preferred to waiting: a record that
+// cannot be written at once is dropped and not counted.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+struct sqlite3;
+
+namespace qdb
+{
+
+// For sqlite3_update_hook: reports a changed row of an object table. Runs
+// inside a step, with SqliteStepMutex held; calls no SQLite function. Takes
+// gNamedPipeMutex.
+void TelemetryUpdateHook(void *userData, int operation,
+                         const char *databaseName, const char *tableName,
+                         long long rowid);
+
+// Writes the record of one changed row; bookkeeping and side tables have none.
+// tableName isn't NULL. Takes gNamedPipeMutex.
+void FormatTelemetryLine(int operation, const char *tableName, long long rowid);
+
+// Writes the record that tells that all rows of a table are gone. Takes
+// gNamedPipeMutex.
+void PublishTableGone(const char *tableName);
+
+// Writes one NUL-terminated record, opening the pipe if need be. Always 0.
+// Takes gNamedPipeMutex.
+int PublishTelemetryLine(const char *lineText);
+
+// Closes the pipe if it is open; no thread may write any more.
+void CloseTelemetryPipe();
+
+inline constexpr size_t kDetachTableCount = 111;
+
+// All object tables, in the order in which a detach reports them gone. Readers
+// know the order.
+extern const std::array<const char *, kDetachTableCount>
+    TelemetryDetachTableList;
+
+} // namespace qdb

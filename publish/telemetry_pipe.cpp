@@ -1,0 +1,120 @@
+#include "publish/telemetry_pipe.h"
+
+#include "core/lock.h"
+#include "core/log.h"
+#include "core/paths.h"
+#include "core/state.h"
+#include "publish/telemetry.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace qdb
+{
+
+std::atomic<int> gTelemetryPipeFd = -1;
+
+namespace
+{
+
+constexpr int kRetryBudget = 3;
+
+pthread_mutex_t gOwnMutex = PTHREAD_MUTEX_INITIALIZER;
+
+int OpenPipe()
+{
+    gTelemetryPipeFd =
+        open(TelemetryPipePath().c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (gTelemetryPipeFd < 0)
+    {
+        const int error = errno;
+        QDB_LOG(kLogTrace, "%s: QDB-TDB pipe open failed with error: %d, %s \n",
+                error, strerrordesc_np(error));
+        return error;
+    }
+    QDB_LOG(kLogTrace, "%s: Telemetry Service write pipe opened "
+                       "successfully\n");
+    return 0;
+}
+
+// After a failed write: a reader that has gone away closes the pipe, so that
+// the next record finds its successor.
+void HandleWriteFailure(int error)
+{
+    QDB_LOG(kLogTrace, "%s: Write to pipe failed\n");
+    if (error != EPIPE || gTelemetryPipeFd < 0)
+    {
+        return;
+    }
+    if (close(gTelemetryPipeFd) == 0)
+    {
+        QDB_LOG(kLogTrace, "%s: On error(%d) pipe closed successfully\n",
+                error);
+        gTelemetryPipeFd = -1;
+    }
+    else
+    {
+        QDB_LOG(kLogWarning,
+                "%s: On error(%d) pipe close failed with "
+                "error=%d\n",
+                error, errno);
+    }
+}
+
+} // namespace
+
+int WriteTelemetryBytes(const char *buffer, size_t length)
+{
+    if (gTelemetryPipeFd == -1)
+    {
+        if (const int error = OpenPipe())
+        {
+            return error;
+        }
+    }
+    int budget = kRetryBudget;
+    while (gTelemetryPipeFd >= 0 && length > 0)
+    {
+        const ssize_t written = write(gTelemetryPipeFd, buffer, length);
+        if (written >= 0)
+        {
+            buffer += written;
+            length -= static_cast<size_t>(written);
+            continue;
+        }
+        const int error = errno;
+        QDB_LOG(kLogTrace, "%s: Write to pipe failed with error: %d, %s \n",
+                error, strerrordesc_np(error));
+        if (budget < 1 || (error != EINTR && error != EAGAIN))
+        {
+            return error;
+        }
+        --budget;
+    }
+    return 0;
+}
+
+int PublishTelemetryLine(const char *lineText)
+{
+    QDB_LOG(kLogTrace, "%s: buffer =%s\n", lineText);
+    const PlatformLock lock(gNamedPipeMutex, gOwnMutex);
+    if (const int error = WriteTelemetryBytes(lineText, std::strlen(lineText)))
+    {
+        HandleWriteFailure(error);
+    }
+    return 0;
+}
+
+void CloseTelemetryPipe()
+{
+    if (gTelemetryPipeFd >= 0)
+    {
+        close(gTelemetryPipeFd);
+        gTelemetryPipeFd = -1;
+    }
+}
+
+} // namespace qdb
