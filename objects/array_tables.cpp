@@ -1,0 +1,286 @@
+#include "objects/array_tables.h"
+
+#include "core/status.h"
+#include "db/execute.h"
+#include "db/mapping.h"
+#include "objects/binder.h"
+#include "objects/row_log.h"
+#include "objects/row_reader.h"
+#include "objects/sql_text.h"
+
+#include <cstring>
+#include <string>
+
+namespace qdb
+{
+namespace
+{
+
+// Behind OID, PROP and ARR_INDEX.
+constexpr int kFirstElementParameter = 4;
+
+// "TemperatureData_" for the records of that name, empty for plain integers.
+std::string RecordName(const SideTable &table)
+{
+    const std::string name = table.name;
+    const std::string record = name.substr(0, name.find("ARR_Tbl"));
+    return record == "INTEGER" ? "" : record + "_";
+}
+
+std::string InsertFunctionName(const ObjTypeRow &row, const SideTable &table)
+{
+    return "insert_" + RecordName(table) + "array_data_" + row.suffix;
+}
+
+std::string ReadFunctionName(const ObjTypeRow &row, const SideTable &table)
+{
+    return "GetArrTblRowData_" + RecordName(table) + row.suffix;
+}
+
+bool HoldsPlainIntegers(const SideTable &table)
+{
+    return table.columns.size() == 1;
+}
+
+uint32_t ElementCount(const ArrayProperty &property, const ObjectView &object)
+{
+    return property.countAt == 0
+               ? property.fixedCount
+               : object.Read<uint32_t>(property.countAt).value_or(0);
+}
+
+size_t FirstElementAt(const ArrayProperty &property, const ObjectView &object)
+{
+    return property.offsetAt == 0
+               ? property.firstAt
+               : size_t{kBodyBase} +
+                     object.Read<uint32_t>(property.offsetAt).value_or(0);
+}
+
+// Plain integers go in as 32 bits, the fields of records at their full width.
+int BindElementField(sqlite3_stmt *statement, int parameter,
+                     const SideTable &table, const Column &column,
+                     const ObjectView &object, size_t base)
+{
+    if (HoldsPlainIntegers(table) && column.source.form == Form::U32)
+    {
+        return sqlite3_bind_int(
+            statement, parameter,
+            object.Read<int32_t>(base + column.source.offset).value_or(0));
+    }
+    return BindField(statement, parameter, column.source, object, base);
+}
+
+int BindElement(sqlite3_stmt *statement, const ArrayProperty &property,
+                const DataObjHeader *pDOH, uint32_t index, size_t base)
+{
+    const ObjectView object(pDOH);
+    int result = sqlite3_bind_int64(statement, 1, StoredOid(pDOH->objID));
+    result |=
+        sqlite3_bind_text(statement, 2, property.name, -1, SQLITE_TRANSIENT);
+    result |= sqlite3_bind_int64(statement, 3, index);
+    int parameter = kFirstElementParameter;
+    for (const Column &column : property.table->columns)
+    {
+        result |= BindElementField(statement, parameter++, *property.table,
+                                   column, object, base);
+    }
+    return result;
+}
+
+int InsertElement(const ObjTypeRow &row, const ArrayProperty &property,
+                  sqlite3_stmt *statement, const DataObjHeader *pDOH,
+                  uint32_t index, size_t base)
+{
+    const StatementReset reset(statement);
+    int status = BindElement(statement, property, pDOH, index, base);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogInvalid, "%s: [%s]Array Bind failed for %d %X. Error: %d",
+                row.suffix, StoredOid(pDOH->objID), pDOH->objID, status);
+        return status;
+    }
+    status = execute_statement(statement);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogInvalid,
+                "%s: [%s]Array index %u for prop %s OID %d %X could not "
+                "inserted into Array Table. Error: %d",
+                row.suffix, index, property.name, StoredOid(pDOH->objID),
+                pDOH->objID, status);
+    }
+    return status;
+}
+
+// The elements that lie wholly inside the object, whatever count it claims.
+int InsertElements(const ObjTypeRow &row, const ArrayProperty &property,
+                   sqlite3_stmt *statement, const DataObjHeader *pDOH)
+{
+    const ObjectView object(pDOH);
+    const uint32_t count = ElementCount(property, object);
+    size_t base = FirstElementAt(property, object);
+    int status = SQLITE_OK;
+    for (uint32_t i = 0; i < count && status == SQLITE_OK &&
+                         object.Bytes(base, property.table->recordSize);
+         ++i)
+    {
+        status = InsertElement(row, property, statement, pDOH, i, base);
+        base += property.table->recordSize;
+    }
+    return status;
+}
+
+void InsertArray(const ObjTypeRow &row, const ArrayProperty &property,
+                 const DataObjHeader *pDOH)
+{
+    const std::string function = InsertFunctionName(row, *property.table);
+    QDB_LOG(kLogTrace, "%s: [%s] %s Entry for OID: %d", row.suffix,
+            function.c_str(), StoredOid(pDOH->objID));
+    int ret = SQLITE_OK;
+    const StatementPtr statement =
+        PrepareOnce(InsertElementSql(*property.table).c_str(), &ret);
+    int status = ret;
+    if (ret != SQLITE_OK)
+    {
+        QDB_LOG(kLogTrace, "%s: [%s]sqlite3_prepare_v2 Error: %d", row.suffix,
+                ret);
+    }
+    else
+    {
+        status = InsertElements(row, property, statement.get(), pDOH);
+    }
+    QDB_LOG(kLogTrace, "%s: [%s] %s Exit for OID: %d,status:%d ret:%d",
+            row.suffix, function.c_str(), StoredOid(pDOH->objID), status, ret);
+}
+
+// Appends the row that the statement stands on.
+int AppendElement(const ObjTypeRow &row, sqlite3_stmt *statement,
+                  json_t *elements)
+{
+    json_error_t error = {};
+    JsonPtr element = ParseColumn(statement, &error);
+    if (element == nullptr)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: [%s]Loading sqlite column text to object failed status = "
+                "%d",
+                row.suffix, kFailed);
+        QDB_LOG(kLogTrace, "%s: [%s] error: on line %d: %s", row.suffix,
+                error.line, error.text);
+        return kFailed;
+    }
+    return json_array_append_new(elements, element.release());
+}
+
+// Steps through the elements; *pElements stays NULL when there are none.
+int CollectElements(const ObjTypeRow &row, sqlite3_stmt *statement,
+                    JsonPtr *pElements)
+{
+    JsonPtr elements;
+    int status = StepStatement(statement);
+    while (status == SQLITE_ROW)
+    {
+        if (elements == nullptr)
+        {
+            elements.reset(json_array());
+        }
+        if (AppendElement(row, statement, elements.get()) != 0)
+        {
+            return kFailed;
+        }
+        status = StepStatement(statement);
+    }
+    if (status != SQLITE_DONE)
+    {
+        QDB_LOG(kLogTrace, "%s: [%s] Get of array data failed with ret = %d",
+                row.suffix, status);
+        return status;
+    }
+    *pElements = std::move(elements);
+    return SQLITE_OK;
+}
+
+int SelectElements(const ObjTypeRow &row, const ArrayProperty &property,
+                   uint32_t oid, JsonPtr *pElements)
+{
+    int status = SQLITE_OK;
+    const StatementPtr statement =
+        PrepareOnce(SelectElementsSql(*property.table).c_str(), &status);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogTrace, "%s: [%s]sqlite3_prepare_v2 Error: %d", row.suffix,
+                status);
+        return status;
+    }
+    status = sqlite3_bind_int64(statement.get(), 1, StoredOid(oid));
+    if (status == SQLITE_OK)
+    {
+        status = sqlite3_bind_text(statement.get(), 2, property.name, -1,
+                                   SQLITE_TRANSIENT);
+    }
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogTrace, "%s: [%s]Failed to bind value to statement: %d",
+                row.suffix, status);
+        return status;
+    }
+    return CollectElements(row, statement.get(), pElements);
+}
+
+int ReadArray(const ObjTypeRow &row, const ArrayProperty &property,
+              uint32_t oid, JsonPtr *pElements)
+{
+    const std::string function = ReadFunctionName(row, *property.table);
+    LogEntry(function.c_str());
+    const int status = SelectElements(row, property, oid, pElements);
+    LogExit(function.c_str());
+    return status;
+}
+
+} // namespace
+
+void InsertArrays(const ObjTypeRow &row, const DataObjHeader *pDOH)
+{
+    for (const ArrayProperty &property : row.table->arrays)
+    {
+        InsertArray(row, property, pDOH);
+    }
+}
+
+int ReadArrays(const ObjTypeRow &row, uint32_t oid, json_t *rowJson)
+{
+    for (const ArrayProperty &property : row.table->arrays)
+    {
+        JsonPtr elements;
+        const int status = ReadArray(row, property, oid, &elements);
+        if (status != SQLITE_OK)
+        {
+            return status;
+        }
+        if (elements != nullptr)
+        {
+            json_object_set_new(rowJson, property.name, elements.release());
+        }
+    }
+    return SQLITE_OK;
+}
+
+JsonPtr ChangedElements(const json_t *before, const json_t *after)
+{
+    JsonPtr changed(json_array());
+    for (size_t i = 0; i < json_array_size(before); ++i)
+    {
+        json_t *newElement = json_array_get(after, i);
+        if (newElement != nullptr &&
+            json_equal(json_array_get(before, i), newElement) == 0)
+        {
+            QDB_LOG(kLogTrace,
+                    "%s: [$obj_id] Array value unequal for arr_index = %d",
+                    static_cast<int>(i));
+            json_array_append(changed.get(), newElement);
+        }
+    }
+    return changed;
+}
+
+} // namespace qdb

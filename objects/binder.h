@@ -1,0 +1,35 @@
+// Moves an object's fields into the parameters of a statement.
+#pragma once
+
+#include "objects/catalogue.h"
+#include "objects/object_view.h"
+
+#include <sqlite3.h>
+
+namespace qdb
+{
+
+// What a statement is bound for.
+enum class BindMode
+{
+    Insert,
+    Update, // leaves out what only the INSERT writes; the OID comes last
+};
+
+// Binds the object's columns to the row's statement, in the order of its
+// parameters; texts are copied. The parent's key goes into an INSERT; the
+// parent may be NULL. rawGuard binds 0 behind the last parameter. Returns 0,
+// the OR of the failed binds' codes, or 8216 for an object that cannot be read
+// as it stands; the binds made before stay in the statement.
+int bind_values_to_statement(sqlite3_stmt *statement, const ObjTypeRow &row,
+                             const DataObjHeader *pDOH,
+                             const DataObjHeader *pParentDOH, BindMode mode,
+                             bool rawGuard);
+
+// Binds one field that needs nothing but the object; `base` is added to the
+// source's offset. A field that isn't wholly inside the object is NULL. Not
+// for ParentKey. Returns SQLite's code or 8216.
+int BindField(sqlite3_stmt *statement, int parameter, const Source &source,
+              const ObjectView &object, size_t base = 0);
+
+} // namespace qdb

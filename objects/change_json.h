@@ -1,0 +1,34 @@
+// The JSON texts that announce a change.
+//
+// {"TableName", "RowDetails"} for a created or deleted row, with
+// "PropertiesChanged" and for some rows "PreviousPropertyValues" for a changed
+// one. Key order is part of the format.
+#pragma once
+
+#include "objects/catalogue.h"
+#include "objects/json.h"
+
+namespace qdb
+{
+
+// Announces a row that exists whole: takes the row into the change object and
+// renders it; NULL when it can't be rendered.
+JsonText RenderWholeRow(const ObjTypeRow &row, JsonPtr rowJson);
+
+// What a refresh changed.
+struct ChangeSet
+{
+    JsonPtr changed;  // the columns whose value changed, with the new values
+    JsonPtr previous; // the same columns with the old ones; may be NULL
+    int count = 0;    // of changed columns, the tag not counted
+};
+
+// Compares two readings of a row by JSON value, in the order of the old one.
+ChangeSet CompareRows(const ObjTypeRow &row, json_t *before,
+                      const json_t *after);
+
+// Announces a changed row; takes row and change set into the change object.
+JsonText RenderChange(const ObjTypeRow &row, JsonPtr rowJson,
+                      ChangeSet changes);
+
+} // namespace qdb

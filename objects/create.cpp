@@ -1,0 +1,317 @@
+// The create handler. See handlers.h.
+
+#include "core/lock.h"
+#include "core/state.h"
+#include "core/status.h"
+#include "db/execute.h"
+#include "db/mapping.h"
+#include "events/queues/fail_queue.h"
+#include "objects/array_tables.h"
+#include "objects/binder.h"
+#include "objects/change_json.h"
+#include "objects/handlers.h"
+#include "objects/row_log.h"
+#include "objects/row_reader.h"
+#include "objects/sql_text.h"
+#include "publish/change_signal.h"
+
+namespace qdb
+{
+namespace
+{
+
+constexpr char kStem[] = "CreateObj_";
+
+struct Create
+{
+    const ObjTypeRow &row;
+    ObjRowState &state;
+    const DataObjHeader *pDOH;
+    const DataObjHeader *pParentDOH;
+
+    uint32_t Oid() const
+    {
+        return pDOH->objID;
+    }
+    int LogOid() const
+    {
+        return StoredOid(pDOH->objID);
+    }
+};
+
+// The statuses that callers need to see; everything else has been logged.
+int ResultOf(int ret)
+{
+    return ret == SQLITE_OK || ret == ZO_STATUS_INVALID_VALUE ? ret
+                                                              : FailureOf(ret);
+}
+
+void WaitForDelete(const Create &create)
+{
+    const MutexLock lock(create.state.DeleteWaitMutex);
+    while (create.state.DeletingOID == create.Oid())
+    {
+        QDB_LOG(kLogTrace, "%s: [%s]Inside %s%s sleeping till delete complete ",
+                create.row.suffix, kStem, create.row.suffix);
+        pthread_cond_wait(&create.state.DeleteWaitCond,
+                          &create.state.DeleteWaitMutex);
+    }
+}
+
+int PrepareInsert(const Create &create)
+{
+    StatementSlot &slot = create.state.InsertStmt;
+    if (slot.statement != nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: [%s]Using prepared statement",
+                create.row.suffix);
+        return SQLITE_OK;
+    }
+    const std::string sql = InsertSql(*create.row.table);
+    bool wasReady = false;
+    const int status =
+        slot.Prepare(sql.c_str(), static_cast<int>(sql.size()), &wasReady);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogError, "%s: [%s]sqlite3_prepare_v2 Error: %d oID:%d",
+                create.row.suffix, status, create.LogOid());
+        LogRowError(kLogError, kStem, create.row);
+    }
+    return status;
+}
+
+void KeepForLater(const Create &create)
+{
+    const int index =
+        QdbFailObjTypeIndex(static_cast<int>(create.pDOH->objType));
+    if (KeepsFailedCreates(create.row) && index != -1)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: Create_[%s]:Sqlite busy or lock error so adding to Fail "
+                "Queue objtype:0x%x objID:0x%x objtype index %d",
+                create.row.suffix, create.pDOH->objType, create.Oid(), index);
+        QdbFailenQueue(gFailQueue, create.Oid(), FailedOperation::Create,
+                       index);
+    }
+}
+
+// The mapping insert, once more after it met a busy database.
+int MapAgain(const Create &create, int status)
+{
+    QDB_LOG(kLogError,
+            "%s: [%s]LINE:%d insertinActiveOIDMapping() failed 1st attemp "
+            "failed:%d",
+            create.row.suffix, __LINE__, status);
+    status = insertinActiveOIDMapping(create.Oid(), create.pDOH->objType);
+    if (!IsBusy(status))
+    {
+        QDB_LOG(kLogError,
+                "%s: [%s]insertinActiveOIDMapping() failed 2nd attemp failed "
+                "status:%d OID:%d",
+                create.row.suffix, status, create.LogOid());
+        return status;
+    }
+    KeepForLater(create);
+    QDB_LOG(kLogError,
+            "%s: [%s]insertinActiveOIDMapping() failed 2nd attemp failed:%d",
+            create.row.suffix, status);
+    QDB_LOG(kLogError, "%s: [%s]DB still LOCK or BUSY status:%d OID:%d",
+            create.row.suffix, status, create.LogOid());
+    return status;
+}
+
+int MapObject(const Create &create)
+{
+    const int status =
+        insertinActiveOIDMapping(create.Oid(), create.pDOH->objType);
+    QDB_LOG(kLogTrace, "%s: [%s] %s%s status:%d", create.row.suffix, kStem,
+            create.row.suffix, status);
+    if (status == SQLITE_OK)
+    {
+        return status;
+    }
+    QDB_LOG(kLogTrace, "%s: [%s]Inside %s%s status:%d ", create.row.suffix,
+            kStem, create.row.suffix, status);
+    if (IsBusy(status))
+    {
+        return MapAgain(create, status);
+    }
+    if (status == SQLITE_CONSTRAINT)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: [%s]insertinActiveOIDMapping() failed "
+                "SQLITE_CONSTRAINT:%d",
+                create.row.suffix, status);
+        return status;
+    }
+    QDB_LOG(kLogError, "%s: [%s]insertinActiveOIDMapping() failed :%d",
+            create.row.suffix, status);
+    QDB_LOG(kLogError, "%s: [%s]Status :%d", create.row.suffix, status);
+    QDB_LOG(kLogError, "%s: [%s] %s%s sqlite errormsg: %s", create.row.suffix,
+            kStem, create.row.suffix, SqliteErrorMessage().c_str());
+    return status;
+}
+
+// Steps the bound INSERT, and once more if that fails.
+int WriteRow(const Create &create)
+{
+    sqlite3_stmt *statement = create.state.InsertStmt.statement;
+    int status = execute_statement(statement);
+    if (status == SQLITE_OK)
+    {
+        return status;
+    }
+    QDB_LOG(kLogError,
+            "%s: [%s]1st atmpt Entry for %d %X couldn't inserted in "
+            "%s.Error:%d",
+            create.row.suffix, create.LogOid(), create.Oid(),
+            create.row.table->name, status);
+    LogRowError(kLogError, kStem, create.row);
+    status = execute_statement(statement);
+    if (status == SQLITE_OK)
+    {
+        return status;
+    }
+    QDB_LOG(kLogError,
+            "%s: [%s]2nd atmptEntry for %d %X could not inserted in "
+            "%s.Error:%d",
+            create.row.suffix, create.LogOid(), create.Oid(),
+            create.row.table->name, status);
+    QDB_LOG(kLogError, "%s:  %s%s sqlite errormsg: %s ret:%d", kStem,
+            create.row.suffix, SqliteErrorMessage().c_str(), status);
+    return FailureOf(LastStepStatus());
+}
+
+void LogNotInserted(const Create &create, int ret)
+{
+    if (ret == SQLITE_CONSTRAINT)
+    {
+        return;
+    }
+    QDB_LOG(kLogError,
+            "%s: [%s]Entry for %d %X could not inserted in %s Table. "
+            "execute_statement returned error: %d",
+            create.row.suffix, create.LogOid(), create.Oid(),
+            create.row.table->name, ret);
+    LogRowError(kLogError, kStem, create.row);
+}
+
+// Binds, maps and writes; the statement is clean afterwards.
+int InsertRow(const Create &create)
+{
+    const StatementReset reset(create.state.InsertStmt.statement);
+    int ret = bind_values_to_statement(
+        create.state.InsertStmt.statement, create.row, create.pDOH,
+        create.pParentDOH, BindMode::Insert, false);
+    if (ret == SQLITE_OK)
+    {
+        ret = MapObject(create);
+    }
+    if (ret != SQLITE_OK)
+    {
+        QDB_LOG(kLogTrace, "%s: [%s]Insert failed for %d %X. Error: %d",
+                create.row.suffix, create.LogOid(), create.Oid(), ret);
+        LogRowError(kLogTrace, kStem, create.row);
+    }
+    else
+    {
+        ret = WriteRow(create);
+    }
+    if (ret != SQLITE_OK)
+    {
+        LogNotInserted(create, ret);
+    }
+    return ret;
+}
+
+// Everything that follows the main row. Returns the reader's status, with
+// *pRow set on success.
+int FinishRow(const Create &create, JsonPtr *pRow)
+{
+    InsertArrays(create.row, create.pDOH);
+    int status = ReadRow(create.row, create.Oid(), pRow);
+    if (status == SQLITE_DONE)
+    {
+        status = kFailed;
+    }
+    QDB_LOG(kLogTrace, "%s: [%s]get row function returns status = %d",
+            create.row.suffix, status);
+    if (status == SQLITE_OK)
+    {
+        status = ReadArrays(create.row, create.Oid(), pRow->get());
+    }
+    if (InsertInTblEtag(create.row.table->name) != SQLITE_OK)
+    {
+        QDB_LOG(kLogError, "%s: TblEtag could not be updated for %s",
+                create.row.table->name);
+        LogRowError(kLogError, kStem, create.row);
+    }
+    RefreshParentChildMapping(create.pDOH, create.Oid());
+    return status;
+}
+
+void Announce(const Create &create, JsonPtr rowJson)
+{
+    const JsonText text = RenderWholeRow(create.row, std::move(rowJson));
+    if (text == nullptr)
+    {
+        QDB_LOG(kLogWarning, "%s: [%s] Failed to dump Json Obj to a string",
+                create.row.suffix);
+        return;
+    }
+    QDB_LOG(kLogTrace, "%s: createObjJsonStr= %s", text.get());
+    ChangeJsonAdded(text.get());
+}
+
+// The steps under CreateObjMutex; 0 or what failed.
+int RunSteps(const Create &create)
+{
+    int ret = PrepareInsert(create);
+    if (ret == SQLITE_OK)
+    {
+        ret = InsertRow(create);
+    }
+    JsonPtr rowJson;
+    if (ret == SQLITE_OK)
+    {
+        ret = FinishRow(create, &rowJson);
+    }
+    if (ret != SQLITE_OK)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: [%s] Failed to send dbus signal for insert. OID: %d",
+                create.row.suffix, create.LogOid());
+        LogRowError(kLogTrace, kStem, create.row);
+        return ret;
+    }
+    Announce(create, std::move(rowJson));
+    return SQLITE_OK;
+}
+
+} // namespace
+
+int CreateObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
+                 const DataObjHeader *pParentDOH)
+{
+    const Create create = {row, StateOf(row), pDOH, pParentDOH};
+    QDB_LOG(kLogTrace, "%s: [%s] %s%s Entry for OID: %d", row.suffix, kStem,
+            row.suffix, create.LogOid());
+    int ret = kFailed;
+    if (QDVdbHandle == nullptr)
+    {
+        QDB_LOG(kLogError, "%s: [%s]Error: DB handle not available %d",
+                row.suffix, create.LogOid());
+    }
+    else
+    {
+        const MutexLock lock(create.state.CreateObjMutex);
+        WaitForDelete(create);
+        ret = RunSteps(create);
+    }
+    const int status = ResultOf(ret);
+    QDB_LOG(kLogTrace, "%s: [%s] %s%s Exit for OID: %d,status:%d ret:%d",
+            row.suffix, kStem, row.suffix, create.LogOid(), status, ret);
+    return status;
+}
+
+} // namespace qdb

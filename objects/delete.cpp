@@ -1,0 +1,136 @@
+// The delete handler. See handlers.h.
+
+#include "core/lock.h"
+#include "core/state.h"
+#include "core/status.h"
+#include "db/clearing.h"
+#include "db/execute.h"
+#include "db/mapping.h"
+#include "objects/array_tables.h"
+#include "objects/change_json.h"
+#include "objects/handlers.h"
+#include "objects/row_log.h"
+#include "objects/row_reader.h"
+#include "publish/change_signal.h"
+
+#include <string>
+
+namespace qdb
+{
+namespace
+{
+
+constexpr char kStem[] = "DeleteObj_";
+
+// Announces the OID as being deleted, after any delete of the same OID.
+void BeginDelete(const ObjTypeRow &row, ObjRowState &state, uint32_t oid)
+{
+    const MutexLock lock(state.DeleteWaitMutex);
+    while (state.DeletingOID == oid)
+    {
+        QDB_LOG(kLogTrace, "%s: [%s]Inside %s%s sleeping till it complete ",
+                row.suffix, kStem, row.suffix);
+        pthread_cond_wait(&state.DeleteWaitCond, &state.DeleteWaitMutex);
+    }
+    state.DeletingOID = oid;
+}
+
+// Lets creates of the OID go on, on every way out of a delete.
+class DeleteEnd
+{
+  public:
+    explicit DeleteEnd(ObjRowState &state) : state_(state)
+    {
+    }
+    ~DeleteEnd()
+    {
+        const MutexLock lock(state_.DeleteWaitMutex);
+        state_.DeletingOID = ObjRowState::kNoOid;
+        pthread_cond_broadcast(&state_.DeleteWaitCond);
+    }
+    DeleteEnd(const DeleteEnd &) = delete;
+    DeleteEnd &operator=(const DeleteEnd &) = delete;
+
+  private:
+    ObjRowState &state_;
+};
+
+int ReadLastRow(const ObjTypeRow &row, uint32_t oid, JsonPtr *pRow)
+{
+    int status = ReadRow(row, oid, pRow);
+    if (status == SQLITE_OK)
+    {
+        status = ReadArrays(row, oid, pRow->get());
+    }
+    QDB_LOG(kLogTrace, "%s: [%s]get row function returns status = %d",
+            row.suffix, status);
+    return status;
+}
+
+void Announce(const ObjTypeRow &row, JsonPtr rowJson)
+{
+    if (const JsonText text = RenderWholeRow(row, std::move(rowJson)))
+    {
+        QDB_LOG(kLogTrace, "%s: Json_Out_Str = %s", text.get());
+        ChangeJsonRemoved(text.get());
+    }
+}
+
+int RemoveRow(const ObjTypeRow &row, uint32_t oid)
+{
+    JsonPtr rowJson;
+    const int read = ReadLastRow(row, oid, &rowJson);
+    if (read != SQLITE_OK || rowJson == nullptr)
+    {
+        QDB_LOG(kLogWarning,
+                "%s: DEL[%s] Error in sending dbus signal on delete row for "
+                "OID: %d",
+                row.suffix, StoredOid(oid));
+        return FailureOf(read);
+    }
+    const int status = DeleteObjectByOID(oid);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: Delete_[%s]: DeleteObjectByOID failed with return status "
+                "%d",
+                row.suffix, status);
+        return FailureOf(status == kFailed ? LastStepStatus() : status);
+    }
+    Announce(row, std::move(rowJson));
+    return SQLITE_OK;
+}
+
+int DeleteLocked(const ObjTypeRow &row, const DataObjHeader *pDOH)
+{
+    ObjRowState &state = StateOf(row);
+    const MutexLock lock(state.DeleteObjMutex);
+    const DeleteEnd end(state);
+    if (pDOH == nullptr || QDVdbHandle == nullptr)
+    {
+        QDB_LOG(kLogError,
+                "%s: [%s]Invalid input parameters. Exiting:", row.suffix);
+        return kFailed;
+    }
+    const uint32_t oid = pDOH->objID;
+    QDB_LOG(kLogTrace, "%s: [%s] %s%s Entry for OID: %d", row.suffix, kStem,
+            row.suffix, StoredOid(oid));
+    BeginDelete(row, state, oid);
+    const int status = RemoveRow(row, oid);
+    QDB_LOG(kLogTrace, "%s: [%s] %s%s Exit for OID: %d,status:%d", row.suffix,
+            kStem, row.suffix, StoredOid(oid), status);
+    return status;
+}
+
+} // namespace
+
+int DeleteObject(const ObjTypeRow &row, const DataObjHeader *pDOH)
+{
+    const std::string function = std::string(kStem) + row.suffix;
+    LogEntry(function.c_str());
+    const int status = DeleteLocked(row, pDOH);
+    LogExit(function.c_str());
+    return status;
+}
+
+} // namespace qdb

@@ -1,0 +1,85 @@
+// A Data Manager object as untrusted bytes.
+//
+// Nothing outside the object is ever read: every access names its offset and
+// gets nothing when the field does not lie wholly inside objSize.
+#pragma once
+
+#include "platform/zoil.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+namespace qdb
+{
+
+// The smallest object there is: a header up to the body.
+inline constexpr uint32_t kMinObjectSize = 16;
+
+// Offset texts beyond this place are invalid.
+inline constexpr uint32_t kMaxTextOffset = 5000;
+
+class ObjectView
+{
+  public:
+    // The object must really hold objSize bytes, and outlive the view.
+    explicit ObjectView(const DataObjHeader *pDOH)
+        : bytes_(reinterpret_cast<const char *>(pDOH)), size_(pDOH->objSize)
+    {
+    }
+
+    size_t Size() const
+    {
+        return size_;
+    }
+
+    // The field at `offset`.
+    template <typename T>
+    std::optional<T> Read(size_t offset) const
+    {
+        if (offset > size_ || size_ - offset < sizeof(T))
+        {
+            return std::nullopt;
+        }
+        T value;
+        std::memcpy(&value, bytes_ + offset, sizeof(T));
+        return value;
+    }
+
+    // The text from `offset` to its NUL, or to the object's end when no NUL
+    // comes before; nothing when it begins outside.
+    std::optional<std::string_view> TextToEnd(size_t offset) const
+    {
+        if (offset >= size_)
+        {
+            return std::nullopt;
+        }
+        return std::string_view(bytes_ + offset,
+                                strnlen(bytes_ + offset, size_ - offset));
+    }
+
+    // The text from `offset` to its NUL; nothing when either is outside.
+    std::optional<std::string_view> TextInside(size_t offset) const
+    {
+        const std::optional<std::string_view> text = TextToEnd(offset);
+        return text && offset + text->size() < size_ ? text : std::nullopt;
+    }
+
+    // `length` bytes from `offset`; nothing when they aren't all inside.
+    std::optional<std::string_view> Bytes(size_t offset, size_t length) const
+    {
+        if (offset > size_ || size_ - offset < length)
+        {
+            return std::nullopt;
+        }
+        return std::string_view(bytes_ + offset, length);
+    }
+
+  private:
+    const char *bytes_;
+    size_t size_;
+};
+
+} // namespace qdb

@@ -1,0 +1,266 @@
+// The refresh handler. See handlers.h.
+
+#include "core/lock.h"
+#include "core/state.h"
+#include "core/status.h"
+#include "db/execute.h"
+#include "db/mapping.h"
+#include "events/queues/fail_queue.h"
+#include "objects/array_tables.h"
+#include "objects/binder.h"
+#include "objects/change_json.h"
+#include "objects/handlers.h"
+#include "objects/row_log.h"
+#include "objects/row_reader.h"
+#include "objects/sql_text.h"
+#include "publish/change_signal.h"
+
+namespace qdb
+{
+namespace
+{
+
+constexpr char kStem[] = "RefreshObj_";
+constexpr uint32_t kStringAttribute = 0x4052;
+constexpr uint32_t kJobInfo = 0xA03;
+
+struct Refresh
+{
+    const ObjTypeRow &row;
+    ObjRowState &state;
+    const DataObjHeader *pDOH;
+    const DataObjHeader *pParentDOH;
+    int ret = SQLITE_OK; // of the statement or bind that failed, for the log
+
+    uint32_t Oid() const
+    {
+        return pDOH->objID;
+    }
+    int LogOid() const
+    {
+        return StoredOid(pDOH->objID);
+    }
+};
+
+int ReadRowWithArrays(const Refresh &refresh, JsonPtr *pRow)
+{
+    const int status = ReadRow(refresh.row, refresh.Oid(), pRow);
+    return status == SQLITE_OK
+               ? ReadArrays(refresh.row, refresh.Oid(), pRow->get())
+               : status;
+}
+
+// An object without a row: types whose failures are kept come back later.
+int KeepForLater(const Refresh &refresh)
+{
+    const int index =
+        QdbFailObjTypeIndex(static_cast<int>(refresh.pDOH->objType));
+    if (!KeepsMissedRefreshes(refresh.row))
+    {
+        return SQLITE_DONE;
+    }
+    if (index != -1)
+    {
+        QDB_LOG(kLogInvalid,
+                "%s: Refresh_[%s]: Get Row Data Failed so adding to Fail "
+                "Queue objtype:0x%x objID:0x%x objtype index %d",
+                refresh.row.suffix, refresh.pDOH->objType, refresh.Oid(),
+                index);
+        QdbFailenQueue(gFailQueue, refresh.Oid(),
+                       FailedOperation::RefreshFailure, index);
+    }
+    return kFailed;
+}
+
+int ReadBefore(const Refresh &refresh, JsonPtr *pBefore)
+{
+    int status = ReadRowWithArrays(refresh, pBefore);
+    if (status == SQLITE_DONE)
+    {
+        status = KeepForLater(refresh);
+    }
+    QDB_LOG(kLogTrace, "%s: [%s]get row function returns status = %d",
+            refresh.row.suffix, status);
+    return status;
+}
+
+int PrepareUpdate(const Refresh &refresh)
+{
+    StatementSlot &slot = refresh.state.UpdateStmt;
+    QDB_LOG(kLogTrace, "%s: [%s]line=%d", refresh.row.suffix, __LINE__);
+    QDB_LOG(kLogTrace, "%s: [%s]line=%d", refresh.row.suffix, __LINE__);
+    if (slot.statement != nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: [%s]Using prepared statement",
+                refresh.row.suffix);
+        return SQLITE_OK;
+    }
+    const std::string sql =
+        UpdateSql(*refresh.row.table, refresh.row.objType == kStringAttribute);
+    bool wasReady = false;
+    const int status =
+        slot.Prepare(sql.c_str(), static_cast<int>(sql.size()), &wasReady);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogError, "%s: [%s]sqlite3_prepare_v2 Error: %d oID:%d",
+                refresh.row.suffix, status, refresh.LogOid());
+        LogRowError(kLogError, kStem, refresh.row);
+    }
+    return status;
+}
+
+void LogNotUpdated(const Refresh &refresh, const char *attempt, int status)
+{
+    QDB_LOG(kLogError,
+            "%s: [%s]%s attmptEntry for %d %X could not updated in %s "
+            "Tbl.Error: %d",
+            refresh.row.suffix, attempt, refresh.LogOid(), refresh.Oid(),
+            refresh.row.table->name, status);
+    LogRowError(kLogError, kStem, refresh.row);
+}
+
+// Steps the bound UPDATE, and once more if that fails.
+int WriteRow(const Refresh &refresh)
+{
+    sqlite3_stmt *statement = refresh.state.UpdateStmt.statement;
+    int status = execute_statement(statement);
+    if (status == SQLITE_OK)
+    {
+        return status;
+    }
+    LogNotUpdated(refresh, "1st", status);
+    status = execute_statement(statement);
+    if (status == SQLITE_OK)
+    {
+        return status;
+    }
+    const int result = FailureOf(LastStepStatus());
+    LogNotUpdated(refresh, "2nd", status);
+    if (refresh.row.objType == kJobInfo)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: Refresh_[A03]:Sqlite refresh entry failed so add to Fail "
+                "Queue objtype:0x%x objID:0x%x objtype index %d",
+                refresh.pDOH->objType, refresh.Oid(), 0);
+        QdbFailenQueue(gFailQueue, refresh.Oid(), FailedOperation::Refresh, 0);
+    }
+    return result;
+}
+
+// Binds and writes; the statement is clean afterwards.
+int UpdateRow(Refresh &refresh)
+{
+    const StatementReset reset(refresh.state.UpdateStmt.statement);
+    refresh.ret = bind_values_to_statement(
+        refresh.state.UpdateStmt.statement, refresh.row, refresh.pDOH,
+        refresh.pParentDOH, BindMode::Update,
+        refresh.pDOH->objType == kStringAttribute);
+    if (refresh.ret != SQLITE_OK)
+    {
+        QDB_LOG(kLogError, "%s: [%s]Bind failed for %d %X. Error: %d",
+                refresh.row.suffix, refresh.LogOid(), refresh.Oid(),
+                refresh.ret);
+        LogRowError(kLogError, kStem, refresh.row);
+        return refresh.ret;
+    }
+    refresh.ret = WriteRow(refresh);
+    return refresh.ret;
+}
+
+int ReadAfter(const Refresh &refresh, JsonPtr *pAfter)
+{
+    int status = ReadRowWithArrays(refresh, pAfter);
+    if (status == SQLITE_DONE)
+    {
+        status = kFailed;
+    }
+    QDB_LOG(kLogTrace, "%s: [%s]get row function returns status = %d",
+            refresh.row.suffix, status);
+    return status;
+}
+
+// Announces what changed, if more than the tag did.
+void Announce(const Refresh &refresh, const JsonPtr &before, JsonPtr after)
+{
+    ChangeSet changes = CompareRows(refresh.row, before.get(), after.get());
+    if (changes.count == 0)
+    {
+        QDB_LOG(kLogWarning,
+                "%s: [%s] No change set found for %d %X. Error: %d",
+                refresh.row.suffix, refresh.LogOid(), refresh.Oid(), 0);
+        return;
+    }
+    const JsonText text =
+        RenderChange(refresh.row, std::move(after), std::move(changes));
+    if (text != nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: Json_Out_Str = %s", text.get());
+        ChangeJsonChanged(text.get());
+    }
+}
+
+// The steps under RefreshObjMutex up to the second reading.
+int RunSteps(Refresh &refresh, JsonPtr *pBefore, JsonPtr *pAfter)
+{
+    int status = ReadBefore(refresh, pBefore);
+    const int prepared = PrepareUpdate(refresh);
+    if (prepared != SQLITE_OK)
+    {
+        refresh.ret = prepared;
+        return prepared;
+    }
+    if (status == SQLITE_OK)
+    {
+        status = UpdateRow(refresh);
+    }
+    if (status == SQLITE_OK)
+    {
+        InsertArrays(refresh.row, refresh.pDOH);
+        status = ReadAfter(refresh, pAfter);
+    }
+    return status;
+}
+
+int RefreshLocked(Refresh &refresh)
+{
+    const MutexLock lock(refresh.state.RefreshObjMutex);
+    JsonPtr before;
+    JsonPtr after;
+    const int status = RunSteps(refresh, &before, &after);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogWarning,
+                "%s: [%s] Failed to select Json Obj for %d %X. Error: %d",
+                refresh.row.suffix, refresh.LogOid(), refresh.Oid(), status);
+        return status;
+    }
+    Announce(refresh, before, std::move(after));
+    return SQLITE_OK;
+}
+
+} // namespace
+
+int RefreshObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
+                  const DataObjHeader *pParentDOH)
+{
+    Refresh refresh = {row, StateOf(row), pDOH, pParentDOH};
+    QDB_LOG(kLogTrace, "%s: [%s] %s%s Entry for OID: %d", row.suffix, kStem,
+            row.suffix, refresh.LogOid());
+    int status = kFailed;
+    if (QDVdbHandle == nullptr)
+    {
+        QDB_LOG(kLogError, "%s: [%s]Error: DB handle not available oID:%d",
+                row.suffix, refresh.LogOid());
+        LogRowError(kLogError, kStem, row);
+    }
+    else
+    {
+        status = RefreshLocked(refresh);
+    }
+    QDB_LOG(kLogTrace, "%s: [%s] %s%s Exit for OID: %d,status:%d ret:%d",
+            row.suffix, kStem, row.suffix, refresh.LogOid(), status,
+            refresh.ret);
+    return status;
+}
+
+} // namespace qdb

@@ -1,0 +1,19 @@
+// Log lines that all handlers of a row share.
+#pragma once
+
+#include "core/log.h"
+#include "db/connection.h"
+#include "objects/catalogue.h"
+
+namespace qdb
+{
+
+// "%s:  %s sqlite errormsg: %s"; the function is named by its stem, such as
+// "CreateObj_", and the row.
+inline void LogRowError(int level, const char *stem, const ObjTypeRow &row)
+{
+    QDB_LOG(level, "%s:  %s%s sqlite errormsg: %s", stem, row.suffix,
+            SqliteErrorMessage().c_str());
+}
+
+} // namespace qdb

@@ -1,0 +1,206 @@
+#include "objects/row_reader.h"
+
+#include "core/lock.h"
+#include "core/state.h"
+#include "core/status.h"
+#include "db/execute.h"
+#include "db/mapping.h"
+#include "objects/row_log.h"
+#include "objects/sql_text.h"
+
+namespace qdb
+{
+namespace
+{
+
+constexpr char kStem[] = "GetRowData_";
+
+int PrepareSelect(const ObjTypeRow &row, uint32_t oid, StatementSlot &slot)
+{
+    if (slot.statement != nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: [%s]Using prepared statement", row.suffix);
+        return SQLITE_OK;
+    }
+    // The tables of configuration attributes were written by another hand.
+    const std::string sql =
+        SelectJsonSql(*row.table, IsConfigType(row.objType));
+    bool wasReady = false;
+    const int status = slot.Prepare(sql.c_str(), -1, &wasReady);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogError, "%s: [%s]sqlite3_prepare_v2 Error: %d oID:%d",
+                row.suffix, status, StoredOid(oid));
+        LogRowError(kLogError, kStem, row);
+    }
+    return status;
+}
+
+// Parses the row that the statement stands on.
+int ParseRow(const ObjTypeRow &row, uint32_t oid, sqlite3_stmt *statement,
+             JsonPtr *pRow)
+{
+    if (sqlite3_column_type(statement, 0) == SQLITE_NULL)
+    {
+        return SQLITE_ROW;
+    }
+    json_error_t error = {};
+    JsonPtr parsed = ParseColumn(statement, &error);
+    if (parsed == nullptr)
+    {
+        QDB_LOG(kLogError, "%s: [%s] error: on line %d: %s oID:%d", row.suffix,
+                error.line, error.text, StoredOid(oid));
+        LogRowError(kLogError, kStem, row);
+        return kFailed;
+    }
+    *pRow = std::move(parsed);
+    return SQLITE_OK;
+}
+
+// The statement's own result goes to *pRet, for the log.
+int SelectRow(const ObjTypeRow &row, uint32_t oid, JsonPtr *pRow, int *pRet)
+{
+    ObjRowState &state = StateOf(row);
+    const MutexLock lock(state.SelectObjMutex);
+    *pRet = PrepareSelect(row, oid, state.SelectStmt);
+    if (*pRet != SQLITE_OK)
+    {
+        return *pRet;
+    }
+    sqlite3_stmt *statement = state.SelectStmt.statement;
+    const StatementReset reset(statement);
+    *pRet = sqlite3_bind_int64(statement, 1, StoredOid(oid));
+    if (*pRet != SQLITE_OK)
+    {
+        QDB_LOG(kLogError,
+                "%s: [%s]Failed to bind value to statement: %d oID:%d",
+                row.suffix, *pRet, StoredOid(oid));
+        LogRowError(kLogError, kStem, row);
+        return kFailed;
+    }
+    *pRet = StepStatement(statement);
+    if (*pRet != SQLITE_ROW)
+    {
+        QDB_LOG(kLogTrace, "%s: [%s]No matching row found: %d", row.suffix,
+                *pRet);
+        return *pRet;
+    }
+    return ParseRow(row, oid, statement, pRow);
+}
+
+int GetRowData(const ObjTypeRow &row, uint32_t oid, JsonPtr *pRow)
+{
+    QDB_LOG(kLogTrace, "%s: [%s] GetRowData_%s Entry for OID: %d", row.suffix,
+            row.suffix, StoredOid(oid));
+    int ret = SQLITE_OK;
+    const int status = SelectRow(row, oid, pRow, &ret);
+    QDB_LOG(kLogTrace,
+            "%s: [%s] GetRowData_%s Exit for OID: %d,status:%d ret:%d",
+            row.suffix, row.suffix, StoredOid(oid), status, ret);
+    return status;
+}
+
+// A column as a JSON value; NULL for one that has no place in JSON.
+json_t *ColumnValue(sqlite3_stmt *statement, int column)
+{
+    switch (sqlite3_column_type(statement, column))
+    {
+    case SQLITE_INTEGER:
+        return json_integer(sqlite3_column_int(statement, column));
+    case SQLITE_FLOAT:
+        return json_real(sqlite3_column_double(statement, column));
+    case SQLITE_TEXT:
+        return json_string(reinterpret_cast<const char *>(
+            sqlite3_column_text(statement, column)));
+    case SQLITE_NULL:
+        return json_null();
+    default:
+        return nullptr;
+    }
+}
+
+// Makes an object of the row that the statement stands on. A text that isn't
+// valid UTF-8 fails the row, as it does for the other reader.
+int BuildRow(sqlite3_stmt *statement, JsonPtr *pRow)
+{
+    JsonPtr row(json_object());
+    const int columns = sqlite3_column_count(statement);
+    for (int column = 0; column < columns; ++column)
+    {
+        const char *name = sqlite3_column_name(statement, column);
+        if (name == nullptr ||
+            sqlite3_column_type(statement, column) == SQLITE_BLOB)
+        {
+            continue;
+        }
+        if (json_object_set_new(row.get(), name,
+                                ColumnValue(statement, column)) != 0)
+        {
+            return kFailed;
+        }
+    }
+    *pRow = std::move(row);
+    return SQLITE_OK;
+}
+
+int RunQuery(const char *sqlText, uint32_t oid, JsonPtr *pRow)
+{
+    if (QDVdbHandle == nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: Database handle is NULL");
+        return kFailed;
+    }
+    if (sqlText == nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: Input sql query is NULL");
+        return kFailed;
+    }
+    QDB_LOG(kLogTrace, "%s: Query: %s", sqlText);
+    int status = SQLITE_OK;
+    const StatementPtr statement = PrepareOnce(sqlText, &status);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: failed to prepare statement. Sqlstmt status: %d, "
+                "errormsg: %s",
+                status, SqliteErrorMessage().c_str());
+        return FailureOf(status);
+    }
+    const int bound = sqlite3_bind_int64(statement.get(), 1, StoredOid(oid));
+    status = StepStatement(statement.get());
+    if (status != SQLITE_ROW)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: failed to execute step. Sqlstmt status: %d, errormsg: %s",
+                status, SqliteErrorMessage().c_str());
+        return status;
+    }
+    const int built = BuildRow(statement.get(), pRow);
+    return built != SQLITE_OK ? built : bound;
+}
+
+} // namespace
+
+JsonPtr ParseColumn(sqlite3_stmt *statement, json_error_t *pError)
+{
+    const auto *text =
+        reinterpret_cast<const char *>(sqlite3_column_text(statement, 0));
+    return JsonPtr(text == nullptr ? nullptr : json_loads(text, 0, pError));
+}
+
+int GetJsonObjectFromQDBQuery(const char *sqlText, uint32_t oid, JsonPtr *pRow)
+{
+    const int status = RunQuery(sqlText, oid, pRow);
+    LogExit("GetJsonObjectFromQDBQuery");
+    return status;
+}
+
+int ReadRow(const ObjTypeRow &row, uint32_t oid, JsonPtr *pRow)
+{
+    return ReadsWithSelectStar(*row.table)
+               ? GetJsonObjectFromQDBQuery(SelectStarSql(*row.table).c_str(),
+                                           oid, pRow)
+               : GetRowData(row, oid, pRow);
+}
+
+} // namespace qdb
