@@ -1,0 +1,302 @@
+#include "events/bus_dispatch.h"
+
+#include "config/bus_rows.h"
+#include "config/config_objects.h"
+#include "core/log.h"
+#include "core/status.h"
+#include "db/clearing.h"
+#include "db/execute.h"
+#include "db/mapping.h"
+#include "events/queues/event_record.h"
+
+namespace qdb
+{
+namespace
+{
+
+// A record's body, checked.
+struct BusEvent
+{
+    uint16_t kind;
+    uint32_t oid;
+    const char *path;
+    const char *interfaceName;
+};
+
+uint16_t KindOf(const DataEventHeader &record)
+{
+    return static_cast<uint16_t>(
+        RecordWord(record, kBusEventTypeAt).value_or(0));
+}
+
+// Reads the body; 0, or 2 with the reason logged.
+int Decode(const DataEventHeader &record, BusEvent *pEvent)
+{
+    const uint32_t pathAt = RecordWord(record, kBusPathOffsetAt).value_or(0);
+    const uint32_t interfaceAt =
+        RecordWord(record, kBusInterfaceOffsetAt).value_or(0);
+    if (pathAt == 0 || interfaceAt == 0)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: Invalid Event information, notification not processed\n");
+        return kInvalidArgument;
+    }
+    *pEvent = {KindOf(record), RecordWord(record, kBusOidAt).value_or(0),
+               RecordText(record, pathAt), RecordText(record, interfaceAt)};
+    if (pEvent->path == nullptr || pEvent->interfaceName == nullptr)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: Invalid Event Type, notification not processed\n");
+        return kInvalidArgument;
+    }
+    return SQLITE_OK;
+}
+
+// The interface's row, with its type in the log; NULL for an unknown one.
+const BusRow *MapInterface(const BusEvent &event)
+{
+    const BusRow *row = FindBusRow(event.interfaceName);
+    if (row == nullptr)
+    {
+        QDB_LOG(kLogWarning,
+                "%s: unknown intf/objType = %s, notification not processed\n",
+                event.interfaceName);
+    }
+    else
+    {
+        QDB_LOG(kLogTrace, "%s: ObjType = %s\n", row->nameInLog);
+    }
+    return row;
+}
+
+int FetchAttribute(const BusRow &row, const BusEvent &event,
+                   ConfigObjectPtr *pObject)
+{
+    DataObjHeader *object = nullptr;
+    const int status = dbus_get_data_obj_hdr(row.objType, event.path, &object);
+    pObject->reset(object);
+    return status;
+}
+
+ConfigObjectPtr FetchGroup(const BusEvent &event)
+{
+    DataObjHeader *group = nullptr;
+    const int status = GetCfgGroupByPath(event.path, &group);
+    ConfigObjectPtr parent(group);
+    if (status != SQLITE_OK || parent == nullptr)
+    {
+        QDB_LOG(kLogError, "%s: Parent not found: %s\n", event.path);
+        parent.reset();
+    }
+    else
+    {
+        QDB_LOG(kLogTrace, "%s: Parent Object found pParentDOH=%d\n",
+                StoredOid(parent->objID));
+    }
+    return parent;
+}
+
+// How the two kinds that write a row differ.
+struct WriteKind
+{
+    bool create;
+    CreateFunction function;
+    const char *name;
+};
+
+WriteKind WriteKindOf(const BusRow &row, const BusEvent &event)
+{
+    return event.kind == DATA_EVENT_DATA_OBJ_CREATE
+               ? WriteKind{true, row.row->CreateObjFP,
+                           "DATA_EVENT_DATA_OBJ_CREATE"}
+               : WriteKind{false, row.row->RefreshObjFP,
+                           "DATA_EVENT_DATA_OBJ_DIRTY_LIST"};
+}
+
+void LogWrite(const WriteKind &kind, const BusEvent &event)
+{
+    if (kind.create)
+    {
+        QDB_LOG(kLogTrace, "%s: DATA_EVENT_DATA_OBJ_CREATE path_p: %s \n",
+                event.path);
+        QDB_LOG(kLogTrace, "%s: DATA_EVENT_DATA_OBJ_CREATE intf_p: %s \n",
+                event.interfaceName);
+    }
+    else
+    {
+        QDB_LOG(kLogTrace, "%s: DATA_EVENT_DATA_OBJ_DIRTY_LIST path: %s",
+                event.path);
+        QDB_LOG(kLogTrace, "%s: DATA_EVENT_DATA_OBJ_DIRTY_LIST intf: %s",
+                event.interfaceName);
+    }
+}
+
+// After a write found the object unreadable: the status to go on with.
+int FetchAgain(const WriteKind &kind, const BusRow &row, const BusEvent &event,
+               ConfigObjectPtr *pObject)
+{
+    QDB_LOG(kLogTrace,
+            "%s: ObjectNotification: %s: ZO_STATUS_INVALID_VALUE returned\n",
+            kind.name);
+    pObject->reset();
+    if (FetchAttribute(row, event, pObject) == 0)
+    {
+        return ZO_STATUS_INVALID_VALUE;
+    }
+    if (kind.create)
+    {
+        QDB_LOG(kLogWarning, "%s: ZO_STATUS_NO_SUCH_OBJECT3: %s\n", event.path);
+    }
+    return ZO_STATUS_NO_SUCH_OBJECT;
+}
+
+// Create and dirty list.
+int WriteAttribute(const BusEvent &event)
+{
+    const BusRow *row = MapInterface(event);
+    if (row == nullptr)
+    {
+        return kFailed;
+    }
+    ConfigObjectPtr object;
+    const int fetched = FetchAttribute(*row, event, &object);
+    if (fetched != 0)
+    {
+        QDB_LOG(kLogWarning, "%s: ZO_STATUS_NO_SUCH_OBJECT1: %s\n", event.path);
+        return fetched;
+    }
+    if (object == nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: ZO_STATUS_NO_SUCH_OBJECT2: %s\n", event.path);
+        return ZO_STATUS_NO_SUCH_OBJECT;
+    }
+    QDB_LOG(kLogTrace, "%s: thisEvent_p->evtType=%d\n", event.kind);
+    const ConfigObjectPtr parent = FetchGroup(event);
+    const WriteKind kind = WriteKindOf(*row, event);
+    LogWrite(kind, event);
+    const int status = RunStatusLoop(
+        {.pauseWhenBusy = false}, SQLITE_OK,
+        [&]
+        {
+            return kind.function(object.get(), parent.get());
+        },
+        [&]
+        {
+            return FetchAgain(kind, *row, event, &object);
+        });
+    QDB_LOG(kLogTrace, "%s: Exit");
+    return IsSuccess(status) ? SQLITE_OK : FailureOf(status);
+}
+
+int RunDelete(const BusRow &row, const DataObjHeader &stub)
+{
+    int loop = 0;
+    const int status = RunStatusLoop(
+        {}, SQLITE_OK,
+        [&]
+        {
+            QDB_LOG(kLogWarning, "%s: calling DeleteObjFP loop=%d\n", loop++);
+            const int result = row.row->DeleteObjFP(&stub);
+            QDB_LOG(kLogWarning, "%s: returned from DeleteObjFP\n");
+            return result;
+        });
+    if (status == ZO_STATUS_INVALID_VALUE)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: DBusObj_Notification_Map_Table: "
+                "DATA_EVENT_DATA_OBJ_DESTROY: ZO_STATUS_INVALID_VALUE "
+                "returned\n");
+    }
+    return IsSuccess(status) ? SQLITE_OK : status;
+}
+
+int DestroyAttribute(const BusEvent &event)
+{
+    // All that a delete looks at, on the stack: no memory can be wanting.
+    DataObjHeader stub = {};
+    QDB_LOG(kLogTrace, "%s:  addr of DOH_p 0x%08x\n",
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(&stub)));
+    stub.objSize = 16;
+    stub.objID = event.oid;
+    const BusRow *row = MapInterface(event);
+    if (row == nullptr)
+    {
+        return kFailed;
+    }
+    stub.objType = static_cast<uint16_t>(row->objType);
+    QDB_LOG(kLogTrace, "%s: found_i=  %d DOH_p->objType = %x oid = %d\n",
+            static_cast<int>(row - DBusObj_Notification_Map_Table.data()),
+            stub.objType, StoredOid(event.oid));
+    QDB_LOG(kLogTrace, "%s: DOH_p->objSize = %d DOH_p->objType = %d\n",
+            static_cast<int>(stub.objSize), stub.objType);
+    return RunDelete(*row, stub);
+}
+
+int ClearConfiguration()
+{
+    QDB_LOG(kLogWarning, "%s:  Received thisEventType "
+                         "DATA_EVENT_POP_UNLOADED,  processing\n");
+    if (ClearCfgMgrData() == SQLITE_OK)
+    {
+        return SQLITE_OK;
+    }
+    QDB_LOG(kLogWarning, "%s: Failed to clear on of the tables.\n");
+    return kFailed;
+}
+
+int RunEvent(const BusEvent &event)
+{
+    QDB_LOG(kLogTrace, "%s: thisEventType %d\n", event.kind);
+    QDB_LOG(kLogTrace, "%s: path =  %s\n", event.path);
+    QDB_LOG(kLogTrace, "%s: intf = %s oid = %d\n", event.interfaceName,
+            StoredOid(event.oid));
+    switch (event.kind)
+    {
+    case DATA_EVENT_DATA_OBJ_CREATE:
+        QDB_LOG(kLogWarning, "%s:  Received DATA_EVENT_DATA_OBJ_CREATE,  "
+                             "processing\n");
+        return WriteAttribute(event);
+    case DATA_EVENT_DATA_OBJ_DIRTY_LIST:
+        QDB_LOG(kLogWarning, "%s:  Received thisEventType "
+                             "DATA_EVENT_DATA_OBJ_DIRTY_LIST,  processing\n");
+        return WriteAttribute(event);
+    case DATA_EVENT_DATA_OBJ_DESTROY:
+        QDB_LOG(kLogWarning, "%s:  Received DATA_EVENT_DATA_OBJ_DESTROY,  "
+                             "processing\n");
+        return DestroyAttribute(event);
+    default:
+        QDB_LOG(kLogWarning,
+                "%s: unknown thisEventType = %d, notification not processed\n",
+                event.kind);
+        return kInvalidArgument;
+    }
+}
+
+} // namespace
+
+int ObjectNotificationDbus(const DataEventHeader *record, uint16_t eventType)
+{
+    QDB_LOG(kLogTrace, "%s: Entry");
+    if (record == nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: Invalid Argument pDEH null, notification not "
+                           "processed\n");
+        return kInvalidArgument;
+    }
+    if (eventType != DATA_EVENT_DBUS_TO_QDB)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: Invalid Event Type, notification not processed\n");
+        return kInvalidArgument;
+    }
+    // A restart of the configuration manager names no object.
+    if (KindOf(*record) == DATA_EVENT_POP_UNLOADED)
+    {
+        return ClearConfiguration();
+    }
+    BusEvent event = {};
+    const int status = Decode(*record, &event);
+    return status == SQLITE_OK ? RunEvent(event) : status;
+}
+
+} // namespace qdb

@@ -1,0 +1,104 @@
+#include "events/workers.h"
+
+#include "core/log.h"
+#include "core/state.h"
+#include "core/status.h"
+#include "events/bus_dispatch.h"
+#include "events/dispatch.h"
+#include "events/queues/event_queue.h"
+#include "events/queues/event_record.h"
+
+namespace qdb
+{
+namespace
+{
+
+void LogBusRecord(const DataEventHeader &record, int thID)
+{
+    const uint32_t path = RecordWord(record, kBusPathOffsetAt).value_or(0);
+    const uint32_t interface =
+        RecordWord(record, kBusInterfaceOffsetAt).value_or(0);
+    const char *pathText = RecordText(record, path);
+    const char *interfaceText = RecordText(record, interface);
+    QDB_LOG(kLogTrace, "%s:  received DATA_EVENT_DBUS_TO_QDB thID=%d", thID);
+    QDB_LOG(kLogTrace, "%s: qdv_dequeue evtSize = [%d] ",
+            static_cast<int>(record.evtSize));
+    QDB_LOG(kLogTrace, "%s: qdv_dequeue evtType = [%d] ", record.evtType);
+    QDB_LOG(kLogTrace, "%s: qdv_dequeue evtFlags = [%d] ", record.evtFlags);
+    QDB_LOG(
+        kLogTrace, "%s: qdv_dequeue evtType = [%d]",
+        static_cast<uint16_t>(RecordWord(record, kBusEventTypeAt).value_or(0)));
+    QDB_LOG(kLogTrace, "%s: qdv_dequeue offsetPath = [%d] ",
+            static_cast<int>(path));
+    QDB_LOG(kLogTrace, "%s: qdv_dequeue offsetIntf = [%d] ",
+            static_cast<int>(interface));
+    QDB_LOG(kLogTrace, "%s: qdv_dequeue Path = [%s]",
+            pathText == nullptr ? "" : pathText);
+    QDB_LOG(kLogTrace, "%s: qdv_dequeue Intf = [%s]",
+            interfaceText == nullptr ? "" : interfaceText);
+}
+
+// Runs a record's dispatch; a type without one leaves the status as it was.
+int Dispatch(const DataEventHeader &record, int thID, int status)
+{
+    switch (record.evtType)
+    {
+    case DATA_EVENT_DATA_OBJ_DIRTY_LIST:
+    case DATA_EVENT_DATA_OBJ_CREATE:
+    case DATA_EVENT_DATA_OBJ_DESTROY:
+        return ObjectNotification(&record, record.evtType);
+    case DATA_EVENT_DBUS_TO_QDB:
+        LogBusRecord(record, thID);
+        return ObjectNotificationDbus(&record, record.evtType);
+    case DATA_EVENT_OBJ_STATUS_CHG:
+    case ZO_EVENT_RAW_DATA_UPDATE:
+        QDB_LOG(kLogTrace, "%s: event=%d has no handler and is dropped\n",
+                record.evtType);
+        return status;
+    default:
+        return status;
+    }
+}
+
+// Takes and runs records until a stop record comes.
+void RunRecords(int thID)
+{
+    int status = SQLITE_OK;
+    while (true)
+    {
+        QDB_LOG(kLogTrace, "%s: Call QdbdeQueue for thID=%d", thID);
+        EventNodePtr node(QdbdeQueue(gQdbEventQueue));
+        if (node == nullptr || node->data == nullptr)
+        {
+            continue;
+        }
+        QDB_LOG(kLogTrace, "%s: Dequeue SeqNo = %d, thID = %d, event=%d",
+                node->seqNo, thID, node->data->evtType);
+        if (node->data->evtType == DATA_EVENT_WORKER_EXIT)
+        {
+            QDB_LOG(kLogTrace, "%s: Dequeue SeqNo = %d, thID = %d Exiting",
+                    node->seqNo, thID);
+            return;
+        }
+        status = Dispatch(*node->data, thID, status);
+        node.reset();
+        if (status == SQLITE_CORRUPT)
+        {
+            sem_post(&gSqliteCorruptSem);
+        }
+    }
+}
+
+} // namespace
+
+void *QdbWorkerThread(void *argument)
+{
+    const int thID =
+        static_cast<int>(static_cast<const QdbWorkerArg *>(argument)->thID);
+    QDB_LOG(kLogTrace, "%s: thID=%d", thID);
+    RunRecords(thID);
+    QDB_LOG(kLogTrace, "%s: ACCEPT THREAD %d ENDED", thID);
+    pthread_exit(nullptr);
+}
+
+} // namespace qdb

@@ -1,0 +1,189 @@
+#include "reconcile/population.h"
+
+#include "config/config_load.h"
+#include "core/log.h"
+#include "core/status.h"
+#include "core/threads.h"
+#include "db/execute.h"
+#include "objects/catalogue.h"
+#include "reconcile/parent.h"
+
+namespace qdb
+{
+namespace
+{
+
+constexpr uint32_t kRootOid = 1;
+
+// One walk: who makes it, for the log, and its result so far.
+struct Walk
+{
+    const char *function;
+    int returnStatus = SQLITE_OK;
+    unsigned visited = 0; // objects that reached the predicate
+};
+
+OidList ListChildren(uint32_t objType)
+{
+    return OidList(
+        ZOILListChildOIDByType(&kRootOid, static_cast<uint16_t>(objType)));
+}
+
+// Creates one object in a status loop; an object that cannot be read as it
+// stands is fetched again, and again while it is gone.
+void CreateWithRetry(Walk &walk, const ObjTypeRow &row, uint32_t oid,
+                     ObjectPtr object, const DataObjHeader *parent)
+{
+    const int status = RunStatusLoop(
+        {}, walk.returnStatus,
+        [&]
+        {
+            return object == nullptr ? ZO_STATUS_INVALID_VALUE
+                                     : row.CreateObjFP(object.get(), parent);
+        },
+        [&]
+        {
+            QDB_LOG(kLogTrace, "%s: %s: ZO_STATUS_INVALID_VALUE returned\n",
+                    walk.function);
+            object.reset();
+            object = FetchObject(oid);
+            return ZO_STATUS_INVALID_VALUE;
+        });
+    if (!IsSuccess(status))
+    {
+        walk.returnStatus = FailureOf(status);
+    }
+}
+
+void VisitObject(Walk &walk, const ObjTypeRow &row, uint32_t oid)
+{
+    ObjectPtr object = FetchObject(oid);
+    if (object == nullptr)
+    {
+        walk.returnStatus = ZO_STATUS_NO_SUCH_OBJECT;
+        return;
+    }
+    QDB_LOG(kLogTrace, "%s: %s: pDOH->objType=%d, pDOH->objType=0x%x\n",
+            walk.function, object->objType, object->objType);
+    const ObjectPtr parent = FetchParent(object.get(), nullptr);
+    ++walk.visited;
+    if (row.ObjMatchFP != nullptr &&
+        row.ObjMatchFP(object.get(), parent.get()) != 0)
+    {
+        return;
+    }
+    CreateWithRetry(walk, row, oid, std::move(object), parent.get());
+}
+
+void VisitObjects(Walk &walk, const ObjTypeRow &row, const OidList &list)
+{
+    for (const uint32_t oid : list.Oids())
+    {
+        if (StopRequested())
+        {
+            return;
+        }
+        VisitObject(walk, row, oid);
+    }
+}
+
+void LoadConfigRow(const ObjTypeRow &row, const ConfigObjectList &groups)
+{
+    static constexpr struct
+    {
+        uint32_t objType;
+        const char *shortName;
+        const char *interfaceName;
+    } kInterfaces[] = {
+        {TYPE_CFGINT, "CfgIntAttribute", kIntInterface},
+        {TYPE_CFGSTR, "CfgStrAttribute", kStrInterface},
+        {TYPE_CFGENUM, "CfgEnumAttribute", kEnumInterface},
+        {TYPE_CFGPASSWD, "CfgPasswdAttribute", kPasswdInterface},
+    };
+    const auto &entry = kInterfaces[row.objType - TYPE_CFGINT];
+    QDB_LOG(kLogTrace, "%s: Calling OnLoadConfigObjectsCreation(%s)\n",
+            entry.shortName);
+    const int status =
+        OnLoadConfigObjectsCreation(entry.interfaceName, &groups);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: OnLoadConfigObjectsCreation: Returned error c_retval= "
+                "0x%08x\n",
+                static_cast<unsigned>(status));
+    }
+}
+
+void VisitRow(Walk &walk, const ObjTypeRow &row, const ConfigObjectList &groups)
+{
+    if (IsConfigType(row.objType))
+    {
+        LoadConfigRow(row, groups);
+        return;
+    }
+    const OidList list = ListChildren(row.objType);
+    if (list.IsNull())
+    {
+        walk.returnStatus = ZO_STATUS_NO_SUCH_OBJECT;
+        return;
+    }
+    VisitObjects(walk, row, list);
+}
+
+// The row whose Create a walk of one type uses. A type that has none, or that
+// doesn't come from the Data Manager, falls back to the first row of all.
+const ObjTypeRow &RowForType(uint32_t objType)
+{
+    if (IsConfigType(objType))
+    {
+        for (size_t i = 0; i < kRowCount; ++i)
+        {
+            QDB_LOG(kLogTrace,
+                    "%s: Skipping legacy DM Event for ObjType=0x%04x!!\n",
+                    objType);
+        }
+        return ObjectTypeTable[0];
+    }
+    const ObjTypeRow *row = FindRow(objType);
+    return row == nullptr ? ObjectTypeTable[0] : *row;
+}
+
+} // namespace
+
+int OnLoadObjectsCreation()
+{
+    QDB_LOG(kLogTrace, "%s: Entering OnLoadObjectsCreation \n");
+    ConfigObjectList groups;
+    if (!groups.Fetch(kConfigGroup))
+    {
+        QDB_LOG(kLogError, "%s: Objects not found: CfgGroup 1\n");
+        return ZO_STATUS_NO_SUCH_OBJECT;
+    }
+    Walk walk = {"OnLoadObjectsCreation"};
+    for (const ObjTypeRow &row : ObjectTypeTable)
+    {
+        if (StopRequested())
+        {
+            break;
+        }
+        VisitRow(walk, row, groups);
+    }
+    QDB_LOG(kLogTrace, "%s: OnLoadObjectsCreation total objects created: %d \n",
+            static_cast<int>(walk.visited));
+    QDB_LOG(kLogTrace, "%s: Exiting OnLoadObjectsCreation \n");
+    return walk.returnStatus;
+}
+
+int InsertObjBasedOnObjType(uint32_t objType)
+{
+    const OidList list = ListChildren(objType);
+    if (list.IsNull())
+    {
+        return ZO_STATUS_NO_SUCH_OBJECT;
+    }
+    Walk walk = {"InsertObjBasedOnObjType"};
+    VisitObjects(walk, RowForType(objType), list);
+    return walk.returnStatus;
+}
+
+} // namespace qdb
