@@ -1,0 +1,64 @@
+// Another process's view of the service: its signals and its telemetry records.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace qdb::test
+{
+
+struct Change
+{
+    std::string member; // such as "Vexo_qdb_Resource_Added"
+    std::string json;
+    unsigned long long serial = 0; // of the message, per sender
+};
+
+// Subscribed to the service's signals on the process's system bus from the end
+// of its constructor on.
+class ChangeListener
+{
+  public:
+    ChangeListener();
+    ~ChangeListener();
+    ChangeListener(const ChangeListener &) = delete;
+    ChangeListener &operator=(const ChangeListener &) = delete;
+
+    std::vector<Change> Changes() const;
+
+    // Waits for that many changes in all; what there is by the deadline.
+    std::vector<Change> WaitFor(size_t count) const;
+
+    void Clear();
+
+  private:
+    void Run();
+
+    mutable std::mutex mutex_;
+    std::vector<Change> changes_; // guarded by mutex_
+    std::atomic<bool> ready_ = false;
+    std::atomic<bool> stop_ = false;
+    std::thread thread_;
+};
+
+// The telemetry pipe's reader, from the end of its constructor on.
+class PipeReader
+{
+  public:
+    explicit PipeReader(const std::string &path);
+    ~PipeReader();
+    PipeReader(const PipeReader &) = delete;
+    PipeReader &operator=(const PipeReader &) = delete;
+
+    // All records that are in the pipe by now, "table|rowid|operation" each;
+    // malformed bytes are a record of their own.
+    std::vector<std::string> Take();
+
+  private:
+    int fd_;
+};
+
+} // namespace qdb::test

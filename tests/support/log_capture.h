@@ -1,0 +1,25 @@
+// The service's log lines, and its sleeps, for tests.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace qdb::test
+{
+
+// From here on keeps the lines up to a level, without their thread tags, and
+// forgets those kept before.
+void CaptureLog(int level = 6);
+
+std::vector<std::string> LogLines();
+
+// Lines that contain the text.
+int CountLog(const std::string &text);
+
+// From here on sleeps take no time and are counted instead.
+void CountSleeps();
+void RestoreSleeps();
+int SleepCount();
+long long SleptMicroseconds();
+
+} // namespace qdb::test

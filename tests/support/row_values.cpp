@@ -1,0 +1,461 @@
+#include "tests/support/row_values.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+namespace qdb::test
+{
+namespace
+{
+
+// Counts, sizes, offsets and kinds that the object's structure needs as they
+// are; the builder sets them from the lists and arrays.
+constexpr const char *kStructural[] = {
+    "ObjTypeCount",        "entry_count",     "entry_size",
+    "display_entry_size",  "numDNSServer",    "numGatewayAddr",
+    "numIPv4Addrs",        "numIPv6Addrs",    "numPhysicalNetFQDDs",
+    "pendingValuePresent", "nicTeamInfoSize",
+};
+
+bool IsStructural(const Column &column)
+{
+    return std::ranges::find_if(kStructural,
+                                [&](const char *name)
+                                {
+                                    return std::strcmp(name, column.name) == 0;
+                                }) != std::end(kStructural);
+}
+
+size_t End(const Source &source)
+{
+    return source.offset + FieldSize(source);
+}
+
+bool Overlaps(const Source &a, const Source &b)
+{
+    return HasField(a) && HasField(b) && a.offset < End(b) && b.offset < End(a);
+}
+
+bool SharesBits(const Source &a, const Source &b)
+{
+    return a.form == Form::Bits && b.form == Form::Bits &&
+           (a.bit + a.width <= b.bit || b.bit + b.width <= a.bit);
+}
+
+// Whether the column's bytes also belong to a column in front of it, or to an
+// array.
+bool IsShared(const Table &table, const Column &column)
+{
+    for (const Column &other : table.columns)
+    {
+        if (&other == &column)
+        {
+            break;
+        }
+        if (Overlaps(column.source, other.source) &&
+            !SharesBits(column.source, other.source))
+        {
+            return true;
+        }
+    }
+    return std::ranges::any_of(
+        table.arrays,
+        [&](const ArrayProperty &property)
+        {
+            const size_t end =
+                property.firstAt +
+                size_t{property.fixedCount} * property.table->recordSize;
+            // A text may run on into the array, too.
+            return property.fixedCount != 0 && HasField(column.source) &&
+                   End(column.source) > property.firstAt &&
+                   column.source.offset < end;
+        });
+}
+
+// Characters that an inline text can hold in front of its NUL.
+size_t TextRoom(const Table &table, const Column &column)
+{
+    size_t room = 12;
+    for (const Column &other : table.columns)
+    {
+        if (HasField(other.source) &&
+            other.source.offset > column.source.offset)
+        {
+            room = std::min<size_t>(room, other.source.offset -
+                                              column.source.offset - 1u);
+        }
+    }
+    return room;
+}
+
+std::string TextOf(size_t index, ValueSet set, size_t room)
+{
+    std::string text =
+        (set == ValueSet::First ? "a" : "b") + std::to_string(index);
+    return text.substr(0, room);
+}
+
+// Whether a text column lies over this one: its bytes must stay ASCII then.
+bool LiesUnderText(const Table &table, const Source &source)
+{
+    return std::ranges::any_of(table.columns,
+                               [&](const Column &other)
+                               {
+                                   return other.source.form == Form::Text &&
+                                          Overlaps(other.source, source);
+                               });
+}
+
+int64_t IntegerOf(const Source &source, size_t index, ValueSet set, bool ascii)
+{
+    const auto i = static_cast<int64_t>(index);
+    const bool first = set == ValueSet::First;
+    if (ascii)
+    {
+        return (first ? 0x31313101 : 0x32323201) + i % 100;
+    }
+    switch (source.form)
+    {
+    case Form::U8:
+        return i % 120 + (first ? 1 : 121);
+    case Form::I8:
+        return first ? i % 100 + 1 : -(i % 100) - 1;
+    case Form::U16:
+        return first ? 1000 + i : 65000 + i;
+    case Form::I16:
+        return first ? 1000 + i : -1000 - i;
+    case Form::U32:
+        return first ? 100000 + i : int64_t{4000000000} + i;
+    case Form::I32:
+        return first ? 100000 + i : -100000 - i;
+    case Form::U64:
+        return (int64_t{1} << (first ? 40 : 61)) + i;
+    default: // Bits
+        return first ? 1 : (int64_t{1} << source.width) - 2;
+    }
+}
+
+json_t *ListOf(Join join, ValueSet set)
+{
+    const char *tail = set == ValueSet::First ? "1" : "2";
+    json_t *list = json_array();
+    const auto add = [&](const std::string &text)
+    {
+        json_array_append_new(list, json_string((text + tail).c_str()));
+    };
+    if (join == Join::DnsServers || join == Join::Gateways)
+    {
+        add("2001:db8::");
+        add("192.0.2.");
+        add("198.51.100.");
+    }
+    else
+    {
+        add("one");
+        add("two");
+    }
+    return list;
+}
+
+json_t *ColumnValue(const Table &table, size_t index, ValueSet set)
+{
+    const Column &column = table.columns[index];
+    const Source &source = column.source;
+    switch (source.form)
+    {
+    case Form::ParentKey:
+    case Form::Null:
+        return nullptr;
+    case Form::F32:
+    case Form::F64:
+        return json_real(static_cast<double>(index) +
+                         (set == ValueSet::First ? 0.5 : 0.25));
+    case Form::Text:
+    case Form::TextOrNull:
+        return json_string(TextOf(index, set, TextRoom(table, column)).c_str());
+    case Form::OffsetText:
+    case Form::OffsetText16:
+    case Form::OffsetTextIf:
+    case Form::BodyText:
+        return json_string(TextOf(index, set, 12).c_str());
+    case Form::Joined:
+        return ListOf(source.join, set);
+    default:
+        return json_integer(
+            IntegerOf(source, index, set, LiesUnderText(table, source)));
+    }
+}
+
+json_t *ElementValue(const SideTable &table, size_t index, ValueSet set)
+{
+    // The last status byte is the first byte of the FQDD's offset word.
+    if (&table == &kHealthStatusSide && index == 19)
+    {
+        return json_integer(0);
+    }
+    // Small, so that a text that runs into an array stays valid UTF-8.
+    const auto value = static_cast<json_int_t>(
+        (set == ValueSet::First ? 33 : 70) + index % 30);
+    if (table.columns.size() == 1)
+    {
+        return json_integer(value);
+    }
+    json_t *record = json_object();
+    json_int_t shift = 0;
+    for (const Column &column : table.columns)
+    {
+        json_object_set_new(
+            record, column.name,
+            column.source.form == Form::Text
+                ? json_string(("10.0.0." + std::to_string(value)).c_str())
+                : json_integer(value + shift++));
+    }
+    return record;
+}
+
+void AddArrays(const Table &table, ValueSet set, json_t *values)
+{
+    for (const ArrayProperty &property : table.arrays)
+    {
+        json_t *elements = json_array();
+        const size_t count = property.countAt == 0 ? property.fixedCount : 3;
+        for (size_t i = 0; i < count; ++i)
+        {
+            json_array_append_new(elements,
+                                  ElementValue(*property.table, i, set));
+        }
+        json_object_set_new(values, property.name, elements);
+    }
+}
+
+// What makes an object of a two-row type take this row.
+void AddKind(const RowData &row, json_t *values)
+{
+    if (row.table == &kTblRAID_PDSmartData_NVMe)
+    {
+        json_object_set_new(values, "protocol", json_integer(0x40));
+    }
+    else if (row.table == &kTblRAID_PDSmartData_SAS_SATA)
+    {
+        json_object_set_new(values, "protocol", json_integer(0x20));
+        json_object_set_new(values, "attributes", json_integer(2));
+    }
+    else if (row.table == &kTblRAID_EmptySlot)
+    {
+        json_object_del(values, "emptySlotObj_DOT_slotType");
+        json_object_set_new(values, "slotType", json_integer(7));
+    }
+}
+
+// --- What is expected -------------------------------------------------------
+
+template <typename T>
+json_t *FromBytes(const std::vector<uint8_t> &bytes, size_t offset)
+{
+    T value = 0;
+    if (offset + sizeof(T) > bytes.size())
+    {
+        return json_null();
+    }
+    std::memcpy(&value, bytes.data() + offset, sizeof(T));
+    return json_integer(static_cast<json_int_t>(value));
+}
+
+json_t *TextFromBytes(const std::vector<uint8_t> &bytes, size_t offset)
+{
+    if (offset >= bytes.size())
+    {
+        return json_null();
+    }
+    const auto *text = reinterpret_cast<const char *>(bytes.data() + offset);
+    return json_stringn(text, strnlen(text, bytes.size() - offset));
+}
+
+// The value of a column that was left to the bytes.
+json_t *ValueFromBytes(const Column &column, const std::vector<uint8_t> &bytes)
+{
+    const size_t offset = column.source.offset;
+    switch (column.source.form)
+    {
+    case Form::U8:
+        return FromBytes<uint8_t>(bytes, offset);
+    case Form::U16:
+        return FromBytes<uint16_t>(bytes, offset);
+    case Form::U32:
+        return FromBytes<uint32_t>(bytes, offset);
+    case Form::U64:
+        return FromBytes<uint64_t>(bytes, offset);
+    case Form::I32:
+        return FromBytes<int32_t>(bytes, offset);
+    case Form::Text:
+        return TextFromBytes(bytes, offset);
+    default:
+        return json_null();
+    }
+}
+
+json_t *JoinedText(const Column &column, const json_t *list)
+{
+    const auto item = [&](size_t i)
+    {
+        return std::string(json_string_value(json_array_get(list, i)));
+    };
+    const bool addresses = column.source.join == Join::DnsServers ||
+                           column.source.join == Join::Gateways;
+    const std::string joined = addresses
+                                   ? item(1) + "#$#" + item(2) + "@@@" + item(0)
+                                   : item(0) + "#$#" + item(1);
+    return json_string(joined.c_str());
+}
+
+// As readers of a signal see it.
+json_t *ExpectedArray(const json_t *elements)
+{
+    json_t *array = json_array();
+    size_t index = 0;
+    json_t *element = nullptr;
+    json_array_foreach(const_cast<json_t *>(elements), index, element)
+    {
+        json_t *expected = json_object();
+        json_object_set_new(expected, "ARR_INDEX",
+                            json_integer(static_cast<json_int_t>(index)));
+        if (json_is_object(element))
+        {
+            json_object_update(expected, element);
+        }
+        else
+        {
+            json_object_set(expected, "VAL", element);
+        }
+        json_array_append_new(array, expected);
+    }
+    return array;
+}
+
+json_t *ExpectedValue(const RowData &row, const Column &column,
+                      const json_t *values, const std::vector<uint8_t> &bytes,
+                      const char *parentKey)
+{
+    json_t *given = json_object_get(values, column.name);
+    if (column.source.form == Form::ParentKey)
+    {
+        return parentKey == nullptr ? json_null() : json_string(parentKey);
+    }
+    if (row.objType == 0x49 &&
+        (std::strcmp(column.name, "CurrentReleaseDate") == 0 ||
+         std::strcmp(column.name, "PreviousReleaseDate") == 0 ||
+         std::strcmp(column.name, "PreviousVersionHash") == 0 ||
+         std::strcmp(column.name, "Sha256String") == 0))
+    {
+        return json_null();
+    }
+    if (given == nullptr)
+    {
+        return ValueFromBytes(column, bytes);
+    }
+    if (column.source.form == Form::Joined)
+    {
+        return JoinedText(column, given);
+    }
+    return json_is_array(given) ? ExpectedArray(given) : json_incref(given);
+}
+
+// --- What is there -----------------------------------------------------------
+
+struct CloseConnection
+{
+    void operator()(sqlite3 *connection) const
+    {
+        sqlite3_close(connection);
+    }
+};
+
+json_t *StoredValue(sqlite3_stmt *statement, int column)
+{
+    switch (sqlite3_column_type(statement, column))
+    {
+    case SQLITE_INTEGER:
+        return json_integer(sqlite3_column_int64(statement, column));
+    case SQLITE_FLOAT:
+        return json_real(sqlite3_column_double(statement, column));
+    case SQLITE_NULL:
+        return json_null();
+    default:
+        return json_string(reinterpret_cast<const char *>(
+            sqlite3_column_text(statement, column)));
+    }
+}
+
+} // namespace
+
+JsonPtr ValuesFor(const RowData &row, ValueSet set)
+{
+    const Table &table = *row.table;
+    JsonPtr values(json_object());
+    for (size_t i = 0; i < table.columns.size(); ++i)
+    {
+        const Column &column = table.columns[i];
+        if (std::strcmp(column.name, "OID") == 0 || IsStructural(column) ||
+            IsShared(table, column))
+        {
+            continue;
+        }
+        if (json_t *value = ColumnValue(table, i, set))
+        {
+            json_object_set_new(values.get(), column.name, value);
+        }
+    }
+    AddArrays(table, set, values.get());
+    AddKind(row, values.get());
+    return values;
+}
+
+JsonPtr ExpectedRow(const RowData &row, const json_t *values,
+                    const std::vector<uint8_t> &bytes, const char *parentKey)
+{
+    JsonPtr expected(json_object());
+    for (const Column &column : row.table->columns)
+    {
+        json_object_set_new(
+            expected.get(), column.name,
+            ExpectedValue(row, column, values, bytes, parentKey));
+    }
+    return expected;
+}
+
+JsonPtr TableRow(const std::string &database, const Table &table, uint32_t oid)
+{
+    sqlite3 *opened = nullptr;
+    EXPECT_EQ(sqlite3_open_v2(database.c_str(), &opened, SQLITE_OPEN_READONLY,
+                              nullptr),
+              SQLITE_OK);
+    const std::unique_ptr<sqlite3, CloseConnection> connection(opened);
+    sqlite3_busy_timeout(opened, 10000);
+    const std::string sql =
+        std::string("SELECT * FROM ") + table.name +
+        " WHERE OID = " + std::to_string(static_cast<int32_t>(oid));
+    sqlite3_stmt *made = nullptr;
+    EXPECT_EQ(sqlite3_prepare_v2(opened, sql.c_str(), -1, &made, nullptr),
+              SQLITE_OK)
+        << sqlite3_errmsg(opened);
+    const StatementPtr statement(made);
+    if (sqlite3_step(made) != SQLITE_ROW)
+    {
+        return nullptr;
+    }
+    JsonPtr row(json_object());
+    for (const Column &column : table.columns)
+    {
+        const auto index = static_cast<int>(&column - table.columns.data());
+        EXPECT_STREQ(sqlite3_column_name(made, index), column.name);
+        json_object_set_new(row.get(), column.name, StoredValue(made, index));
+    }
+    return row;
+}
+
+} // namespace qdb::test

@@ -1,0 +1,134 @@
+#include "tests/support/sqlite_faults.h"
+
+#include <sqlite3.h>
+
+#include <mutex>
+#include <vector>
+
+namespace qdb::test
+{
+namespace
+{
+
+struct Fault
+{
+    std::string sql;
+    int status;
+    int times;
+    int skip;
+};
+
+// The faults of one function, and the SQL of every call of it.
+struct Plan
+{
+    std::vector<Fault> faults;
+    std::vector<std::string> calls;
+};
+
+std::mutex gMutex;
+bool gWatching = false; // guarded by gMutex, as the plans are
+Plan gSteps;
+Plan gPrepares;
+
+// The status to give instead of running; SQLITE_OK to run.
+int Intercept(Plan &plan, const char *sql)
+{
+    const std::lock_guard<std::mutex> lock(gMutex);
+    if (!gWatching || sql == nullptr)
+    {
+        return SQLITE_OK;
+    }
+    const std::string text = sql;
+    plan.calls.push_back(text);
+    for (Fault &fault : plan.faults)
+    {
+        if (text.find(fault.sql) == std::string::npos || fault.times == 0)
+        {
+            continue;
+        }
+        if (fault.skip > 0)
+        {
+            --fault.skip;
+            continue;
+        }
+        --fault.times;
+        return fault.status;
+    }
+    return SQLITE_OK;
+}
+
+int CountCalls(const Plan &plan, const std::string &sql)
+{
+    const std::lock_guard<std::mutex> lock(gMutex);
+    int count = 0;
+    for (const std::string &call : plan.calls)
+    {
+        count += call.find(sql) != std::string::npos ? 1 : 0;
+    }
+    return count;
+}
+
+} // namespace
+
+void FailSteps(const std::string &sql, int status, int times, int skip)
+{
+    const std::lock_guard<std::mutex> lock(gMutex);
+    gSteps.faults.push_back({sql, status, times, skip});
+}
+
+void FailPrepares(const std::string &sql, int status, int times, int skip)
+{
+    const std::lock_guard<std::mutex> lock(gMutex);
+    gPrepares.faults.push_back({sql, status, times, skip});
+}
+
+void ClearSqliteFaults()
+{
+    const std::lock_guard<std::mutex> lock(gMutex);
+    gSteps = {};
+    gPrepares = {};
+    gWatching = true;
+}
+
+int StepCount(const std::string &sql)
+{
+    return CountCalls(gSteps, sql);
+}
+
+int PrepareCount(const std::string &sql)
+{
+    return CountCalls(gPrepares, sql);
+}
+
+} // namespace qdb::test
+
+extern "C"
+{
+
+    int __real_sqlite3_step(sqlite3_stmt *statement);
+    int __real_sqlite3_prepare_v2(sqlite3 *connection, const char *sql,
+                                  int length, sqlite3_stmt **pStatement,
+                                  const char **pTail);
+
+    int __wrap_sqlite3_step(sqlite3_stmt *statement)
+    {
+        const int status =
+            qdb::test::Intercept(qdb::test::gSteps, sqlite3_sql(statement));
+        return status == SQLITE_OK ? __real_sqlite3_step(statement) : status;
+    }
+
+    int __wrap_sqlite3_prepare_v2(sqlite3 *connection, const char *sql,
+                                  int length, sqlite3_stmt **pStatement,
+                                  const char **pTail)
+    {
+        const int status = qdb::test::Intercept(qdb::test::gPrepares, sql);
+        if (status != SQLITE_OK && status != SQLITE_ROW &&
+            status != SQLITE_DONE)
+        {
+            return status;
+        }
+        const int prepared = __real_sqlite3_prepare_v2(connection, sql, length,
+                                                       pStatement, pTail);
+        return prepared == SQLITE_OK ? status : prepared;
+    }
+}
