@@ -3,6 +3,7 @@
 #pragma once
 
 #include "core/sleep.h"
+#include "core/status.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mirror.h"
 #include "tests/support/sqlite_faults.h"

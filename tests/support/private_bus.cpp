@@ -68,12 +68,18 @@ PrivateBus::~PrivateBus()
 
 void PrivateBus::Freeze() const
 {
-    kill(pid_, SIGSTOP);
+    if (pid_ > 0)
+    {
+        kill(pid_, SIGSTOP);
+    }
 }
 
 void PrivateBus::Thaw() const
 {
-    kill(pid_, SIGCONT);
+    if (pid_ > 0)
+    {
+        kill(pid_, SIGCONT);
+    }
 }
 
 void PrivateBus::Kill()

@@ -1,0 +1,46 @@
+"""Counts test cases from Meson's JUnit reports.
+
+Usage: count_tests.py FAILED_BUILDS UNFORMATTED FOLDER...
+
+A variant that did not build, an executable that left no report of its cases,
+and code that isn't formatted count as one failure each. The last line printed
+is "N passed, N failed", with ", N skipped" where tests were skipped; the exit
+status is 1 when anything failed or nothing ran.
+"""
+import pathlib
+import sys
+import xml.etree.ElementTree as xml
+
+
+def count(report):
+    passed = failed = skipped = 0
+    for suite in xml.parse(report).getroot().iter("testsuite"):
+        cases = list(suite.iter("testcase"))
+        if not cases:
+            failed += 1
+            print(f"no result: {suite.get('name')}")
+        for case in cases:
+            if case.find("failure") is not None or case.find("error") is not None:
+                failed += 1
+                print(f"FAILED: {suite.get('name')} {case.get('name')}")
+            elif case.find("skipped") is not None:
+                skipped += 1
+            else:
+                passed += 1
+    return passed, failed, skipped
+
+
+def main():
+    passed, skipped = 0, 0
+    failed = int(sys.argv[1]) + int(sys.argv[2])
+    for folder in sys.argv[3:]:
+        report = pathlib.Path(folder) / "meson-logs" / "testlog.junit.xml"
+        if report.exists():
+            p, f, s = count(report)
+            passed, failed, skipped = passed + p, failed + f, skipped + s
+    line = f"{passed} passed, {failed} failed"
+    print(line + (f", {skipped} skipped" if skipped else ""))
+    return 1 if failed or not passed else 0
+
+
+sys.exit(main())

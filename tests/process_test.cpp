@@ -1,0 +1,343 @@
+// The real process: start-up, the ways it can be missing something, and its
+// end. Every service here must end in order: status 0 within the limit of a
+// stop, readiness withdrawn, and a clean bill from the sanitizers, which would
+// change the status.
+
+#include "tests/support/change_listener.h"
+#include "tests/support/private_bus.h"
+#include "tests/support/service_process.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <thread>
+
+namespace qdb::test
+{
+namespace
+{
+
+// A server of `count` memory modules and as many probes.
+std::string Scenario(int count)
+{
+    const std::string n = std::to_string(count);
+    return R"({"objects":[{"type":"0xE1","oid":{"base":4096,"step":1},)"
+           R"("parents":[1],"values":{"Key":"DIMM{i}"},"repeat":)" +
+           n +
+           R"(},{"type":"0x16","oid":{"base":65536,"step":1},)"
+           R"("values":{"probeReading":20,"Key":"Probe{i}"},"repeat":)" +
+           n + "}]}";
+}
+
+std::string OidList(int first, int count)
+{
+    std::string list;
+    for (int i = 0; i < count; ++i)
+    {
+        list += (i == 0 ? "" : ",") + std::to_string(first + i);
+    }
+    return list;
+}
+
+int RandomMilliseconds(int limit)
+{
+    // Seeded by the test's own random seed, which gtest prints and takes.
+    static std::mt19937 engine(static_cast<unsigned>(
+        ::testing::UnitTest::GetInstance()->random_seed()));
+    return std::uniform_int_distribution<int>(0, limit)(engine);
+}
+
+void ExpectOrderlyEnd(ServiceProcess &service, int status)
+{
+    EXPECT_EQ(status, 0) << service.Log().substr(
+        service.Log().size() - std::min<size_t>(service.Log().size(), 6000));
+    EXPECT_EQ(service.ReadyAttribute(), 0);
+    EXPECT_NE(service.Log().find("Main exited"), std::string::npos);
+}
+
+TEST(Process, BecomesReadyAndEndsInOrder)
+{
+    ServiceProcess service({.scenario = Scenario(20)});
+    service.Start();
+    ASSERT_TRUE(service.WaitReady());
+    EXPECT_EQ(QueryValue(service.Root().Database(),
+                         "SELECT count(*) FROM TblMemoryInfo"),
+              "20");
+    ExpectOrderlyEnd(service, service.Stop());
+    // Its steps, in the order of the life of the process.
+    const std::string log = service.Log();
+    size_t at = 0;
+    for (const char *line :
+         {"QDB is getting ready. Disable sending Dbus events!!",
+          "event listener added", "Client is attached.", "Opening DB.",
+          "QDVDBInit() success.", "Entering OnLoadObjectsCreation",
+          "OnLoadObjectsCreation total objects created: 40",
+          "OnLoadRawObjectsUpdate: Exit", "Start thread: 1",
+          "Start thread: 10, Status=0", "QDB is ready. Enable", "ACCEPT THREAD",
+          "Main exit: closed DB", "Main exit: free globals", "Main exited"})
+    {
+        const size_t found = log.find(line, at);
+        ASSERT_NE(found, std::string::npos) << line;
+        at = found;
+    }
+}
+
+// Readiness cannot be published until the fault is lifted, so that there is all
+// the time in the world to catch a signal that should not be.
+TEST(Process, SendsNoSignalBeforeReadiness)
+{
+    std::string scenario = Scenario(20);
+    scenario.insert(1, R"("faults":[{"call":"CfgSetAttributeInt",)"
+                       R"("status":5,"times":1000000,"skip":1}],)");
+    ServiceProcess service({.scenario = scenario});
+    const ChangeListener listener;
+    service.Start();
+    ASSERT_TRUE(service.WaitForLog("CfgSetAttributeInt QDB_READY failed"));
+    service.Command(R"({"op":"create","type":"0x17","oid":99})");
+    EXPECT_TRUE(WaitUntil(
+        [&]
+        {
+            return QueryValue(service.Root().Database(),
+                              "SELECT count(*) FROM TblProbeObj WHERE OID = "
+                              "99") == "1";
+        }));
+    service.Command(
+        R"({"op":"fault","call":"CfgSetAttributeInt","status":0,"times":0})");
+    // The next event publishes readiness, and is the first to be announced.
+    service.Command(R"({"op":"set","oid":4096,"values":{"Speed":2933}})");
+    const std::vector<Change> changes = listener.WaitFor(1);
+    ASSERT_EQ(changes.size(), 1u) << "a signal from before readiness";
+    EXPECT_EQ(changes[0].member, "Vexo_qdb_Resource_Changed");
+    EXPECT_NE(changes[0].json.find("\"Speed\": 2933"), std::string::npos);
+    EXPECT_EQ(service.ReadyAttribute(), 1);
+    ExpectOrderlyEnd(service, service.Stop());
+}
+
+// What may be missing at the start, and what the log says of it.
+TEST(Process, LivesWithWhatIsMissing)
+{
+    struct
+    {
+        const char *name;
+        ServiceOptions options;
+        const char *line;
+        int rows; // of TblMemoryInfo; -1: no such table
+    } cases[] = {
+        {"no bus",
+         {.scenario = Scenario(3), .busAddress = "unix:path=/nonexistent"},
+         "Failed to connect to bus",
+         3},
+        {"no database file",
+         {.scenario = Scenario(3), .database = false},
+         "sqlite3_prepare_v2 Error: 1",
+         -1},
+        {"no telemetry pipe",
+         {.scenario = Scenario(3)},
+         "QDB-TDB pipe open failed with error: 2",
+         3},
+        {"a telemetry pipe without a reader",
+         {.scenario = Scenario(3), .pipe = true},
+         "QDB-TDB pipe open failed with error: 6",
+         3},
+    };
+    for (auto &c : cases)
+    {
+        SCOPED_TRACE(c.name);
+        ServiceProcess service(c.options);
+        service.Start();
+        EXPECT_TRUE(service.WaitReady());
+        EXPECT_TRUE(service.WaitForLog(c.line));
+        EXPECT_EQ(QueryValue(service.Root().Database(),
+                             "SELECT count(*) FROM TblMemoryInfo"),
+                  c.rows < 0 ? "no such table: TblMemoryInfo"
+                             : std::to_string(c.rows));
+        ExpectOrderlyEnd(service, service.Stop());
+    }
+}
+
+TEST(Process, EndsWhenTheDatabaseCannotBeOpened)
+{
+    ServiceProcess service({.database = false});
+    std::filesystem::create_directory(service.Root().Database());
+    service.Start();
+    ExpectOrderlyEnd(service, service.WaitExit(kStopLimitMs));
+    EXPECT_NE(service.Log().find("QDVDBInit() Error."), std::string::npos);
+}
+
+// Overwrites all pages but the first.
+void Corrupt(const std::string &database)
+{
+    constexpr std::streamoff kPage = 4096;
+    const auto size =
+        static_cast<std::streamoff>(std::filesystem::file_size(database));
+    std::fstream file(database,
+                      std::ios::binary | std::ios::in | std::ios::out);
+    file.seekp(kPage);
+    const std::string noise(4096, '\xA5');
+    for (std::streamoff at = kPage; at < size; at += kPage)
+    {
+        file << noise;
+    }
+}
+
+TEST(Process, LeavesWithStatusOneWhenPopulationMeetsACorruptDatabase)
+{
+    ServiceProcess service({.scenario = Scenario(3)});
+    Corrupt(service.Root().Database());
+    service.Start();
+    EXPECT_EQ(service.WaitExit(), 1);
+    EXPECT_NE(service.Log().find("OnLoadObjectsCreation() returns ret=11"),
+              std::string::npos);
+    EXPECT_EQ(service.ReadyAttribute(), 0);
+}
+
+TEST(Process, EndsInOrderWhenAWorkerMeetsACorruptDatabase)
+{
+    ServiceProcess service({.scenario = Scenario(200)});
+    service.Start();
+    ASSERT_TRUE(service.WaitReady());
+    Corrupt(service.Root().Database());
+    // Large enough to need pages that are not in the cache.
+    for (int i = 0; i < 200 && service.WaitExit(0) == -1; ++i)
+    {
+        service.Command(R"({"op":"set","oid":)" + std::to_string(4096 + i) +
+                        R"(,"values":{"Speed":1000}})");
+        service.Command(R"({"op":"generate","count":20})");
+    }
+    const int status = service.Pid() > 0 ? service.WaitExit() : 0;
+    ExpectOrderlyEnd(service, status);
+    EXPECT_NE(
+        service.Log().find(
+            "handle_QuillonDB_Sqlite_corrupt sqlite corrupt error occured"),
+        std::string::npos);
+}
+
+TEST(Process, GoesOnWithoutTheBus)
+{
+    PrivateBus bus;
+    ServiceProcess service(
+        {.scenario = Scenario(3), .busAddress = bus.Address()});
+    service.Start();
+    ASSERT_TRUE(service.WaitReady());
+    bus.Kill();
+    service.Command(R"({"op":"set","oid":4096,"values":{"Speed":2933}})");
+    EXPECT_TRUE(service.WaitForLog("Failed to emit signal sd_bus_send"));
+    EXPECT_EQ(QueryValue(service.Root().Database(),
+                         "SELECT Speed FROM TblMemoryInfo WHERE OID = 4096"),
+              "2933");
+    ExpectOrderlyEnd(service, service.Stop());
+}
+
+// --- Stops -------------------------------------------------------------------
+
+// Runs that each take a new random moment; the environment asks for more.
+int RandomStops()
+{
+    const char *runs = std::getenv("QDB_TEST_STOPS");
+    return runs == nullptr ? 16 : std::atoi(runs);
+}
+
+// From the first log line to some time after readiness.
+void StopAtRandom(int run)
+{
+    ServiceProcess service({.scenario = Scenario(400), .logLevel = 6});
+    service.Start();
+    ASSERT_TRUE(service.WaitForLog("Entry!!!") ||
+                service.WaitForLog("getting ready"));
+    const int delay = RandomMilliseconds(1600);
+    SCOPED_TRACE("run " + std::to_string(run) + ", SIGTERM after " +
+                 std::to_string(delay) + " ms");
+    std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    ExpectOrderlyEnd(service, service.Stop());
+}
+
+TEST(Stop, AtAnyMomentEndsInOrder)
+{
+    const int runs = RandomStops();
+    for (int run = 0; run < runs && !::testing::Test::HasFailure(); ++run)
+    {
+        StopAtRandom(run);
+    }
+}
+
+// What goes on while the signal comes.
+TEST(Stop, UnderWorkEndsInOrder)
+{
+    struct
+    {
+        const char *name;
+        std::string command;
+    } cases[] = {
+        {"1,000 records queued",
+         R"({"op":"churn","count":1000,"rate":0,"types":["0x16"]})"},
+        {"a destroy of 4,000 objects",
+         R"({"op":"delete","oids":[)" + OidList(4096, 4000) + "]}"},
+        {"a detach", R"({"op":"detach"})"},
+    };
+    for (const auto &c : cases)
+    {
+        SCOPED_TRACE(c.name);
+        ServiceProcess service({.scenario = Scenario(4000), .logLevel = 3});
+        service.Start();
+        ASSERT_TRUE(service.WaitReady());
+        // The command may wait for what the stop interrupts.
+        std::thread command(
+            [&]
+            {
+                service.Command(c.command);
+            });
+        std::this_thread::sleep_for(
+            std::chrono::milliseconds(RandomMilliseconds(300)));
+        service.Signal(SIGTERM);
+        service.Signal(SIGTERM);
+        const int status = service.WaitExit(kStopLimitMs);
+        command.join();
+        EXPECT_EQ(status, 0) << service.Log();
+        EXPECT_EQ(service.ReadyAttribute(), 0);
+    }
+}
+
+// --- Memory ------------------------------------------------------------------
+
+TEST(Memory, StaysFlatUnderChanges)
+{
+    const char *asked = std::getenv("QDB_TEST_CHANGES");
+    const int changes = asked == nullptr ? 10000 : std::atoi(asked);
+    ServiceProcess service({.scenario = Scenario(100), .logLevel = 0});
+    service.Start();
+    ASSERT_TRUE(service.WaitReady());
+    const auto churn = [&](int count)
+    {
+        EXPECT_NE(service
+                      .Command(R"({"op":"churn","rate":0,"count":)" +
+                               std::to_string(count) + "}")
+                      .find("true"),
+                  std::string::npos);
+    };
+    churn(changes / 2); // fills caches and prepares statements
+    const long before = service.ResidentKiB();
+    churn(changes);
+    const long after = service.ResidentKiB();
+    std::printf("resident after %d changes: %ld KiB, after %d: %ld KiB\n",
+                changes / 2, before, changes + changes / 2, after);
+    RecordProperty("resident_before_kib", static_cast<int>(before));
+    RecordProperty("resident_after_kib", static_cast<int>(after));
+    // A leak of 64 bytes a change would show.
+    EXPECT_LT(after - before, std::max(2048L, changes * 64L / 1024));
+    EXPECT_EQ(service.Stop(), 0);
+}
+
+} // namespace
+} // namespace qdb::test
+
+int main(int argc, char **argv)
+{
+    ::testing::InitGoogleTest(&argc, argv);
+    const qdb::test::PrivateBus bus;
+    return RUN_ALL_TESTS();
+}
