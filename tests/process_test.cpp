@@ -247,8 +247,7 @@ void StopAtRandom(int run)
 {
     ServiceProcess service({.scenario = Scenario(400), .logLevel = 6});
     service.Start();
-    ASSERT_TRUE(service.WaitForLog("Entry!!!") ||
-                service.WaitForLog("getting ready"));
+    ASSERT_TRUE(service.WaitForLog("QDB is getting ready"));
     const int delay = RandomMilliseconds(1600);
     SCOPED_TRACE("run " + std::to_string(run) + ", SIGTERM after " +
                  std::to_string(delay) + " ms");
