@@ -6,6 +6,7 @@
 #include "objects/schema/rows.h"
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
 namespace qdb
@@ -37,10 +38,13 @@ consteval MatchFunction PredicateOf(const RowData &row)
     switch (row.objType)
     {
     case 0x31B:
-        return row.table == &kTblRAID_PDSmartData_NVMe ? Is_NVMe : Is_SAS_SATA;
+        return std::string_view(row.suffix) == "31B_RAID_PDSmartData_NVMe"
+                   ? Is_NVMe
+                   : Is_SAS_SATA;
     case 0x45:
-        return row.table == &kTblRAID_EmptySlot ? Is_Raid_Empty_Slot_Obj
-                                                : Is_Empty_Slot_Obj;
+        return std::string_view(row.suffix) == "45_RAID_EmptySlot"
+                   ? Is_Raid_Empty_Slot_Obj
+                   : Is_Empty_Slot_Obj;
     case 0x706:
     case 0x726:
     case 0x746:
@@ -76,9 +80,6 @@ ObjRowState gRowStates[kRowCount];
 
 constexpr std::array<ObjTypeRow, kRowCount> ObjectTypeTable =
     MakeTable(std::make_index_sequence<kRowCount>());
-
-static_assert(std::ranges::count(ObjectTypeTable, nullptr,
-                                 &ObjTypeRow::ObjMatchFP) == 153);
 
 ObjRowState &StateOf(const ObjTypeRow &row)
 {

@@ -6,7 +6,7 @@
 #pragma once
 
 #include "objects/catalogue.h"
-#include "objects/json.h"
+#include "core/json.h"
 
 namespace qdb
 {

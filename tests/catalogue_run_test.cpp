@@ -48,12 +48,6 @@ void ExpectSame(const JsonPtr &actual, const JsonPtr &expected)
     }
 }
 
-// A value that another object holds, as one more reference.
-JsonPtr Share(json_t *value)
-{
-    return JsonPtr(json_incref(value));
-}
-
 JsonPtr Parse(const std::string &text)
 {
     return JsonPtr(json_loads(text.c_str(), 0, nullptr));

@@ -103,7 +103,8 @@ std::vector<Change> ChangeListener::WaitFor(size_t count) const
     WaitUntil(
         [&]
         {
-            return Changes().size() >= count;
+            const std::lock_guard<std::mutex> lock(mutex_);
+            return changes_.size() >= count;
         });
     return Changes();
 }

@@ -9,7 +9,7 @@
 #include "events/queues/event_queue.h"
 #include "events/queues/fail_queue.h"
 #include "objects/catalogue.h"
-#include "objects/json.h"
+#include "core/json.h"
 #include "platform/standin/object_builder.h"
 #include "publish/bus_connection.h"
 #include "publish/bus_service.h"

@@ -6,7 +6,7 @@
 #pragma once
 
 #include "db/statement.h"
-#include "objects/json.h"
+#include "core/json.h"
 #include "objects/schema/rows.h"
 
 #include <cstdint>

@@ -1,10 +1,9 @@
 // Owners for Jansson values and texts.
 #pragma once
 
-#include "core/platform_ptr.h"
-
 #include <jansson.h>
 
+#include <cstdlib>
 #include <memory>
 
 namespace qdb
@@ -19,7 +18,21 @@ struct DropReference
 };
 using JsonPtr = std::unique_ptr<json_t, DropReference>;
 
+// A further reference to a value that others own; NULL stays NULL.
+inline JsonPtr Share(json_t *value)
+{
+    return JsonPtr(json_incref(value));
+}
+
+struct FreeJsonText
+{
+    void operator()(char *text) const
+    {
+        std::free(text);
+    }
+};
+
 // A text that json_dumps made.
-using JsonText = std::unique_ptr<char, CFree>;
+using JsonText = std::unique_ptr<char, FreeJsonText>;
 
 } // namespace qdb

@@ -1,0 +1,198 @@
+// Groups and attributes of the configuration manager.
+#include "platform/standin/config.h"
+
+#include "platform/standin/object_builder.h"
+#include "platform/standin/standin.h"
+#include "platform/standin/state.h"
+#include "platform/standin/store.h"
+#include "platform/standin/support.h"
+#include "platform/zoil.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace standin
+{
+namespace
+{
+
+struct ConfigInterface
+{
+    const char *name;
+    uint16_t type;
+};
+
+constexpr ConfigInterface kInterfaces[] = {
+    {"CfgGroup", kGroupType},
+    {"CfgIntAttribute", kIntAttributeType},
+    {"CfgStrAttribute", kStrAttributeType},
+    {"CfgEnumAttribute", kEnumAttributeType},
+    {"CfgPasswdAttribute", kPasswdAttributeType},
+};
+
+// A group is a header with the flags, the offset of the key, and the key.
+std::vector<uint8_t> GroupBytes(uint32_t oid, const std::string &key)
+{
+    constexpr uint32_t kKeyAt = sizeof(DataObjHeader) + sizeof(uint32_t);
+    DataObjHeader header = {};
+    header.objSize = static_cast<uint32_t>(kKeyAt + key.size() + 1);
+    header.objID = oid;
+    header.objType = kGroupType;
+    std::vector<uint8_t> bytes;
+    const auto append = [&](const void *data, size_t size)
+    {
+        const auto *begin = static_cast<const uint8_t *>(data);
+        bytes.insert(bytes.end(), begin, begin + size);
+    };
+    append(&header, sizeof(header));
+    append(&kKeyAt, sizeof(kKeyAt));
+    append(key.c_str(), key.size() + 1);
+    return bytes;
+}
+
+void MakeGroup(State *pState, const std::string &key)
+{
+    if (pState->groups.contains(key))
+    {
+        return;
+    }
+    ConfigObject group;
+    group.type = kGroupType;
+    group.oid = TakeOid(*pState, &pState->nextConfigOid);
+    group.bytes = GroupBytes(group.oid, key);
+    pState->groups.emplace(key, std::move(group));
+}
+
+void WriteStateFile(const State &state)
+{
+    const Json integers(json_object());
+    for (const auto &[key, value] : state.integers)
+    {
+        json_object_set_new(integers.get(), key.c_str(), json_integer(value));
+    }
+    const std::string temporary = state.stateFile + ".tmp";
+    if (json_dump_file(integers.get(), temporary.c_str(), JSON_COMPACT) != 0 ||
+        std::rename(temporary.c_str(), state.stateFile.c_str()) != 0)
+    {
+        Complain("can't write %s: %s", state.stateFile.c_str(),
+                 std::strerror(errno));
+    }
+}
+
+} // namespace
+
+uint16_t ConfigType(const std::string &interfaceName)
+{
+    const std::string name =
+        interfaceName.substr(interfaceName.find_last_of('.') + 1);
+    for (const ConfigInterface &known : kInterfaces)
+    {
+        if (name == known.name)
+        {
+            return known.type;
+        }
+    }
+    return 0;
+}
+
+std::string ConfigPath(const std::string &key)
+{
+    std::string path = "/com/vexo/tarnu/Config/Attributes/";
+    for (const char c : key)
+    {
+        path += c == '#'               ? '/'
+                : c == '.'             ? '_'
+                : c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a')
+                                       : c;
+    }
+    return path;
+}
+
+Error PutAttribute(const std::string &interfaceName, const std::string &key,
+                   json_t *values, uint32_t oid)
+{
+    Start();
+    const uint16_t type = ConfigType(interfaceName);
+    if (type == 0 || type == kGroupType)
+    {
+        return Print("%s isn't an attribute's interface",
+                     interfaceName.c_str());
+    }
+    const size_t separator = key.find_last_of('#');
+    if (separator == std::string::npos || separator == 0)
+    {
+        return Print("the key \"%s\" names no group", key.c_str());
+    }
+    State &state = TheState();
+    const std::lock_guard lock(state.lock);
+    const auto found = state.attributes.find(key);
+    const bool exists = found != state.attributes.end();
+    if (exists && found->second.type != type)
+    {
+        return Print("%s is an attribute of another interface", key.c_str());
+    }
+    if (oid != 0 && IsTaken(state, oid) &&
+        !(exists && found->second.oid == oid))
+    {
+        return Print("OID 0x%X is taken", oid);
+    }
+    ConfigObject object;
+    object.type = type;
+    object.oid = oid != 0 ? oid
+                 : exists ? found->second.oid
+                          : TakeOid(state, &state.nextConfigOid);
+    object.values =
+        MergedValues(exists ? found->second.values.get() : nullptr, values);
+    if (json_object_get(object.values.get(), "Key") == nullptr)
+    {
+        json_object_set_new(object.values.get(), "Key",
+                            json_string(key.c_str()));
+    }
+    Error error;
+    object.bytes = BuildObject({.type = type, .oid = object.oid},
+                               object.values.get(), &error);
+    if (error.empty())
+    {
+        MakeGroup(&state, key.substr(0, separator));
+        state.attributes.insert_or_assign(key, std::move(object));
+    }
+    return error;
+}
+
+Error RemoveAttribute(const std::string &key)
+{
+    Start();
+    State &state = TheState();
+    const std::lock_guard lock(state.lock);
+    return state.attributes.erase(key) == 0
+               ? Print("there is no attribute %s", key.c_str())
+               : Error();
+}
+
+std::string AttributePath(const std::string &key)
+{
+    return ConfigPath(key);
+}
+
+int IntegerAttribute(const std::string &key, int otherwise)
+{
+    Start();
+    State &state = TheState();
+    const std::lock_guard lock(state.lock);
+    const auto found = state.integers.find(key);
+    return found == state.integers.end() ? otherwise : found->second;
+}
+
+void SetIntegerAttribute(const std::string &key, int value)
+{
+    State &state = TheState();
+    const std::lock_guard lock(state.lock);
+    state.integers[key] = value;
+    if (!state.stateFile.empty())
+    {
+        WriteStateFile(state);
+    }
+}
+
+} // namespace standin

@@ -1,0 +1,208 @@
+// The object-access library: objects, lists of OIDs, keys, the listener.
+//
+// What is handed out is always a copy from malloc or calloc, so that any
+// release function may free it.
+#include "platform/zoil.h"
+
+#include "platform/standin/events.h"
+#include "platform/standin/faults.h"
+#include "platform/standin/standin.h"
+#include "platform/standin/state.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <string>
+
+using namespace standin;
+
+namespace
+{
+
+constexpr int kNoSuchObject = 256;
+
+// An object that was given as bytes may claim a greater size than it has; its
+// copy is as large as it claims, so that the claim holds for the caller.
+DataObjHeader *Copy(const std::vector<uint8_t> &bytes)
+{
+    uint32_t claimed = 0;
+    std::memcpy(&claimed, bytes.data(),
+                std::min(bytes.size(), sizeof(claimed)));
+    void *copy = std::calloc(1, std::max(bytes.size(), size_t{claimed}));
+    if (copy != nullptr)
+    {
+        std::memcpy(copy, bytes.data(), bytes.size());
+    }
+    return static_cast<DataObjHeader *>(copy);
+}
+
+template <typename Oids>
+uint32_t *List(const Oids &oids)
+{
+    auto *list =
+        static_cast<uint32_t *>(std::calloc(oids.size() + 1, sizeof(uint32_t)));
+    if (list != nullptr)
+    {
+        list[0] = static_cast<uint32_t>(oids.size());
+        std::ranges::copy(oids, list + 1);
+    }
+    return list;
+}
+
+// The text at the offset that stands in the object's word at 20; NULL when it
+// doesn't lie inside the object.
+const char *ConfigKey(const DataObjHeader *pDOH)
+{
+    constexpr size_t kKeyWord = 20;
+    if (pDOH->objSize < kKeyWord + sizeof(uint32_t))
+    {
+        return nullptr;
+    }
+    const char *object = reinterpret_cast<const char *>(pDOH);
+    uint32_t offset = 0;
+    std::memcpy(&offset, object + kKeyWord, sizeof(offset));
+    if (offset == 0 || offset >= pDOH->objSize ||
+        std::memchr(object + offset, '\0', pDOH->objSize - offset) == nullptr)
+    {
+        return nullptr;
+    }
+    return object + offset;
+}
+
+} // namespace
+
+int ZOILAddEventListener(ZOILEventListener listener)
+{
+    int status = 0;
+    return Faulted(Call("ZOILAddEventListener"), &status)
+               ? status
+               : AddListener(listener);
+}
+
+int ZOILRemoveEventListener(ZOILEventListener listener)
+{
+    int status = 0;
+    return Faulted(Call("ZOILRemoveEventListener"), &status)
+               ? status
+               : RemoveListener(listener);
+}
+
+int ZOILIsDataManagerReady(void)
+{
+    int status = 0;
+    if (Faulted(Call("ZOILIsDataManagerReady"), &status))
+    {
+        return status;
+    }
+    State &state = TheState();
+    const std::lock_guard lock(state.lock);
+    return state.ready ? 1 : 0;
+}
+
+DataObjHeader *ZOILGetObjByOID(const uint32_t *pOID)
+{
+    if (Faulted(Call("ZOILGetObjByOID")) || pOID == nullptr)
+    {
+        return nullptr;
+    }
+    State &state = TheState();
+    const std::lock_guard lock(state.lock);
+    const auto found = state.objects.find(*pOID);
+    return found == state.objects.end() ? nullptr : Copy(found->second.bytes);
+}
+
+DataObjHeader *ZOILGetObjByKey(const char *key)
+{
+    if (Faulted(Call("ZOILGetObjByKey")) || key == nullptr)
+    {
+        return nullptr;
+    }
+    State &state = TheState();
+    const std::lock_guard lock(state.lock);
+    const auto found = std::ranges::find_if(state.objects,
+                                            [key](const auto &item)
+                                            {
+                                                return item.second.key == key;
+                                            });
+    return found == state.objects.end() ? nullptr : Copy(found->second.bytes);
+}
+
+uint32_t *ZOILListChildOIDByType(const uint32_t *pParentOID, uint16_t objType)
+{
+    if (Faulted(Call("ZOILListChildOIDByType")) || pParentOID == nullptr)
+    {
+        return nullptr;
+    }
+    State &state = TheState();
+    const std::lock_guard lock(state.lock);
+    const auto found = state.byType.find(objType);
+    if (found == state.byType.end() || IsConfigType(objType))
+    {
+        return List(std::vector<uint32_t>());
+    }
+    if (*pParentOID == kRootOid)
+    {
+        return List(found->second);
+    }
+    std::vector<uint32_t> children;
+    std::ranges::copy_if(
+        found->second, std::back_inserter(children),
+        [&](uint32_t oid)
+        {
+            const auto &parents = state.objects.at(oid).parents;
+            return std::ranges::find(parents, *pParentOID) != parents.end();
+        });
+    return List(children);
+}
+
+uint32_t *ZOILListParentOID(const uint32_t *pOID)
+{
+    if (Faulted(Call("ZOILListParentOID")) || pOID == nullptr)
+    {
+        return nullptr;
+    }
+    State &state = TheState();
+    const std::lock_guard lock(state.lock);
+    const auto found = state.objects.find(*pOID);
+    return found == state.objects.end() ? nullptr : List(found->second.parents);
+}
+
+int ZOILDOGetObjKeyUTF8(const DataObjHeader *pDOH, char **ppKey)
+{
+    int status = 0;
+    if (Faulted(Call("ZOILDOGetObjKeyUTF8"), &status))
+    {
+        return status;
+    }
+    if (pDOH == nullptr || ppKey == nullptr)
+    {
+        return kNoSuchObject;
+    }
+    char *key = nullptr;
+    if (IsConfigType(pDOH->objType))
+    {
+        const char *text = ConfigKey(pDOH);
+        key = text == nullptr ? nullptr : strdup(text);
+    }
+    else
+    {
+        State &state = TheState();
+        const std::lock_guard lock(state.lock);
+        const auto found = state.objects.find(pDOH->objID);
+        key = found == state.objects.end() ? nullptr
+                                           : strdup(found->second.key.c_str());
+    }
+    if (key == nullptr)
+    {
+        return kNoSuchObject;
+    }
+    *ppKey = key;
+    return 0;
+}
+
+void ZOILFreeGeneric(void *memory)
+{
+    static_cast<void>(Faulted(Call("ZOILFreeGeneric")));
+    std::free(memory);
+}

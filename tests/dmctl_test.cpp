@@ -1,0 +1,415 @@
+// dmctl: what it reads of a machine, and how it keeps the stand-in equal to it.
+//
+// Machines are folders with files as the kernel would show them; the stand-in
+// is the real one, reached over its control socket.
+#include "platform/standin/standin.h"
+#include "tools/dmctl/client.h"
+#include "tools/dmctl/commands.h"
+#include "tools/dmctl/host_mirror.h"
+#include "tools/dmctl/host_objects.h"
+#include "tools/dmctl/host_usage.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+namespace qdb
+{
+
+namespace
+{
+
+Json Parse(const std::string &text)
+{
+    json_error_t error;
+    Json value(json_loads(text.c_str(), JSON_DECODE_ANY, &error));
+    EXPECT_NE(value, nullptr) << error.text << " in " << text;
+    return value;
+}
+
+std::string Dump(const json_t *value)
+{
+    const std::unique_ptr<char, decltype(&free)> text(
+        json_dumps(value, JSON_COMPACT | JSON_SORT_KEYS | JSON_ENCODE_ANY),
+        free);
+    return text == nullptr ? "(none)" : text.get();
+}
+
+// A machine of files, removed at the end.
+class FakeMachine
+{
+  public:
+    FakeMachine()
+    {
+        char path[] = "/tmp/dmctl_test.XXXXXX";
+        mRoot = mkdtemp(path);
+    }
+    FakeMachine(const FakeMachine &) = delete;
+    FakeMachine &operator=(const FakeMachine &) = delete;
+    ~FakeMachine()
+    {
+        std::filesystem::remove_all(mRoot);
+    }
+
+    void Write(const std::string &path, const std::string &content) const
+    {
+        const std::filesystem::path file = mRoot + path;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file, std::ios::binary) << content;
+    }
+
+    void Remove(const std::string &path) const
+    {
+        std::filesystem::remove_all(mRoot + path);
+    }
+
+    const std::string &Root() const
+    {
+        return mRoot;
+    }
+
+  private:
+    std::string mRoot;
+};
+
+// "key values" of each object, one per line.
+std::string Listing(const HostView &view)
+{
+    std::string listing;
+    for (const HostObject &object : view.Objects())
+    {
+        listing += object.key + ' ' + Dump(object.values.get()) + '\n';
+    }
+    return listing;
+}
+
+struct MachineCase
+{
+    const char *name;
+    std::vector<std::pair<std::string, std::string>> files;
+    void (*collect)(HostView &);
+    std::string expected;
+};
+
+void PrintTo(const MachineCase &machine, std::ostream *stream)
+{
+    *stream << machine.name;
+}
+
+class MachineTest : public testing::TestWithParam<MachineCase>
+{
+};
+
+TEST_P(MachineTest, GivesItsObjects)
+{
+    const FakeMachine machine;
+    for (const auto &[path, content] : GetParam().files)
+    {
+        machine.Write(path, content);
+    }
+    const HostFiles files(machine.Root());
+    HostView view(files);
+    GetParam().collect(view);
+    EXPECT_EQ(Listing(view), GetParam().expected);
+}
+
+const std::string kPci = "/sys/bus/pci/devices/0000:3b:00.1/";
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, MachineTest,
+    testing::Values(
+        MachineCase{"NothingAtAll",
+                    {},
+                    [](HostView &view)
+                    {
+                        CollectProcessors(view);
+                        CollectPciDevices(view);
+                        CollectDisks(view);
+                        CollectTemperatures(view);
+                    },
+                    ""},
+        MachineCase{
+            "TwoThreadsOfOneCore",
+            {{"/proc/cpuinfo",
+              "processor\t: 0\nphysical id\t: 1\ncore id\t: 7\n"
+              "flags\t\t: fpu ht nx\n\n"
+              "processor\t: 1\nphysical id\t: 1\n"
+              "core id\t: 7\n\n"}},
+            CollectProcessors,
+            "D2||Host.CPU.2 {\"Key\":\"D2||Host.CPU.2\","
+            "\"NumberOfProcessorCores\":1,\"NumberofEnabledCores\":1,"
+            "\"NumberofEnabledThreads\":2,\"executeDisableCapable\":1,"
+            "\"executeDisableEnabled\":1,\"fqdd\":\"Host.CPU.2\","
+            "\"friendlyFQDD\":\"CPU 2\",\"hyperThreadingCapable\":1,"
+            "\"hyperThreadingEnabled\":1,\"virtualizationTechCapable\":0}\n"},
+        MachineCase{"GarbageForProcessors",
+                    {{"/proc/cpuinfo", ":\n: x\n\n\nprocessor\n\n\xff\xfe:"}},
+                    CollectProcessors,
+                    ""},
+        MachineCase{
+            "PciDevice",
+            {{kPci + "vendor", "0x1af4\n"},
+             {kPci + "class", "0x010802\n"},
+             {kPci + "revision", "no number"},
+             {"/sys/bus/pci/devices/strange/vendor", "0x1\n"}},
+            CollectPciDevices,
+            "E6||Host.PCI.0000:3b:00.1 {\"Key\":\"E6||Host.PCI.0000:3b:00.1\","
+            "\"busNum\":59,\"classCode\":1,"
+            "\"description\":\"Mass storage controller\",\"deviceNum\":0,"
+            "\"fqdd\":\"Host.PCI.0000:3b:00.1\","
+            "\"friendlyFQDD\":\"PCI device 0000:3b:00.1\",\"functionNum\":1,"
+            "\"progIF\":2,\"subclass\":8,\"vendorID\":6900}\n"},
+        MachineCase{
+            "DiskWithOddTexts",
+            {{"/sys/block/sda/size", "9223372036854775807\n"},
+             {"/sys/block/sda/device/model",
+              std::string(30, 'm') + "\u00e4xyz"},
+             {"/sys/block/sda/device/serial", "A\xff"
+                                              "B"},
+             {"/sys/block/zram0/size", "8\n"},
+             {"/sys/block/loop3/size", "8\n"}},
+            CollectDisks,
+            "304||Host.Disk.sda {\"fqdd\":\"Host.Disk.sda\","
+            "\"hdr_DOT_objName\":\"sda\",\"modelName\":\"" +
+                std::string(30, 'm') +
+                "\u00e4\",\"serialNumber\":\"A?B\","
+                "\"size\":9223372036854775296,"
+                "\"uSiObj_DOT_sbSiObj_DOT_BSInfo_DOT_FQDD\":\"Host.Disk.sda\","
+                "\"uSiObj_DOT_sbSiObj_DOT_BSInfo_DOT_Key\":"
+                "\"304||Host.Disk.sda\"}\n"},
+        MachineCase{
+            "ChipsBeforeZones",
+            {{"/sys/class/hwmon/hwmon0/name", "coretemp\n"},
+             {"/sys/class/hwmon/hwmon0/temp1_input", "-45300\n"},
+             {"/sys/class/hwmon/hwmon0/temp1_crit", "100000\n"},
+             {"/sys/class/hwmon/hwmon0/temp2_input", ""},
+             {"/sys/class/thermal/thermal_zone0/temp", "45000\n"}},
+            CollectTemperatures,
+            "16||Host.Temp.hwmon0.temp1 {"
+            "\"FriendlyFQDD\":\"Host.Temp.hwmon0.temp1\","
+            "\"Key\":\"16||Host.Temp.hwmon0.temp1\","
+            "\"ProbeLocation\":\"coretemp temp1\",\"probeReading\":-453,"
+            "\"probeThresholds_DOT_ucThreshold\":1000,\"unitModifier\":1}\n"},
+        MachineCase{"ZonesWithoutChips",
+                    {{"/sys/class/thermal/thermal_zone0/temp", "45000\n"},
+                     {"/sys/class/thermal/thermal_zone0/type", "acpitz\n"},
+                     {"/sys/class/thermal/cooling_device0/type", "Fan\n"}},
+                    CollectTemperatures,
+                    "16||Host.Temp.thermal_zone0 {"
+                    "\"FriendlyFQDD\":\"Host.Temp.thermal_zone0\","
+                    "\"Key\":\"16||Host.Temp.thermal_zone0\","
+                    "\"ProbeLocation\":\"acpitz\",\"probeReading\":450,"
+                    "\"unitModifier\":1}\n"}),
+    [](const testing::TestParamInfo<MachineCase> &info)
+    {
+        return info.param.name;
+    });
+
+TEST(HostView, KeepsAnOidWhileOthersComeAndGo)
+{
+    const FakeMachine machine;
+    machine.Write("/sys/block/sda/size", "1");
+    machine.Write("/sys/block/sdb/size", "1");
+    const HostFiles files(machine.Root());
+    HostView view(files);
+    CollectDisks(view);
+    ASSERT_EQ(view.Objects().size(), 2u);
+    const uint32_t oid = view.Objects()[1].oid;
+
+    machine.Remove("/sys/block/sda");
+    view.Begin();
+    CollectDisks(view);
+    ASSERT_EQ(view.Objects().size(), 1u);
+    EXPECT_EQ(view.Objects()[0].oid, oid);
+}
+
+TEST(UsageWindow, ForgetsWhatHasLeftIt)
+{
+    UsageWindow window(3, 10);
+    EXPECT_EQ(window.Average(), 0);
+    window.Add(100, 90);
+    window.Add(105, 10);
+    window.Add(112, 20);
+    EXPECT_EQ(window.Average(), 40);
+    EXPECT_EQ(window.Most().percent, 90);
+    EXPECT_EQ(window.Most().time, 100);
+    EXPECT_EQ(window.Least().percent, 10);
+    EXPECT_EQ(window.History(), (std::vector<uint16_t>{50, 0, 0}));
+
+    window.Add(151, 30); // the first bucket has left
+    EXPECT_EQ(window.Most().percent, 30);
+    window.Add(90, 50); // the clock was set back
+    EXPECT_EQ(window.Average(), 40);
+    EXPECT_EQ(window.Most().percent, 50);
+    EXPECT_EQ(window.History(), (std::vector<uint16_t>{0, 0, 0}));
+}
+
+TEST(Assignments, AreJsonOrText)
+{
+    EXPECT_EQ(Dump(ParseAssignments({"a=1", "b=x=y", "c=[1,2]", "d=\"7\"",
+                                     "e=", "f=0x16", "g=null"})
+                       .get()),
+              "{\"a\":1,\"b\":\"x=y\",\"c\":[1,2],\"d\":\"7\",\"e\":\"\","
+              "\"f\":\"0x16\",\"g\":null}");
+    for (const char *wrong : {"", "a", "=1", "a=\xff"})
+    {
+        EXPECT_THROW(ParseAssignments({wrong}), std::invalid_argument);
+    }
+}
+
+TEST(ChangedMembers, NamesNewOtherAndVanished)
+{
+    const Json before = Parse(R"({"same":[1],"other":1,"gone":2})");
+    const Json after = Parse(R"({"same":[1],"other":2,"new":"x"})");
+    EXPECT_EQ(Dump(ChangedMembers(before.get(), after.get()).get()),
+              R"({"gone":null,"new":"x","other":2})");
+}
+
+// --- Against the stand-in --------------------------------------------------
+
+class MirrorTest : public testing::Test
+{
+  protected:
+    static void SetUpTestSuite()
+    {
+        gFolder = new FakeMachine;
+        setenv("QDB_STANDIN_SOCKET", (gFolder->Root() + "/socket").c_str(), 1);
+        const char *scenario = getenv("QDB_TEST_SCENARIO");
+        setenv("QDB_STANDIN_SCENARIO", scenario == nullptr ? "" : scenario, 1);
+        gLoaded = standin::ObjectIds().size(); // also opens the socket
+    }
+
+    static void TearDownTestSuite()
+    {
+        delete gFolder;
+    }
+
+    void SetUp() override
+    {
+        standin::Reset();
+    }
+
+    static std::string Value(uint32_t oid, const char *column)
+    {
+        Client client(gFolder->Root() + "/socket");
+        const Json request = Operation("show");
+        Put(request, "oid", Number(oid));
+        const Json reply = client.Call(request);
+        return Dump(
+            json_object_get(json_object_get(reply.get(), "values"), column));
+    }
+
+    static inline FakeMachine *gFolder;
+    static inline size_t gLoaded; // objects of the demo's scenario
+};
+
+// An entry that the stand-in refuses is left out of the demo.
+TEST_F(MirrorTest, TheScenarioIsAcceptedWhole)
+{
+    const char *path = getenv("QDB_TEST_SCENARIO");
+    ASSERT_NE(path, nullptr);
+    json_error_t error;
+    const Json scenario(json_load_file(path, 0, &error));
+    ASSERT_NE(scenario, nullptr) << error.text;
+    size_t expected = 0;
+    size_t index;
+    json_t *entry;
+    json_array_foreach(json_object_get(scenario.get(), "objects"), index, entry)
+    {
+        expected += json_object_get(entry, "repeat") == nullptr
+                        ? 1
+                        : NumberOf(entry, "repeat");
+    }
+    EXPECT_EQ(gLoaded, expected);
+}
+
+TEST_F(MirrorTest, FollowsTheMachine)
+{
+    const FakeMachine machine;
+    const HostFiles files(machine.Root());
+    HostView view(files);
+    Client client(gFolder->Root() + "/socket");
+    HostMirror mirror(client);
+    const auto update = [&]
+    {
+        view.Begin();
+        CollectDisks(view);
+        return mirror.Update(view.Objects());
+    };
+
+    machine.Write("/sys/block/sda/size", "2");
+    machine.Write("/sys/block/sda/device/model", "M");
+    EXPECT_TRUE(update().empty());
+    const std::vector<uint32_t> oids = standin::ObjectIds();
+    ASSERT_EQ(oids.size(), 1u);
+    EXPECT_EQ(Value(oids[0], "size"), "1024");
+
+    machine.Write("/sys/block/sda/size", "4");
+    machine.Remove("/sys/block/sda/device/model");
+    EXPECT_TRUE(update().empty());
+    EXPECT_EQ(Value(oids[0], "size"), "2048");
+    EXPECT_EQ(Value(oids[0], "modelName"), "(none)");
+
+    // Somebody else removes it: said once, and then it comes back.
+    EXPECT_EQ(standin::DeleteObjects(oids), "");
+    EXPECT_TRUE(update().empty());
+    machine.Write("/sys/block/sda/size", "6");
+    EXPECT_EQ(update().size(), 1u);
+    EXPECT_TRUE(update().empty());
+    EXPECT_EQ(Value(oids[0], "size"), "3072");
+
+    machine.Remove("/sys/block/sda");
+    EXPECT_TRUE(update().empty());
+    EXPECT_TRUE(standin::ObjectIds().empty());
+}
+
+TEST_F(MirrorTest, RemovesOnlyWhatAnEarlierRunHasLeft)
+{
+    for (const uint32_t oid : {kFirstHostOid - 1, kFirstHostOid,
+                               kBehindHostOids - 1, kBehindHostOids})
+    {
+        standin::ObjectSpec spec;
+        spec.type = 0x16;
+        spec.oid = oid;
+        ASSERT_EQ(standin::CreateObject(spec), "");
+    }
+    Client client(gFolder->Root() + "/socket");
+    const HostMirror mirror(client);
+    EXPECT_EQ(standin::ObjectIds(),
+              (std::vector<uint32_t>{kFirstHostOid - 1, kBehindHostOids}));
+}
+
+TEST_F(MirrorTest, ThisMachineIsAccepted)
+{
+    const HostFiles files;
+    HostView view(files);
+    UsageHistory history;
+    CollectSystem(view, 1);
+    CollectProcessors(view);
+    CollectPciDevices(view);
+    CollectInterfaces(view);
+    CollectUsage(view, history, 1);
+    CollectDisks(view);
+    CollectTemperatures(view);
+    Client client(gFolder->Root() + "/socket");
+    HostMirror mirror(client);
+    EXPECT_EQ(mirror.Update(view.Objects()), std::vector<std::string>());
+    EXPECT_EQ(standin::ObjectIds().size(), view.Objects().size());
+}
+
+TEST_F(MirrorTest, TellsARefusalFromALostConnection)
+{
+    EXPECT_THROW(Client("/nonexistent/socket"), NoConnection);
+    EXPECT_THROW(Client(std::string(200, 'x')), NoConnection);
+    Client client(gFolder->Root() + "/socket");
+    EXPECT_THROW(client.Call(Operation("nonsense")), Refused);
+    EXPECT_NO_THROW(client.Call(Operation("list"))); // the connection stays
+}
+
+} // namespace
+
+} // namespace qdb

@@ -1,0 +1,85 @@
+// The subcommand that mirrors this machine until it is told to stop.
+#include "tools/dmctl/commands.h"
+#include "tools/dmctl/host_mirror.h"
+#include "tools/dmctl/host_objects.h"
+#include "tools/dmctl/host_usage.h"
+
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+
+namespace qdb
+{
+
+namespace
+{
+
+// Holds back SIGINT and SIGTERM, so that a pass is never cut off in the middle.
+sigset_t BlockStopSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    return signals;
+}
+
+// Waits for the given time; true when a signal has come.
+bool WaitForStop(const sigset_t &signals, double seconds)
+{
+    timespec timeout;
+    timeout.tv_sec = static_cast<time_t>(seconds);
+    timeout.tv_nsec = static_cast<long>((seconds - std::floor(seconds)) * 1e9);
+    return sigtimedwait(&signals, nullptr, &timeout) > 0;
+}
+
+void Collect(HostView &view, UsageHistory &history)
+{
+    const time_t now = time(nullptr);
+    view.Begin();
+    CollectSystem(view, now);
+    CollectProcessors(view);
+    CollectPciDevices(view);
+    CollectInterfaces(view);
+    CollectUsage(view, history, now);
+    CollectDisks(view);
+    CollectTemperatures(view);
+}
+
+void MirrorHost(Client &client, const Invocation &invocation)
+{
+    const sigset_t signals = BlockStopSignals();
+    const HostFiles files;
+    HostView view(files);
+    HostMirror mirror(client);
+    UsageHistory history;
+    for (uint32_t pass = 1;; pass++)
+    {
+        Collect(view, history);
+        for (const std::string &refusal : mirror.Update(view.Objects()))
+        {
+            fprintf(stderr, "dmctl: %s\n", refusal.c_str());
+        }
+        if (pass == invocation.passes ||
+            WaitForStop(signals, invocation.interval))
+        {
+            return;
+        }
+    }
+}
+
+} // namespace
+
+void AddHostCommand(CLI::App &app, Invocation *pInvocation)
+{
+    CLI::App *host = AddSubcommand(
+        app, pInvocation, "host", "mirror this machine as objects", MirrorHost);
+    host->add_option("--interval", pInvocation->interval,
+                     "seconds between two looks")
+        ->check(CLI::Range(0.01, 86400.0));
+    host->add_option("--count", pInvocation->passes,
+                     "how many looks; default: until SIGINT or SIGTERM");
+}
+
+} // namespace qdb
