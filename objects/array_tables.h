@@ -6,8 +6,8 @@
 // tail of a longer predecessor stays.
 #pragma once
 
-#include "objects/catalogue.h"
 #include "core/json.h"
+#include "objects/catalogue.h"
 
 namespace qdb
 {

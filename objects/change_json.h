@@ -5,8 +5,8 @@
 // one. Key order is part of the format.
 #pragma once
 
-#include "objects/catalogue.h"
 #include "core/json.h"
+#include "objects/catalogue.h"
 
 namespace qdb
 {

@@ -5,8 +5,8 @@
 // storage class.
 #pragma once
 
-#include "objects/catalogue.h"
 #include "core/json.h"
+#include "objects/catalogue.h"
 
 namespace qdb
 {

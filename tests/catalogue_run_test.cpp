@@ -413,10 +413,3 @@ TEST_F(CatalogueRun, EveryRowIsMirroredColumnByColumn)
 
 } // namespace
 } // namespace qdb::test
-
-int main(int argc, char **argv)
-{
-    ::testing::InitGoogleTest(&argc, argv);
-    ::testing::AddGlobalTestEnvironment(new qdb::test::BusEnvironment);
-    return RUN_ALL_TESTS();
-}

@@ -204,9 +204,9 @@ INSTANTIATE_TEST_SUITE_P(
                     "\"Key\":\"16||Host.Temp.thermal_zone0\","
                     "\"ProbeLocation\":\"acpitz\",\"probeReading\":450,"
                     "\"unitModifier\":1}\n"}),
-    [](const testing::TestParamInfo<MachineCase> &info)
+    [](const testing::TestParamInfo<MachineCase> &machine)
     {
-        return info.param.name;
+        return machine.param.name;
     });
 
 TEST(HostView, KeepsAnOidWhileOthersComeAndGo)

@@ -1,5 +1,6 @@
-// Network, Fibre Channel and InfiniBand adapters, transceivers, setup attributes
-// of adapters and BIOS, boot order, and the operating system's interfaces.
+// Network, Fibre Channel and InfiniBand adapters, transceivers, setup
+// attributes of adapters and BIOS, boot order, and the operating system's
+// interfaces.
 //
 // Data only: one line per column, with its form and its place in the object.
 // clang-format off

@@ -1,5 +1,6 @@
 #include "tests/support/mirror.h"
 
+#include "core/json.h"
 #include "core/paths.h"
 #include "core/state.h"
 #include "db/clearing.h"
@@ -9,7 +10,6 @@
 #include "events/queues/event_queue.h"
 #include "events/queues/fail_queue.h"
 #include "objects/catalogue.h"
-#include "core/json.h"
 #include "platform/standin/object_builder.h"
 #include "publish/bus_connection.h"
 #include "publish/bus_service.h"
@@ -24,9 +24,19 @@
 namespace qdb::test
 {
 
+namespace
+{
+std::unique_ptr<PrivateBus> gBus;
+}
+
+const PrivateBus &BusEnvironment::Bus()
+{
+    return *gBus;
+}
+
 void BusEnvironment::SetUp()
 {
-    bus_ = std::make_unique<PrivateBus>();
+    gBus = std::make_unique<PrivateBus>();
     StartThread(gBusServiceThread, RunBusServiceThread, nullptr, nullptr);
     EXPECT_TRUE(WaitUntil(
         []
@@ -40,7 +50,7 @@ void BusEnvironment::TearDown()
     FlushBus(kDeadlineMs);
     CancelThread(gBusServiceThread);
     JoinThread(gBusServiceThread);
-    bus_.reset();
+    gBus.reset();
 }
 
 namespace

@@ -29,13 +29,8 @@ class BusEnvironment : public ::testing::Environment
     void SetUp() override;
     void TearDown() override;
 
-    const PrivateBus &Bus() const
-    {
-        return *bus_;
-    }
-
-  private:
-    std::unique_ptr<PrivateBus> bus_;
+    // The bus of the executable; only while its tests run.
+    static const PrivateBus &Bus();
 };
 
 struct MirrorParts

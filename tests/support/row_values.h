@@ -5,8 +5,8 @@
 // left to what the object's bytes say.
 #pragma once
 
-#include "db/statement.h"
 #include "core/json.h"
+#include "db/statement.h"
 #include "objects/schema/rows.h"
 
 #include <cstdint>

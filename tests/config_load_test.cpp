@@ -1,0 +1,446 @@
+// The bulk load of configuration attributes, and the reload after a detach.
+#include "config/config_load.h"
+#include "config/config_objects.h"
+#include "core/gate.h"
+#include "db/clearing.h"
+#include "tests/support/config_bytes.h"
+#include "tests/support/db_fixture.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <thread>
+
+namespace qdb::test
+{
+namespace
+{
+
+// What the client library lists instead of its own objects, and its status.
+struct Listing
+{
+    std::vector<Bytes> objects;
+    int status = 0;
+};
+const Listing *gListing = nullptr;
+
+uintptr_t *CopyOf(const Listing &listing)
+{
+    auto *list = static_cast<uintptr_t *>(
+        std::calloc(listing.objects.size() + 1, sizeof(uintptr_t)));
+    for (const Bytes &object : listing.objects)
+    {
+        void *copy = std::malloc(object.size());
+        std::memcpy(copy, object.data(), object.size());
+        list[++list[0]] = reinterpret_cast<uintptr_t>(copy);
+    }
+    return list;
+}
+
+} // namespace
+} // namespace qdb::test
+
+// Takes the place of the library's in this program.
+int client_get_objects(const char *interfaceName, const char *filter,
+                       uintptr_t **ppList)
+{
+    using Function = int (*)(const char *, const char *, uintptr_t **);
+    static const auto original =
+        reinterpret_cast<Function>(dlsym(RTLD_NEXT, "client_get_objects"));
+    EXPECT_STREQ(filter, "");
+    if (qdb::test::gListing == nullptr)
+    {
+        return original(interfaceName, filter, ppList);
+    }
+    *ppList = qdb::test::CopyOf(*qdb::test::gListing);
+    return qdb::test::gListing->status;
+}
+
+namespace qdb::test
+{
+namespace
+{
+
+struct LoadTest : DbTest
+{
+    ~LoadTest() override
+    {
+        gListing = nullptr;
+    }
+};
+
+// The lines so far; the duration's number is left out.
+Lines LinesWithoutTimes()
+{
+    Lines lines = LogLines();
+    for (std::string &line : lines)
+    {
+        if (line.rfind("Timestamp: [", 0) == 0 &&
+            line.find(" (ms)]") == line.size() - 6)
+        {
+            line = "Timestamp";
+        }
+    }
+    return lines;
+}
+
+constexpr char kIntRows[] =
+    "SELECT OID, Key, ParentObjectKey FROM TblIntAttribute ORDER BY OID";
+
+struct Kind
+{
+    const char *interface;
+    const char *table;
+    uint16_t type;
+};
+constexpr Kind kKinds[] = {
+    {kIntInterface, "TblIntAttribute", 0x4051},
+    {kStrInterface, "TblStrAttribute", 0x4052},
+    {kEnumInterface, "TblEnumAttribute", 0x4053},
+    {kPasswdInterface, "TblPasswdAttribute", 0x4054},
+};
+
+// --- One interface --------------------------------------------------------
+
+TEST_F(LoadTest, EachInterfaceFillsItsTable)
+{
+    for (const Kind &kind : kKinds)
+    {
+        SCOPED_TRACE(kind.interface);
+        const std::string table = kind.table;
+        const std::string name = "#" + table;
+        standin::Reset();
+        PutAttribute(kind.interface, "A.1#B.1" + name, 7);
+        PutAttribute(kind.interface, "A.1#B.10" + name, 8);
+        const Lines mappings = {"7|" + std::to_string(kind.type),
+                                "8|" + std::to_string(kind.type)};
+        const std::string rows =
+            "SELECT OID, Key, ParentObjectKey FROM " + table + " ORDER BY OID";
+
+        ConfigObjectList groups;
+        ASSERT_TRUE(groups.Fetch(kConfigGroup));
+        CaptureLog(1);
+        EXPECT_EQ(OnLoadConfigObjectsCreation(kind.interface, &groups), 0);
+        EXPECT_EQ(LinesWithoutTimes(), Lines{"Timestamp"});
+        EXPECT_EQ(mirror_.Rows(rows),
+                  (Lines{"7|A.1#B.1" + name + "|A.1#B.1",
+                         "8|A.1#B.10" + name + "|A.1#B.10"}));
+        EXPECT_EQ(mirror_.Rows("SELECT * FROM ActiveOIDMapping ORDER BY OID"),
+                  mappings);
+        EXPECT_EQ(standin::CallCount("FreeObjectList"), 1U);
+
+        // Without groups nobody has a parent.
+        ASSERT_EQ(ClearTableData("ActiveOIDMapping"), 0);
+        CaptureLog(1);
+        EXPECT_EQ(OnLoadConfigObjectsCreation(kind.interface, nullptr), 0);
+        EXPECT_EQ(LinesWithoutTimes(), Lines{"Timestamp"});
+        EXPECT_EQ(mirror_.Rows(rows), (Lines{"7|A.1#B.1" + name + "|NULL",
+                                             "8|A.1#B.10" + name + "|NULL"}));
+        ASSERT_EQ(ClearTableData("ActiveOIDMapping"), 0);
+    }
+}
+
+TEST_F(LoadTest, AListMayBeMissingOrEmpty)
+{
+    const Listing kRefused = {{Attribute("A#B")}, 7};
+    const Listing kEmpty = {};
+    const Lines kNotFound = {
+        "Objects not found: com.vexo.tarnu.Config.CfgIntAttribute\n"};
+    const struct
+    {
+        const char *name;
+        const Listing *listing; // NULL: the library's own call
+        int fault;              // its status then, without a list
+        int result;
+        uint64_t freed;
+        Lines lines;
+    } kCases[] = {
+        {"failure", nullptr, 5, 256, 0, kNotFound},
+        {"no list", nullptr, 0, 256, 0, kNotFound},
+        {"failure with a list", &kRefused, 0, 256, 1, kNotFound},
+        {"empty", &kEmpty, 0, 0, 1, {"Timestamp"}},
+    };
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.name);
+        gListing = c.listing;
+        standin::SetFault("client_get_objects", c.fault, 1);
+        const uint64_t before = standin::CallCount("FreeObjectList");
+        CaptureLog(1);
+        EXPECT_EQ(OnLoadConfigObjectsCreation(kIntInterface, nullptr),
+                  c.result);
+        EXPECT_EQ(standin::CallCount("FreeObjectList") - before, c.freed);
+        EXPECT_EQ(LinesWithoutTimes(), c.lines);
+        EXPECT_EQ(mirror_.Rows(kIntRows), Lines());
+    }
+}
+
+// The lines that tell how attempts ended.
+Lines StatusLines()
+{
+    Lines lines = LogLines();
+    std::erase_if(lines,
+                  [](const std::string &line)
+                  {
+                      return line.rfind("retval = ", 0) != 0 &&
+                             line.rfind("Set ReturnStatus", 0) != 0 &&
+                             line.rfind("ReturnStatus before", 0) != 0;
+                  });
+    return lines;
+}
+
+// Where an Int attribute has its DisplayName.
+constexpr size_t kNameWord = 0x20;
+
+TEST_F(LoadTest, AnObjectThatFailsStopsNobody)
+{
+    const char *kMap = "insert into ActiveOIDMapping";
+    const char *kRow = "INSERT OR REPLACE INTO TblIntAttribute";
+    const Bytes kFirst = Attribute("A#1", 1);
+    const Bytes kSecond = Attribute("A#2", 2);
+    const Bytes kThird = Attribute("A#3", 3);
+    const Bytes kStray = Attribute("B#2", 2);
+    const Bytes kKeyless = With(kSecond, kSizeWord, 16);
+    const Bytes kBad = With(kSecond, kNameWord, 5001);
+    const Bytes kOutside = With(kSecond, kNameWord, 0x100);
+    const Lines kTwoRows = {"1|A#1|A", "3|A#3|A"};
+    const Lines kOtherRows = {"2|A#2|A", "3|A#3|A"};
+    const Lines kCorrupt = Failure(11) + Failure(11);
+    const Lines kThenCorrupt = {"retval = 11\n",
+                                "Set ReturnStatus as Failure. ReturnStatus "
+                                "before update = -1\n"};
+    const Lines kThenBad = {"ReturnStatus before update = 11\n"};
+    // clang-format off
+    const struct
+    {
+        const char *name;
+        std::vector<Bytes> objects;
+        const char *sql; // of the faults' statement
+        std::vector<Fault> faults;
+        int result;
+        int invalid; // attempts
+        int strays;  // objects without a group
+        Lines rows;
+        Lines statuses; // lines
+    } kCases[] = {
+        {"no group", {kFirst, kStray, kThird}, kMap, {}, 0, 0, 1,
+         {"1|A#1|A", "2|B#2|NULL", "3|A#3|A"}, {}},
+        {"no key", {kFirst, kKeyless, kThird}, kMap, {}, 0, 0, 1,
+         {"1|A#1|A", "2|NULL|NULL", "3|A#3|A"}, {}},
+        {"bad", {kFirst, kBad, kThird}, kMap, {}, -1, 100, 0, kTwoRows, {kUsedUp}},
+        {"outside", {kFirst, kOutside, kThird}, kMap, {}, -1, 100, 0, kTwoRows, {kUsedUp}},
+        {"bad at last", {kFirst, kThird, kBad}, kMap, {}, -1, 100, 0, kTwoRows, {kUsedUp}},
+        {"mapped", {kFirst, kSecond, kThird}, kMap, {{19, 100}}, -1, 0, 0, kOtherRows, Failure(-1)},
+        {"busy", {kFirst, kSecond, kThird}, kMap, {{5, 200}}, -1, 0, 0, kOtherRows, Failure(-1)},
+        {"corrupt", {kSecond, kFirst, kThird}, kRow, {{11, 2}}, 11, 0, 0, kTwoRows,
+         kCorrupt + Failure(11)},
+        {"corrupt, then bad", {kThird, kBad, kFirst}, kRow, {{11, 2}}, -1, 100, 0,
+         {"1|A#1|A"}, kCorrupt + Failure(11) + kThenBad},
+        {"bad, then corrupt", {kBad, kThird, kFirst}, kRow, {{11, 2}}, 11, 100, 0,
+         {"1|A#1|A"}, Lines{kUsedUp} + kCorrupt + kThenCorrupt},
+    };
+    // clang-format on
+    const Bytes group = Group("A");
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.name);
+        ASSERT_EQ(ClearTableData("ActiveOIDMapping"), 0);
+        const Listing groupListing = {{group}, 0};
+        gListing = &groupListing;
+        ConfigObjectList groups;
+        ASSERT_TRUE(groups.Fetch(kConfigGroup));
+        const Listing listing = {c.objects, 0};
+        gListing = &listing;
+        Restart();
+        FailSteps(c.sql, c.faults);
+        EXPECT_EQ(OnLoadConfigObjectsCreation(kIntInterface, &groups),
+                  c.result);
+        EXPECT_EQ(mirror_.Rows(kIntRows), c.rows);
+        EXPECT_EQ(SleepCount(), 0);
+        EXPECT_EQ(CountLog("Create failure: 8216 2 4051\n"), c.invalid);
+        EXPECT_EQ(CountLog(kInvalid), c.invalid);
+        EXPECT_EQ(CountLog("Couldn't find group: 2 4051\n"), c.strays);
+        EXPECT_EQ(StatusLines(), c.statuses);
+        EXPECT_EQ(CountLog("Timestamp: ["), 1);
+    }
+}
+
+TEST_F(LoadTest, AnInterfaceWithoutATableIsDone)
+{
+    const Listing listing = {{Attribute("A#1", 0x10), Attribute("A#2", 2)}, 0};
+    gListing = &listing;
+    Restart(1);
+    EXPECT_EQ(
+        OnLoadConfigObjectsCreation("com.vexo.tarnu.Config.CfgGroup", nullptr),
+        0);
+    EXPECT_EQ(LinesWithoutTimes(),
+              (Lines{"Couldn't find objType: 10 4051\n",
+                     "Couldn't find objType: 2 4051\n", "Timestamp"}));
+    EXPECT_EQ(StepCount(""), 0);
+}
+
+TEST_F(LoadTest, LoadsMayRunAtOnce)
+{
+    constexpr int kEach = 40;
+    for (const Kind &kind : kKinds)
+    {
+        for (int i = 0; i < kEach; ++i)
+        {
+            // Neighbours in the list belong to different groups.
+            PutAttribute(kind.interface, "A." + std::to_string(i % 13) + "#X." +
+                                             std::to_string(i) + "#" +
+                                             kind.table);
+        }
+    }
+    std::vector<std::jthread> threads;
+    for (const Kind &kind : kKinds)
+    {
+        threads.emplace_back(
+            [&kind]
+            {
+                ConfigObjectList groups;
+                EXPECT_TRUE(groups.Fetch(kConfigGroup));
+                EXPECT_EQ(OnLoadConfigObjectsCreation(kind.interface, &groups),
+                          0);
+            });
+    }
+    threads.clear();
+    for (const Kind &kind : kKinds)
+    {
+        EXPECT_EQ(mirror_.Value("SELECT count(*) FROM " +
+                                std::string(kind.table) +
+                                " WHERE Key = ParentObjectKey || '#' || '" +
+                                kind.table + "'"),
+                  std::to_string(kEach));
+    }
+}
+
+// --- After a detach -------------------------------------------------------
+
+TEST_F(LoadTest, TheReloadTellsHowItWent)
+{
+    const std::string kBegin = "DM DETACHED!! -Reload Config Objects!\n";
+    const std::string kCompleted =
+        "DM DETACHED!! Reload Config Objects - Completed!\n";
+    const std::string kFailed =
+        "DM DETACHED!! Reload Config Objects - failed status:";
+    const std::string kNotFound = "Objects not found: ";
+    const std::string kNoStrings =
+        kNotFound + "com.vexo.tarnu.Config.CfgStrAttribute\n";
+    const char *kEnumRow = "INSERT OR REPLACE INTO TblEnumAttribute";
+    const struct
+    {
+        const char *name;
+        int listStatus;  // of the failing list
+        int failingList; // 0: the groups, 1 to 4: an interface, -1: none
+        std::vector<Fault> rowFaults; // of the Enum table
+        uint64_t lists;
+        const char *tables; // rows in the four
+        const char *parents;
+        Lines lines;
+    } kCases[] = {
+        {"all well", 0, -1, {}, 5, "1111", "1111", {kBegin, kCompleted}},
+        {"no groups",
+         5,
+         0,
+         {},
+         1,
+         "0000",
+         "0000",
+         {kBegin, kNotFound + "CfgGroup 1\n"}},
+        {"no list of groups",
+         0,
+         0,
+         {},
+         5,
+         "1111",
+         "0000",
+         {kBegin, kCompleted}},
+        {"no strings",
+         5,
+         2,
+         {},
+         5,
+         "1011",
+         "1011",
+         {kBegin, kNoStrings, kFailed + "256!\n"}},
+        {"a failed row",
+         0,
+         -1,
+         {{1, 2}},
+         5,
+         "1101",
+         "1101",
+         {kBegin, kFailed + "-1!\n"}},
+        {"corrupt",
+         0,
+         -1,
+         {{11, 2}},
+         5,
+         "1101",
+         "1101",
+         {kBegin, kFailed + "11!\n"}},
+        {"both",
+         5,
+         2,
+         {{11, 2}},
+         5,
+         "1001",
+         "1001",
+         {kBegin, kNoStrings, kFailed + "267!\n"}},
+    };
+    for (const Kind &kind : kKinds)
+    {
+        PutAttribute(kind.interface, "A.1#" + std::string(kind.table));
+    }
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.name);
+        ASSERT_EQ(ClearTableData("ActiveOIDMapping"), 0);
+        Restart();
+        FailSteps(kEnumRow, c.rowFaults);
+        standin::SetFault("client_get_objects", c.listStatus,
+                          c.failingList < 0 ? 0 : 1,
+                          std::max(c.failingList, 0));
+        const uint64_t before = standin::CallCount("client_get_objects");
+        ASSERT_TRUE(EnterGate());
+        EXPECT_EQ(ReloadConfigObjectsThread(nullptr), nullptr);
+        EXPECT_EQ(standin::CallCount("client_get_objects") - before, c.lists);
+        Lines lines = LogLines();
+        std::erase_if(lines,
+                      [&](const std::string &line)
+                      {
+                          return line.rfind("DM DETACHED", 0) != 0 &&
+                                 line.rfind(kNotFound, 0) != 0;
+                      });
+        EXPECT_EQ(lines, c.lines);
+        std::string tables;
+        std::string parents;
+        for (const Kind &kind : kKinds)
+        {
+            const std::string table = kind.table;
+            tables += mirror_.Value("SELECT count(*) FROM " + table);
+            parents +=
+                mirror_.Value("SELECT count(ParentObjectKey) FROM " + table);
+        }
+        EXPECT_EQ(tables, c.tables);
+        EXPECT_EQ(parents, c.parents);
+    }
+}
+
+TEST_F(LoadTest, TheReloadLeavesTheGate)
+{
+    ASSERT_TRUE(EnterGate());
+    ReloadConfigObjectsThread(nullptr);
+    const auto shut = []
+    {
+        alarm(30);
+        ShutGate();
+        std::_Exit(0);
+    };
+    EXPECT_EXIT(shut(), ::testing::ExitedWithCode(0), "");
+}
+
+} // namespace
+} // namespace qdb::test

@@ -1,0 +1,390 @@
+// The connection and the repeats of its statements, on a real file. Statuses
+// are injected where SQLite can't be brought to give them.
+#include "core/paths.h"
+#include "core/state.h"
+#include "db/clearing.h"
+#include "db/connection.h"
+#include "db/execute.h"
+#include "db/mapping.h"
+#include "tests/support/db_fixture.h"
+#include "tests/support/wait.h"
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+
+namespace qdb::test
+{
+namespace
+{
+
+// --- One call of each function --------------------------------------------
+
+int Map()
+{
+    return insertinActiveOIDMapping(5, 0x15);
+}
+
+int Tag()
+{
+    return InsertInTblEtag("TblProbeObj");
+}
+
+int Link()
+{
+    return InsertInParentChildMappingTable(5, 2);
+}
+
+int Type()
+{
+    return static_cast<int>(GetObjType(5));
+}
+
+int ClearType()
+{
+    return ClearTblDatabyObjType(0x16);
+}
+
+int ClearAll()
+{
+    return ClearTableData("ActiveOIDMapping");
+}
+
+int Delete()
+{
+    return DeleteObjectByOID(5);
+}
+
+// A connection of another process, which can hold a lock.
+class OtherProcess
+{
+  public:
+    explicit OtherProcess(const std::string &path)
+    {
+        EXPECT_EQ(sqlite3_open(path.c_str(), &connection_), SQLITE_OK);
+    }
+    ~OtherProcess()
+    {
+        sqlite3_close(connection_);
+    }
+    OtherProcess(const OtherProcess &) = delete;
+    OtherProcess &operator=(const OtherProcess &) = delete;
+
+    void Run(const char *sql) const
+    {
+        EXPECT_EQ(sqlite3_exec(connection_, sql, nullptr, nullptr, nullptr),
+                  SQLITE_OK)
+            << sqlite3_errmsg(connection_);
+    }
+
+  private:
+    sqlite3 *connection_ = nullptr;
+};
+
+// The value that a statement gives on the service's own connection.
+std::string OwnValue(const char *sql)
+{
+    std::string value = "(none)";
+    const auto take = [](void *to, int, char **values, char **)
+    {
+        *static_cast<std::string *>(to) = values[0];
+        return 0;
+    };
+    sqlite3_exec(QDVdbHandle, sql, take, &value, nullptr);
+    return value;
+}
+
+// --- The connection -------------------------------------------------------
+
+TEST_F(DbTest, OpenSetsTheOptionsOnce)
+{
+    EXPECT_EQ(OwnValue("PRAGMA journal_mode"), "off");
+    EXPECT_EQ(OwnValue("PRAGMA cache_size"), "-1000");
+    EXPECT_EQ(OwnValue("PRAGMA synchronous"), "0");
+    EXPECT_EQ(OwnValue("PRAGMA foreign_keys"), "1");
+    EXPECT_EQ(OwnValue("PRAGMA busy_timeout"), "1000");
+
+    sqlite3 *handle = QDVdbHandle;
+    CaptureLog();
+    EXPECT_EQ(QDVDBInit(), 0);
+    EXPECT_EQ(QDVdbHandle, handle);
+    EXPECT_EQ(LogLines(), Lines{"QDVdbHandle not NULL."});
+}
+
+void MakeNothing(const std::string & /*path*/)
+{
+}
+
+void MakeDirectory(const std::string &path)
+{
+    std::filesystem::create_directory(path);
+}
+
+void MakeGarbage(const std::string &path)
+{
+    std::ofstream(path) << std::string(4096, 'x');
+}
+
+TEST(ConnectionTest, OpenDependsOnWhatIsThere)
+{
+    const std::string kNoDatabase = "error in executing sqlite3_exec 26\n";
+    const struct
+    {
+        const char *name;
+        void (*make)(const std::string &path);
+        int result;
+        Lines lines;
+    } kCases[] = {
+        {"no file", MakeNothing, 0, {}},
+        {"a directory",
+         MakeDirectory,
+         -1,
+         {"Cannot open database: unable to open database file\n"}},
+        // All options but the last look into the file.
+        {"no database",
+         MakeGarbage,
+         0,
+         {kNoDatabase, kNoDatabase, kNoDatabase}},
+    };
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.name);
+        const TempRoot root;
+        gRuntimeRoot = root.Path().c_str();
+        c.make(root.Database());
+        Restart();
+        EXPECT_EQ(QDVDBInit(), c.result);
+        EXPECT_EQ(LogLines(), Lines{"Opening DB."} + c.lines);
+        EXPECT_NE(QDVdbHandle, nullptr);
+        EXPECT_TRUE(std::filesystem::exists(root.Database()));
+        // There are no tables, and each function fails for itself.
+        EXPECT_EQ(ClearAll(), -1);
+        EXPECT_EQ(Type(), 0);
+        EXPECT_EQ(CloseDatabase(), 0);
+        EXPECT_EQ(QDVdbHandle, nullptr);
+    }
+    RestoreSleeps();
+    gRuntimeRoot = "";
+}
+
+TEST_F(DbTest, CloseWaitsForStatements)
+{
+    int status = 0;
+    StatementPtr statement = PrepareOnce("SELECT 1", &status);
+    ASSERT_EQ(status, SQLITE_OK);
+    EXPECT_EQ(CloseDatabase(), SQLITE_BUSY);
+    EXPECT_EQ(SleptMicroseconds(), 100 * 110000);
+    EXPECT_EQ(CountLog(kRetry), 100);
+    EXPECT_NE(QDVdbHandle, nullptr);
+    statement.reset();
+    EXPECT_EQ(CloseDatabase(), 0);
+    EXPECT_EQ(QDVDBInit(), 0);
+}
+
+TEST_F(DbTest, NothingRunsWithoutAHandle)
+{
+    const struct
+    {
+        const char *name;
+        int (*call)();
+        int result;
+    } kCases[] = {
+        {"insertinActiveOIDMapping", Map, -1},
+        {"InsertInTblEtag", Tag, -1},
+        {"InsertInParentChildMappingTable", Link, -1},
+        {"GetObjType", Type, 0},
+        {"ClearCfgMgrData", ClearCfgMgrData, -1},
+        {"ClearTblDatabyObjType", ClearType, -1},
+        {"ClearTableData", ClearAll, -1},
+        {"DeleteObjectByOID", Delete, -1},
+    };
+    sqlite3 *handle = QDVdbHandle.exchange(nullptr);
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.name);
+        Restart();
+        EXPECT_EQ(c.call(), c.result);
+        EXPECT_EQ(CountLog("Error: DB handle not available"), 1);
+        EXPECT_EQ(PrepareCount(""), 0);
+    }
+    QDVdbHandle = handle;
+}
+
+// --- Steps ----------------------------------------------------------------
+
+TEST_F(DbTest, ExecuteStatementRepeatsWhatMayPass)
+{
+    const Lines kBusyEnd = Lines(100, kRetry) + Lines{kUsedUp};
+    const Lines kInvalidEnd = Lines(100, kInvalid) + Lines{kUsedUp};
+    const Lines kMixedEnd = Lines(60, kRetry) + Lines(20, kInvalid) +
+                            Lines(20, kRetry) + Lines{kUsedUp};
+    // clang-format off
+    const struct
+    {
+        const char *name;
+        std::vector<Fault> faults;
+        int result;
+        int last; // status of the last step
+        int steps;
+        int pauses;
+        Lines lines;
+    } kCases[] = {
+        {"a row", {}, 0, 100, 1, 0, {}},
+        {"done", {{101, 1}}, 0, 101, 1, 0, {}},
+        {"busy 99 times", {{5, 99}}, 0, 100, 100, 99, Lines(99, kRetry)},
+        {"busy 100 times", {{5, 100}}, -1, 5, 100, 100, kBusyEnd},
+        {"locked for ever", {{6, kForever}}, -1, 6, 100, 100, kBusyEnd},
+        {"invalid 99 times", {{8216, 99}}, 0, 100, 100, 0, Lines(99, kInvalid)},
+        {"invalid for ever", {{8216, kForever}}, -1, 8216, 100, 0, kInvalidEnd},
+        {"all count", {{5, 60}, {8216, 20}, {6, 20}}, -1, 6, 100, 80, kMixedEnd},
+        {"a constraint", {{19, 1}}, -1, 19, 1, 0, Failure(19)},
+        {"corrupt", {{5, 1}, {11, 1}}, -1, 11, 2, 1, Lines{kRetry} + Failure(11)},
+    };
+    // clang-format on
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.name);
+        Restart();
+        int status = 0;
+        const StatementPtr statement =
+            PrepareOnce("SELECT 7 AS seven", &status);
+        FailSteps("seven", c.faults);
+        EXPECT_EQ(execute_statement(statement.get()), c.result);
+        EXPECT_EQ(LastStepStatus(), c.last);
+        EXPECT_EQ(StepCount("seven"), c.steps);
+        EXPECT_EQ(SleepCount(), c.pauses);
+        EXPECT_EQ(SleptMicroseconds(), c.pauses * 110000LL);
+        EXPECT_EQ(LogLines(), c.lines);
+        if (c.last == SQLITE_ROW)
+        {
+            EXPECT_EQ(sqlite3_column_int(statement.get(), 0), 7);
+        }
+    }
+    Restart();
+    EXPECT_EQ(execute_statement(nullptr), -1);
+    EXPECT_EQ(LogLines(), Lines{"Error: stmt is NULL"});
+}
+
+TEST_F(DbTest, StatusLoopFollowsItsSite)
+{
+    int invalids = 0;
+    const auto failTheSecond = [&]
+    {
+        return ++invalids < 2 ? ZO_STATUS_INVALID_VALUE
+                              : ZO_STATUS_NO_SUCH_OBJECT;
+    };
+    int calls = 0;
+    const auto script = [&]
+    {
+        static constexpr int kStatuses[] = {5, 8216, 6, 8216, 0};
+        return kStatuses[calls++];
+    };
+    EXPECT_EQ(
+        RunStatusLoop({.pauseWhenBusy = false}, 11, script, failTheSecond),
+        256);
+    EXPECT_EQ(calls, 4);
+    EXPECT_EQ(SleepCount(), 0);
+    EXPECT_EQ(LogLines(),
+              (Lines{kRetry, kInvalid, kRetry, "retval = 256\n",
+                     "Set ReturnStatus as Failure. ReturnStatus before update "
+                     "= 11\n"}));
+}
+
+// The step mutex, seen from inside steps and sleeps.
+std::atomic<int> gLooks = 0;
+std::atomic<int> gHeld = 0;
+
+void LookAtStepMutex()
+{
+    ++gLooks;
+    if (pthread_mutex_trylock(&SqliteStepMutex) == 0)
+    {
+        pthread_mutex_unlock(&SqliteStepMutex);
+        return;
+    }
+    ++gHeld;
+}
+
+void LookInSleep(unsigned /*microseconds*/)
+{
+    LookAtStepMutex();
+}
+
+int LookInStep(void * /*argument*/)
+{
+    LookAtStepMutex();
+    return 0;
+}
+
+TEST_F(DbTest, TheStepMutexIsHeldInStepsAndNotInSleeps)
+{
+    const struct
+    {
+        const char *sql;
+        int (*call)();
+    } kCases[] = {
+        {"insert into ActiveOIDMapping", Map},
+        {"INTO ParentChildMapping", Link},
+        {"UPDATE TblEtag", Tag},
+        {"select ObjType", Type},
+        {"WHERE Oid", Delete},
+        {"where ObjType=22", ClearType},
+        {"INNER JOIN TblIntAttribute", ClearCfgMgrData},
+    };
+    gSkipConstraintCheck = 1;
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.sql);
+        Restart();
+        FailSteps(c.sql, SQLITE_BUSY, 3);
+        SetSleepFunction(LookInSleep);
+        gLooks = gHeld = 0;
+        c.call();
+        EXPECT_EQ(gLooks, 3);
+        EXPECT_EQ(gHeld, 0);
+        EXPECT_EQ(StepCount(c.sql), 4);
+
+        // Called at every instruction that a step runs.
+        sqlite3_progress_handler(QDVdbHandle, 1, LookInStep, nullptr);
+        gLooks = gHeld = 0;
+        EXPECT_EQ(c.call(), c.call == Map    ? SQLITE_CONSTRAINT
+                            : c.call == Type ? 0x15
+                                             : 0);
+        sqlite3_progress_handler(QDVdbHandle, 0, nullptr, nullptr);
+        EXPECT_GT(gLooks, 0);
+        EXPECT_EQ(gHeld, gLooks);
+    }
+}
+
+TEST_F(DbTest, WritersOutlastTheLockOfAnotherProcess)
+{
+    const struct
+    {
+        const char *lock;
+        const char *sql;
+        int (*write)();
+        Lines rows;
+    } kCases[] = {
+        {"BEGIN IMMEDIATE", "insert into ActiveOIDMapping", Map, {"5|21"}},
+        {"BEGIN EXCLUSIVE", "DELETE FROM ActiveOIDMapping", Delete, {}},
+    };
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.sql);
+        Restart();
+        const OtherProcess other(mirror_.Root().Database());
+        other.Run(c.lock);
+        std::future<int> result = std::async(std::launch::async, c.write);
+        EXPECT_TRUE(WaitUntil(
+            [&]
+            {
+                return StepCount(c.sql) >= 2;
+            }));
+        other.Run("COMMIT");
+        EXPECT_EQ(result.get(), 0);
+        EXPECT_EQ(mirror_.Rows("SELECT * FROM ActiveOIDMapping"), c.rows);
+    }
+}
+
+} // namespace
+} // namespace qdb::test

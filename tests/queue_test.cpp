@@ -1,0 +1,452 @@
+// The two queues: events on their way to the workers, and operations that the
+// database refused.
+#include "core/state.h"
+#include "events/queues/event_queue.h"
+#include "events/queues/event_record.h"
+#include "events/queues/fail_queue.h"
+#include "objects/catalogue.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/mirror.h"
+#include "tests/support/wait.h"
+
+#include <algorithm>
+#include <latch>
+#include <memory>
+#include <set>
+#include <thread>
+
+// Linked with --wrap=malloc and --wrap=calloc the service's own allocations
+// come here; without, the tests that need it are skipped.
+static thread_local bool tNoMemory = false;
+
+extern "C"
+{
+    void *__real_malloc(size_t size) __attribute__((weak));
+    void *__real_calloc(size_t count, size_t size) __attribute__((weak));
+
+    void *__wrap_malloc(size_t size);
+    void *__wrap_malloc(size_t size)
+    {
+        return tNoMemory ? nullptr : __real_malloc(size);
+    }
+
+    void *__wrap_calloc(size_t count, size_t size);
+    void *__wrap_calloc(size_t count, size_t size)
+    {
+        return tNoMemory ? nullptr : __real_calloc(count, size);
+    }
+}
+
+namespace qdb::test
+{
+namespace
+{
+
+using Lines = std::vector<std::string>;
+
+struct QueueTest : ::testing::Test
+{
+    Mirror mirror_;
+};
+
+// A record as the listener makes it; evtSize tells records apart.
+DataEventHeader *NewRecord(uint32_t number, uint16_t type = 3450)
+{
+    auto *record =
+        static_cast<DataEventHeader *>(std::calloc(1, sizeof(DataEventHeader)));
+    record->evtSize = number;
+    record->evtType = type;
+    return record;
+}
+
+EventNodePtr Take()
+{
+    return EventNodePtr(QdbdeQueue(gQdbEventQueue));
+}
+
+int Posts()
+{
+    int posts = -1;
+    sem_getvalue(&gQdbEventSem, &posts);
+    return posts;
+}
+
+// --- The event queue ------------------------------------------------------
+
+TEST_F(QueueTest, EventsComeOutAsTheyWentIn)
+{
+    const int first = gQdbSeqNumber;
+    CaptureLog();
+    for (uint32_t number = 1; number <= 3; ++number)
+    {
+        QdbenQueue(gQdbEventQueue, NewRecord(number));
+    }
+    EXPECT_EQ(QdbEventQSize, 3);
+    EXPECT_EQ(gQdbSeqNumber, first + 3);
+    EXPECT_EQ(Posts(), 3);
+    for (int i = 0; i < 3; ++i)
+    {
+        const EventNodePtr node = Take();
+        EXPECT_EQ(node->data->evtSize, static_cast<uint32_t>(i) + 1);
+        EXPECT_EQ(node->seqNo, first + i);
+    }
+    EXPECT_EQ(QdbEventQSize, 0);
+
+    // A post without a node: the taker comes back with nothing.
+    sem_post(&gQdbEventSem);
+    EXPECT_EQ(Take(), nullptr);
+    EXPECT_EQ(QdbEventQSize, 0);
+
+    // The emptied queue takes and gives again.
+    QdbenQueue(gQdbEventQueue, NewRecord(4));
+    EXPECT_EQ(Take()->data->evtSize, 4U);
+    EXPECT_EQ(Posts(), 0);
+
+    const std::string kNumber = "QdbenQueued for SeqNumber=";
+    const std::string kIn = "QdbenQueued for QdbEventQSize=";
+    const std::string kOut = "QdbdeQueue for QdbEventQSize=";
+    EXPECT_EQ(LogLines(), (Lines{kNumber + std::to_string(first), kIn + "0",
+                                 kNumber + std::to_string(first + 1), kIn + "1",
+                                 kNumber + std::to_string(first + 2), kIn + "2",
+                                 kOut + "3", kOut + "2", kOut + "1", kOut + "0",
+                                 kNumber + std::to_string(first + 3), kIn + "0",
+                                 kOut + "1"}));
+}
+
+TEST_F(QueueTest, CallsAreFramedInTheLog)
+{
+    const int first = gQdbSeqNumber;
+    CaptureLog(9);
+    QdbenQueue(gQdbEventQueue, NewRecord(1));
+    Take();
+    EXPECT_EQ(
+        LogLines(),
+        (Lines{"QdbenQueue Entry!!!\n", "QdbnewNode Entry!!!\n",
+               "QdbnewNode Exit!!!\n", "QdbenQueue Exit!!!\n",
+               "QdbenQueued for SeqNumber=" + std::to_string(first),
+               "QdbenQueued for QdbEventQSize=0", "QdbdeQueue Entry!!!\n",
+               "QdbdeQueue Exit!!!\n", "QdbdeQueue for QdbEventQSize=1"}));
+}
+
+TEST_F(QueueTest, FiftyNodesEndTheBacklog)
+{
+    for (uint32_t number = 0; number < 53; ++number)
+    {
+        QdbenQueue(gQdbEventQueue, NewRecord(number));
+    }
+    gSkipConstraintCheck = 1;
+    Take(); // 53 to 52
+    EXPECT_EQ(gSkipConstraintCheck, 1);
+    Take(); // 52 to 51
+    EXPECT_EQ(gSkipConstraintCheck, 1);
+    Take(); // 51 to 50
+    EXPECT_EQ(gSkipConstraintCheck, 0);
+    gSkipConstraintCheck = 1;
+    Take(); // 50 to 49
+    EXPECT_EQ(gSkipConstraintCheck, 0);
+}
+
+TEST_F(QueueTest, StopRecordsCanBeQueuedTwiceAndAreNeverFreed)
+{
+    QdbenQueue(gQdbEventQueue, NewRecord(1));
+    QueueStopRecords();
+    QueueStopRecords();
+    EXPECT_EQ(QdbEventQSize, 21);
+    EXPECT_EQ(Take()->data->evtType, 3450);
+    std::set<const DataEventHeader *> records;
+    for (int i = 0; i < 2 * kWorkerCount; ++i)
+    {
+        const EventNodePtr node = Take();
+        ASSERT_NE(node, nullptr);
+        EXPECT_EQ(node->data->evtType, DATA_EVENT_WORKER_EXIT);
+        records.insert(node->data);
+    }
+    EXPECT_EQ(records.size(), 10U);
+    for (const DataEventHeader *record : records)
+    {
+        EXPECT_EQ(record->evtType, DATA_EVENT_WORKER_EXIT);
+    }
+    // What is left at the end is freed with the queue, but for the stop
+    // records: the mirror does so.
+    QueueStopRecords();
+    QdbenQueue(gQdbEventQueue, NewRecord(2));
+}
+
+constexpr uint32_t kProducers = 4;
+constexpr uint32_t kPerProducer = 2000;
+
+void Produce(uint32_t producer)
+{
+    for (uint32_t i = 0; i < kPerProducer; ++i)
+    {
+        QdbenQueue(gQdbEventQueue, NewRecord(producer << 16 | i));
+    }
+}
+
+// The records that a consumer takes up to a stop record.
+std::vector<uint32_t> Consume()
+{
+    std::vector<uint32_t> taken;
+    while (true)
+    {
+        const EventNodePtr node = Take();
+        if (node == nullptr)
+        {
+            ADD_FAILURE() << "a post without a node";
+            continue;
+        }
+        if (node->data->evtType == DATA_EVENT_WORKER_EXIT)
+        {
+            return taken;
+        }
+        taken.push_back(node->data->evtSize);
+    }
+}
+
+TEST_F(QueueTest, ManyThreadsLoseNothing)
+{
+    const int first = gQdbSeqNumber;
+    std::vector<uint32_t> taken[4];
+    std::vector<std::jthread> consumers;
+    for (std::vector<uint32_t> &list : taken)
+    {
+        consumers.emplace_back(
+            [&list]
+            {
+                list = Consume();
+            });
+    }
+    std::vector<std::jthread> producers;
+    for (uint32_t producer = 0; producer < kProducers; ++producer)
+    {
+        producers.emplace_back(Produce, producer);
+    }
+    producers.clear();
+    QueueStopRecords();
+    consumers.clear();
+
+    std::vector<uint32_t> all;
+    for (const std::vector<uint32_t> &list : taken)
+    {
+        // One consumer sees each producer's records in their order.
+        std::vector<uint32_t> sorted = list;
+        std::ranges::stable_sort(sorted, {},
+                                 [](uint32_t number)
+                                 {
+                                     return number >> 16;
+                                 });
+        EXPECT_TRUE(std::ranges::is_sorted(sorted));
+        all.insert(all.end(), list.begin(), list.end());
+    }
+    std::ranges::sort(all);
+    std::vector<uint32_t> expected;
+    for (uint32_t i = 0; i < kProducers * kPerProducer; ++i)
+    {
+        expected.push_back(i / kPerProducer << 16 | i % kPerProducer);
+    }
+    EXPECT_EQ(all, expected);
+    EXPECT_EQ(QdbEventQSize, kWorkerCount - 4);
+    EXPECT_EQ(gQdbSeqNumber, first + 8000 + kWorkerCount);
+}
+
+TEST_F(QueueTest, WithoutMemoryTheEventIsLostAndAStopRecordIsLeftAlone)
+{
+    if (&__real_malloc == nullptr)
+    {
+        GTEST_SKIP() << "not linked with --wrap=malloc";
+    }
+    DataEventHeader stop = {0, DATA_EVENT_WORKER_EXIT, 0, {}};
+    for (DataEventHeader *record : {NewRecord(1), &stop})
+    {
+        const int number = gQdbSeqNumber;
+        CaptureLog();
+        tNoMemory = true;
+        QdbenQueue(gQdbEventQueue, record);
+        tNoMemory = false;
+        EXPECT_EQ(LogLines(), (Lines{"QdbenQueued for SeqNumber=0",
+                                     "QdbenQueued for QdbEventQSize=0"}));
+        EXPECT_EQ(QdbEventQSize, 0);
+        EXPECT_EQ(gQdbSeqNumber, number);
+        EXPECT_EQ(Posts(), 0);
+    }
+}
+
+// --- The fail queue -------------------------------------------------------
+
+TEST_F(QueueTest, FailCountIsOneLess)
+{
+    // Each letter puts a node on the queue (p) or takes one (t).
+    const struct
+    {
+        const char *name;
+        const char *steps;
+        std::vector<int> counts; // after each step
+    } kCases[] = {
+        {"one", "p", {0}},
+        {"three", "ppp", {0, 1, 2}},
+        {"a drain leaves the newest", "pppttp", {0, 1, 2, 1, 0, 1}},
+        {"the last one, too", "pt", {0, -1}},
+        {"empty", "t", {0}},
+        {"emptied", "pptttpp", {0, 1, 0, -1, 0, 0, 1}},
+    };
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.name);
+        CaptureLog();
+        FailQueue queue = {};
+        std::vector<int> counts;
+        uint32_t put = 0;
+        uint32_t taken = 0;
+        for (const char step : std::string(c.steps))
+        {
+            if (step == 'p')
+            {
+                QdbFailenQueue(&queue, ++put, FailedOperation::Create, 0);
+            }
+            else if (QdbFailQNode *node = QdbFaildeQueue(&queue))
+            {
+                EXPECT_EQ(node->oid, ++taken);
+                std::free(node);
+            }
+            else
+            {
+                EXPECT_EQ(taken, put);
+                EXPECT_EQ(LogLines(), Lines{"QdbFaildeQueue: Queue is empty"});
+            }
+            counts.push_back(queue.count);
+        }
+        EXPECT_EQ(counts, c.counts);
+        while (taken < put)
+        {
+            QdbFailQNode *node = QdbFaildeQueue(&queue);
+            ASSERT_NE(node, nullptr);
+            EXPECT_EQ(node->oid, ++taken);
+            std::free(node);
+        }
+        EXPECT_EQ(queue.head, nullptr);
+        EXPECT_EQ(queue.tail, nullptr);
+    }
+}
+
+TEST_F(QueueTest, FailNodesCarryTheOperation)
+{
+    const QdbFailQNode kNodes[] = {
+        {1, FailedOperation::Delete, 0, nullptr},
+        {0xFFFFFFFF, FailedOperation::Create, 37, nullptr},
+        {3, FailedOperation::Refresh, 0, nullptr},
+        {3, FailedOperation::RefreshFailure, -1, nullptr},
+    };
+    for (const QdbFailQNode &node : kNodes)
+    {
+        QdbFailenQueue(gFailQueue, node.oid, node.operation, node.index);
+    }
+    for (const QdbFailQNode &node : kNodes)
+    {
+        QdbFailQNode *taken = QdbFaildeQueue(gFailQueue);
+        ASSERT_NE(taken, nullptr);
+        EXPECT_EQ(taken->oid, node.oid);
+        EXPECT_EQ(taken->operation, node.operation);
+        EXPECT_EQ(taken->index, node.index);
+        std::free(taken);
+    }
+    // A node that stays is freed with the queue.
+    QdbFailenQueue(gFailQueue, 5, FailedOperation::Create, 1);
+}
+
+TEST_F(QueueTest, FailIndexIsThePlaceInTheSortedList)
+{
+    const std::vector<int> kTypes = {
+        0,     0x15,  0x16,  0x17,  0x19,  0x1B,  0x40,  0x42,   0x49,  0x58,
+        0x5D,  0x5E,  0xD2,  0xD3,  0xE1,  0xE6,  0x220, 0x221,  0x223, 0x230,
+        0x231, 0x701, 0x741, 0x781, 0x802, 0x803, 0x804, 0x805,  0x806, 0x807,
+        0x808, 0x809, 0x80A, 0x80B, 0x80C, 0xA03, 0xD04, 0x2356,
+    };
+    ASSERT_TRUE(std::ranges::equal(FailTypes(), kTypes));
+    std::vector<int> asked = {0, -1, 1, 0x14, 0x2357, 0x10015, -0x7FFFFFFF};
+    for (const ObjTypeRow &row : ObjectTypeTable)
+    {
+        asked.push_back(static_cast<int>(row.objType));
+    }
+    for (const int type : asked)
+    {
+        const auto found = std::ranges::find(kTypes, type);
+        const auto place = found - kTypes.begin();
+        EXPECT_EQ(QdbFailObjTypeIndex(type), found == kTypes.end() ? -1 : place)
+            << std::hex << type;
+    }
+}
+
+constexpr uint32_t kThreads = 8;
+constexpr uint32_t kEach = 5000;
+
+// Threads that begin together and put distinct OIDs on the fail queue.
+std::vector<std::jthread> StartFailures()
+{
+    const auto start = std::make_shared<std::latch>(kThreads);
+    std::vector<std::jthread> threads;
+    for (uint32_t thread = 0; thread < kThreads; ++thread)
+    {
+        threads.emplace_back(
+            [start, thread]
+            {
+                start->arrive_and_wait();
+                for (uint32_t i = 0; i < kEach; ++i)
+                {
+                    QdbFailenQueue(gFailQueue, thread << 16 | i,
+                                   FailedOperation::Create, 1);
+                }
+            });
+    }
+    return threads;
+}
+
+TEST_F(QueueTest, ConcurrentFailuresAreAllKept)
+{
+    StartFailures().clear();
+    FailQueue *queue = gFailQueue;
+    EXPECT_EQ(queue->count, 39999);
+    std::set<uint32_t> oids;
+    while (QdbFailQNode *node = QdbFaildeQueue(queue))
+    {
+        oids.insert(node->oid);
+        std::free(node);
+    }
+    EXPECT_EQ(oids.size(), 40000U);
+    EXPECT_EQ(queue->count, 0);
+
+    // The same while they are taken.
+    oids.clear();
+    const std::vector<std::jthread> threads = StartFailures();
+    EXPECT_TRUE(WaitUntil(
+        [&]
+        {
+            while (QdbFailQNode *node = QdbFaildeQueue(queue))
+            {
+                EXPECT_TRUE(oids.insert(node->oid).second);
+                std::free(node);
+            }
+            return oids.size() == kThreads * kEach;
+        }));
+}
+
+TEST_F(QueueTest, WithoutMemoryAFailureIsDropped)
+{
+    if (&__real_calloc == nullptr)
+    {
+        GTEST_SKIP() << "not linked with --wrap=calloc";
+    }
+    QdbFailenQueue(gFailQueue, 1, FailedOperation::Create, 1);
+    QdbFailenQueue(gFailQueue, 2, FailedOperation::Create, 1);
+    CaptureLog();
+    tNoMemory = true;
+    QdbFailenQueue(gFailQueue, 3, FailedOperation::Create, 1);
+    tNoMemory = false;
+    EXPECT_EQ(LogLines(), Lines{"QdbFailenQueue:Failed to allocate memory for "
+                                "QdbFailQNode"});
+    const FailQueue &queue = *gFailQueue;
+    EXPECT_EQ(queue.count, 1);
+    EXPECT_EQ(queue.tail->oid, 2U);
+}
+
+} // namespace
+} // namespace qdb::test

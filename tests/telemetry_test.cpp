@@ -1,0 +1,336 @@
+// The telemetry records, on a real named pipe.
+#include "core/state.h"
+#include "db/clearing.h"
+#include "db/mapping.h"
+#include "objects/schema/rows.h"
+#include "publish/telemetry.h"
+#include "publish/telemetry_pipe.h"
+#include "tests/support/change_listener.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/mirror.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <set>
+#include <thread>
+
+namespace qdb::test
+{
+namespace
+{
+
+using Lines = std::vector<std::string>;
+
+struct PipeTest : ::testing::Test
+{
+    PipeTest() : mirror_({.pipe = true})
+    {
+        CaptureLog();
+    }
+
+    Mirror mirror_;
+};
+
+// The bytes that are in the pipe.
+std::string ReadAll(int fd)
+{
+    std::string bytes;
+    char block[8192];
+    for (ssize_t n = read(fd, block, sizeof(block)); n > 0;
+         n = read(fd, block, sizeof(block)))
+    {
+        bytes.append(block, static_cast<size_t>(n));
+    }
+    return bytes;
+}
+
+struct Reader
+{
+    explicit Reader(const std::string &path)
+        : fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC))
+    {
+        EXPECT_GE(fd, 0);
+    }
+    ~Reader()
+    {
+        close(fd);
+    }
+    Reader(const Reader &) = delete;
+    Reader &operator=(const Reader &) = delete;
+
+    int fd;
+};
+
+TEST_F(PipeTest, SomeChangesHaveARecord)
+{
+    const Lines kRefused = {"One or some of the input parameters are "
+                            "incorrect. Exiting\n"};
+    // clang-format off
+    const struct
+    {
+        const char *database;
+        const char *table;
+        long long rowid;
+        int operation;
+        uint8_t clearing;
+        Lines records;
+        Lines lines; // up to level 2
+    } kCases[] = {
+        {"main", "TblProbeObj", 17, 18, 0, {"TblProbeObj|17|18"}, {}},
+        {"main", "TblProbeObj", 17, 23, 0, {"TblProbeObj|17|23"}, {}},
+        {"main", "TblProbeObj", 17, 9, 0, {"TblProbeObj|17|9"}, {}},
+        {"other", "T", 9223372036854775807, 9, 0, {"T|9223372036854775807|9"}, {}},
+        {"main", "TblProbeObj", 1, 18, 0, {"TblProbeObj|1|18"}, {}},
+        {"main", "TblProbeObj", 0, 18, 0, {}, kRefused},
+        {"main", "TblProbeObj", -1, 18, 0, {}, kRefused},
+        {"main", nullptr, 1, 18, 0, {}, kRefused},
+        {nullptr, "TblProbeObj", 1, 18, 0, {}, kRefused},
+        {"main", "TblProbeObj", 0, 9, 1, {}, kRefused},
+        {"main", "TblProbeObj", 1, 9, 1, {}, {}},
+        {"main", "TblProbeObj", 1, 18, 1, {"TblProbeObj|1|18"}, {}},
+        {"main", "TblProbeObj", 1, 23, 1, {"TblProbeObj|1|23"}, {}},
+        {"main", "TblEtag", 1, 23, 0, {}, {}},
+        {"main", "TblEtagHistory", 1, 23, 0, {}, {}},
+        {"main", "TblEta", 1, 23, 0, {"TblEta|1|23"}, {}},
+        {"main", "MyTblEtag", 1, 23, 0, {"MyTblEtag|1|23"}, {}},
+        {"main", "ActiveOIDMapping", 1, 18, 0, {}, {}},
+        {"main", "ActiveOIDMappingOld", 1, 18, 0, {}, {}},
+        {"main", "ActiveOIDMappin", 1, 18, 0, {"ActiveOIDMappin|1|18"}, {}},
+        {"main", "ParentChildMapping", 1, 18, 0, {}, {}},
+        {"main", "ParentChildMapping2", 1, 18, 0, {}, {}},
+        {"main", "TblParentChildMapping", 1, 18, 0, {"TblParentChildMapping|1|18"}, {}},
+        {"main", "ARR_TblX", 1, 18, 0, {}, {}},
+        {"main", "TblARR_TblX", 1, 18, 0, {}, {}},
+        {"main", "TblARR_X", 1, 18, 0, {"TblARR_X|1|18"}, {}},
+    };
+    // clang-format on
+    PipeReader reader(mirror_.Root().Pipe());
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(std::string(c.table == nullptr ? "NULL" : c.table) + " " +
+                     std::to_string(c.operation));
+        CaptureLog(2);
+        gDMDetachClearing = c.clearing;
+        TelemetryUpdateHook(nullptr, c.operation, c.database, c.table, c.rowid);
+        EXPECT_EQ(reader.Take(), c.records);
+        EXPECT_EQ(LogLines(), c.lines);
+    }
+}
+
+TEST_F(PipeTest, RecordsAreBytesWithoutEnd)
+{
+    const Reader reader(mirror_.Root().Pipe());
+    FormatTelemetryLine(23, "TblProbeObj", 17);
+    PublishTableGone("TblProbeObj");
+    EXPECT_EQ(ReadAll(reader.fd),
+              "||DMLiveObjectDatabase.db|TblProbeObj|17|23||"
+              "||DMLiveObjectDatabase.db|TblProbeObj|0|9||");
+    EXPECT_EQ(LogLines(),
+              (Lines{" Operation type 23, Table TblProbeObj, rowid 17\n",
+                     "buffer =||DMLiveObjectDatabase.db|TblProbeObj|17|23||\n",
+                     "Telemetry Service write pipe opened successfully\n",
+                     "buffer =||DMLiveObjectDatabase.db|TblProbeObj|0|9||\n"}));
+
+    // A table name of any length; the record is cut.
+    const std::string longName(5000, 'x');
+    FormatTelemetryLine(23, longName.c_str(), 17);
+    const std::string cut = ReadAll(reader.fd);
+    EXPECT_EQ(cut, "||DMLiveObjectDatabase.db|" +
+                       longName.substr(0, cut.size() - 26));
+    EXPECT_EQ(cut.size(), 4095U);
+}
+
+TEST_F(PipeTest, RowsOfTheConnectionAreReported)
+{
+    PipeReader reader(mirror_.Root().Pipe());
+    ASSERT_EQ(insertinActiveOIDMapping(5, 0x16), 0);
+    ASSERT_EQ(InsertInParentChildMappingTable(5, 1), 0);
+    ASSERT_EQ(InsertInTblEtag("TblProbeObj"), 0);
+    for (const char *sql : {"INSERT INTO TblProbeObj(OID) VALUES(5)",
+                            "UPDATE TblProbeObj SET OID = 5",
+                            "INSERT INTO INTEGERARR_TblHealthStatusObj(OID, "
+                            "PROP, ARR_INDEX) VALUES(5, 'x', 0)"})
+    {
+        EXPECT_EQ(sqlite3_exec(QDVdbHandle, sql, nullptr, nullptr, nullptr), 0);
+    }
+    // The cascade takes the rows along.
+    ASSERT_EQ(DeleteObjectByOID(5), 0);
+    EXPECT_EQ(reader.Take(), (Lines{"TblProbeObj|1|18", "TblProbeObj|1|23",
+                                    "TblProbeObj|1|9"}));
+}
+
+TEST(TelemetryTest, TheDetachListHasAllTables)
+{
+    std::set<std::string> tables;
+    for (const RowData &row : kRowData)
+    {
+        tables.insert(row.table->name);
+    }
+    const std::set<std::string> listed(TelemetryDetachTableList.begin(),
+                                       TelemetryDetachTableList.end());
+    EXPECT_EQ(listed, tables);
+    EXPECT_EQ(TelemetryDetachTableList.size(), tables.size());
+    EXPECT_STREQ(TelemetryDetachTableList.front(), "TblRTStatus_Root_Obj");
+    EXPECT_STREQ(TelemetryDetachTableList.back(), "TblRAID_EnclosureFan");
+}
+
+void Publish(const char *table)
+{
+    FormatTelemetryLine(18, table, 1);
+}
+
+// The lines of the pipe itself, for what happened since CaptureLog.
+Lines PipeLines()
+{
+    Lines lines;
+    for (const std::string &line : LogLines())
+    {
+        if (line.find("ipe ") != std::string::npos)
+        {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
+TEST_F(PipeTest, ThePipeFollowsItsReader)
+{
+    const std::string path = mirror_.Root().Pipe();
+    const std::string kFailed = "Write to pipe failed\n";
+    const std::string kOpen = "QDB-TDB pipe open failed with error: ";
+    const Lines kNoReader = {kOpen + "6, No such device or address \n",
+                             kFailed};
+    const Lines kOpened = {
+        "Telemetry Service write pipe opened successfully\n"};
+
+    // No file: every record tries again.
+    unlink(path.c_str());
+    for (int i = 0; i < 2; ++i)
+    {
+        CaptureLog();
+        Publish("A");
+        EXPECT_EQ(PipeLines(),
+                  (Lines{kOpen + "2, No such file or directory \n", kFailed}));
+        EXPECT_EQ(gTelemetryPipeFd, -1);
+    }
+    // A file, but no reader.
+    mirror_.Root().MakePipe();
+    CaptureLog();
+    Publish("B");
+    EXPECT_EQ(PipeLines(), kNoReader);
+    EXPECT_EQ(gTelemetryPipeFd, -1);
+    {
+        PipeReader reader(path);
+        CaptureLog();
+        Publish("C");
+        Publish("D");
+        EXPECT_EQ(PipeLines(), kOpened);
+        EXPECT_EQ(reader.Take(), (Lines{"C|1|18", "D|1|18"}));
+    }
+    // The reader has gone: the record is lost, and the pipe is closed.
+    CaptureLog();
+    Publish("E");
+    EXPECT_EQ(PipeLines(),
+              (Lines{"Write to pipe failed with error: 32, Broken pipe \n",
+                     kFailed, "On error(32) pipe closed successfully\n"}));
+    EXPECT_EQ(gTelemetryPipeFd, -1);
+    CaptureLog();
+    Publish("F");
+    EXPECT_EQ(PipeLines(), kNoReader);
+    // Its successor.
+    PipeReader reader(path);
+    CaptureLog();
+    Publish("G");
+    EXPECT_EQ(PipeLines(), kOpened);
+    EXPECT_EQ(reader.Take(), Lines{"G|1|18"});
+}
+
+TEST_F(PipeTest, AFullPipeDropsRecordsAndStaysOpen)
+{
+    const Reader reader(mirror_.Root().Pipe());
+    ASSERT_EQ(fcntl(reader.fd, F_SETPIPE_SZ, 4096), 4096);
+    CaptureLog();
+    size_t written = 0;
+    while (CountLog("Write to pipe failed\n") == 0 && written < 4096)
+    {
+        CaptureLog();
+        Publish("TblProbeObj");
+        ++written;
+    }
+    const std::string kFull = "Write to pipe failed with error: 11, Resource "
+                              "temporarily unavailable \n";
+    EXPECT_EQ(PipeLines(),
+              (Lines{kFull, kFull, kFull, kFull, "Write to pipe failed\n"}));
+    EXPECT_GE(gTelemetryPipeFd, 0);
+
+    const std::string kRecord = "||DMLiveObjectDatabase.db|TblProbeObj|1|18||";
+    std::string expected;
+    for (size_t i = 1; i < written; ++i)
+    {
+        expected += kRecord;
+    }
+    EXPECT_EQ(ReadAll(reader.fd), expected);
+    CaptureLog();
+    Publish("TblProbeObj");
+    EXPECT_EQ(PipeLines(), Lines());
+    EXPECT_EQ(ReadAll(reader.fd), kRecord);
+}
+
+TEST_F(PipeTest, AnotherErrorLeavesThePipeAsItIs)
+{
+    // A descriptor that can't be written to.
+    gTelemetryPipeFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    Publish("TblProbeObj");
+    EXPECT_EQ(PipeLines(),
+              (Lines{"Write to pipe failed with error: 9, Bad file "
+                     "descriptor \n",
+                     "Write to pipe failed\n"}));
+    EXPECT_GE(gTelemetryPipeFd, 0);
+}
+
+TEST_F(PipeTest, NoBytesOpenThePipeAndNoMore)
+{
+    EXPECT_EQ(WriteTelemetryBytes("", 0), ENXIO);
+    const Reader reader(mirror_.Root().Pipe());
+    EXPECT_EQ(WriteTelemetryBytes("x", 0), 0);
+    EXPECT_GE(gTelemetryPipeFd, 0);
+    EXPECT_EQ(ReadAll(reader.fd), "");
+}
+
+TEST_F(PipeTest, RecordsOfManyWritersStayWhole)
+{
+    constexpr int kWriters = 10;
+    constexpr long long kEach = 500;
+    PipeReader reader(mirror_.Root().Pipe());
+    standin::SetLog(0, nullptr);
+    std::vector<std::jthread> writers;
+    for (int writer = 0; writer < kWriters; ++writer)
+    {
+        writers.emplace_back(
+            [writer]
+            {
+                const std::string table = "T" + std::to_string(writer);
+                for (long long i = 1; i <= kEach; ++i)
+                {
+                    FormatTelemetryLine(23, table.c_str(), i);
+                }
+            });
+    }
+    writers.clear();
+    const Lines records = reader.Take();
+    EXPECT_EQ(records.size(), 1U * kWriters * kEach);
+    std::map<std::string, long long> last;
+    for (const std::string &record : records)
+    {
+        const std::string table = record.substr(0, record.find('|'));
+        EXPECT_EQ(record, table + "|" + std::to_string(++last[table]) + "|23");
+    }
+    EXPECT_EQ(last.size(), 1U * kWriters);
+}
+
+} // namespace
+} // namespace qdb::test

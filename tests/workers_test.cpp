@@ -1,0 +1,121 @@
+// The workers: they take the records off the queue, all of them, and tell of a
+// corrupt database.
+
+#include "core/state.h"
+#include "events/queues/event_queue.h"
+#include "events/workers.h"
+#include "tests/support/db_fixture.h"
+#include "tests/support/event_records.h"
+#include "tests/support/wait.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+namespace qdb::test
+{
+namespace
+{
+
+constexpr uint16_t kStatus = 0x1001;
+constexpr char kMapping[] = "insert into ActiveOIDMapping";
+constexpr uint16_t kCreate = 7;
+constexpr uint16_t kDestroy = 8;
+
+void Enqueue(const Bytes &record)
+{
+    auto *copy = static_cast<DataEventHeader *>(std::malloc(record.size()));
+    std::memcpy(copy, record.data(), record.size());
+    QdbenQueue(gQdbEventQueue, copy);
+}
+
+TEST(Workers, EndAfterAllThatWasQueued)
+{
+    Mirror mirror({.threads = true});
+    CaptureLog();
+    constexpr uint32_t kObjects = 60;
+    for (uint32_t oid = 1000; oid < 1000 + kObjects; ++oid)
+    {
+        PutObject(kStatus, oid);
+        Enqueue(List(kCreate, {oid}));
+    }
+    mirror.StopWorkers();
+    EXPECT_EQ(mirror.Value("SELECT count(*) FROM TblDMStatus_Child_Obj"), "60");
+    for (int worker = 1; worker <= 10; ++worker)
+    {
+        const std::string id = std::to_string(worker);
+        EXPECT_EQ(CountLog("ACCEPT THREAD " + id + " ENDED"), 1);
+        EXPECT_EQ(CountLog("thID = " + id + " Exiting"), 1);
+    }
+    EXPECT_EQ(QdbEventQSize, 0);
+    Enqueue(List(kDestroy, {1000}));
+    EXPECT_EQ(QdbEventQSize, 1);
+}
+
+// One worker alone, so that the order of its records is known.
+TEST(Workers, ReportACorruptDatabase)
+{
+    const Mirror mirror;
+    Restart();
+    gQdbSeqNumber = 0;
+    FailSteps(kMapping, SQLITE_CORRUPT, 1);
+    FailSteps(kMapping, SQLITE_ERROR, 1);
+    PutObject(kStatus, 16);
+    PutObject(kStatus, 17);
+    QdbWorkerArg argument = {7};
+    pthread_t worker;
+    ASSERT_EQ(pthread_create(&worker, nullptr, QdbWorkerThread, &argument), 0);
+    const auto posts = []
+    {
+        int value = -1;
+        sem_getvalue(&gSqliteCorruptSem, &value);
+        return value;
+    };
+    // A post without a record, and a node without one, are passed over.
+    sem_post(&gQdbEventSem);
+    EXPECT_TRUE(WaitUntil(
+        []
+        {
+            return CountLog("Call QdbdeQueue for thID=7") == 2;
+        }));
+    QdbenQueue(gQdbEventQueue, nullptr);
+    EXPECT_TRUE(WaitUntil(
+        []
+        {
+            return CountLog("Call QdbdeQueue for thID=7") == 3;
+        }));
+    CaptureLog();
+    Enqueue(List(kCreate, {16})); // corrupt
+    Enqueue(Record(3450, {}));    // has no status of its own
+    Enqueue(List(kCreate, {17})); // fails otherwise
+    Enqueue(Record(3450, {}));
+    Enqueue(List(kCreate, {16}));
+    static DataEventHeader stop = {};
+    stop.evtType = 1001;
+    QdbenQueue(gQdbEventQueue, &stop);
+    pthread_join(worker, nullptr);
+    EXPECT_EQ(posts(), 2);
+    EXPECT_EQ(mirror.Rows("SELECT OID FROM TblDMStatus_Child_Obj"),
+              Lines{"16"});
+    Lines lines = LogLines();
+    std::erase_if(lines,
+                  [](const std::string &line)
+                  {
+                      return line.find("thID") == std::string::npos &&
+                             line.find("ACCEPT") == std::string::npos;
+                  });
+    const std::string call = "Call QdbdeQueue for thID=7";
+    const auto taken = [](int number, int type)
+    {
+        return "Dequeue SeqNo = " + std::to_string(number) +
+               ", thID = 7, event=" + std::to_string(type);
+    };
+    EXPECT_EQ(lines,
+              (Lines{taken(1, 7), call, taken(2, 3450), call, taken(3, 7), call,
+                     taken(4, 3450), call, taken(5, 7), call, taken(6, 1001),
+                     "Dequeue SeqNo = 6, thID = 7 Exiting",
+                     "ACCEPT THREAD 7 ENDED"}));
+}
+
+} // namespace
+} // namespace qdb::test
