@@ -53,7 +53,7 @@ const DataObjHeader *FindParent(const DataObjHeader *object,
                                 const ConfigObjectList *groups,
                                 GroupCache *pCache)
 {
-    if (groups == nullptr)
+    if (groups == nullptr || groups->IsNull())
     {
         return nullptr;
     }
@@ -113,7 +113,7 @@ void ReloadAll()
 {
     QDB_LOG(kLogTrace, "%s: DM DETACHED!! -Reload Config Objects!\n");
     ConfigObjectList groups;
-    if (!groups.Fetch(kConfigGroup))
+    if (groups.Fetch(kConfigGroup) != 0)
     {
         QDB_LOG(kLogError, "%s: Objects not found: CfgGroup 1\n");
         return;
@@ -145,7 +145,7 @@ int OnLoadConfigObjectsCreation(const char *interfaceName,
     timeval begin = {};
     gettimeofday(&begin, nullptr);
     ConfigObjectList objects;
-    if (!objects.Fetch(interfaceName))
+    if (objects.Fetch(interfaceName) != 0 || objects.IsNull())
     {
         QDB_LOG(kLogError, "%s: Objects not found: %s\n", interfaceName);
         return ZO_STATUS_NO_SUCH_OBJECT;

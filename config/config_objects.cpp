@@ -86,10 +86,9 @@ ConfigObjectList::~ConfigObjectList()
     }
 }
 
-bool ConfigObjectList::Fetch(const char *interfaceName)
+int ConfigObjectList::Fetch(const char *interfaceName)
 {
-    return client_get_objects(interfaceName, "", &list_) == 0 &&
-           list_ != nullptr;
+    return client_get_objects(interfaceName, "", &list_);
 }
 
 std::span<DataObjHeader *const> ConfigObjectList::Objects() const

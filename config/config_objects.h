@@ -41,10 +41,16 @@ class ConfigObjectList
     ConfigObjectList(const ConfigObjectList &) = delete;
     ConfigObjectList &operator=(const ConfigObjectList &) = delete;
 
-    // Fetches the objects of an interface, or the groups. False when the
-    // library failed or gave no list. Once per object.
-    bool Fetch(const char *interfaceName);
+    // Fetches the objects of an interface, or the groups. Returns the library's
+    // status, 0 on success; it may give no list even then. Once per object.
+    int Fetch(const char *interfaceName);
 
+    bool IsNull() const
+    {
+        return list_ == nullptr;
+    }
+
+    // Empty for a NULL list.
     std::span<DataObjHeader *const> Objects() const;
 
   private:

@@ -189,6 +189,10 @@ int ClearTableData(const char *tableName)
 
 int DeleteObjectByOID(uint32_t oid)
 {
+    if (!HasDatabase())
+    {
+        return kFailed;
+    }
     int status = SQLITE_OK;
     {
         const MutexLock lock(gDeleteObjectByOIDMutex);

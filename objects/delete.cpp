@@ -76,6 +76,13 @@ void Announce(const ObjTypeRow &row, JsonPtr rowJson)
     }
 }
 
+void LogEnd(const ObjTypeRow &row, uint32_t oid, int status)
+{
+    QDB_LOG(kLogTrace, "%s: [%s] %s%s Exit for OID: %d,status:%d", row.suffix,
+            kStem, row.suffix, StoredOid(oid), status);
+}
+
+// Every end but that of a failed removal is logged.
 int RemoveRow(const ObjTypeRow &row, uint32_t oid)
 {
     JsonPtr rowJson;
@@ -86,6 +93,7 @@ int RemoveRow(const ObjTypeRow &row, uint32_t oid)
                 "%s: DEL[%s] Error in sending dbus signal on delete row for "
                 "OID: %d",
                 row.suffix, StoredOid(oid));
+        LogEnd(row, oid, FailureOf(read));
         return FailureOf(read);
     }
     const int status = DeleteObjectByOID(oid);
@@ -98,6 +106,7 @@ int RemoveRow(const ObjTypeRow &row, uint32_t oid)
         return FailureOf(status == kFailed ? LastStepStatus() : status);
     }
     Announce(row, std::move(rowJson));
+    LogEnd(row, oid, SQLITE_OK);
     return SQLITE_OK;
 }
 
@@ -116,10 +125,7 @@ int DeleteLocked(const ObjTypeRow &row, const DataObjHeader *pDOH)
     QDB_LOG(kLogTrace, "%s: [%s] %s%s Entry for OID: %d", row.suffix, kStem,
             row.suffix, StoredOid(oid));
     BeginDelete(row, state, oid);
-    const int status = RemoveRow(row, oid);
-    QDB_LOG(kLogTrace, "%s: [%s] %s%s Exit for OID: %d,status:%d", row.suffix,
-            kStem, row.suffix, StoredOid(oid), status);
-    return status;
+    return RemoveRow(row, oid);
 }
 
 } // namespace

@@ -154,7 +154,7 @@ int OnLoadObjectsCreation()
 {
     QDB_LOG(kLogTrace, "%s: Entering OnLoadObjectsCreation \n");
     ConfigObjectList groups;
-    if (!groups.Fetch(kConfigGroup))
+    if (groups.Fetch(kConfigGroup) != 0)
     {
         QDB_LOG(kLogError, "%s: Objects not found: CfgGroup 1\n");
         return ZO_STATUS_NO_SUCH_OBJECT;

@@ -119,7 +119,7 @@ TEST_F(LoadTest, EachInterfaceFillsItsTable)
             "SELECT OID, Key, ParentObjectKey FROM " + table + " ORDER BY OID";
 
         ConfigObjectList groups;
-        ASSERT_TRUE(groups.Fetch(kConfigGroup));
+        ASSERT_EQ(groups.Fetch(kConfigGroup), 0);
         CaptureLog(1);
         EXPECT_EQ(OnLoadConfigObjectsCreation(kind.interface, &groups), 0);
         EXPECT_EQ(LinesWithoutTimes(), Lines{"Timestamp"});
@@ -249,7 +249,7 @@ TEST_F(LoadTest, AnObjectThatFailsStopsNobody)
         const Listing groupListing = {{group}, 0};
         gListing = &groupListing;
         ConfigObjectList groups;
-        ASSERT_TRUE(groups.Fetch(kConfigGroup));
+        ASSERT_EQ(groups.Fetch(kConfigGroup), 0);
         const Listing listing = {c.objects, 0};
         gListing = &listing;
         Restart();
@@ -300,7 +300,7 @@ TEST_F(LoadTest, LoadsMayRunAtOnce)
             [&kind]
             {
                 ConfigObjectList groups;
-                EXPECT_TRUE(groups.Fetch(kConfigGroup));
+                EXPECT_EQ(groups.Fetch(kConfigGroup), 0);
                 EXPECT_EQ(OnLoadConfigObjectsCreation(kind.interface, &groups),
                           0);
             });
