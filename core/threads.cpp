@@ -23,24 +23,20 @@ pthread_mutex_t gMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t gThreadEnded = PTHREAD_COND_INITIALIZER;
 std::atomic<bool> gStopRequested = false;
 
-// Marks a thread as ended on every way out of its entry.
-struct EndMark
+// The caller holds gMutex.
+void MarkEnded(ServiceThread &thread)
 {
-    ServiceThread &thread;
-
-    ~EndMark()
-    {
-        const MutexLock lock(gMutex);
-        thread.ended = true;
-        pthread_cond_broadcast(&gThreadEnded);
-    }
-};
+    thread.ended = true;
+    pthread_cond_broadcast(&gThreadEnded);
+}
 
 void *RunThread(void *argument)
 {
     ServiceThread &thread = *static_cast<ServiceThread *>(argument);
-    const EndMark mark{thread};
-    return thread.entry(thread.argument);
+    void *result = thread.entry(thread.argument);
+    const MutexLock lock(gMutex);
+    MarkEnded(thread);
+    return result;
 }
 
 } // namespace
@@ -79,6 +75,7 @@ void CancelThread(ServiceThread &thread)
     if (thread.running)
     {
         pthread_cancel(thread.handle);
+        MarkEnded(thread);
     }
 }
 

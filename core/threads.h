@@ -5,6 +5,9 @@
 // 1. No thread is started once a stop has been requested.
 // 2. Only a thread that was started and is not being joined is cancelled: a
 //    handle is never used after its join.
+//
+// An entry ends by returning, not by pthread_exit. A cancelled thread runs no
+// code of this file any more: whoever cancels it notes its end.
 #pragma once
 
 #include <pthread.h>
@@ -24,7 +27,7 @@ struct ServiceThread
     ThreadEntry entry;
     void *argument;
     bool running; // started and not yet joined
-    bool ended;   // its entry has returned, exited or been cancelled
+    bool ended;   // its entry has returned, or it was cancelled
 };
 
 extern ServiceThread gSignalThread;

@@ -98,7 +98,7 @@ void *QdbWorkerThread(void *argument)
     QDB_LOG(kLogTrace, "%s: thID=%d", thID);
     RunRecords(thID);
     QDB_LOG(kLogTrace, "%s: ACCEPT THREAD %d ENDED", thID);
-    pthread_exit(nullptr);
+    return nullptr;
 }
 
 } // namespace qdb

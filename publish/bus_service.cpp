@@ -169,7 +169,7 @@ void *RunBusServiceThread(void * /*argument*/)
     QDB_LOG(kLogTrace, "%s: SQLITE_CORRUPT THREAD ACCEPT THREAD ENDED \n");
     DbusMain();
     QDB_LOG(kLogTrace, "%s: SQLITE_CORRUPT THREAD ACCEPT THREAD ENDED \n");
-    pthread_exit(nullptr);
+    return nullptr;
 }
 
 } // namespace qdb

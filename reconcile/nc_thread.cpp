@@ -68,7 +68,7 @@ void *handle_QuillonDB_NC_Event_Request(void * /*argument*/)
     QDB_LOG(kLogTrace, "%s: handle_QuillonDB_NC_Event_Request entry\n");
     RunPasses();
     QDB_LOG(kLogInvalid, "%s: Exit [%s] \n", kThreadName);
-    pthread_exit(nullptr);
+    return nullptr;
 }
 
 } // namespace qdb

@@ -56,7 +56,7 @@ void *handle_QuillonDB_Sqlite_corrupt(void *argument)
         StopService();
     }
     QDB_LOG(kLogTrace, "%s: SQLITE_CORRUPT THREAD ACCEPT THREAD ENDED \n");
-    pthread_exit(nullptr);
+    return nullptr;
 }
 
 } // namespace qdb

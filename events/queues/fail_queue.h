@@ -1,16 +1,18 @@
 // Operations that the database refused, kept until they can be repeated.
 //
 // Invariants:
-// 1. `count` is the number of nodes less one, and 0 for the empty queue: the
-//    first node put on an empty queue doesn't add to it. A drain takes exactly
-//    `count` nodes, so that the newest one stays until another failure pushes
-//    it forward.
+// 1. `count` is the number of nodes less one, since the first node put on an
+//    empty queue doesn't add to it. A drain takes exactly `count` nodes, so
+//    that the newest one stays until another failure pushes it forward. An
+//    empty queue has 0 when it is new or was found empty, and -1 when its last
+//    node has just been taken.
 // 2. An index is a position in the sorted fail-type list.
 //
 // Any thread that runs a handler appends; one thread takes. Duplicates are not
 // detected. Nothing survives a restart.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -40,7 +42,7 @@ struct FailQueue
 {
     QdbFailQNode *head;
     QdbFailQNode *tail;
-    int count;
+    std::atomic<int> count; // also read without the mutex
 };
 
 inline constexpr size_t kFailTypeCount = 38;

@@ -25,8 +25,11 @@ inline Bytes Record(uint16_t type, const Words &words,
                     const std::string &text = "", size_t claimed = SIZE_MAX)
 {
     std::string bytes(sizeof(DataEventHeader) + words.size() * 4, '\0');
-    std::memcpy(bytes.data() + sizeof(DataEventHeader), words.data(),
-                words.size() * 4);
+    if (!words.empty())
+    {
+        std::memcpy(bytes.data() + sizeof(DataEventHeader), words.data(),
+                    words.size() * 4);
+    }
     bytes += text;
     DataEventHeader header = {};
     header.evtSize = static_cast<uint32_t>(std::min(claimed, bytes.size()));
