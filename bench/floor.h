@@ -10,8 +10,8 @@
 #include "bench/scratch.h"
 #include "bench/subscriber.h"
 #include "bench/workload.h"
-#include "db/statement.h"
 #include "core/json.h"
+#include "db/statement.h"
 #include "objects/object_view.h"
 
 #include <systemd/sd-bus.h>

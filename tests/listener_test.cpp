@@ -15,8 +15,12 @@
 #include "tests/support/wait.h"
 
 #include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -404,13 +408,39 @@ TEST_F(Listener, Attaches)
     EXPECT_EQ(LogLines(), Lines{});
 }
 
-// The gate never opens again: no suite may follow in this process.
-class ShutGateTest : public Listener
+// Runs the present test again in a process of its own, with the variable set.
+// Returns the exit status; what the process prints goes to standard error.
+int RunAlone(const char *variable)
 {
-};
+    const ::testing::TestInfo *test =
+        ::testing::UnitTest::GetInstance()->current_test_info();
+    const std::string filter = std::string("--gtest_filter=") +
+                               test->test_suite_name() + "." + test->name();
+    const char *arguments[] = {"/proc/self/exe", filter.c_str(), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
+    setenv(variable, "1", 1);
+    pid_t child = -1;
+    EXPECT_EQ(posix_spawn(&child, arguments[0], &actions, nullptr,
+                          const_cast<char **>(arguments), environ),
+              0);
+    unsetenv(variable);
+    posix_spawn_file_actions_destroy(&actions);
+    int status = -1;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
-TEST_F(ShutGateTest, DoesNothingAnyMore)
+// The gate never opens again in a process.
+TEST_F(Listener, DoesNothingOnceTheGateIsShut)
 {
+    constexpr char kAlone[] = "QDB_TEST_GATE";
+    if (std::getenv(kAlone) == nullptr)
+    {
+        EXPECT_EQ(RunAlone(kAlone), 0);
+        return;
+    }
     CreateRow(1);
     CreateRow(2);
     CaptureLog();
