@@ -145,8 +145,8 @@ void PrintTable(const Report &report, size_t count)
                     rates.service, rates.floor, rates.service / rates.floor);
     }
     std::printf("\n%u processors, load average %.2f before and %.2f after, "
-                "database on %s.\nOnly the ratios mean anything: the two sides "
-                "share the machine and its load.\n",
+                "database on %s.\nOnly the ratios mean anything, and only on a "
+                "machine with nothing else to do.\n",
                 std::thread::hardware_concurrency(), report.loadBefore,
                 report.loadAfter, Scratch::OnTmpfs() ? "tmpfs" : "disk");
 }
