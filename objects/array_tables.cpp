@@ -247,8 +247,15 @@ void InsertArrays(const ObjTypeRow &row, const DataObjHeader *pDOH)
     }
 }
 
-int ReadArrays(const ObjTypeRow &row, uint32_t oid, json_t *rowJson)
+int AddArrays(const ObjTypeRow &row, uint32_t oid, int readStatus,
+              json_t *rowJson)
 {
+    QDB_LOG(kLogTrace, "%s: [%s]get row function returns status = %d",
+            row.suffix, readStatus);
+    if (readStatus != SQLITE_OK)
+    {
+        return readStatus;
+    }
     for (const ArrayProperty &property : row.table->arrays)
     {
         JsonPtr elements;

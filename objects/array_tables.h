@@ -17,10 +17,13 @@ namespace qdb
 // for a row without arrays.
 void InsertArrays(const ObjTypeRow &row, const DataObjHeader *pDOH);
 
-// Reads all array properties of an object and sets them in its row; a property
-// without elements keeps the row's null. Returns 0, or the status of the first
-// property that failed, with the later ones unread.
-int ReadArrays(const ObjTypeRow &row, uint32_t oid, json_t *rowJson);
+// What follows the reading of an object's row: logs the reader's status and,
+// when it is 0, reads all array properties and sets them in the row; a property
+// without elements keeps the row's null. Returns the reader's status, or that
+// of the first property that failed, with the later ones unread. rowJson may be
+// NULL when readStatus isn't 0.
+int AddArrays(const ObjTypeRow &row, uint32_t oid, int readStatus,
+              json_t *rowJson);
 
 // The elements of `after` that differ from those at the same place in `before`,
 // as far as `before` goes.

@@ -99,14 +99,10 @@ bool HasPreviousValues(const ObjTypeRow &row)
            std::end(kWithPreviousValues);
 }
 
-bool KeepsFailedCreates(const ObjTypeRow &row)
-{
-    return QdbFailObjTypeIndex(static_cast<int>(row.objType)) != -1;
-}
-
 bool KeepsMissedRefreshes(const ObjTypeRow &row)
 {
-    return row.objType != kFru && KeepsFailedCreates(row);
+    return row.objType != kFru &&
+           QdbFailObjTypeIndex(static_cast<int>(row.objType)) != -1;
 }
 
 void FinalizeHandlerStatements()

@@ -88,7 +88,6 @@ constexpr bool IsConfigType(uint32_t objType)
 
 // Which of the variants a row belongs to.
 bool HasPreviousValues(const ObjTypeRow &row);
-bool KeepsFailedCreates(const ObjTypeRow &row);
 bool KeepsMissedRefreshes(const ObjTypeRow &row);
 
 // Finalises the statements of all rows. No thread may use them any more.

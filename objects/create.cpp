@@ -84,7 +84,7 @@ void KeepForLater(const Create &create)
 {
     const int index =
         QdbFailObjTypeIndex(static_cast<int>(create.pDOH->objType));
-    if (KeepsFailedCreates(create.row) && index != -1)
+    if (index != -1)
     {
         QDB_LOG(kLogTrace,
                 "%s: Create_[%s]:Sqlite busy or lock error so adding to Fail "
@@ -234,12 +234,7 @@ int FinishRow(const Create &create, JsonPtr *pRow)
     {
         status = kFailed;
     }
-    QDB_LOG(kLogTrace, "%s: [%s]get row function returns status = %d",
-            create.row.suffix, status);
-    if (status == SQLITE_OK)
-    {
-        status = ReadArrays(create.row, create.Oid(), pRow->get());
-    }
+    status = AddArrays(create.row, create.Oid(), status, pRow->get());
     if (InsertInTblEtag(create.row.table->name) != SQLITE_OK)
     {
         QDB_LOG(kLogError, "%s: TblEtag could not be updated for %s",

@@ -55,18 +55,6 @@ class DeleteEnd
     ObjRowState &state_;
 };
 
-int ReadLastRow(const ObjTypeRow &row, uint32_t oid, JsonPtr *pRow)
-{
-    int status = ReadRow(row, oid, pRow);
-    if (status == SQLITE_OK)
-    {
-        status = ReadArrays(row, oid, pRow->get());
-    }
-    QDB_LOG(kLogTrace, "%s: [%s]get row function returns status = %d",
-            row.suffix, status);
-    return status;
-}
-
 void Announce(const ObjTypeRow &row, JsonPtr rowJson)
 {
     if (const JsonText text = RenderWholeRow(row, std::move(rowJson)))
@@ -86,7 +74,8 @@ void LogEnd(const ObjTypeRow &row, uint32_t oid, int status)
 int RemoveRow(const ObjTypeRow &row, uint32_t oid)
 {
     JsonPtr rowJson;
-    const int read = ReadLastRow(row, oid, &rowJson);
+    int read = ReadRow(row, oid, &rowJson);
+    read = AddArrays(row, oid, read, rowJson.get());
     if (read != SQLITE_OK || rowJson == nullptr)
     {
         QDB_LOG(kLogWarning,

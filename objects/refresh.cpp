@@ -42,14 +42,6 @@ struct Refresh
     }
 };
 
-int ReadRowWithArrays(const Refresh &refresh, JsonPtr *pRow)
-{
-    const int status = ReadRow(refresh.row, refresh.Oid(), pRow);
-    return status == SQLITE_OK
-               ? ReadArrays(refresh.row, refresh.Oid(), pRow->get())
-               : status;
-}
-
 // An object without a row: types whose failures are kept come back later.
 int KeepForLater(const Refresh &refresh)
 {
@@ -74,14 +66,12 @@ int KeepForLater(const Refresh &refresh)
 
 int ReadBefore(const Refresh &refresh, JsonPtr *pBefore)
 {
-    int status = ReadRowWithArrays(refresh, pBefore);
+    int status = ReadRow(refresh.row, refresh.Oid(), pBefore);
     if (status == SQLITE_DONE)
     {
         status = KeepForLater(refresh);
     }
-    QDB_LOG(kLogTrace, "%s: [%s]get row function returns status = %d",
-            refresh.row.suffix, status);
-    return status;
+    return AddArrays(refresh.row, refresh.Oid(), status, pBefore->get());
 }
 
 int PrepareUpdate(const Refresh &refresh)
@@ -169,14 +159,12 @@ int UpdateRow(Refresh &refresh)
 
 int ReadAfter(const Refresh &refresh, JsonPtr *pAfter)
 {
-    int status = ReadRowWithArrays(refresh, pAfter);
+    int status = ReadRow(refresh.row, refresh.Oid(), pAfter);
     if (status == SQLITE_DONE)
     {
         status = kFailed;
     }
-    QDB_LOG(kLogTrace, "%s: [%s]get row function returns status = %d",
-            refresh.row.suffix, status);
-    return status;
+    return AddArrays(refresh.row, refresh.Oid(), status, pAfter->get());
 }
 
 // Announces what changed, if more than the tag did.

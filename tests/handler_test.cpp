@@ -119,6 +119,40 @@ TEST_F(Handler, DeleteThatFailsLogsNoEnd)
     EXPECT_EQ(CountLog("[1001] DeleteObj_1001 Exit for OID: 257,status:-1"), 1);
 }
 
+// The reader's own status is logged before the arrays are read.
+TEST_F(Handler, AnArrayThatCannotBeReadFailsAfterTheRow)
+{
+    const std::string elements = "SELECT json_object('ARR_INDEX'";
+    const struct
+    {
+        const char *name;
+        int (*run)(const Bytes &object);
+    } cases[] = {
+        {"refresh",
+         [](const Bytes &object)
+         {
+             return Refresh(object);
+         }},
+        {"delete",
+         [](const Bytes &object)
+         {
+             return Delete(object);
+         }},
+    };
+    EXPECT_EQ(Create(List(256, "1, 2")), 0);
+    for (const auto &c : cases)
+    {
+        SCOPED_TRACE(c.name);
+        Restart();
+        FailSteps(elements, SQLITE_ERROR, 1);
+        EXPECT_NE(c.run(List(256, "1, 2")), 0);
+        EXPECT_EQ(CountLog("[801]get row function returns status = 0"), 1);
+        EXPECT_EQ(CountLog("get row function returns status"), 1);
+        EXPECT_EQ(CountLog("[801] Get of array data failed with ret = 1"), 1);
+    }
+    EXPECT_EQ(Count("TblSoftwareInventoryMetaDataObject", 256), "1");
+}
+
 TEST_F(Handler, NothingHappensWithoutADatabase)
 {
     const Bytes object = Status(256, "p", 1);
