@@ -6,13 +6,13 @@
 namespace qdb
 {
 
-ObjectPtr CopyObject(const DataObjHeader *pDOH, uint32_t size)
+ObjectPtr CopyObject(const void *object, uint32_t size)
 {
     // From calloc, so that the platform can release it.
     ObjectPtr copy(static_cast<DataObjHeader *>(std::calloc(1, size)));
     if (copy != nullptr)
     {
-        std::memcpy(copy.get(), pDOH, size);
+        std::memcpy(copy.get(), object, size);
     }
     return copy;
 }

@@ -8,8 +8,8 @@
 namespace qdb
 {
 
-// A copy of the first `size` bytes of an object; NULL without memory.
-ObjectPtr CopyObject(const DataObjHeader *pDOH, uint32_t size);
+// A copy of the `size` bytes of an object; NULL without memory.
+ObjectPtr CopyObject(const void *object, uint32_t size);
 
 enum class Difference
 {

@@ -57,7 +57,7 @@ bool PauseBetweenPasses()
 
 // Runs all reloads once. False when the thread is to end, which it does between
 // two reloads, never in one. Only the last reload's corruption ends the
-// service; that of the others is met by the handlers of other threads, too.
+// service; what the others find is logged and no more.
 bool RunReloads()
 {
     RunMemoryReload();
