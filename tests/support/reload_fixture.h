@@ -1,0 +1,102 @@
+// What tests of the reloads share: objects that come and go in silence, and the
+// handlers that a reload has called.
+#pragma once
+
+#include "tests/support/event_records.h"
+#include "tests/support/handler_fixture.h"
+#include "tests/support/no_memory.h"
+
+namespace qdb::test
+{
+
+inline std::string Text(uint32_t number)
+{
+    return std::to_string(number);
+}
+
+inline void MakeRow(const Bytes &object)
+{
+    EXPECT_EQ(Create(object), 0);
+}
+
+inline void Put(const Bytes &object, const Words &parents = {})
+{
+    EXPECT_EQ(standin::PutRawObject(object, parents), "");
+}
+
+inline void Remove(uint32_t oid)
+{
+    EXPECT_EQ(standin::DeleteObjects(Words{oid}, false), "");
+}
+
+// While it lives, allocations of this thread fail from a line on.
+class OutOfMemoryAt
+{
+  public:
+    explicit OutOfMemoryAt(const std::string &line)
+        : hook_(line,
+                [](int)
+                {
+                    tNoMemory = true;
+                })
+    {
+    }
+    ~OutOfMemoryAt()
+    {
+        tNoMemory = false;
+    }
+    OutOfMemoryAt(const OutOfMemoryAt &) = delete;
+    OutOfMemoryAt &operator=(const OutOfMemoryAt &) = delete;
+
+  private:
+    LineHook hook_;
+};
+
+class NcReload : public Handler
+{
+  protected:
+    void Clear()
+    {
+        standin::Reset();
+        mirror_.Rows("DELETE FROM ActiveOIDMapping");
+        ForgetStatements();
+        Restart();
+    }
+
+    // The handlers that have run since Restart(), such as "Create 7".
+    static Lines Calls()
+    {
+        static const std::regex kEntry(
+            "\\[\\w+\\] (Create|Refresh|Delete)Obj_\\w+ Entry for OID: (-?\\d+)"
+            "\n?");
+        Lines calls;
+        for (const std::string &line : LogLines())
+        {
+            std::smatch match;
+            if (std::regex_match(line, match, kEntry))
+            {
+                calls.push_back(match[1].str() + " " + match[2].str());
+            }
+        }
+        return calls;
+    }
+
+    // Lines that contain one of the texts.
+    static Lines LinesWith(const Lines &texts)
+    {
+        Lines lines = LogLines();
+        std::erase_if(lines,
+                      [&](const std::string &line)
+                      {
+                          return std::ranges::none_of(
+                              texts,
+                              [&](const std::string &text)
+                              {
+                                  return line.find(text) != std::string::npos;
+                              });
+                      });
+        return lines;
+    }
+};
+
+} // namespace qdb::test
