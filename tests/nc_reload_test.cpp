@@ -44,13 +44,6 @@ Bytes Fru(uint32_t oid, const std::string &serial,
                           serial + R"("})");
 }
 
-// An object whose text at the offset can't be read as it stands.
-Bytes Broken(Bytes object, size_t wordAt)
-{
-    object[wordAt + 1] = 0x20;
-    return object;
-}
-
 TEST_F(NcReload, ChoosesByKeyAndPower)
 {
     struct Case

@@ -29,6 +29,13 @@ inline void Remove(uint32_t oid)
     EXPECT_EQ(standin::DeleteObjects(Words{oid}, false), "");
 }
 
+// An object whose text at the offset can't be read as it stands.
+inline Bytes Broken(Bytes object, size_t wordAt)
+{
+    object[wordAt + 1] = 0x20;
+    return object;
+}
+
 // While it lives, allocations of this thread fail from a line on.
 class OutOfMemoryAt
 {
