@@ -174,16 +174,13 @@ constexpr struct
     const char *interfaceName;
     const char *table;
 } kAttributes[] = {
-    {"Tarnu.Embedded.1#SerialCapture.1#SerialDataSize", kIntInterface,
-     "TblIntAttribute"},
-    {"System.Embedded.1#ServerOS.1#ServerPoweredOnTime", kIntInterface,
-     "TblIntAttribute"},
-    {"System.Embedded.1#Diagnostics.1#OSAppCollectionTime", kStrInterface,
-     "TblStrAttribute"},
-    {"System.Embedded.1#SystemInfo.1#BootTime", kStrInterface,
-     "TblStrAttribute"},
-    {"System.Embedded.1#SystemInfo.1#SysTime", kStrInterface,
-     "TblStrAttribute"},
+    // clang-format off
+        {"Tarnu.Embedded.1#SerialCapture.1#SerialDataSize", kIntInterface, "TblIntAttribute"},
+        {"System.Embedded.1#ServerOS.1#ServerPoweredOnTime", kIntInterface, "TblIntAttribute"},
+        {"System.Embedded.1#Diagnostics.1#OSAppCollectionTime", kStrInterface, "TblStrAttribute"},
+        {"System.Embedded.1#SystemInfo.1#BootTime", kStrInterface, "TblStrAttribute"},
+        {"System.Embedded.1#SystemInfo.1#SysTime", kStrInterface, "TblStrAttribute"},
+    // clang-format on
 };
 
 class CfgKeyReload : public NcReload
@@ -375,15 +372,12 @@ TEST_F(CfgKeyReload, ChecksWhetherARowIsPresent)
         int count; // 7: left alone
         Lines lines;
     } kCases[] = {
+        // clang-format off
         {"unprepared", 11, 0, 11, 7, {"sqlite3_prepare_v2 Error: 11"}},
         {"present", 0, 0, 0, 1, {"returned SQLITE_ROW count = 1\n"}},
-        {"no row",
-         0,
-         101,
-         -1,
-         7,
-         {"Using prepared statement", "No data found\n"}},
+        {"no row", 0, 101, -1, 7, {"Using prepared statement", "No data found\n"}},
         {"busy", 0, 5, -1, 7, {"Using prepared statement", "No data found\n"}},
+        // clang-format on
     };
     const auto check = [&](size_t index, int *pCount)
     {
@@ -584,13 +578,11 @@ TEST_F(TypeReload, CountsAFailedRemovalAsDone)
         int result;
         Lines lines;
     } kCases[] = {
+        // clang-format off
         {"unprepared", 1, 0, 1, {tag + "sqlite3_prepare_v2 Error: 1"}},
-        {"fails",
-         0,
-         19,
-         0,
-         {tag + "Entry for -2 could not deleted. Error: -1"}},
+        {"fails", 0, 19, 0, {tag + "Entry for -2 could not deleted. Error: -1"}},
         {"works", 0, 0, 0, {tag + "Using prepared statement"}},
+        // clang-format on
     };
     MakeRow(Device(kBlt, 0xFFFFFFFE, "a"));
     for (const auto &test : kCases)

@@ -347,29 +347,18 @@ TEST_F(FruReload, RefreshesWhatIsNewOrChanged)
         Lines calls;
         Lines lines;
     } kSteps[] = {
+        // clang-format off
         {"no disk", Fru(kFirst, "A", "Disk.Ba.1"), {}, {}},
         {"no key", With(Fru(kFirst, "A"), 0x14, 0), {}, {}},
         {"key outside", With(Fru(kFirst, "A"), 0x14, 4000), {}, {}},
         {"new", Fru(kFirst, "A"), {refresh}, {added("A"), cache + "A"}},
         {"same", Fru(kFirst, "A"), {}, {unchanged, skipped, cache + "A"}},
-        {"changed",
-         Fru(kFirst, "AB"),
-         {refresh},
-         changed("AB", "A") + Lines{cache + "A"}},
-        {"still changed",
-         Fru(kFirst, "AB"),
-         {refresh},
-         changed("AB", "A") + Lines{cache + "A"}},
+        {"changed", Fru(kFirst, "AB"), {refresh}, changed("AB", "A") + Lines{cache + "A"}},
+        {"still changed", Fru(kFirst, "AB"), {refresh}, changed("AB", "A") + Lines{cache + "A"}},
         {"destroyed", {}, {}, {}},
-        {"new and too long",
-         Fru(kFirst, longSerial),
-         {refresh},
-         {added(longSerial), cache + longSerial.substr(0, 63)}},
-        {"never the same",
-         Fru(kFirst, longSerial),
-         {refresh},
-         changed(longSerial, longSerial.substr(0, 63)) +
-             Lines{cache + longSerial.substr(0, 63)}},
+        {"new and too long", Fru(kFirst, longSerial), {refresh}, {added(longSerial), cache + longSerial.substr(0, 63)}},
+        {"never the same", Fru(kFirst, longSerial), {refresh}, changed(longSerial, longSerial.substr(0, 63)) + Lines{cache + longSerial.substr(0, 63)}},
+        // clang-format on
     };
     for (const auto &step : kSteps)
     {
