@@ -29,7 +29,10 @@ std::string SystemValues(const std::string &host)
 void PutSystem(const std::string &host)
 {
     standin::DeleteObjects(Words{kSystemOid}, false);
-    PutObject(kSystem, kSystemOid, SystemValues(host));
+    const JsonPtr values(json_loads(SystemValues(host).c_str(), 0, nullptr));
+    EXPECT_EQ(standin::CreateObject(
+                  {kSystem, kSystemOid, {80}, values.get(), ""}, false),
+              "");
 }
 
 class KeyReload : public NcReload
@@ -127,8 +130,7 @@ TEST_F(KeyReload, WritesTheKeyedObjectUntilItWorks)
     } kCases[] = {
         {"insert", true, {}, false, 0, 0, 0, "new"},
         {"refresh", false, {}, false, 0, 0, 0, "new"},
-        {"busy", false, {{6, 99}}, false, 0, 99, 0, "new"},
-        {"busy for ever", false, {{5, 100}}, false, -1, 100, 0, "row"},
+        {"busy", false, {{5, 1}, {6, 98}}, false, 0, 99, 0, "new"},
         {"unreadable", false, {{8216, 99}}, false, 0, 0, 99, "newer"},
         {"for ever", false, {{8216, 100}}, false, -1, 0, 100, "row"},
         {"vanishes", false, {{8216, 100}}, true, 256, 0, 1, "row"},
@@ -163,6 +165,8 @@ TEST_F(KeyReload, WritesTheKeyedObjectUntilItWorks)
         EXPECT_EQ(CountLog("Insert the row\n"), test.insert ? 1 : 0);
         EXPECT_EQ(SleptMicroseconds(), test.sleeps * 110000LL);
         EXPECT_EQ(Host(), test.row);
+        EXPECT_EQ(mirror_.Value("SELECT ParentObjectKey FROM TblSystemInfo"),
+                  test.insert ? "1100||Object.80" : "NULL");
     }
     row.cached.Clear();
 }
@@ -172,14 +176,13 @@ constexpr struct
 {
     const char *key;
     const char *interfaceName;
-    const char *table;
 } kAttributes[] = {
     // clang-format off
-        {"Tarnu.Embedded.1#SerialCapture.1#SerialDataSize", kIntInterface, "TblIntAttribute"},
-        {"System.Embedded.1#ServerOS.1#ServerPoweredOnTime", kIntInterface, "TblIntAttribute"},
-        {"System.Embedded.1#Diagnostics.1#OSAppCollectionTime", kStrInterface, "TblStrAttribute"},
-        {"System.Embedded.1#SystemInfo.1#BootTime", kStrInterface, "TblStrAttribute"},
-        {"System.Embedded.1#SystemInfo.1#SysTime", kStrInterface, "TblStrAttribute"},
+        {"Tarnu.Embedded.1#SerialCapture.1#SerialDataSize", kIntInterface},
+        {"System.Embedded.1#ServerOS.1#ServerPoweredOnTime", kIntInterface},
+        {"System.Embedded.1#Diagnostics.1#OSAppCollectionTime", kStrInterface},
+        {"System.Embedded.1#SystemInfo.1#BootTime", kStrInterface},
+        {"System.Embedded.1#SystemInfo.1#SysTime", kStrInterface},
     // clang-format on
 };
 
@@ -361,56 +364,39 @@ TEST_F(CfgKeyReload, EndsWithoutMemoryAndRefusesNothing)
     }
 }
 
-TEST_F(CfgKeyReload, ChecksWhetherARowIsPresent)
+// A check that fails tells nothing, so that nothing is inserted.
+TEST_F(CfgKeyReload, TakesUncheckedRowsForPresent)
 {
+    EXPECT_EQ(ReLoadCfgKeyBasedNCObjects(), 0);
+    mirror_.Rows("DELETE FROM ActiveOIDMapping");
     const struct
     {
         const char *name;
         int prepare; // status
         int step;
-        int result;
-        int count; // 7: left alone
-        Lines lines;
+        Lines lines; // of the first check
     } kCases[] = {
-        // clang-format off
-        {"unprepared", 11, 0, 11, 7, {"sqlite3_prepare_v2 Error: 11"}},
-        {"present", 0, 0, 0, 1, {"returned SQLITE_ROW count = 1\n"}},
-        {"no row", 0, 101, -1, 7, {"Using prepared statement", "No data found\n"}},
-        {"busy", 0, 5, -1, 7, {"Using prepared statement", "No data found\n"}},
-        // clang-format on
+        {"unprepared", 1, 0, {"sqlite3_prepare_v2 Error: 1"}},
+        {"busy", 0, 5, {"No data found\n"}},
+        {"no row", 0, 101, {"Using prepared statement", "No data found\n"}},
     };
-    const auto check = [&](size_t index, int *pCount)
+    for (const auto &test : kCases)
     {
-        const char *key = kAttributes[index].key;
-        return index < 2 ? CheckCfgNCIntObjPresenceInDB(key, pCount)
-                         : CheckCfgNCStrObjPresenceInDB(key, pCount);
-    };
-    for (const size_t index : {size_t{0}, size_t{4}})
-    {
-        for (const auto &test : kCases)
-        {
-            SCOPED_TRACE(test.name);
-            Restart();
-            FailPrepares("SELECT EXISTS", test.prepare, test.prepare != 0);
-            FailSteps("SELECT EXISTS", test.step, test.step != 0);
-            int count = 7;
-            EXPECT_EQ(check(index, &count), test.result);
-            EXPECT_EQ(count, test.count);
-            EXPECT_EQ(LogLines(), test.lines);
-        }
-        mirror_.Rows("DELETE FROM ActiveOIDMapping WHERE OID = " +
-                     Text(kFirst + static_cast<uint32_t>(index)));
+        SCOPED_TRACE(test.name);
+        Restart();
+        FailPrepares("SELECT EXISTS", test.prepare, 5 * (test.prepare != 0));
+        FailSteps("SELECT EXISTS", test.step, 5 * (test.step != 0));
+        EXPECT_EQ(ReLoadCfgKeyBasedNCObjects(), 0);
+        EXPECT_EQ(Calls(), Lines{});
+        EXPECT_EQ(SleepCount(), 0);
+        Restart();
+        FailPrepares("SELECT EXISTS", test.prepare, test.prepare != 0);
+        FailSteps("SELECT EXISTS", test.step, test.step != 0);
         int count = 7;
-        EXPECT_EQ(check(index, &count), 0);
-        EXPECT_EQ(count, 0);
+        EXPECT_NE(CheckCfgNCIntObjPresenceInDB(kAttributes[0].key, &count), 0);
+        EXPECT_EQ(count, 7);
+        EXPECT_EQ(LinesWith(test.lines), test.lines);
     }
-    // A check that fails doesn't make a row missing.
-    EXPECT_EQ(ReLoadCfgKeyBasedNCObjects(), 0);
-    Restart();
-    FailSteps("SELECT EXISTS", 5, kForever);
-    EXPECT_EQ(ReLoadCfgKeyBasedNCObjects(), 0);
-    EXPECT_EQ(Calls(), Lines{});
-    EXPECT_EQ(SleepCount(), 0);
 }
 
 class TypeReload : public NcReload
@@ -568,34 +554,21 @@ TEST_F(TypeReload, GivesUp)
 TEST_F(TypeReload, CountsAFailedRemovalAsDone)
 {
     const std::string tag = "DeleteNCObjsBasedOnOID: ";
-    const std::string end =
-        "####################################################";
-    const struct
-    {
-        const char *name;
-        int prepare;
-        int step;
-        int result;
-        Lines lines;
-    } kCases[] = {
-        // clang-format off
-        {"unprepared", 1, 0, 1, {tag + "sqlite3_prepare_v2 Error: 1"}},
-        {"fails", 0, 19, 0, {tag + "Entry for -2 could not deleted. Error: -1"}},
-        {"works", 0, 0, 0, {tag + "Using prepared statement"}},
-        // clang-format on
-    };
+    const std::string end(52, '#');
     MakeRow(Device(kBlt, 0xFFFFFFFE, "a"));
-    for (const auto &test : kCases)
-    {
-        SCOPED_TRACE(test.name);
-        Restart();
-        FailPrepares("WHERE Oid", test.prepare, test.prepare != 0);
-        FailSteps("WHERE Oid", test.step, test.step != 0);
-        EXPECT_EQ(DeleteNCObjsBasedOnOID(0xFFFFFFFE), test.result);
-        EXPECT_EQ(LinesWith({tag}),
-                  test.lines + Lines{tag + std::to_string(test.result) + end});
-        EXPECT_EQ(Names().size(), std::string(test.name) == "works" ? 0U : 1U);
-    }
+    Restart();
+    FailPrepares("WHERE Oid", SQLITE_ERROR, 1);
+    EXPECT_EQ(DeleteNCObjsBasedOnOID(0xFFFFFFFE), SQLITE_ERROR);
+    FailSteps("WHERE Oid", SQLITE_CONSTRAINT, 1);
+    EXPECT_EQ(DeleteNCObjsBasedOnOID(0xFFFFFFFE), 0);
+    EXPECT_EQ(Names().size(), 1U);
+    EXPECT_EQ(DeleteNCObjsBasedOnOID(0xFFFFFFFE), 0);
+    EXPECT_EQ(Names(), Lines{});
+    EXPECT_EQ(LinesWith({tag}),
+              (Lines{tag + "sqlite3_prepare_v2 Error: 1", tag + "1" + end,
+                     tag + "Entry for -2 could not deleted. Error: -1",
+                     tag + "0" + end, tag + "Using prepared statement",
+                     tag + "0" + end}));
 }
 
 } // namespace

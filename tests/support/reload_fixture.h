@@ -37,26 +37,20 @@ inline Bytes Broken(Bytes object, size_t wordAt)
 }
 
 // While it lives, allocations of this thread fail from a line on.
-class OutOfMemoryAt
+struct OutOfMemoryAt : LineHook
 {
-  public:
     explicit OutOfMemoryAt(const std::string &line)
-        : hook_(line,
-                [](int)
-                {
-                    tNoMemory = true;
-                })
+        : LineHook(line,
+                   [](int)
+                   {
+                       tNoMemory = true;
+                   })
     {
     }
     ~OutOfMemoryAt()
     {
         tNoMemory = false;
     }
-    OutOfMemoryAt(const OutOfMemoryAt &) = delete;
-    OutOfMemoryAt &operator=(const OutOfMemoryAt &) = delete;
-
-  private:
-    LineHook hook_;
 };
 
 class NcReload : public Handler
