@@ -7,6 +7,7 @@
 #include "events/dispatch.h"
 #include "events/queues/event_queue.h"
 #include "events/queues/event_record.h"
+#include "events/status_change.h"
 
 namespace qdb
 {
@@ -51,6 +52,7 @@ int Dispatch(const DataEventHeader &record, int thID, int status)
         LogBusRecord(record, thID);
         return ObjectNotificationDbus(&record, record.evtType);
     case DATA_EVENT_OBJ_STATUS_CHG:
+        return ObjectNotificationStChg(&record);
     case ZO_EVENT_RAW_DATA_UPDATE:
         QDB_LOG(kLogTrace, "%s: event=%d has no handler and is dropped\n",
                 record.evtType);
