@@ -1,5 +1,6 @@
 #include "events/workers.h"
 
+#include "config/raw_data.h"
 #include "core/log.h"
 #include "core/state.h"
 #include "core/status.h"
@@ -50,8 +51,9 @@ int Dispatch(const DataEventHeader &record, int thID, int status)
     case DATA_EVENT_DBUS_TO_QDB:
         LogBusRecord(record, thID);
         return ObjectNotificationDbus(&record, record.evtType);
-    case DATA_EVENT_OBJ_STATUS_CHG:
     case ZO_EVENT_RAW_DATA_UPDATE:
+        return ObjectNotificationRawData(&record, record.evtType);
+    case DATA_EVENT_OBJ_STATUS_CHG:
         QDB_LOG(kLogTrace, "%s: event=%d has no handler and is dropped\n",
                 record.evtType);
         return status;
