@@ -1,5 +1,6 @@
 #include "events/workers.h"
 
+#include "config/raw_data.h"
 #include "core/log.h"
 #include "core/state.h"
 #include "core/status.h"
@@ -54,9 +55,7 @@ int Dispatch(const DataEventHeader &record, int thID, int status)
     case DATA_EVENT_OBJ_STATUS_CHG:
         return ObjectNotificationStChg(&record);
     case ZO_EVENT_RAW_DATA_UPDATE:
-        QDB_LOG(kLogTrace, "%s: event=%d has no handler and is dropped\n",
-                record.evtType);
-        return status;
+        return ObjectNotificationRawData(&record, record.evtType);
     default:
         return status;
     }
