@@ -436,7 +436,12 @@ TEST_F(RawData, TakesTenMegabytes)
                           "Key = '" +
                           std::string(key) + "'");
         EXPECT_TRUE(stored == *value) << stored.size();
-        const std::vector<Change> changes = listener_.WaitFor(1);
+        // The bus takes its time for a signal of this size.
+        std::vector<Change> changes;
+        for (int wait = 0; changes.empty() && wait < 6; ++wait)
+        {
+            changes = listener_.WaitFor(1);
+        }
         ASSERT_EQ(changes.size(), 1U);
         const JsonPtr json(json_loads(changes[0].json.c_str(), 0, nullptr));
         for (const char *part : {"RowDetails", "PropertiesChanged"})
