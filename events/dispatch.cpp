@@ -9,6 +9,7 @@
 #include "events/queues/event_record.h"
 #include "objects/catalogue.h"
 #include "reconcile/fru_cache.h"
+#include "reconcile/object_loop.h"
 #include "reconcile/parent.h"
 
 namespace qdb
@@ -31,40 +32,18 @@ struct Visit
     int returnStatus; // of the whole record, so far
 };
 
-// Frees the object and fetches it anew.
-void FetchAgain(Visit &visit)
-{
-    visit.object.reset();
-    visit.object = FetchObject(visit.oid);
-}
-
-void LogInvalidValue(const char *kind)
-{
-    QDB_LOG(kLogTrace,
-            "%s: ObjectNotification: %s: ZO_STATUS_INVALID_VALUE returned\n",
-            kind);
-}
-
 int RunCreate(Visit &visit, const ObjTypeRow &row)
 {
     QDB_LOG(kLogTrace,
             "%s: Request: DATA_EVENT_DATA_OBJ_CREATE Create: OID: %X \n",
             visit.oid);
-    return RunStatusLoop(
-        {}, visit.returnStatus,
-        [&]
-        {
-            return visit.object == nullptr
-                       ? ZO_STATUS_INVALID_VALUE
-                       : row.CreateObjFP(visit.object.get(),
-                                         visit.parent.get());
-        },
-        [&]
-        {
-            LogInvalidValue("DATA_EVENT_DATA_OBJ_CREATE");
-            FetchAgain(visit);
-            return ZO_STATUS_INVALID_VALUE;
-        });
+    return RunOnObject("ObjectNotification: DATA_EVENT_DATA_OBJ_CREATE",
+                       visit.returnStatus, visit.oid, &visit.object,
+                       WhenGone::FetchAgain,
+                       [&](const DataObjHeader *pDOH)
+                       {
+                           return row.CreateObjFP(pDOH, visit.parent.get());
+                       });
 }
 
 int RunRefresh(Visit &visit, const ObjTypeRow &row)
@@ -72,19 +51,13 @@ int RunRefresh(Visit &visit, const ObjTypeRow &row)
     QDB_LOG(kLogTrace,
             "%s: Request: DATA_EVENT_DATA_OBJ_DIRTY_LIST Update: OID: %X",
             visit.oid);
-    return RunStatusLoop(
-        {}, visit.returnStatus,
-        [&]
-        {
-            return row.RefreshObjFP(visit.object.get(), nullptr);
-        },
-        [&]
-        {
-            LogInvalidValue("DATA_EVENT_DATA_OBJ_DIRTY_LIST");
-            FetchAgain(visit);
-            return visit.object == nullptr ? ZO_STATUS_NO_SUCH_OBJECT
-                                           : ZO_STATUS_INVALID_VALUE;
-        });
+    return RunOnObject("ObjectNotification: DATA_EVENT_DATA_OBJ_DIRTY_LIST",
+                       visit.returnStatus, visit.oid, &visit.object,
+                       WhenGone::Fail,
+                       [&](const DataObjHeader *pDOH)
+                       {
+                           return row.RefreshObjFP(pDOH, nullptr);
+                       });
 }
 
 int RunDelete(Visit &visit, const ObjTypeRow &row)

@@ -21,6 +21,9 @@ inline constexpr uint32_t kMinObjectSize = 16;
 // Offset texts beyond this place are invalid.
 inline constexpr uint32_t kMaxTextOffset = 5000;
 
+// Where every object's header has the word that points to its key.
+inline constexpr size_t kKeyWordAt = 0x14;
+
 class ObjectView
 {
   public:
@@ -65,6 +68,14 @@ class ObjectView
     {
         const std::optional<std::string_view> text = TextToEnd(offset);
         return text && offset + text->size() < size_ ? text : std::nullopt;
+    }
+
+    // The text that the 32-bit word at `wordAt` points to; nothing when the
+    // word is 0 or either isn't wholly inside.
+    std::optional<std::string_view> TextOfWord(size_t wordAt) const
+    {
+        const uint32_t offset = Read<uint32_t>(wordAt).value_or(0);
+        return offset == 0 ? std::nullopt : TextInside(offset);
     }
 
     // `length` bytes from `offset`; nothing when they aren't all inside.

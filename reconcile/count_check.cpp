@@ -1,12 +1,184 @@
 #include "reconcile/count_check.h"
 
+#include "core/log.h"
+#include "core/platform_ptr.h"
+#include "core/status.h"
+#include "db/clearing.h"
+#include "objects/catalogue.h"
+#include "objects/object_view.h"
+#include "reconcile/count_queries.h"
+#include "reconcile/fail_drain.h"
+#include "reconcile/object_loop.h"
+#include "reconcile/parent.h"
+
+#include <algorithm>
+#include <cstring>
+
 namespace qdb
 {
+namespace
+{
+
+constexpr char kName[] = "CheckDMObjCountandReCreateEntries";
+constexpr size_t kPopStatusAt = 0x18;
+
+// Whether an object's row disagrees with it in the one column that is looked
+// at while the counts agree.
+using RowCheck = bool (*)(const DataObjHeader *pDOH, uint32_t oid);
+
+bool PopStatusDiffers(const DataObjHeader *pDOH, uint32_t oid)
+{
+    const uint32_t popStatus =
+        ObjectView(pDOH).Read<uint32_t>(kPopStatusAt).value_or(0);
+    const uint8_t dbPopStatus = GetPopulatorPopstatus(oid);
+    QDB_LOG(kLogTrace, "%s: %s: pHCO->popStatus=%d, dbPopStatus=%d", kName,
+            static_cast<int>(popStatus), dbPopStatus);
+    return popStatus != dbPopStatus;
+}
+
+// A row without a key tells nothing.
+bool BatteryKeyDiffers(const DataObjHeader *pDOH, uint32_t oid)
+{
+    char rowKey[kTextBufferSize];
+    if (GetTextfromTable("Tblprobeobj", "Key", oid, rowKey) != SQLITE_OK)
+    {
+        return false;
+    }
+    const std::string_view key =
+        ObjectView(pDOH).TextOfWord(kKeyWordAt).value_or("");
+    if (std::strncmp(key.data(), rowKey,
+                     std::min(key.size(), kTextBufferSize)) == 0)
+    {
+        return false;
+    }
+    QDB_LOG(kLogTrace,
+            "%s: %s: Found Key Mismatch for Battery Object So recreating "
+            "!!!!\n",
+            kName);
+    return true;
+}
+
+struct RecreateRow
+{
+    uint32_t objType;
+    const char *TblName; // what follows FROM
+    const char *keyColumn;
+    RowCheck check; // NULL: nothing to look at while the counts agree
+};
+
+constexpr RecreateRow DM_Recreate_Notification_Map_Table[] = {
+    {0x1001, "TblDMStatus_Child_Obj", "Key", PopStatusDiffers},
+    // Of all the probes of this type, those of the battery.
+    {0x1B,
+     "TblProbeObj where "
+     "ParentObjectKey='Tarnu.Embedded.1#SubSystem.1#Battery'",
+     "Key", BatteryKeyDiffers},
+    {0x220, "TblGPUInventoryObj", "Key", nullptr},
+};
+
+// One object of a walk. `recreate`: its table has just been cleared. Returns
+// the walk's status after it.
+int VisitObject(const RecreateRow &row, uint32_t oid, ObjectPtr object,
+                bool recreate, int returnStatus)
+{
+    const ObjectPtr parent = FetchParent(object.get(), nullptr);
+    const bool refresh =
+        !recreate && row.check != nullptr && row.check(object.get(), oid);
+    QDB_LOG(kLogTrace,
+            "%s: %s: popStatusRefreshNeed=%d, isDMQdbCountMatched=0x%x\n",
+            kName, refresh, recreate);
+    if (!recreate && !refresh)
+    {
+        return returnStatus;
+    }
+    const ObjTypeRow &handlers = *FindRow(row.objType);
+    const auto function =
+        recreate ? handlers.CreateObjFP : handlers.RefreshObjFP;
+    const int status =
+        RunOnObject(kName, returnStatus, oid, &object, WhenGone::FetchAgain,
+                    [&](const DataObjHeader *pDOH)
+                    {
+                        return function(pDOH, parent.get());
+                    });
+    return IsSuccess(status) ? returnStatus : FailureOf(status);
+}
+
+// An object that is gone ends the walk; the others wait for the next pass.
+int WalkObjects(const RecreateRow &row, const OidList &list, bool recreate)
+{
+    int status = SQLITE_OK;
+    for (const uint32_t oid : list.Oids())
+    {
+        ObjectPtr object = FetchObject(oid);
+        if (object == nullptr)
+        {
+            return ZO_STATUS_NO_SUCH_OBJECT;
+        }
+        status = VisitObject(row, oid, std::move(object), recreate, status);
+    }
+    return status;
+}
+
+int CompareRow(const RecreateRow &row, const OidList &list, int rowCount)
+{
+    const int objects = static_cast<int>(list.Oids().size());
+    if (objects == rowCount && row.check == nullptr)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: %s:Object count matched with QDB and DM SKipping Loop to "
+                "refresh/Recreate!! \n",
+                kName);
+        return SQLITE_OK;
+    }
+    // A Data Manager that has none (yet) leaves the rows in place.
+    if (objects == 0)
+    {
+        return SQLITE_OK;
+    }
+    const bool recreate = objects != rowCount;
+    if (recreate)
+    {
+        if (const int status = ClearTblDatabyObjType(row.objType))
+        {
+            return status;
+        }
+    }
+    return WalkObjects(row, list, recreate);
+}
+
+int CheckRow(const RecreateRow &row)
+{
+    const OidList list = ListChildren(row.objType);
+    if (list.IsNull())
+    {
+        return ZO_STATUS_NO_SUCH_OBJECT;
+    }
+    int rowCount = 0;
+    if (CheckDMPopCountInDB(&rowCount, row.TblName, row.keyColumn) != SQLITE_OK)
+    {
+        QDB_LOG(kLogTrace, "%s: %s:0x%x CheckDMPopCountInDB failed!! \n", kName,
+                row.objType);
+        return kFailed;
+    }
+    QDB_LOG(kLogTrace,
+            "%s: %s:0x%x DM Count:%d QDB count:%d  Recreate entries!! \n",
+            kName, row.objType, static_cast<int>(list.Oids().size()), rowCount);
+    return CompareRow(row, list, rowCount);
+}
+
+} // namespace
 
 int CheckDMObjCountandReCreateEntries()
 {
-    // Not yet: nothing is repeated and nothing is compared.
-    return 0;
+    QDB_LOG(kLogTrace, "%s: Entering %s \n", kName);
+    DrainFailQueue();
+    int status = SQLITE_OK;
+    for (const RecreateRow &row : DM_Recreate_Notification_Map_Table)
+    {
+        status = CheckRow(row);
+    }
+    QDB_LOG(kLogTrace, "%s: Exiting %s \n", kName);
+    return status;
 }
 
 } // namespace qdb

@@ -17,17 +17,12 @@ namespace
 {
 
 constexpr uint16_t kFru = 0x42;
-constexpr size_t kKeyWordAt = 0x14;
 constexpr size_t kSerialNumberWordAt = 0x1D;
 
-// The text that the object's word points at; "" where there is none that ends
-// inside the object.
+// "" where there is none that ends inside the object.
 const char *TextAt(const DataObjHeader *pDOH, size_t wordAt)
 {
-    const ObjectView view(pDOH);
-    const uint32_t offset = view.Read<uint32_t>(wordAt).value_or(0);
-    const auto text = view.TextInside(offset);
-    return offset == 0 || !text ? "" : text->data();
+    return ObjectView(pDOH).TextOfWord(wordAt).value_or("").data();
 }
 
 // Refreshes one FRU in a status loop; one that cannot be read as it stands is

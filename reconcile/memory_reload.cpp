@@ -3,9 +3,9 @@
 #include "core/log.h"
 #include "core/platform_ptr.h"
 #include "core/status.h"
-#include "db/execute.h"
 #include "objects/catalogue.h"
 #include "reconcile/memory_checks.h"
+#include "reconcile/object_loop.h"
 #include "reconcile/parent.h"
 
 namespace qdb
@@ -39,12 +39,6 @@ struct Visit
     int returnStatus; // of the pass, so far
 };
 
-void LogInvalidValue()
-{
-    QDB_LOG(kLogTrace,
-            "%s: ReLoadNCObjects: ZO_STATUS_INVALID_VALUE returned\n");
-}
-
 // Delete or create: an object that can't be read is tried again as it is.
 template <typename Operation>
 int RunAsItIs(const Visit &visit, Operation operation)
@@ -52,7 +46,9 @@ int RunAsItIs(const Visit &visit, Operation operation)
     return RunStatusLoop({}, visit.returnStatus, operation,
                          []
                          {
-                             LogInvalidValue();
+                             QDB_LOG(kLogTrace, "%s: ReLoadNCObjects: "
+                                                "ZO_STATUS_INVALID_VALUE "
+                                                "returned\n");
                              return ZO_STATUS_INVALID_VALUE;
                          });
 }
@@ -79,23 +75,15 @@ int RunCreate(const Visit &visit)
 
 int RunRefresh(Visit &visit)
 {
-    return RunStatusLoop(
-        {}, visit.returnStatus,
-        [&]
+    return RunOnObject(
+        "ReLoadNCObjects", visit.returnStatus, visit.oid, &visit.object,
+        WhenGone::Fail,
+        [&](const DataObjHeader *pDOH)
         {
-            const int result =
-                visit.row.RefreshObjFP(visit.object.get(), visit.parent.get());
+            const int result = visit.row.RefreshObjFP(pDOH, visit.parent.get());
             QDB_LOG(kLogTrace, "%s: ReLoadNCObjects: RefreshObjFP retval=%d \n",
                     result);
             return result;
-        },
-        [&]
-        {
-            LogInvalidValue();
-            visit.object.reset();
-            visit.object = FetchObject(visit.oid);
-            return visit.object == nullptr ? ZO_STATUS_NO_SUCH_OBJECT
-                                           : ZO_STATUS_INVALID_VALUE;
         });
 }
 

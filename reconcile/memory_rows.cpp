@@ -2,9 +2,9 @@
 
 #include "core/log.h"
 #include "core/status.h"
-#include "db/connection.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "reconcile/look_up.h"
 
 #include <cstring>
 
@@ -14,39 +14,6 @@ namespace
 {
 
 using TextPtr = std::unique_ptr<char, CFree>;
-
-// Prepares a look-up; NULL, with the reason logged, when that fails. *pStatus
-// gets the result.
-StatementPtr Prepare(const char *sql, int *pStatus)
-{
-    if (!HasDatabase())
-    {
-        *pStatus = kFailed;
-        return nullptr;
-    }
-    StatementPtr statement = PrepareOnce(sql, pStatus);
-    if (*pStatus != SQLITE_OK)
-    {
-        QDB_LOG(kLogTrace, "%s: sqlite3_prepare_v2 Error: %d", *pStatus);
-    }
-    return statement;
-}
-
-// Runs a look-up by OID; NULL when it failed. No row is no failure.
-StatementPtr LookUp(const char *sql, uint32_t oid)
-{
-    int status = SQLITE_OK;
-    StatementPtr statement = Prepare(sql, &status);
-    if (status == SQLITE_OK)
-    {
-        status = sqlite3_bind_int(statement.get(), 1, StoredOid(oid));
-    }
-    if (status == SQLITE_OK)
-    {
-        status = execute_statement(statement.get());
-    }
-    return status == SQLITE_OK ? std::move(statement) : nullptr;
-}
 
 TextPtr CopyText(sqlite3_stmt *statement, int column)
 {
@@ -126,7 +93,7 @@ int CheckHostPowerSulpplyObjCountInDB(int *pCount)
 {
     int status = SQLITE_OK;
     const StatementPtr statement =
-        Prepare("SELECT count(*) FROM TblHostPowerOnStatusObj", &status);
+        PrepareLookUp("SELECT count(*) FROM TblHostPowerOnStatusObj", &status);
     if (status != SQLITE_OK)
     {
         return status;

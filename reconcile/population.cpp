@@ -4,8 +4,8 @@
 #include "core/log.h"
 #include "core/status.h"
 #include "core/threads.h"
-#include "db/execute.h"
 #include "objects/catalogue.h"
+#include "reconcile/object_loop.h"
 #include "reconcile/parent.h"
 
 namespace qdb
@@ -21,26 +21,15 @@ struct Walk
     unsigned visited = 0; // objects that reached the predicate
 };
 
-// Creates one object in a status loop; an object that cannot be read as it
-// stands is fetched again, and again while it is gone.
 void CreateWithRetry(Walk &walk, const ObjTypeRow &row, uint32_t oid,
                      ObjectPtr object, const DataObjHeader *parent)
 {
-    const int status = RunStatusLoop(
-        {}, walk.returnStatus,
-        [&]
-        {
-            return object == nullptr ? ZO_STATUS_INVALID_VALUE
-                                     : row.CreateObjFP(object.get(), parent);
-        },
-        [&]
-        {
-            QDB_LOG(kLogTrace, "%s: %s: ZO_STATUS_INVALID_VALUE returned\n",
-                    walk.function);
-            object.reset();
-            object = FetchObject(oid);
-            return ZO_STATUS_INVALID_VALUE;
-        });
+    const int status = RunOnObject(walk.function, walk.returnStatus, oid,
+                                   &object, WhenGone::FetchAgain,
+                                   [&](const DataObjHeader *pDOH)
+                                   {
+                                       return row.CreateObjFP(pDOH, parent);
+                                   });
     if (!IsSuccess(status))
     {
         walk.returnStatus = FailureOf(status);
