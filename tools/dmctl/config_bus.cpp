@@ -73,11 +73,6 @@ bool AppendProperty(sd_bus_message *signal, const char *name,
                                       int64_t{json_integer_value(value)}),
                 name);
         return true;
-    case JSON_REAL:
-        Checked(sd_bus_message_append(signal, "{sv}", name, "d",
-                                      json_real_value(value)),
-                name);
-        return true;
     default:
         return false;
     }
@@ -130,10 +125,11 @@ void ConfigBus::Send(const std::string &path, const std::string &interfaceName,
                      const char *member, const char *types,
                      Arguments... arguments)
 {
+    const std::string failure = std::string("can't send ") + member;
     Checked(sd_bus_emit_signal(mBus.get(), path.c_str(), interfaceName.c_str(),
                                member, types, arguments...),
-            member);
-    Checked(sd_bus_flush(mBus.get()), member);
+            failure);
+    Checked(sd_bus_flush(mBus.get()), failure);
 }
 
 void ConfigBus::SendAdded(const json_t *attribute)
@@ -146,18 +142,18 @@ void ConfigBus::SendAdded(const json_t *attribute)
 
 void ConfigBus::SendChanged(const json_t *attribute, json_t *values)
 {
-    constexpr char kMember[] = "PropertiesChanged";
+    constexpr char kFailure[] = "can't send PropertiesChanged";
     sd_bus_message *made = nullptr;
     Checked(sd_bus_message_new_signal(
                 mBus.get(), &made, TextOf(attribute, "path").c_str(),
-                "org.freedesktop.DBus.Properties", kMember),
-            kMember);
+                "org.freedesktop.DBus.Properties", "PropertiesChanged"),
+            kFailure);
     const std::unique_ptr<sd_bus_message, Drop> signal(made);
     Checked(sd_bus_message_append(made, "s", InterfaceOf(attribute).c_str()),
-            kMember);
+            kFailure);
     AppendChanges(made, values);
-    Checked(sd_bus_send(mBus.get(), made, nullptr), kMember);
-    Checked(sd_bus_flush(mBus.get()), kMember);
+    Checked(sd_bus_send(mBus.get(), made, nullptr), kFailure);
+    Checked(sd_bus_flush(mBus.get()), kFailure);
 }
 
 void ConfigBus::SendRemoved(const json_t *attribute)
