@@ -5,6 +5,8 @@
 #include "tests/support/wait.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -16,6 +18,7 @@
 #include <cstring>
 #include <memory>
 #include <regex>
+#include <thread>
 #include <utility>
 
 namespace qdb::test
@@ -246,9 +249,9 @@ const std::vector<ConfigStep> kConfigSteps = {
     {"cfg show A.1#B.1#C",
      "CfgIntAttribute, OID 0x90000001\nkey A.1#B.1#C\npath " + kGroupPath + "/c\n"
      "  Key = \"A.1#B.1#C\"\n  currentValue = -7\n  DisplayName = \"x y\"\n  displayOrder = 3\n", ""},
-    {"cfg show --json A.1#B.10",
-     "{\n  \"interface\": \"CfgGroup\",\n  \"oid\": 2305,\n  \"key\": \"A.1#B.10\",\n  \"path\": \"" +
-     kGroupPath + "0\"\n}\n", ""},
+    {"cfg show --json A.1#B.1",
+     "{\n  \"interface\": \"CfgGroup\",\n  \"oid\": 1078984704,\n  \"key\": \"A.1#B.1\",\n  \"path\": \"" +
+     kGroupPath + "\"\n}\n", ""},
     {"cfg remove A.1#B.1", "dmctl: the group A.1#B.1 has attributes\nexit 1\n", ""},
     {"cfg add --silent CfgStrAttribute A#B CurrentValue=z --oid 5", "0x00000005\n", ""},
     {"cfg list A.",
@@ -284,9 +287,9 @@ const std::vector<ConfigStep> kStepsWithoutBus = {
     {"cfg commit", kNoBus, ""},
     {"cfg raw A#B /f", kNoBus, ""},
     {"cfg own", kNoBus, ""},
-    {"cfg list A#", "CfgIntAttribute     0x00000005  A#B  /com/vexo/tarnu/Config/Attributes/a/b  1\n", ""},
     {"--socket /nonexistent cfg list", "dmctl: no connection: /nonexistent: No such file or directory\nexit 2\n", ""},
     {"--socket '' list", "dmctl: no connection: not a socket's path: \"\"\nexit 2\n", ""},
+    {"cfg list A#", "CfgIntAttribute     0x00000005  A#B  /com/vexo/tarnu/Config/Attributes/a/b  1\n", ""},
 };
 // clang-format on
 
@@ -305,6 +308,31 @@ TEST_F(ConfigTest, ChangesNothingThatItCannotAnnounce)
 {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
     RunSteps(kStepsWithoutBus, nullptr);
+
+    // Somebody listens there, but it is no bus.
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    const std::string path = Socket() + ".bus";
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const int listening = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(listening, reinterpret_cast<sockaddr *>(&address),
+                   sizeof(address)),
+              0);
+    ASSERT_EQ(listen(listening, 1), 0);
+    std::thread server(
+        [listening]
+        {
+            close(accept(listening, nullptr, nullptr));
+        });
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + path).c_str(), 1);
+    const std::string output = Dmctl("cfg set A#B currentValue=3").End();
+    EXPECT_TRUE(output.starts_with("dmctl: no connection: the system bus at") &&
+                output.ends_with("exit 2\n"))
+        << output;
+    server.join();
+    close(listening);
+    unlink(path.c_str());
+    EXPECT_EQ(Dmctl("cfg list A#").End(), kStepsWithoutBus.back().output);
 }
 
 TEST_F(ConfigTest, HoldsTheManagersName)

@@ -38,6 +38,8 @@ class ConfigBus
     // else has it.
     void TakeName();
 
+    // The bus has heard of it when the call returns; the end of the program
+    // alone it notices some time later.
     void GiveUpName();
 
     // Takes what has come from the bus; to be called now and then while the
