@@ -3,6 +3,7 @@
 // Machines are folders with files as the kernel would show them; the stand-in
 // is the real one, reached over its control socket.
 #include "platform/standin/standin.h"
+#include "tests/support/standin_socket.h"
 #include "tools/dmctl/client.h"
 #include "tools/dmctl/commands.h"
 #include "tools/dmctl/host_mirror.h"
@@ -23,20 +24,11 @@ namespace qdb
 namespace
 {
 
-Json Parse(const std::string &text)
+// With the members in a fixed order.
+std::string Sorted(const json_t *value)
 {
-    json_error_t error;
-    Json value(json_loads(text.c_str(), JSON_DECODE_ANY, &error));
-    EXPECT_NE(value, nullptr) << error.text << " in " << text;
-    return value;
-}
-
-std::string Dump(const json_t *value)
-{
-    const std::unique_ptr<char, decltype(&free)> text(
-        json_dumps(value, JSON_COMPACT | JSON_SORT_KEYS | JSON_ENCODE_ANY),
-        free);
-    return text == nullptr ? "(none)" : text.get();
+    return value == nullptr ? "(none)"
+                            : Dump(value, JSON_COMPACT | JSON_SORT_KEYS);
 }
 
 // A machine of files, removed at the end.
@@ -82,7 +74,7 @@ std::string Listing(const HostView &view)
     std::string listing;
     for (const HostObject &object : view.Objects())
     {
-        listing += object.key + ' ' + Dump(object.values.get()) + '\n';
+        listing += object.key + ' ' + Sorted(object.values.get()) + '\n';
     }
     return listing;
 }
@@ -250,9 +242,9 @@ TEST(UsageWindow, ForgetsWhatHasLeftIt)
 
 TEST(Assignments, AreJsonOrText)
 {
-    EXPECT_EQ(Dump(ParseAssignments({"a=1", "b=x=y", "c=[1,2]", "d=\"7\"",
-                                     "e=", "f=0x16", "g=null"})
-                       .get()),
+    EXPECT_EQ(Sorted(ParseAssignments({"a=1", "b=x=y", "c=[1,2]", "d=\"7\"",
+                                       "e=", "f=0x16", "g=null"})
+                         .get()),
               "{\"a\":1,\"b\":\"x=y\",\"c\":[1,2],\"d\":\"7\",\"e\":\"\","
               "\"f\":\"0x16\",\"g\":null}");
     for (const char *wrong : {"", "a", "=1", "a=\xff"})
@@ -261,50 +253,20 @@ TEST(Assignments, AreJsonOrText)
     }
 }
 
-TEST(ChangedMembers, NamesNewOtherAndVanished)
-{
-    const Json before = Parse(R"({"same":[1],"other":1,"gone":2})");
-    const Json after = Parse(R"({"same":[1],"other":2,"new":"x"})");
-    EXPECT_EQ(Dump(ChangedMembers(before.get(), after.get()).get()),
-              R"({"gone":null,"new":"x","other":2})");
-}
-
 // --- Against the stand-in --------------------------------------------------
 
-class MirrorTest : public testing::Test
+class MirrorTest : public test::StandinSocketTest
 {
   protected:
-    static void SetUpTestSuite()
-    {
-        gFolder = new FakeMachine;
-        setenv("QDB_STANDIN_SOCKET", (gFolder->Root() + "/socket").c_str(), 1);
-        const char *scenario = getenv("QDB_TEST_SCENARIO");
-        setenv("QDB_STANDIN_SCENARIO", scenario == nullptr ? "" : scenario, 1);
-        gLoaded = standin::ObjectIds().size(); // also opens the socket
-    }
-
-    static void TearDownTestSuite()
-    {
-        delete gFolder;
-    }
-
-    void SetUp() override
-    {
-        standin::Reset();
-    }
-
     static std::string Value(uint32_t oid, const char *column)
     {
-        Client client(gFolder->Root() + "/socket");
+        Client client(Socket());
         const Json request = Operation("show");
         Put(request, "oid", Number(oid));
         const Json reply = client.Call(request);
-        return Dump(
+        return Sorted(
             json_object_get(json_object_get(reply.get(), "values"), column));
     }
-
-    static inline FakeMachine *gFolder;
-    static inline size_t gLoaded; // objects of the demo's scenario
 };
 
 // An entry that the stand-in refuses is left out of the demo.
@@ -324,7 +286,7 @@ TEST_F(MirrorTest, TheScenarioIsAcceptedWhole)
                         ? 1
                         : NumberOf(entry, "repeat");
     }
-    EXPECT_EQ(gLoaded, expected);
+    EXPECT_EQ(Loaded(), expected);
 }
 
 TEST_F(MirrorTest, FollowsTheMachine)
@@ -332,7 +294,7 @@ TEST_F(MirrorTest, FollowsTheMachine)
     const FakeMachine machine;
     const HostFiles files(machine.Root());
     HostView view(files);
-    Client client(gFolder->Root() + "/socket");
+    Client client(Socket());
     HostMirror mirror(client);
     const auto update = [&]
     {
@@ -377,7 +339,7 @@ TEST_F(MirrorTest, RemovesOnlyWhatAnEarlierRunHasLeft)
         spec.oid = oid;
         ASSERT_EQ(standin::CreateObject(spec), "");
     }
-    Client client(gFolder->Root() + "/socket");
+    Client client(Socket());
     const HostMirror mirror(client);
     EXPECT_EQ(standin::ObjectIds(),
               (std::vector<uint32_t>{kFirstHostOid - 1, kBehindHostOids}));
@@ -395,19 +357,10 @@ TEST_F(MirrorTest, ThisMachineIsAccepted)
     CollectUsage(view, history, 1);
     CollectDisks(view);
     CollectTemperatures(view);
-    Client client(gFolder->Root() + "/socket");
+    Client client(Socket());
     HostMirror mirror(client);
     EXPECT_EQ(mirror.Update(view.Objects()), std::vector<std::string>());
     EXPECT_EQ(standin::ObjectIds().size(), view.Objects().size());
-}
-
-TEST_F(MirrorTest, TellsARefusalFromALostConnection)
-{
-    EXPECT_THROW(Client("/nonexistent/socket"), NoConnection);
-    EXPECT_THROW(Client(std::string(200, 'x')), NoConnection);
-    Client client(gFolder->Root() + "/socket");
-    EXPECT_THROW(client.Call(Operation("nonsense")), Refused);
-    EXPECT_NO_THROW(client.Call(Operation("list"))); // the connection stays
 }
 
 } // namespace

@@ -214,6 +214,8 @@ TEST_F(StandinTest, ServesConfigurationObjects)
     EXPECT_NE(standin::PutAttribute("CfgStrAttribute", key, nullptr), "");
     EXPECT_NE(standin::PutAttribute("CfgGroup", "A#B", nullptr), "");
     EXPECT_NE(standin::PutAttribute("CfgIntAttribute", "alone", nullptr), "");
+    EXPECT_NE(standin::PutGroup("System.Embedded.1#ServerOS.1"), "");
+    EXPECT_NE(standin::PutGroup(""), "");
 
     uintptr_t *list = nullptr;
     ASSERT_EQ(

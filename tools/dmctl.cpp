@@ -1,7 +1,8 @@
 // dmctl: drives the stand-in platform of a running service.
 //
 // Exit status: 0 done; 1 the command was wrong or refused, with the reason on
-// standard error; 2 no stand-in answers at the socket.
+// standard error; 2 no stand-in answers at the socket, or no
+// bus where one is needed.
 #include "tools/dmctl/commands.h"
 
 #include <cstdio>
@@ -17,11 +18,11 @@ int Parse(int argc, char **argv, std::string *pSocket,
     CLI::App app("Drives the stand-in platform of a running quillondb. Types "
                  "and OIDs are decimal, or hexadecimal with 0x.");
     app.add_option("--socket", *pSocket, "control socket of the stand-in")
-        ->envname("QDB_STANDIN_SOCKET")
-        ->required();
+        ->envname("QDB_STANDIN_SOCKET");
     app.require_subcommand(1);
     qdb::AddObjectCommands(app, pInvocation);
     qdb::AddBenchCommands(app, pInvocation);
+    qdb::AddConfigCommands(app, pInvocation);
     qdb::AddHostCommand(app, pInvocation);
     try
     {

@@ -4,6 +4,7 @@
 // and a line in kCommands.
 #include "platform/standin/commands.h"
 
+#include "platform/standin/config.h"
 #include "platform/standin/faults.h"
 #include "platform/standin/state.h"
 #include "platform/standin/store.h"
@@ -249,11 +250,40 @@ void RawObject(const json_t *request, json_t *)
     Check(PutRawObject(FromHex(Text(request, "hex")), Parents(request)));
 }
 
+void Config(const json_t *request, json_t *reply)
+{
+    const std::string prefix =
+        Has(request, "prefix") ? Text(request, "prefix") : "";
+    json_object_set_new(reply, "objects", DescribeConfig(prefix).release());
+}
+
+bool NamesGroup(const json_t *request)
+{
+    return ConfigType(Text(request, "interface")) == kGroupType;
+}
+
+// Also makes a group, which has nothing that could be changed.
 void PutOneAttribute(const json_t *request)
 {
-    Check(PutAttribute(Text(request, "interface"), Text(request, "key"),
-                       json_object_get(request, "values"),
-                       Number<uint32_t>(request, "oid", 0)));
+    const std::string key = Text(request, "key");
+    json_t *values = json_object_get(request, "values");
+    const auto oid = Number<uint32_t>(request, "oid", 0);
+    if (!NamesGroup(request))
+    {
+        Check(PutAttribute(Text(request, "interface"), key, values, oid));
+        return;
+    }
+    if (json_object_size(values) != 0)
+    {
+        Refuse("a group has no columns");
+    }
+    Check(PutGroup(key, oid));
+}
+
+void Remove(const json_t *request, json_t *)
+{
+    const std::string key = Text(request, "key");
+    Check(NamesGroup(request) ? RemoveGroup(key) : RemoveAttribute(key));
 }
 
 void Fault(const json_t *request, json_t *)
@@ -332,7 +362,9 @@ constexpr Command kCommands[] = {
     {"attach",     [](const json_t *, json_t *) { Attach(); }},
     {"event",      Event},
     {"object",     RawObject},
+    {"config",     Config},
     {"attribute",  [](const json_t *request, json_t *) { PutOneAttribute(request); }},
+    {"remove",     Remove},
     {"fault",      Fault},
     {"calls",      Calls},
     {"attributes", [](const json_t *, json_t *reply) { Attributes(reply); }},

@@ -8,9 +8,13 @@
 #include "platform/standin/support.h"
 #include "platform/zoil.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <map>
+#include <string_view>
 
 namespace standin
 {
@@ -51,7 +55,16 @@ std::vector<uint8_t> GroupBytes(uint32_t oid, const std::string &key)
     return bytes;
 }
 
-void MakeGroup(State *pState, const std::string &key)
+// The key of the group that an attribute belongs to; "" when its key names
+// none.
+std::string GroupKey(const std::string &key)
+{
+    const size_t separator = key.find_last_of('#');
+    return separator == std::string::npos ? "" : key.substr(0, separator);
+}
+
+// An OID of 0 stands for the next free one.
+void MakeGroup(State *pState, const std::string &key, uint32_t oid = 0)
 {
     if (pState->groups.contains(key))
     {
@@ -59,9 +72,26 @@ void MakeGroup(State *pState, const std::string &key)
     }
     ConfigObject group;
     group.type = kGroupType;
-    group.oid = TakeOid(*pState, &pState->nextConfigOid);
+    group.oid = oid != 0 ? oid : TakeOid(*pState, &pState->nextConfigOid);
     group.bytes = GroupBytes(group.oid, key);
     pState->groups.emplace(key, std::move(group));
+}
+
+const char *InterfaceName(uint16_t type)
+{
+    const auto *known =
+        std::ranges::find(kInterfaces, type, &ConfigInterface::type);
+    return known == std::end(kInterfaces) ? "" : known->name;
+}
+
+Json Description(const std::string &key, const ConfigObject &object)
+{
+    return Json(json_pack(
+        "{s:s,s:I,s:s,s:s,s:o*}", "interface", InterfaceName(object.type),
+        "oid", json_int_t{object.oid}, "key", key.c_str(), "path",
+        ConfigPath(key).c_str(), "values",
+        object.values == nullptr ? nullptr
+                                 : json_deep_copy(object.values.get())));
 }
 
 void WriteStateFile(const State &state)
@@ -109,6 +139,70 @@ std::string ConfigPath(const std::string &key)
     return path;
 }
 
+Json DescribeConfig(const std::string &prefix)
+{
+    State &state = TheState();
+    const std::lock_guard lock(state.lock);
+    std::multimap<std::string_view, const ConfigObject *> sorted;
+    for (const auto *objects : {&state.groups, &state.attributes})
+    {
+        for (const auto &[key, object] : *objects)
+        {
+            sorted.emplace(key, &object);
+        }
+    }
+    Json list(json_array());
+    for (auto at = sorted.lower_bound(prefix);
+         at != sorted.end() && at->first.starts_with(prefix); ++at)
+    {
+        json_array_append_new(
+            list.get(),
+            Description(std::string(at->first), *at->second).release());
+    }
+    return list;
+}
+
+Error PutGroup(const std::string &key, uint32_t oid)
+{
+    Start();
+    State &state = TheState();
+    const std::lock_guard lock(state.lock);
+    if (key.empty())
+    {
+        return "a group needs a key";
+    }
+    if (state.groups.contains(key))
+    {
+        return Print("there is a group %s already", key.c_str());
+    }
+    if (oid != 0 && IsTaken(state, oid))
+    {
+        return Print("OID 0x%X is taken", oid);
+    }
+    MakeGroup(&state, key, oid);
+    return {};
+}
+
+Error RemoveGroup(const std::string &key)
+{
+    Start();
+    State &state = TheState();
+    const std::lock_guard lock(state.lock);
+    const bool isUsed =
+        std::ranges::any_of(state.attributes,
+                            [&key](const auto &item)
+                            {
+                                return GroupKey(item.first) == key;
+                            });
+    if (isUsed)
+    {
+        return Print("the group %s has attributes", key.c_str());
+    }
+    return state.groups.erase(key) == 0
+               ? Print("there is no group %s", key.c_str())
+               : Error();
+}
+
 Error PutAttribute(const std::string &interfaceName, const std::string &key,
                    json_t *values, uint32_t oid)
 {
@@ -119,8 +213,8 @@ Error PutAttribute(const std::string &interfaceName, const std::string &key,
         return Print("%s isn't an attribute's interface",
                      interfaceName.c_str());
     }
-    const size_t separator = key.find_last_of('#');
-    if (separator == std::string::npos || separator == 0)
+    const std::string group = GroupKey(key);
+    if (group.empty())
     {
         return Print("the key \"%s\" names no group", key.c_str());
     }
@@ -154,7 +248,7 @@ Error PutAttribute(const std::string &interfaceName, const std::string &key,
                                object.values.get(), &error);
     if (error.empty())
     {
-        MakeGroup(&state, key.substr(0, separator));
+        MakeGroup(&state, group);
         state.attributes.insert_or_assign(key, std::move(object));
     }
     return error;

@@ -120,6 +120,12 @@ Error PutAttribute(const std::string &interfaceName, const std::string &key,
 Error RemoveAttribute(const std::string &key);
 std::string AttributePath(const std::string &key);
 
+// A group of its own, with the next free OID when `oid` is 0. One that exists
+// already is an error, and so is the removal of one that has attributes. The
+// group of a removed attribute stays.
+Error PutGroup(const std::string &key, uint32_t oid = 0);
+Error RemoveGroup(const std::string &key);
+
 // The last value that CfgSetAttributeInt was given for a key; `otherwise` when
 // it never was.
 int IntegerAttribute(const std::string &key, int otherwise);

@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -33,6 +35,19 @@ std::string Configuration(const std::string &socket)
            "</busconfig>\n";
 }
 
+// The socket's file is there a moment before anybody listens.
+bool IsServed(const std::string &path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool isServed = connect(fd, reinterpret_cast<sockaddr *>(&address),
+                                  sizeof(address)) == 0;
+    close(fd);
+    return isServed;
+}
+
 } // namespace
 
 PrivateBus::PrivateBus()
@@ -51,11 +66,10 @@ PrivateBus::PrivateBus()
     EXPECT_EQ(posix_spawnp(&pid_, "setpriv", nullptr, nullptr,
                            const_cast<char **>(arguments), environ),
               0);
-    struct stat info = {};
     EXPECT_TRUE(WaitUntil(
         [&]
         {
-            return stat(socket.c_str(), &info) == 0;
+            return IsServed(socket);
         }));
     address_ = "unix:path=" + socket;
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);

@@ -1,5 +1,5 @@
 // The subcommands that work the Data Manager itself: events, load, faults and
-// configuration attributes.
+// the integers that the service sets.
 #include "tools/dmctl/commands.h"
 #include "tools/dmctl/host_files.h"
 
@@ -94,15 +94,6 @@ void PrintCalls(Client &client, const Invocation &invocation)
            static_cast<unsigned long long>(NumberOf(reply.get(), "count")));
 }
 
-void PutAttribute(Client &client, const Invocation &invocation)
-{
-    const Json request = Operation("attribute");
-    Put(request, "interface", Text(invocation.name));
-    Put(request, "key", Text(invocation.key));
-    Put(request, "values", ParseAssignments(invocation.assignments));
-    client.Call(request);
-}
-
 void PrintAttributes(Client &client, const Invocation &)
 {
     const Json reply = client.Call(Operation("attributes"));
@@ -165,14 +156,6 @@ void AddFaultCommands(CLI::App &app, Invocation *pInvocation)
 
 void AddAttributeCommands(CLI::App &app, Invocation *pInvocation)
 {
-    CLI::App *attribute =
-        AddSubcommand(app, pInvocation, "attribute",
-                      "add or change a configuration attribute", PutAttribute);
-    attribute->add_option("interface", pInvocation->name, "CfgIntAttribute ...")
-        ->required();
-    attribute->add_option("key", pInvocation->key, "A.1#B.1#C")->required();
-    attribute->add_option("values", pInvocation->assignments, kAssignmentHelp);
-
     AddSubcommand(app, pInvocation, "attributes",
                   "list the integers that the service has set",
                   PrintAttributes);

@@ -5,9 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <new>
+#include <utility>
 
 namespace qdb
 {
@@ -36,44 +35,46 @@ Json ParseReply(const std::string &line)
 
 } // namespace
 
-Client::Client(const std::string &path)
-    : mSocket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+Client::Client(std::string path) : mPath(std::move(path))
 {
-    if (mSocket < 0)
-    {
-        throw Broken("socket");
-    }
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path))
-    {
-        close(mSocket);
-        throw NoConnection("socket path is too long: " + path);
-    }
-    memcpy(address.sun_path, path.data(), path.size());
-    const auto *generic = reinterpret_cast<const sockaddr *>(&address);
-    if (connect(mSocket, generic, sizeof(address)) != 0)
-    {
-        const NoConnection failure = Broken(path);
-        close(mSocket);
-        throw failure;
-    }
 }
 
 Client::~Client()
 {
-    close(mSocket);
+    if (mSocket >= 0)
+    {
+        close(mSocket);
+    }
+}
+
+void Client::Connect()
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (mPath.empty() || mPath.size() >= sizeof(address.sun_path))
+    {
+        throw NoConnection("not a socket's path: \"" + mPath + "\"");
+    }
+    memcpy(address.sun_path, mPath.data(), mPath.size());
+    mSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (mSocket < 0)
+    {
+        throw Broken("socket");
+    }
+    const auto *generic = reinterpret_cast<const sockaddr *>(&address);
+    if (connect(mSocket, generic, sizeof(address)) != 0)
+    {
+        throw Broken(mPath);
+    }
 }
 
 Json Client::Call(const Json &request)
 {
-    const std::unique_ptr<char, decltype(&free)> text(
-        json_dumps(request.get(), JSON_COMPACT), free);
-    if (text == nullptr)
+    if (mSocket < 0)
     {
-        throw std::bad_alloc();
+        Connect();
     }
-    Send(std::string(text.get()) + '\n');
+    Send(Dump(request.get()) + '\n');
     Json reply = ParseReply(ReadLine());
     if (!Succeeded(reply.get()))
     {

@@ -30,8 +30,8 @@ class NoConnection : public std::runtime_error
 class Client
 {
   public:
-    // Connects to the Unix socket at `path`. Throws NoConnection.
-    explicit Client(const std::string &path);
+    // For the Unix socket at `path`, which the first call connects to.
+    explicit Client(std::string path);
     ~Client();
     Client(const Client &) = delete;
     Client &operator=(const Client &) = delete;
@@ -45,10 +45,12 @@ class Client
     Json CallBatch(const Json &operations);
 
   private:
+    void Connect();
     void Send(const std::string &line);
     std::string ReadLine();
 
-    int mSocket;
+    std::string mPath;
+    int mSocket = -1;    // -1: not connected yet
     std::string mUnread; // behind the last line that was taken
 };
 

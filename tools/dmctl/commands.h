@@ -12,7 +12,9 @@
 #include "tools/dmctl/client.h"
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <functional>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -24,9 +26,10 @@ struct Invocation
     void (*run)(Client &, const Invocation &) = nullptr;
 
     std::string name; // of a platform function, an interface or a file
-    std::string key;
-    uint16_t type = 0; // 0: not given
-    uint32_t oid = 0;  // 0: not given
+    std::string key;  // of an object or attribute, or a prefix
+    std::vector<std::string> names; // of interfaces
+    uint16_t type = 0;              // 0: not given
+    uint32_t oid = 0;               // 0: not given
     std::vector<uint32_t> oids;
     std::vector<uint16_t> types;
     std::vector<std::string> assignments; // COLUMN=VALUE
@@ -37,7 +40,10 @@ struct Invocation
     double rate = 0;     // events a second; 0: as fast as they are taken
     uint32_t passes = 0; // 0: without end
     double interval = 1; // seconds between passes
+    // How long to hold a name; default: without end.
+    double seconds = std::numeric_limits<double>::infinity();
     bool json = false;
+    bool silent = false; // send no bus signal
 };
 
 using Run = decltype(Invocation::run);
@@ -49,8 +55,11 @@ CLI::App *AddSubcommand(CLI::App &app, Invocation *pInvocation,
 // create, set, delete, status, list, show
 void AddObjectCommands(CLI::App &app, Invocation *pInvocation);
 
-// detach, attach, event, generate, churn, fault, calls, attribute, attributes
+// detach, attach, event, generate, churn, fault, calls, attributes
 void AddBenchCommands(CLI::App &app, Invocation *pInvocation);
+
+// cfg list, show, add, set, remove, commit, raw, own
+void AddConfigCommands(CLI::App &app, Invocation *pInvocation);
 
 // host
 void AddHostCommand(CLI::App &app, Invocation *pInvocation);
@@ -61,6 +70,15 @@ inline constexpr char kAssignmentHelp[] =
 // {"Speed": 3200, "BankLabel": "A"} from texts such as Speed=3200. Throws
 // std::invalid_argument for a text that is no assignment.
 Json ParseAssignments(const std::vector<std::string> &assignments);
+
+// Prints "  COLUMN = VALUE" lines on standard output.
+void PrintValues(json_t *values);
+
+// Holds back SIGINT and SIGTERM, to be waited for. Returns the two.
+sigset_t BlockStopSignals();
+
+// Waits for that many seconds; true when one of the signals has come.
+bool WaitForStop(const sigset_t &signals, double seconds);
 
 // The array of the numbers.
 template <typename T>

@@ -14,26 +14,6 @@ namespace qdb
 namespace
 {
 
-// Holds back SIGINT and SIGTERM, so that a pass is never cut off in the middle.
-sigset_t BlockStopSignals()
-{
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    return signals;
-}
-
-// Waits for the given time; true when a signal has come.
-bool WaitForStop(const sigset_t &signals, double seconds)
-{
-    timespec timeout;
-    timeout.tv_sec = static_cast<time_t>(seconds);
-    timeout.tv_nsec = static_cast<long>((seconds - std::floor(seconds)) * 1e9);
-    return sigtimedwait(&signals, nullptr, &timeout) > 0;
-}
-
 void Collect(HostView &view, UsageHistory &history)
 {
     const time_t now = time(nullptr);
@@ -49,6 +29,7 @@ void Collect(HostView &view, UsageHistory &history)
 
 void MirrorHost(Client &client, const Invocation &invocation)
 {
+    // A pass is never cut off in the middle.
     const sigset_t signals = BlockStopSignals();
     const HostFiles files;
     HostView view(files);
@@ -70,6 +51,24 @@ void MirrorHost(Client &client, const Invocation &invocation)
 }
 
 } // namespace
+
+sigset_t BlockStopSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    return signals;
+}
+
+bool WaitForStop(const sigset_t &signals, double seconds)
+{
+    timespec timeout;
+    timeout.tv_sec = static_cast<time_t>(seconds);
+    timeout.tv_nsec = static_cast<long>((seconds - std::floor(seconds)) * 1e9);
+    return sigtimedwait(&signals, nullptr, &timeout) > 0;
+}
 
 void AddHostCommand(CLI::App &app, Invocation *pInvocation)
 {

@@ -7,6 +7,7 @@
 #include "core/json.h"
 
 #include <cstdint>
+#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -57,6 +58,17 @@ inline uint64_t NumberOf(const json_t *object, const char *name)
 {
     return static_cast<uint64_t>(
         json_integer_value(json_object_get(object, name)));
+}
+
+// The value as JSON text, in the form that Jansson's flags ask for.
+inline std::string Dump(const json_t *value, size_t flags = JSON_COMPACT)
+{
+    const JsonText text(json_dumps(value, flags | JSON_ENCODE_ANY));
+    if (text == nullptr)
+    {
+        throw std::bad_alloc();
+    }
+    return text.get();
 }
 
 } // namespace qdb

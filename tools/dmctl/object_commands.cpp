@@ -2,9 +2,6 @@
 #include "tools/dmctl/commands.h"
 
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
-#include <new>
 
 namespace qdb
 {
@@ -72,17 +69,6 @@ void List(Client &client, const Invocation &invocation)
     }
 }
 
-std::string Dump(const json_t *value, size_t flags)
-{
-    const std::unique_ptr<char, decltype(&free)> text(
-        json_dumps(value, flags | JSON_ENCODE_ANY), free);
-    if (text == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    return text.get();
-}
-
 void PrintForPeople(const json_t *object)
 {
     printf("OID 0x%08X, type 0x%X, status %u, %zu bytes\n",
@@ -98,12 +84,7 @@ void PrintForPeople(const json_t *object)
         printf(" 0x%08X", static_cast<unsigned>(json_integer_value(parent)));
     }
     printf("\n");
-    const char *name;
-    json_t *value;
-    json_object_foreach(json_object_get(object, "values"), name, value)
-    {
-        printf("  %s = %s\n", name, Dump(value, JSON_COMPACT).c_str());
-    }
+    PrintValues(json_object_get(object, "values"));
 }
 
 void Show(Client &client, const Invocation &invocation)
@@ -174,6 +155,16 @@ CLI::App *AddSubcommand(CLI::App &app, Invocation *pInvocation,
             pInvocation->run = run;
         });
     return subcommand;
+}
+
+void PrintValues(json_t *values)
+{
+    const char *name;
+    json_t *value;
+    json_object_foreach(values, name, value)
+    {
+        printf("  %s = %s\n", name, Dump(value).c_str());
+    }
 }
 
 Json ParseAssignments(const std::vector<std::string> &assignments)
