@@ -25,8 +25,9 @@ struct Invocation
 
     std::string name; // of a platform function, an interface or a file
     std::string key;
-    uint16_t type = 0; // 0: not given
-    uint32_t oid = 0;  // 0: not given
+    std::string database; // path of the file
+    uint16_t type = 0;    // 0: not given
+    uint32_t oid = 0;     // 0: not given
     std::vector<uint32_t> oids;
     std::vector<uint16_t> types;
     std::vector<std::string> assignments; // COLUMN=VALUE
@@ -40,6 +41,13 @@ struct Invocation
     bool json = false;
 };
 
+// A subcommand couldn't find out what it was asked to.
+class CannotLook : public std::runtime_error
+{
+  public:
+    using std::runtime_error::runtime_error;
+};
+
 using Run = decltype(Invocation::run);
 
 // Declares a subcommand, whose own arguments the caller adds to the result.
@@ -51,6 +59,9 @@ void AddObjectCommands(CLI::App &app, Invocation *pInvocation);
 
 // detach, attach, event, generate, churn, fault, calls, attribute, attributes
 void AddBenchCommands(CLI::App &app, Invocation *pInvocation);
+
+// audit
+void AddAuditCommand(CLI::App &app, Invocation *pInvocation);
 
 // host
 void AddHostCommand(CLI::App &app, Invocation *pInvocation);
