@@ -1,8 +1,12 @@
 #include "busintake/signal_thread.h"
 
+#include "busintake/match_rules.h"
 #include "core/cancel.h"
 #include "core/log.h"
-#include "core/sleep.h"
+
+#include <exception>
+#include <memory>
+#include <vector>
 
 namespace qdb
 {
@@ -12,18 +16,61 @@ namespace
 constexpr char kThreadName[] = "handle_sdbus_signal_Request_thread";
 
 // Bounds the time to the next look at the cancel flag.
-constexpr unsigned kWaitMicroseconds = 1000;
+constexpr uint64_t kWaitMicroseconds = 1000;
+
+// The matches of a connection, undone newest first.
+class Matches
+{
+  public:
+    explicit Matches(sdbusplus::bus_t &bus)
+    {
+        for (const MatchRule &rule : MatchRules())
+        {
+            matches_.push_back(std::make_unique<sdbusplus::bus::match_t>(
+                bus, rule.rule, rule.handler));
+        }
+    }
+    ~Matches()
+    {
+        while (!matches_.empty())
+        {
+            matches_.pop_back();
+        }
+    }
+    Matches(const Matches &) = delete;
+    Matches &operator=(const Matches &) = delete;
+
+  private:
+    std::vector<std::unique_ptr<sdbusplus::bus::match_t>> matches_;
+};
+
+void ListenUntilCancelled()
+{
+    sdbusplus::bus_t bus = sdbusplus::bus::new_default_system();
+    const Matches matches(bus);
+    QDB_LOG(kLogWarning, "%s: %s: loop started.\n", kThreadName);
+    do
+    {
+        bus.process_discard();
+        bus.wait(kWaitMicroseconds);
+    } while (!CheckCancelSignalThread());
+}
 
 } // namespace
 
 void *handle_sdbus_signal_Request_thread(void * /*argument*/)
 {
     QDB_LOG(kLogTrace, "%s: %s: enter.\n", kThreadName);
-    QDB_LOG(kLogWarning, "%s: %s: loop started.\n", kThreadName);
-    do
+    try
     {
-        SleepMicroseconds(kWaitMicroseconds);
-    } while (!CheckCancelSignalThread());
+        ListenUntilCancelled();
+    }
+    catch (const std::exception &exception)
+    {
+        // Nothing starts it again: from here on the mirror follows the Data
+        // Manager alone.
+        QDB_LOG(kLogInvalid, "%s: EX: %s\n", exception.what());
+    }
     return nullptr;
 }
 

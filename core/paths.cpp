@@ -17,4 +17,9 @@ std::string TelemetryPipePath()
            "/var/run/telemetryservice/qdbtdbipcpipe";
 }
 
+std::string RawDataDirectory()
+{
+    return std::string(gRuntimeRoot) + "/mnt/persistent_data/data0/gen_certs/";
+}
+
 } // namespace qdb

@@ -16,4 +16,7 @@ inline constexpr const char kDatabaseName[] = "DMLiveObjectDatabase.db";
 std::string DatabasePath();
 std::string TelemetryPipePath();
 
+// Ends in a slash.
+std::string RawDataDirectory();
+
 } // namespace qdb

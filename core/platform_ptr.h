@@ -72,4 +72,12 @@ inline ObjectPtr FetchObject(uint32_t oid)
     return ObjectPtr(ZOILGetObjByOID(&oid));
 }
 
+// All objects of a type.
+inline OidList ListChildren(uint32_t objType)
+{
+    constexpr uint32_t kRootOid = 1;
+    return OidList(
+        ZOILListChildOIDByType(&kRootOid, static_cast<uint16_t>(objType)));
+}
+
 } // namespace qdb

@@ -27,6 +27,9 @@ constexpr const char *kConfigTables[] = {
 pthread_mutex_t gDeleteObjectByOIDMutex = PTHREAD_MUTEX_INITIALIZER;
 StatementSlot gDeleteObjectByOIDStmt;
 
+// Under gObjTypeBasedNCMutex, which its callers hold.
+StatementSlot gDeleteNCObjsBasedOnOIDStmt;
+
 // Prepares a statement in a status loop; NULL when it stays unprepared.
 StatementPtr PrepareWithRetry(const char *sql)
 {
@@ -91,20 +94,31 @@ int RunTwice(sqlite3_stmt *statement, uint32_t oid)
     return status;
 }
 
-int DeleteWithSlot(uint32_t oid)
+// Prepares the delete by OID into a slot whose mutex the caller holds; logs
+// what it found.
+int PrepareDelete(StatementSlot &slot, const char *function)
 {
     bool wasReady = false;
-    int status = gDeleteObjectByOIDStmt.Prepare(
+    const int status = slot.Prepare(
         "DELETE FROM ActiveOIDMapping WHERE Oid = ?", -1, &wasReady);
     if (status != SQLITE_OK)
     {
-        QDB_LOG(kLogTrace,
-                "%s: DeleteObjectByOID: sqlite3_prepare_v2 Error: %d", status);
-        return status;
+        QDB_LOG(kLogTrace, "%s: %s: sqlite3_prepare_v2 Error: %d", function,
+                status);
     }
-    if (wasReady)
+    else if (wasReady)
     {
-        QDB_LOG(kLogTrace, "%s: DeleteObjectByOID: Using prepared statement");
+        QDB_LOG(kLogTrace, "%s: %s: Using prepared statement", function);
+    }
+    return status;
+}
+
+int DeleteWithSlot(uint32_t oid)
+{
+    int status = PrepareDelete(gDeleteObjectByOIDStmt, "DeleteObjectByOID");
+    if (status != SQLITE_OK)
+    {
+        return status;
     }
     sqlite3_stmt *statement = gDeleteObjectByOIDStmt.statement;
     const StatementReset reset(statement);
@@ -117,6 +131,36 @@ int DeleteWithSlot(uint32_t oid)
         return status;
     }
     return RunTwice(statement, oid);
+}
+
+// A failed run is logged, and counts as done.
+int DeleteOnce(uint32_t oid)
+{
+    int status =
+        PrepareDelete(gDeleteNCObjsBasedOnOIDStmt, "DeleteNCObjsBasedOnOID");
+    if (status != SQLITE_OK)
+    {
+        return status;
+    }
+    sqlite3_stmt *statement = gDeleteNCObjsBasedOnOIDStmt.statement;
+    const StatementReset reset(statement);
+    status = sqlite3_bind_int(statement, 1, StoredOid(oid));
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogInvalid,
+                "%s: DeleteNCObjsBasedOnOID: Bind failed for %d. Error: %d",
+                StoredOid(oid), status);
+        return status;
+    }
+    const int run = execute_statement(statement);
+    if (run != SQLITE_OK)
+    {
+        QDB_LOG(kLogError,
+                "%s: DeleteNCObjsBasedOnOID: Entry for %d could not deleted. "
+                "Error: %d",
+                StoredOid(oid), run);
+    }
+    return SQLITE_OK;
 }
 
 } // namespace
@@ -205,8 +249,23 @@ int DeleteObjectByOID(uint32_t oid)
     return status;
 }
 
+int DeleteNCObjsBasedOnOID(uint32_t oid)
+{
+    if (!HasDatabase())
+    {
+        return kFailed;
+    }
+    const int status = DeleteOnce(oid);
+    QDB_LOG(kLogTrace,
+            "%s: DeleteNCObjsBasedOnOID: "
+            "%d####################################################",
+            status);
+    return status;
+}
+
 void FinalizeClearingStatements()
 {
+    gDeleteNCObjsBasedOnOIDStmt.Finalize();
     gDeleteObjectByOIDStmt.Finalize();
 }
 

@@ -22,7 +22,12 @@ int ClearTableData(const char *tableName);
 // or -1. An OID that isn't mapped is no failure. Takes gDeleteObjectByOIDMutex.
 int DeleteObjectByOID(uint32_t oid);
 
-// Finalises the statement of DeleteObjectByOID. No thread may use it any more.
+// Removes one object without a word to anyone but the telemetry. Returns 0,
+// also when the delete failed, or the status of prepare or bind; -1 without a
+// connection. Only under gObjTypeBasedNCMutex, which guards its statement.
+int DeleteNCObjsBasedOnOID(uint32_t oid);
+
+// Finalises the statements of the two. No thread may use them any more.
 void FinalizeClearingStatements();
 
 } // namespace qdb

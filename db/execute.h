@@ -49,9 +49,10 @@ void LogAttemptsUsedUp(int returnStatus);
 // Runs `operation` in a status loop. When it gives ZO_STATUS_INVALID_VALUE
 // `onInvalid` runs before the attempt counts; what it returns replaces the
 // status, so that another value than ZO_STATUS_INVALID_VALUE ends the loop.
-// Returns the last status: a success, or what the failure was.
+// Returns the last status: a success, or what the failure was. The callbacks
+// may change returnStatus.
 template <typename Operation, typename OnInvalid>
-int RunStatusLoop(RetryRule rule, int returnStatus, Operation operation,
+int RunStatusLoop(RetryRule rule, const int &returnStatus, Operation operation,
                   OnInvalid onInvalid)
 {
     int status = SQLITE_OK;
@@ -73,7 +74,7 @@ int RunStatusLoop(RetryRule rule, int returnStatus, Operation operation,
 }
 
 template <typename Operation>
-int RunStatusLoop(RetryRule rule, int returnStatus, Operation operation)
+int RunStatusLoop(RetryRule rule, const int &returnStatus, Operation operation)
 {
     return RunStatusLoop(rule, returnStatus, operation,
                          []

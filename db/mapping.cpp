@@ -13,6 +13,8 @@ namespace qdb
 
 StatementSlot gParentChildInsertStmt;
 StatementSlot gEtagUpdateStmt;
+StatementSlot gCfgIntNCStmt;
+StatementSlot gCfgStrNCStmt;
 extern StatementSlot gActiveOIDInsertStmt;
 
 namespace
@@ -201,6 +203,8 @@ void FinalizeMappingStatements()
 {
     gParentChildInsertStmt.Finalize();
     gEtagUpdateStmt.Finalize();
+    gCfgIntNCStmt.Finalize();
+    gCfgStrNCStmt.Finalize();
     gActiveOIDInsertStmt.Finalize();
 }
 

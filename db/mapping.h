@@ -8,6 +8,7 @@
 // wherever it is bound.
 #pragma once
 
+#include "db/statement.h"
 #include "platform/zoil.h"
 
 #include <cstdint>
@@ -43,7 +44,13 @@ bool QdbObjTypeIsConstraintSkippable(uint32_t objType);
 // Sorts the lists of object types; before any thread looks into them.
 void QdbSortObjTypeLists();
 
-// Finalises the statements of this file. No thread may use them any more.
+// The statements of the presence checks (config/presence_check.h), each under
+// its check's mutex. They stand here to be finalised in one order with those of
+// this file.
+extern StatementSlot gCfgIntNCStmt;
+extern StatementSlot gCfgStrNCStmt;
+
+// Finalises these five statements. No thread may use them any more.
 void FinalizeMappingStatements();
 
 // An OID as SQLite holds it: OIDs above 0x7FFFFFFF are negative.

@@ -36,13 +36,6 @@ bool HasRawDataTexts(const DataEventHeader &record)
            RecordText(record, *path) != nullptr;
 }
 
-bool HasStatusObject(const DataEventHeader &record)
-{
-    const auto size = RecordWord(record, kStatusObjectAt);
-    return size && *size >= kMinStatusObjectSize &&
-           *size <= record.evtSize - kStatusObjectAt;
-}
-
 // Whether a record that is to be queued holds all that its type promises. An
 // object count that does not fit is the dispatcher's to refuse.
 bool IsWhole(const DataEventHeader &record)
@@ -54,7 +47,7 @@ bool IsWhole(const DataEventHeader &record)
     case DATA_EVENT_DATA_OBJ_DESTROY:
         return record.evtSize >= kFirstOidAt;
     case DATA_EVENT_OBJ_STATUS_CHG:
-        return HasStatusObject(record);
+        return StatusObjectSize(record) != 0;
     case ZO_EVENT_RAW_DATA_UPDATE:
         return HasRawDataTexts(record);
     default:

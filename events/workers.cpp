@@ -1,5 +1,6 @@
 #include "events/workers.h"
 
+#include "config/raw_data.h"
 #include "core/log.h"
 #include "core/state.h"
 #include "core/status.h"
@@ -7,6 +8,7 @@
 #include "events/dispatch.h"
 #include "events/queues/event_queue.h"
 #include "events/queues/event_record.h"
+#include "events/status_change.h"
 
 namespace qdb
 {
@@ -51,10 +53,9 @@ int Dispatch(const DataEventHeader &record, int thID, int status)
         LogBusRecord(record, thID);
         return ObjectNotificationDbus(&record, record.evtType);
     case DATA_EVENT_OBJ_STATUS_CHG:
+        return ObjectNotificationStChg(&record);
     case ZO_EVENT_RAW_DATA_UPDATE:
-        QDB_LOG(kLogTrace, "%s: event=%d has no handler and is dropped\n",
-                record.evtType);
-        return status;
+        return ObjectNotificationRawData(&record, record.evtType);
     default:
         return status;
     }

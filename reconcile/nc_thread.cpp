@@ -3,8 +3,12 @@
 #include "core/cancel.h"
 #include "core/log.h"
 #include "core/sleep.h"
+#include "core/state.h"
+#include "core/status.h"
+#include "reconcile/count_check.h"
+#include "reconcile/reloads.h"
 
-#include <pthread.h>
+#include <malloc.h>
 #include <systemd/sd-bus.h>
 
 namespace qdb
@@ -51,13 +55,55 @@ bool PauseBetweenPasses()
     return true;
 }
 
+// Runs all reloads once. False when the thread is to end, which it does between
+// two reloads, never in one. Only the last reload's corruption ends the
+// service; what the others find is logged and no more.
+bool RunReloads()
+{
+    RunMemoryReload();
+    if (CheckCancelNCThread())
+    {
+        return false;
+    }
+    RunFRUReload();
+    if (CheckCancelNCThread())
+    {
+        return false;
+    }
+    RunKeyReloads();
+    if (CheckCancelNCThread())
+    {
+        return false;
+    }
+    const int status = RunTypeReload();
+    if (CheckCancelNCThread())
+    {
+        return false;
+    }
+    if (status == SQLITE_CORRUPT)
+    {
+        QDB_LOG(kLogTrace, "%s: sempost issued %d\n", status);
+        sem_post(&gSqliteCorruptSem);
+    }
+    return true;
+}
+
 void RunPasses()
 {
     const HeldConnection connection;
-    while (PauseBetweenPasses())
+    while (RunReloads())
     {
+        if (DbusEventsEnabled == 1)
+        {
+            static_cast<void>(CheckDMObjCountandReCreateEntries());
+        }
+        malloc_trim(0);
         QDB_LOG(kLogPass, "%s: handle_QuillonDB_NC_Event_Request end of loop "
                           "\n");
+        if (!PauseBetweenPasses())
+        {
+            return;
+        }
     }
 }
 

@@ -37,18 +37,19 @@ int GetParentDOH(const DataObjHeader *pDOH, DataObjHeader **ppParentDOH)
     return status;
 }
 
-ObjectPtr FetchParent(const DataObjHeader *pDOH, int *pStatus)
+ObjectPtr FetchParent(const DataObjHeader *pDOH, int *pStatus,
+                      const char *prefix)
 {
     DataObjHeader *found = nullptr;
     const int status = GetParentDOH(pDOH, &found);
     ObjectPtr parent(found);
     if (status != SQLITE_OK || parent == nullptr)
     {
-        QDB_LOG(kLogTrace, "%s: Parent Object not found\n");
+        QDB_LOG(kLogTrace, "%s: %sParent Object not found\n", prefix);
     }
     else
     {
-        QDB_LOG(kLogTrace, "%s: Parent Object found pParentDOH=%d\n",
+        QDB_LOG(kLogTrace, "%s: %sParent Object found pParentDOH=%d\n", prefix,
                 StoredOid(parent->objID));
     }
     if (pStatus != nullptr)

@@ -14,7 +14,9 @@ namespace qdb
 int GetParentDOH(const DataObjHeader *pDOH, DataObjHeader **ppParentDOH);
 
 // The same for callers that own what they find, with the line that tells
-// whether a parent was found. *pStatus, which may be NULL, gets the result.
-ObjectPtr FetchParent(const DataObjHeader *pDOH, int *pStatus);
+// whether a parent was found; `prefix` begins it. *pStatus, which may be NULL,
+// gets the result.
+ObjectPtr FetchParent(const DataObjHeader *pDOH, int *pStatus,
+                      const char *prefix = "");
 
 } // namespace qdb

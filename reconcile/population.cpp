@@ -13,8 +13,6 @@ namespace qdb
 namespace
 {
 
-constexpr uint32_t kRootOid = 1;
-
 // One walk: who makes it, for the log, and its result so far.
 struct Walk
 {
@@ -22,12 +20,6 @@ struct Walk
     int returnStatus = SQLITE_OK;
     unsigned visited = 0; // objects that reached the predicate
 };
-
-OidList ListChildren(uint32_t objType)
-{
-    return OidList(
-        ZOILListChildOIDByType(&kRootOid, static_cast<uint16_t>(objType)));
-}
 
 // Creates one object in a status loop; an object that cannot be read as it
 // stands is fetched again, and again while it is gone.

@@ -7,6 +7,7 @@
 #include "objects/catalogue.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mirror.h"
+#include "tests/support/no_memory.h"
 #include "tests/support/wait.h"
 
 #include <algorithm>
@@ -17,7 +18,8 @@
 
 // Linked with --wrap=malloc and --wrap=calloc the service's own allocations
 // come here; without, the tests that need it are skipped.
-static thread_local bool tNoMemory = false;
+thread_local bool qdb::test::tNoMemory = false;
+using qdb::test::tNoMemory;
 
 extern "C"
 {

@@ -68,6 +68,17 @@ inline constexpr uint32_t kMaxObjCount = 4000;
 inline constexpr uint32_t kStatusObjectAt = 20;
 inline constexpr uint32_t kMinStatusObjectSize = 16;
 
+// The size of that object by its own word; 0 when the record doesn't hold so
+// much.
+inline uint32_t StatusObjectSize(const DataEventHeader &record)
+{
+    const uint32_t size = RecordWord(record, kStatusObjectAt).value_or(0);
+    return size >= kMinStatusObjectSize &&
+                   size <= record.evtSize - kStatusObjectAt
+               ? size
+               : 0;
+}
+
 // Raw data, type 1130: offsets of the key and of the file's path.
 inline constexpr uint32_t kRawKeyOffsetAt = 16;
 inline constexpr uint32_t kRawPathOffsetAt = 20;

@@ -44,9 +44,11 @@ PrivateBus::PrivateBus()
     const std::string config = directory_ + "/bus.conf";
     std::ofstream(config) << Configuration(socket);
     const std::string option = "--config-file=" + config;
-    const char *arguments[] = {"dbus-daemon", option.c_str(), "--nofork",
+    // The daemon ends with this process, however that ends.
+    const char *arguments[] = {"setpriv",     "--pdeathsig",  "KILL",
+                               "dbus-daemon", option.c_str(), "--nofork",
                                "--nopidfile", nullptr};
-    EXPECT_EQ(posix_spawnp(&pid_, "dbus-daemon", nullptr, nullptr,
+    EXPECT_EQ(posix_spawnp(&pid_, "setpriv", nullptr, nullptr,
                            const_cast<char **>(arguments), environ),
               0);
     struct stat info = {};

@@ -1,0 +1,126 @@
+#include "events/status_change.h"
+
+#include "core/log.h"
+#include "core/status.h"
+#include "db/execute.h"
+#include "events/queues/event_record.h"
+#include "objects/cached_object.h"
+#include "objects/catalogue.h"
+#include "reconcile/key_reload.h"
+#include "reconcile/reloads.h"
+
+namespace qdb
+{
+namespace
+{
+
+constexpr uint16_t kMemory = 0xE1;
+constexpr uint16_t kFru = 0x42;
+constexpr uint16_t kDevBlt = 0xEB;
+constexpr uint16_t kDevUsb = 0xEC;
+
+void LogReload(const char *function, const DataObjHeader &object)
+{
+    QDB_LOG(kLogTrace, "%s: DATA_EVENT_OBJ_STATUS_CHG calling %s for OID:%x\n",
+            function, object.objID);
+}
+
+// Refreshes the object in every row of its type, in status loops; the first
+// failure ends the walk.
+int RefreshRows(const DataObjHeader &object)
+{
+    for (const ObjTypeRow &row : ObjectTypeTable)
+    {
+        if (object.objType == 0 || row.objType != object.objType)
+        {
+            continue;
+        }
+        QDB_LOG(kLogTrace,
+                "%s: Request:DATA_EVENT_OBJ_STATUS_CHG Update: OID: %X",
+                object.objID);
+        const int status =
+            RunStatusLoop({}, SQLITE_OK,
+                          [&]
+                          {
+                              return row.RefreshObjFP(&object, nullptr);
+                          });
+        if (!IsSuccess(status))
+        {
+            return FailureOf(status);
+        }
+    }
+    return SQLITE_OK;
+}
+
+// Any type that has no reload of its own. The keyed object is known by its OID
+// alone, so that without it nothing can be told from it, and nothing is done.
+int HandleOther(const DataObjHeader &object)
+{
+    const ObjectPtr keyed = FetchKeyedObject();
+    if (keyed == nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: ObjectNotificationStChg: pDOHkey is NULL\n");
+        return SQLITE_OK;
+    }
+    if (keyed->objID != object.objID)
+    {
+        return RefreshRows(object);
+    }
+    LogReload("ReLoadKeyBasedNCObjects", object);
+    return RunKeyReload();
+}
+
+int HandleObject(const DataObjHeader &object)
+{
+    switch (object.objType)
+    {
+    case kMemory:
+        LogReload("ReLoadNCObjects", object);
+        return RunMemoryReload();
+    case kFru:
+        // The words are those of memory.
+        LogReload("ReLoadNCObjects", object);
+        return RunFRUReload();
+    case kDevBlt:
+    case kDevUsb:
+        LogReload("ObjTypeBasedNCObjects", object);
+        return RunTypeReload();
+    default:
+        return HandleOther(object);
+    }
+}
+
+} // namespace
+
+int ObjectNotificationStChg(const DataEventHeader *event)
+{
+    QDB_LOG(kLogTrace, "%s: ObjectNotificationStChg: Entry\n");
+    if (event == nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: ObjectNotificationStChg: Invalid Argument, "
+                           "notification not processed\n");
+        return kInvalidArgument;
+    }
+    const uint32_t size = StatusObjectSize(*event);
+    if (size == 0)
+    {
+        QDB_LOG(kLogInvalid,
+                "%s: event dropped: type: %u size: %u is too short or badly "
+                "formed\n",
+                event->evtType, event->evtSize);
+        return kInvalidArgument;
+    }
+    // A copy, so that the object begins where one from the Data Manager may.
+    const ObjectPtr object = CopyObject(
+        reinterpret_cast<const char *>(event) + kStatusObjectAt, size);
+    if (object == nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: ObjectNotificationStChg: pDOH NO memory\n");
+        return kNoMemory;
+    }
+    const int status = HandleObject(*object);
+    QDB_LOG(kLogTrace, "%s: ObjectNotificationStChg: Exit: %d", status);
+    return status;
+}
+
+} // namespace qdb

@@ -1,0 +1,127 @@
+#include "reconcile/fru_reload.h"
+
+#include "core/log.h"
+#include "core/platform_ptr.h"
+#include "core/status.h"
+#include "db/execute.h"
+#include "objects/catalogue.h"
+#include "objects/object_view.h"
+#include "reconcile/fru_cache.h"
+#include "reconcile/parent.h"
+
+#include <cstring>
+
+namespace qdb
+{
+namespace
+{
+
+constexpr uint16_t kFru = 0x42;
+constexpr size_t kKeyWordAt = 0x14;
+constexpr size_t kSerialNumberWordAt = 0x1D;
+
+// The text that the object's word points at; "" where there is none that ends
+// inside the object.
+const char *TextAt(const DataObjHeader *pDOH, size_t wordAt)
+{
+    const ObjectView view(pDOH);
+    const uint32_t offset = view.Read<uint32_t>(wordAt).value_or(0);
+    const auto text = view.TextInside(offset);
+    return offset == 0 || !text ? "" : text->data();
+}
+
+// Refreshes one FRU in a status loop; one that cannot be read as it stands is
+// fetched again, and again while it is gone.
+void RefreshWithRetry(uint32_t oid, ObjectPtr object,
+                      const DataObjHeader *parent, int *pStatus)
+{
+    const int status = RunStatusLoop(
+        {}, *pStatus,
+        [&]
+        {
+            const int result =
+                object == nullptr
+                    ? ZO_STATUS_INVALID_VALUE
+                    : FindRow(kFru)->RefreshObjFP(object.get(), parent);
+            QDB_LOG(kLogTrace,
+                    "%s: ReLoadFRUNCObjects: RefreshObjFP retval=%d \n",
+                    result);
+            return result;
+        },
+        [&]
+        {
+            QDB_LOG(kLogTrace, "%s: ReLoadFRUNCObjects: "
+                               "ZO_STATUS_INVALID_VALUE returned\n");
+            object.reset();
+            object = FetchObject(oid);
+            if (object == nullptr)
+            {
+                *pStatus = ZO_STATUS_NO_SUCH_OBJECT;
+            }
+            return ZO_STATUS_INVALID_VALUE;
+        });
+    if (!IsSuccess(status))
+    {
+        *pStatus = kFailed;
+    }
+}
+
+void VisitFru(uint32_t oid, int *pStatus)
+{
+    ObjectPtr object = FetchObject(oid);
+    if (object == nullptr)
+    {
+        *pStatus = ZO_STATUS_NO_SUCH_OBJECT;
+        return;
+    }
+    QDB_LOG(kLogTrace,
+            "%s: ReLoadFRUNCObjects: pDOH->objType=%d, pDOH->objType=0x%x\n",
+            object->objType, object->objType);
+    const char *key = TextAt(object.get(), kKeyWordAt);
+    if (std::strstr(key, "Disk.Bay") == nullptr)
+    {
+        return;
+    }
+    QDB_LOG(kLogTrace, "%s: PCISSD Obj Present: %s\n", key);
+    const bool refresh =
+        WatchFRU(oid, TextAt(object.get(), kSerialNumberWordAt));
+    const ObjectPtr parent =
+        FetchParent(object.get(), nullptr, "ReLoadFRUNCObjects ");
+    if (!refresh)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: ReLoadFRUNCObjects: OID = %x Refresh skipped as cached "
+                "data is same\n",
+                oid);
+        return;
+    }
+    RefreshWithRetry(oid, std::move(object), parent.get(), pStatus);
+}
+
+int VisitFrus()
+{
+    const OidList list = ListChildren(kFru);
+    if (list.IsNull())
+    {
+        return ZO_STATUS_NO_SUCH_OBJECT;
+    }
+    int status = SQLITE_OK;
+    for (const uint32_t oid : list.Oids())
+    {
+        VisitFru(oid, &status);
+    }
+    return status;
+}
+
+} // namespace
+
+int ReLoadFRUNCObjects()
+{
+    QDB_LOG(kLogTrace, "%s: Entering ReLoadFRUNCObjects \n");
+    const int status = VisitFrus();
+    LogFRUCache();
+    QDB_LOG(kLogTrace, "%s: Exiting ReLoadFRUNCObjects \n");
+    return status;
+}
+
+} // namespace qdb

@@ -1,0 +1,93 @@
+#include "reconcile/key_reload.h"
+
+#include "core/log.h"
+#include "core/status.h"
+#include "db/execute.h"
+#include "objects/catalogue.h"
+#include "reconcile/parent.h"
+
+namespace qdb
+{
+
+pthread_mutex_t gReLoadKeyBasedNCMutex = PTHREAD_MUTEX_INITIALIZER;
+
+namespace
+{
+
+constexpr char kReload[] = "ReLoadKeyBasedNCObjects";
+
+// The only row; its copy is guarded by gReLoadKeyBasedNCMutex.
+KeyedRow gSystemInfo = {"91||System.Embedded.1", "", 0x91};
+
+int Write(const KeyedRow &row, const DataObjHeader *object, RowWrite write)
+{
+    const ObjTypeRow &handlers = *FindRow(row.objType);
+    if (write == RowWrite::Refresh)
+    {
+        return handlers.RefreshObjFP(object, nullptr);
+    }
+    DataObjHeader *found = nullptr;
+    static_cast<void>(GetParentDOH(object, &found));
+    const ObjectPtr parent(found);
+    QDB_LOG(kLogError, "%s: Insert the row\n");
+    return handlers.CreateObjFP(object, parent.get());
+}
+
+} // namespace
+
+ObjectPtr FetchKeyedObject()
+{
+    return ObjectPtr(ZOILGetObjByKey(gSystemInfo.key));
+}
+
+int ReLoadKeyBasedNCObjects()
+{
+    QDB_LOG(kLogTrace, "%s: Entering ReLoadKeyBasedNCObjects \n");
+    QDB_LOG(kLogTrace, "%s: ReLoadKeyBasedNCObjects: key=%s\n",
+            gSystemInfo.key);
+    ObjectPtr object = FetchKeyedObject();
+    if (object == nullptr)
+    {
+        return ZO_STATUS_NO_SUCH_OBJECT;
+    }
+    int status = SQLITE_OK;
+    const RowWrite write = ChooseWrite(gSystemInfo, object.get(), kReload);
+    if (write != RowWrite::None)
+    {
+        status = ReLoadKeyBasedNCObject(std::move(object), gSystemInfo, write);
+    }
+    QDB_LOG(kLogTrace, "%s: Exiting ReLoadKeyBasedNCObjects \n");
+    return status;
+}
+
+int ReLoadKeyBasedNCObject(ObjectPtr object, KeyedRow &row, RowWrite write)
+{
+    if (!row.cached.Store(object.get()))
+    {
+        QDB_LOG(kLogError,
+                "%s: ReLoadKeyBasedNCObjects: Memory allocation failed\n");
+        return kNoMemory;
+    }
+    const int status = RunStatusLoop(
+        {}, SQLITE_OK,
+        [&]
+        {
+            return Write(row, object.get(), write);
+        },
+        [&]
+        {
+            QDB_LOG(kLogTrace, "%s: ReLoadKeyBasedNCObjects: "
+                               "ZO_STATUS_INVALID_VALUE returned\n");
+            object.reset();
+            object.reset(ZOILGetObjByKey(row.key));
+            return object == nullptr ? ZO_STATUS_NO_SUCH_OBJECT
+                                     : ZO_STATUS_INVALID_VALUE;
+        });
+    if (IsSuccess(status))
+    {
+        return SQLITE_OK;
+    }
+    return object == nullptr ? ZO_STATUS_NO_SUCH_OBJECT : FailureOf(status);
+}
+
+} // namespace qdb

@@ -1,0 +1,453 @@
+// The road by the bus: which signals are heard, what becomes of them as
+// records, and how malformed ones end.
+#include "busintake/handlers.h"
+#include "busintake/match_rules.h"
+#include "busintake/signal_thread.h"
+#include "busintake/translation.h"
+#include "config/config_objects.h"
+#include "core/cancel.h"
+#include "core/json.h"
+#include "core/state.h"
+#include "events/queues/event_queue.h"
+#include "events/queues/event_record.h"
+#include "tests/support/bus_sender.h"
+#include "tests/support/change_listener.h"
+#include "tests/support/db_fixture.h"
+#include "tests/support/wait.h"
+
+#include <random>
+
+namespace qdb::test
+{
+namespace
+{
+
+constexpr char kPath[] = "/com/vexo/tarnu/x";
+constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
+constexpr char kManager[] = "com.vexo.tarnu.CfgMgr";
+
+// A record as a line; what the format doesn't allow is told in its place.
+std::string Describe(const DataEventHeader &record)
+{
+    const auto word = [&](uint32_t at)
+    {
+        return RecordWord(record, at).value_or(0xDEAD);
+    };
+    const auto text = [&](uint32_t offsetAt)
+    {
+        const char *found = RecordText(record, word(offsetAt));
+        return std::string(found == nullptr ? "outside" : found);
+    };
+    if (record.evtType == ZO_EVENT_RAW_DATA_UPDATE)
+    {
+        const std::string key = text(kRawKeyOffsetAt);
+        const std::string path = text(kRawPathOffsetAt);
+        EXPECT_EQ(word(kRawKeyOffsetAt), 24u);
+        EXPECT_EQ(word(kRawPathOffsetAt), key.size() + 25);
+        EXPECT_EQ(record.evtSize, key.size() + path.size() + 26);
+        return "raw " + key + " " + path;
+    }
+    EXPECT_EQ(record.evtType, DATA_EVENT_DBUS_TO_QDB);
+    EXPECT_EQ(record.evtFlags, 0);
+    const uint32_t kind = word(kBusEventTypeAt);
+    if (kind == DATA_EVENT_POP_UNLOADED)
+    {
+        EXPECT_EQ(record.evtSize, 32u);
+        EXPECT_EQ(word(kBusPathOffsetAt) | word(kBusInterfaceOffsetAt), 0u);
+        return "restart";
+    }
+    const std::string interface = text(kBusInterfaceOffsetAt);
+    const std::string path = text(kBusPathOffsetAt);
+    EXPECT_EQ(word(kBusInterfaceOffsetAt), 32u);
+    EXPECT_EQ(word(kBusPathOffsetAt), interface.size() + 33);
+    EXPECT_EQ(record.evtSize, interface.size() + path.size() + 34);
+    return std::to_string(kind) + " " + std::to_string(word(kBusOidAt)) + " " +
+           path + " " + interface;
+}
+
+// All records that are on the queue, which nobody else takes from.
+Lines TakeRecords()
+{
+    Lines records;
+    while (QdbEventQSize > 0)
+    {
+        const EventNodePtr node(QdbdeQueue(gQdbEventQueue));
+        records.push_back(Describe(*node->data));
+    }
+    return records;
+}
+
+// The signal thread, which can be cancelled once in the life of a process.
+class BusIntake : public ::testing::Test
+{
+  protected:
+    static void SetUpTestSuite()
+    {
+        CaptureLog();
+        ASSERT_EQ(pthread_create(&gThread, nullptr,
+                                 handle_sdbus_signal_Request_thread, nullptr),
+                  0);
+        ASSERT_TRUE(WaitUntil(
+            []
+            {
+                return CountLog("handle_sdbus_signal_Request_thread: loop "
+                                "started.\n") == 1;
+            }));
+    }
+    static void TearDownTestSuite()
+    {
+        CaptureLog();
+        SetCancelSignalThread();
+        pthread_join(gThread, nullptr);
+        EXPECT_EQ(LogLines(), Lines{"Canceled [CheckCancelSignalThread] \n"});
+    }
+
+    // Waits until the thread has handled all that was sent so far.
+    void Sync()
+    {
+        static int number = 0;
+        const std::string path = "/sync/" + std::to_string(++number);
+        sender_.Emit("/", "s.y.n.c", "InterfacesAdded", "oa{sa{sv}}",
+                     path.c_str(), 0);
+        EXPECT_TRUE(WaitUntil(
+            [&]
+            {
+                return CountLog("interfaces_added: path: " + path + "\n") == 1;
+            }));
+    }
+
+    inline static pthread_t gThread;
+    BusSender sender_;
+};
+
+TEST(MatchRules, AreTheseTexts)
+{
+    const Lines changed = {
+        "Config.CfgIntAttribute",  "Config.CfgStrAttribute",
+        "Config.CfgEnumAttribute", "Config.CfgPasswdAttribute",
+        "Sensor.ProbeObj",         "Sensor.FanExtObj",
+        "Sensor.HvxStatusObj",     "Sensor.IntrusionObj"};
+    Lines expected = {
+        "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',"
+        "arg0='com.vexo.tarnu.CfgMgr',arg1='',",
+        "type='signal',member='InterfacesAdded'",
+        "type='signal',member='qdb_object_removed'"};
+    for (const std::string &name : changed)
+    {
+        expected.push_back("type='signal',member='PropertiesChanged',"
+                           "interface='org.freedesktop.DBus.Properties',"
+                           "arg0='com.vexo.tarnu." +
+                           name + "',");
+    }
+    expected.push_back("type='signal',member='qdb_bulk_commit'");
+    expected.push_back("type='signal',member='RawDataUpdated'");
+    Lines rules;
+    for (const MatchRule &rule : MatchRules())
+    {
+        rules.push_back(rule.rule);
+    }
+    EXPECT_EQ(rules, expected);
+    EXPECT_EQ(BuildArgNMatch(4294967295, ""), "arg4294967295='',");
+}
+
+// Each rule with a signal that it means, and those that only look like one.
+TEST_F(BusIntake, HearsWhatTheRulesNameAndNoNearMiss)
+{
+    const Mirror mirror;
+    CaptureLog();
+    const auto changed = [&](const std::string &interface)
+    {
+        sender_.Emit(kPath, kProperties, "PropertiesChanged", "sa{sv}as",
+                     interface.c_str(), 1, "Speed", "u", 5, 0);
+        return "3 0 /com/vexo/tarnu/x " + interface;
+    };
+    Lines expected;
+    for (const char *interface :
+         {"Config.CfgIntAttribute", "Config.CfgStrAttribute",
+          "Config.CfgEnumAttribute", "Config.CfgPasswdAttribute",
+          "Sensor.ProbeObj", "Sensor.FanExtObj", "Sensor.HvxStatusObj",
+          "Sensor.IntrusionObj"})
+    {
+        expected.push_back(changed(std::string("com.vexo.tarnu.") + interface));
+    }
+    changed("com.vexo.tarnu.Config.CfgGroup");
+    changed("com.vexo.tarnu.Sensor.ProbeObj2");
+    changed("com.vexo.tarnu.Sensor");
+    sender_.Emit(kPath, "other.Properties", "PropertiesChanged", "s",
+                 kIntInterface);
+    sender_.Emit(kPath, kProperties, "PropertiesInvalidated", "s",
+                 kIntInterface);
+    // Invalidated properties only, from another path.
+    sender_.Emit("/", kProperties, "PropertiesChanged", "sa{sv}as",
+                 kStrInterface, 0, 1, "Speed");
+    expected.push_back(std::string("3 0 / ") + kStrInterface);
+
+    // In the order of the names, the oid of another type read as 0, and the
+    // path of the message, not of the object. The first "oid" of two counts.
+    sender_.Emit("/com/vexo", "org.freedesktop.DBus.ObjectManager",
+                 "InterfacesAdded", "oa{sa{sv}}", kPath, 4,              //
+                 "z.z", 1, "oid", "u", 0xFFFFFFF0u,                      //
+                 "b.b", 0,                                               //
+                 "c.c", 2, "Speed", "s", "no", "oid", "t", uint64_t{77}, //
+                 "a.a", 2, "oid", "u", 7, "oid", "u", 8);
+    expected.push_back("7 7 /com/vexo a.a");
+    expected.push_back("7 0 /com/vexo c.c");
+    expected.push_back("7 4294967280 /com/vexo z.z");
+    sender_.Emit("/x", "any.interface", "InterfacesAdded", "oa{sa{sv}}", kPath,
+                 1, kIntInterface, 1, "oid", "u", 9);
+    expected.push_back(std::string("7 9 /x ") + kIntInterface);
+    sender_.Emit("/x", "any.interface", "InterfacesRemoved", "oas", kPath, 1,
+                 kIntInterface);
+    sender_.Call("/x", "any.interface", "InterfacesAdded");
+
+    sender_.Emit(kPath, kEnumInterface, "qdb_object_removed", "us", 11, "x");
+    expected.push_back(std::string("8 11 /com/vexo/tarnu/x ") + kEnumInterface);
+    sender_.Emit(kPath, kEnumInterface, "qdb_object_added", "us", 11, "x");
+
+    sender_.Emit(kPath, "x.y", "RawDataUpdated", "ss", "Key", "/tmp/file");
+    expected.push_back("raw Key /tmp/file");
+    sender_.Emit(kPath, "x.y", "RawDataUpdate", "ss", "Key", "/tmp/file");
+
+    // Only the bus itself is believed, and only a return counts.
+    sender_.Emit("/org/freedesktop/DBus", "org.freedesktop.DBus",
+                 "NameOwnerChanged", "sss", kManager, "", ":1.1");
+    sender_.Own("com.vexo.tarnu.CfgMgr2");
+    sender_.Own(kManager);
+    expected.emplace_back("restart");
+    sender_.Disown(kManager);
+    sender_.Own(kManager);
+    expected.emplace_back("restart");
+    sender_.Disown(kManager);
+    Sync();
+    EXPECT_EQ(TakeRecords(), expected);
+    EXPECT_EQ(CountLog("properties_changed: intf: com.vexo"), 9);
+    EXPECT_EQ(CountLog("interfaces_added: path: /com/vexo/tarnu/x\n"), 2);
+    EXPECT_EQ(CountLog("interfaces_added: oid: -16\n"), 1);
+
+    // A commit makes no record; unknown interfaces have no groups to load.
+    standin::PutAttribute("CfgIntAttribute", "A.1#B.1#C", nullptr);
+    for (const auto &[member, interface, calls] :
+         {std::tuple{"qdb_bulk_commit", kIntInterface, 2u},
+          std::tuple{"qdb_bulk_commit", "x.y", 1u},
+          std::tuple{"qdb_bulk_commit2", kIntInterface, 0u}})
+    {
+        SCOPED_TRACE(interface);
+        const uint64_t before = standin::CallCount("client_get_objects");
+        sender_.Emit(kPath, interface, member, "");
+        Sync();
+        EXPECT_EQ(standin::CallCount("client_get_objects") - before, calls);
+    }
+    EXPECT_EQ(mirror.Value("SELECT ParentObjectKey FROM TblIntAttribute"),
+              "A.1#B.1");
+    standin::SetFault("client_get_objects", 5, 1);
+    sender_.Emit(kPath, kStrInterface, "qdb_bulk_commit", "");
+    Sync();
+    EXPECT_EQ(CountLog("Objects not found: CfgGroup 1\n"), 1);
+    EXPECT_EQ(TakeRecords(), Lines{});
+}
+
+TEST(Handlers, EndWithOneLineOnWhatTheyCannotRead)
+{
+    const Mirror mirror;
+    BusSender sender;
+    const std::string text = "EX: sd_bus_message_read_basic string";
+    const std::string number = "EX: sd_bus_message_read_basic fundamental";
+    const std::string array =
+        "EX: sd_bus_message_enter_container emplace_container";
+    struct Case
+    {
+        int (*handler)(sdbusplus::message_t &);
+        const char *types;
+        std::string line;
+    };
+    const Case cases[] = {
+        {properties_changed, "", text},
+        {properties_changed, "u", text},
+        {properties_changed, "o", text},
+        {object_removed, "", number},
+        {object_removed, "s", number},
+        {object_removed, "i", number},
+        {object_removed, "u", text},
+        {object_removed, "uo", text},
+        {interfaces_added, "", text},
+        {interfaces_added, "s", text},
+        {interfaces_added, "o", array},
+        {interfaces_added, "os", array},
+        {interfaces_added, "oa{sv}", array},
+        {interfaces_added, "oa{sa{ss}}", array},
+        {interfaces_added, "oa{sa{uv}}", array},
+        {cfgmgr_name_owner_changed, "", text},
+        {raw_data_updated, "", text},
+        {raw_data_updated, "s", text},
+        {raw_data_updated, "su", text},
+    };
+    for (const Case &test : cases)
+    {
+        SCOPED_TRACE(test.types);
+        sdbusplus::message_t message(sender.Empty(test.types));
+        CaptureLog(3);
+        EXPECT_EQ(test.handler(message), -1);
+        const Lines lines = LogLines();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].substr(0, test.line.size()), test.line);
+        EXPECT_EQ(lines[0].back(), '\n');
+    }
+    EXPECT_EQ(TakeRecords(), Lines{});
+}
+
+TEST(Translation, RefusesWhatItDoesNotKnowAndSurvivesWantOfMemory)
+{
+    const Mirror mirror;
+    CaptureLog();
+    EXPECT_EQ(
+        qdb_signal_notification_callback("i.i", "PropertiesChange", "/", 1),
+        -22);
+    EXPECT_EQ(LogLines(),
+              (Lines{"Enter [qdb_signal_notification_callback]\n",
+                     " qdb_signal_notification_callback qdvenQSize [38]  :: "
+                     "sigMsgLen [0]\n",
+                     "member  [PropertiesChange]\n",
+                     "return as we did not get desired signal  "
+                     "[PropertiesChange]\n"}));
+    CaptureLog();
+    EXPECT_EQ(qdb_signal_cfgmgr_restart_callback("com.vexo.tarnu.CfgMg"), -22);
+    EXPECT_EQ(CountLog("return as we did not get desired signal "
+                       "[com.vexo.tarnu.CfgMg]\n"),
+              1);
+    standin::SetFault("ZOAllocMem", 0, 1);
+    EXPECT_EQ(HandleSignalRawDataUpdated("k", "/f"), -12);
+    EXPECT_EQ(CountLog("HandleSignalRawDataUpdated: failed to alloc memory for "
+                       "data event\n"),
+              1);
+    EXPECT_EQ(TakeRecords(), Lines{});
+    CaptureLog();
+    EXPECT_EQ(qdb_signal_notification_callback("", "InterfacesAdded", "", 5),
+              0);
+    EXPECT_EQ(HandleSignalRawDataUpdated("", ""), 0);
+    EXPECT_EQ(CountLog("offsetIntf[32]  :: offsetPath [33]\n"), 1);
+    EXPECT_EQ(TakeRecords(), (Lines{"7 5  ", "raw  "}));
+}
+
+// Bodies that nobody would send. The thread goes on, and each record that comes
+// of them is well-formed, which Describe() checks.
+TEST_F(BusIntake, OutlivesRandomBodies)
+{
+    const Mirror mirror;
+    CaptureLog();
+    std::mt19937 engine(static_cast<unsigned>(
+        ::testing::UnitTest::GetInstance()->random_seed()));
+    const char *const members[] = {"InterfacesAdded", "qdb_object_removed",
+                                   "PropertiesChanged", "RawDataUpdated",
+                                   "qdb_bulk_commit"};
+    constexpr int kBodies = 10000;
+    size_t records = 0;
+    for (int i = 1; i <= kBodies; ++i)
+    {
+        sender_.EmitRandom(members[engine() % 5], kIntInterface, engine);
+        if (i % 200 == 0)
+        {
+            Sync();
+            records += TakeRecords().size();
+            CaptureLog();
+        }
+    }
+    EXPECT_GT(records, 0u);
+    sender_.Emit(kPath, kIntInterface, "qdb_object_removed", "us", 3, "");
+    Sync();
+    EXPECT_EQ(TakeRecords(),
+              Lines{std::string("8 3 /com/vexo/tarnu/x ") + kIntInterface});
+}
+
+// From a program that isn't ours to the table, the signal and the pipe; then
+// the manager's restart and its commit.
+TEST_F(BusIntake, KeepsTheAttributesOfAManagerThatComesAndGoes)
+{
+    const Mirror mirror({.threads = true, .pipe = true});
+    PipeReader pipe(mirror.Root().Pipe());
+    CaptureLog();
+    struct Kind
+    {
+        const char *shortName;
+        const char *interface;
+        const char *table;
+    };
+    constexpr Kind kKinds[] = {
+        {"CfgIntAttribute", kIntInterface, "TblIntAttribute"},
+        {"CfgStrAttribute", kStrInterface, "TblStrAttribute"},
+        {"CfgEnumAttribute", kEnumInterface, "TblEnumAttribute"},
+        {"CfgPasswdAttribute", kPasswdInterface, "TblPasswdAttribute"}};
+    for (const Kind &kind : kKinds)
+    {
+        standin::PutAttribute(kind.shortName,
+                              std::string("A.1#B.1#") + kind.table, nullptr);
+        sender_.Emit(kPath, kind.interface, "qdb_bulk_commit", "");
+    }
+    const auto counts = [&]
+    {
+        Lines all;
+        for (const Kind &kind : kKinds)
+        {
+            all.push_back(mirror.Value(std::string("SELECT count(*) FROM ") +
+                                       kind.table));
+        }
+        return all;
+    };
+    Sync();
+    EXPECT_EQ(counts(), (Lines{"1", "1", "1", "1"}));
+    pipe.Take();
+
+    const std::string key = "A.1#B.1#TblIntAttribute";
+    const JsonPtr values(json_pack("{s:i}", "currentValue", 42));
+    ASSERT_EQ(standin::PutAttribute("CfgIntAttribute", key, values.get()), "");
+    const ChangeListener changes;
+    const std::string command =
+        "dbus-send --bus=" + BusEnvironment::Bus().Address() +
+        " --type=signal " + standin::AttributePath(key) +
+        " org.freedesktop.DBus.Properties.PropertiesChanged string:" +
+        kIntInterface;
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    const auto seen = changes.WaitFor(1);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].member, "Vexo_qdb_Resource_Changed");
+    EXPECT_NE(seen[0].json.find("\"PropertiesChanged\": {\"currentValue\": 42"),
+              std::string::npos)
+        << seen[0].json;
+    EXPECT_EQ(mirror.Value("SELECT currentValue FROM TblIntAttribute"), "42");
+    EXPECT_EQ(pipe.Take(), Lines{"TblIntAttribute|1|23"});
+
+    sender_.Own(kManager);
+    EXPECT_TRUE(WaitUntil(
+        [&]
+        {
+            return counts() == Lines{"0", "0", "0", "0"};
+        }));
+    for (const Kind &kind : kKinds)
+    {
+        sender_.Emit(kPath, kind.interface, "qdb_bulk_commit", "");
+    }
+    Sync();
+    EXPECT_EQ(counts(), (Lines{"1", "1", "1", "1"}));
+    sender_.Disown(kManager);
+
+    // Two detaches in a row while changes keep coming.
+    for (int i = 0; i < 40; ++i)
+    {
+        sender_.Emit(standin::AttributePath(key).c_str(), kProperties,
+                     "PropertiesChanged", "s", kIntInterface);
+        if (i % 20 == 10)
+        {
+            standin::Detach();
+        }
+    }
+    Sync();
+    EXPECT_TRUE(standin::WaitDelivered(kDeadlineMs));
+    EXPECT_TRUE(WaitUntil(
+        [&]
+        {
+            return CountLog("DM DETACHED!! Reload Config Objects - ") == 2;
+        }));
+    EXPECT_EQ(counts(), (Lines{"1", "1", "1", "1"}));
+}
+
+} // namespace
+} // namespace qdb::test
