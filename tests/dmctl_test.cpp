@@ -9,6 +9,7 @@
 #include "tools/dmctl/host_mirror.h"
 #include "tools/dmctl/host_objects.h"
 #include "tools/dmctl/host_usage.h"
+#include "tools/schema_sql.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -361,6 +362,41 @@ TEST_F(MirrorTest, ThisMachineIsAccepted)
     HostMirror mirror(client);
     EXPECT_EQ(mirror.Update(view.Objects()), std::vector<std::string>());
     EXPECT_EQ(standin::ObjectIds().size(), view.Objects().size());
+}
+
+TEST_F(MirrorTest, AuditsWhatItCanRead)
+{
+    const FakeMachine folder;
+    const auto audit = [](const std::string &database)
+    {
+        CLI::App app;
+        Invocation invocation;
+        AddAuditCommand(app, &invocation);
+        app.parse("audit --database " + database);
+        Client client(Socket());
+        testing::internal::CaptureStdout();
+        EXPECT_NO_THROW(invocation.run(client, invocation));
+        return testing::internal::GetCapturedStdout();
+    };
+    const std::string database = folder.Root() + "/audited.db";
+    std::string error;
+    ASSERT_TRUE(CreateDatabase(database, false, &error)) << error;
+    EXPECT_EQ(audit(database), "0 differences in 0 objects\n");
+    // A Data Manager that isn't ready has nothing to mirror.
+    EXPECT_EQ(standin::GenerateObjects(1, {}, false), "");
+    standin::Detach();
+    EXPECT_EQ(audit(database), "0 differences in 0 objects\n");
+
+    Client client(Socket());
+    Invocation invocation;
+    CLI::App app;
+    AddAuditCommand(app, &invocation);
+    folder.Write("/text.db", std::string(5000, 'x'));
+    for (const char *path : {"/missing.db", "/text.db"})
+    {
+        app.parse("audit --database " + folder.Root() + path);
+        EXPECT_THROW(invocation.run(client, invocation), CannotLook) << path;
+    }
 }
 
 } // namespace

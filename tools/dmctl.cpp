@@ -1,8 +1,8 @@
 // dmctl: drives the stand-in platform of a running service.
 //
 // Exit status: 0 done; 1 the command was wrong or refused, with the reason on
-// standard error; 2 no stand-in answers at the socket, or no
-// bus where one is needed.
+// standard error, or an audit found differences; 2 no stand-in answers at the
+// socket, no bus where one is needed, or an audit can't be made.
 #include "tools/dmctl/commands.h"
 
 #include <cstdio>
@@ -23,6 +23,7 @@ int Parse(int argc, char **argv, std::string *pSocket,
     qdb::AddObjectCommands(app, pInvocation);
     qdb::AddBenchCommands(app, pInvocation);
     qdb::AddConfigCommands(app, pInvocation);
+    qdb::AddAuditCommand(app, pInvocation);
     qdb::AddHostCommand(app, pInvocation);
     try
     {
@@ -60,6 +61,11 @@ int main(int argc, char **argv)
     catch (const qdb::NoConnection &failure)
     {
         fprintf(stderr, "dmctl: no connection: %s\n", failure.what());
+        return 2;
+    }
+    catch (const qdb::CannotLook &failure)
+    {
+        fprintf(stderr, "dmctl: %s\n", failure.what());
         return 2;
     }
     catch (const std::exception &failure)

@@ -198,6 +198,16 @@ void List(const json_t *request, json_t *reply)
     }
 }
 
+json_t *OidArray(const std::vector<uint32_t> &oids)
+{
+    json_t *array = json_array();
+    for (const uint32_t oid : oids)
+    {
+        json_array_append_new(array, json_integer(oid));
+    }
+    return array;
+}
+
 void Show(const json_t *request, json_t *reply)
 {
     const auto oid = Number<uint32_t>(request, "oid");
@@ -209,18 +219,49 @@ void Show(const json_t *request, json_t *reply)
         Refuse("there is no object 0x%X", oid);
     }
     const Object &object = found->second;
-    json_t *parents = json_array();
-    for (const uint32_t parent : object.parents)
-    {
-        json_array_append_new(parents, json_integer(parent));
-    }
     json_object_update_new(
-        reply,
-        json_pack("{s:I,s:i,s:i,s:s,s:o,s:o*,s:s}", "oid", json_int_t{oid},
-                  "type", int{object.type}, "status", int{ObjectStatus(object)},
-                  "key", object.key.c_str(), "parents", parents, "values",
-                  json_deep_copy(object.values.get()), "hex",
-                  ToHex(object.bytes).c_str()));
+        reply, json_pack("{s:I,s:i,s:i,s:s,s:o,s:o*,s:s}", "oid",
+                         json_int_t{oid}, "type", int{object.type}, "status",
+                         int{ObjectStatus(object)}, "key", object.key.c_str(),
+                         "parents", OidArray(object.parents), "values",
+                         json_deep_copy(object.values.get()), "hex",
+                         ToHex(object.bytes).c_str()));
+}
+
+json_t *DumpOf(uint32_t oid, uint16_t type, const std::string &key,
+               const std::vector<uint32_t> &parents,
+               const std::vector<uint8_t> &bytes)
+{
+    return json_pack("{s:I,s:i,s:s,s:o,s:s}", "oid", json_int_t{oid}, "type",
+                     int{type}, "key", key.c_str(), "parents",
+                     OidArray(parents), "hex", ToHex(bytes).c_str());
+}
+
+// Everything that a mirror of both managers is to hold, at one moment: objects,
+// none while the Data Manager isn't ready, and attributes with their groups.
+void Dump(const json_t *, json_t *reply)
+{
+    json_t *objects = json_array();
+    json_object_set_new(reply, "objects", objects);
+    State &state = TheState();
+    const std::lock_guard lock(state.lock);
+    if (state.ready)
+    {
+        for (const auto &[oid, object] : state.objects)
+        {
+            json_array_append_new(objects,
+                                  DumpOf(oid, object.type, object.key,
+                                         object.parents, object.bytes));
+        }
+    }
+    for (const auto &[key, attribute] : state.attributes)
+    {
+        json_t *dump =
+            DumpOf(attribute.oid, attribute.type, key, {}, attribute.bytes);
+        const std::string group = key.substr(0, key.find_last_of('#'));
+        json_object_set_new(dump, "group", json_string(group.c_str()));
+        json_array_append_new(objects, dump);
+    }
 }
 
 void Generate(const json_t *request, json_t *)
@@ -356,6 +397,7 @@ constexpr Command kCommands[] = {
     {"status",     Status},
     {"list",       List},
     {"show",       Show},
+    {"dump",       Dump},
     {"generate",   Generate},
     {"churn",      ChurnObjects},
     {"detach",     [](const json_t *, json_t *) { Detach(); }},

@@ -1,5 +1,7 @@
 #include "tests/support/row_values.h"
 
+#include "tools/audit/expected.h"
+
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -254,49 +256,40 @@ void AddKind(const RowData &row, json_t *values)
 
 // --- What is expected -------------------------------------------------------
 
-template <typename T>
-json_t *FromBytes(const std::vector<uint8_t> &bytes, size_t offset)
+struct ToJson
 {
-    T value = 0;
-    if (offset + sizeof(T) > bytes.size())
+    json_t *operator()(std::monostate) const
     {
         return json_null();
     }
-    std::memcpy(&value, bytes.data() + offset, sizeof(T));
-    return json_integer(static_cast<json_int_t>(value));
-}
-
-json_t *TextFromBytes(const std::vector<uint8_t> &bytes, size_t offset)
-{
-    if (offset >= bytes.size())
+    json_t *operator()(int64_t number) const
     {
-        return json_null();
+        return json_integer(number);
     }
-    const auto *text = reinterpret_cast<const char *>(bytes.data() + offset);
-    return json_stringn(text, strnlen(text, bytes.size() - offset));
-}
+    json_t *operator()(double number) const
+    {
+        return json_real(number);
+    }
+    json_t *operator()(const std::string &text) const
+    {
+        return json_stringn(text.data(), text.size());
+    }
+    json_t *operator()(const audit::Blob &) const
+    {
+        return json_string("(bytes)");
+    }
+};
 
 // The value of a column that was left to the bytes.
-json_t *ValueFromBytes(const Column &column, const std::vector<uint8_t> &bytes)
+json_t *ValueFromBytes(const RowData &row, const Column &column,
+                       const std::vector<uint8_t> &bytes)
 {
-    const size_t offset = column.source.offset;
-    switch (column.source.form)
-    {
-    case Form::U8:
-        return FromBytes<uint8_t>(bytes, offset);
-    case Form::U16:
-        return FromBytes<uint16_t>(bytes, offset);
-    case Form::U32:
-        return FromBytes<uint32_t>(bytes, offset);
-    case Form::U64:
-        return FromBytes<uint64_t>(bytes, offset);
-    case Form::I32:
-        return FromBytes<int32_t>(bytes, offset);
-    case Form::Text:
-        return TextFromBytes(bytes, offset);
-    default:
-        return json_null();
-    }
+    audit::Object object;
+    object.type = row.objType;
+    object.bytes = bytes;
+    const auto value = audit::ColumnOf(audit::ObjectBytes(object), row, column);
+    EXPECT_TRUE(value) << column.name;
+    return std::visit(ToJson(), value.value_or(audit::Value()));
 }
 
 json_t *JoinedText(const Column &column, const json_t *list)
@@ -346,17 +339,13 @@ json_t *ExpectedValue(const RowData &row, const Column &column,
     {
         return parentKey == nullptr ? json_null() : json_string(parentKey);
     }
-    if (row.objType == 0x49 &&
-        (std::strcmp(column.name, "CurrentReleaseDate") == 0 ||
-         std::strcmp(column.name, "PreviousReleaseDate") == 0 ||
-         std::strcmp(column.name, "PreviousVersionHash") == 0 ||
-         std::strcmp(column.name, "Sha256String") == 0))
+    if (audit::IsWithheld(row, column))
     {
         return json_null();
     }
     if (given == nullptr)
     {
-        return ValueFromBytes(column, bytes);
+        return ValueFromBytes(row, column, bytes);
     }
     if (column.source.form == Form::Joined)
     {
@@ -374,22 +363,6 @@ struct CloseConnection
         sqlite3_close(connection);
     }
 };
-
-json_t *StoredValue(sqlite3_stmt *statement, int column)
-{
-    switch (sqlite3_column_type(statement, column))
-    {
-    case SQLITE_INTEGER:
-        return json_integer(sqlite3_column_int64(statement, column));
-    case SQLITE_FLOAT:
-        return json_real(sqlite3_column_double(statement, column));
-    case SQLITE_NULL:
-        return json_null();
-    default:
-        return json_string(reinterpret_cast<const char *>(
-            sqlite3_column_text(statement, column)));
-    }
-}
 
 } // namespace
 
@@ -453,7 +426,8 @@ JsonPtr TableRow(const std::string &database, const Table &table, uint32_t oid)
     {
         const auto index = static_cast<int>(&column - table.columns.data());
         EXPECT_STREQ(sqlite3_column_name(made, index), column.name);
-        json_object_set_new(row.get(), column.name, StoredValue(made, index));
+        json_object_set_new(row.get(), column.name,
+                            std::visit(ToJson(), audit::CellOf(made, index)));
     }
     return row;
 }

@@ -28,6 +28,7 @@ struct Invocation
     std::string name; // of a platform function, an interface or a file
     std::string key;  // of an object or attribute, or a prefix
     std::vector<std::string> names; // of interfaces
+    std::string database;           // path of the file
     uint16_t type = 0;              // 0: not given
     uint32_t oid = 0;               // 0: not given
     std::vector<uint32_t> oids;
@@ -46,6 +47,13 @@ struct Invocation
     bool silent = false; // send no bus signal
 };
 
+// A subcommand couldn't find out what it was asked to.
+class CannotLook : public std::runtime_error
+{
+  public:
+    using std::runtime_error::runtime_error;
+};
+
 using Run = decltype(Invocation::run);
 
 // Declares a subcommand, whose own arguments the caller adds to the result.
@@ -60,6 +68,9 @@ void AddBenchCommands(CLI::App &app, Invocation *pInvocation);
 
 // cfg list, show, add, set, remove, commit, raw, own
 void AddConfigCommands(CLI::App &app, Invocation *pInvocation);
+
+// audit
+void AddAuditCommand(CLI::App &app, Invocation *pInvocation);
 
 // host
 void AddHostCommand(CLI::App &app, Invocation *pInvocation);
