@@ -152,7 +152,7 @@ class AuditTest : public DbTest
             {
                 bytes[0x4D] |= 0x10;
             }
-            const std::string marker = "/4";
+            const std::string marker = "/4=198";
             const auto at = std::ranges::search(bytes, marker).begin();
             if (HeaderOf(bytes)->objType == 0x1200 && bytes.end() - at > 3)
             {
