@@ -141,6 +141,27 @@ class AuditTest : public DbTest
         }
     }
 
+    // What chance hardly finds: flags above a dependency list's offset, and an
+    // address of no characters behind its marker.
+    static void FillOdd()
+    {
+        for (const uint32_t oid : standin::ObjectIds())
+        {
+            Bytes bytes = standin::ObjectBytes(oid);
+            if (HeaderOf(bytes)->objType == 0x746)
+            {
+                bytes[0x4D] |= 0x10;
+            }
+            const std::string marker = "/4=198";
+            const auto at = std::ranges::search(bytes, marker).begin();
+            if (HeaderOf(bytes)->objType == 0x1200 && bytes.end() - at > 3)
+            {
+                at[3] = 0;
+            }
+            EXPECT_EQ(standin::PutRawObject(bytes, {}), "");
+        }
+    }
+
     // A copy of the database, in which more than the service's own statements
     // would let happen has happened.
     ConnectionPtr Copy(const std::string &damage = "")
@@ -196,6 +217,7 @@ TEST_F(AuditTest, FindsNothingInWhatTheServiceWrites)
 TEST_F(AuditTest, AgreesWithTheServiceAboutDamagedObjects)
 {
     FillAll();
+    FillOdd();
     FillDamaged();
     OnLoadObjectsCreation();
     const audit::Report report = Audit(Managers());

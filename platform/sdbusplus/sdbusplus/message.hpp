@@ -61,7 +61,9 @@ std::string Signature(const std::variant<T> * /*type*/)
 template <typename Value>
 std::string Signature(const std::map<std::string, Value> * /*type*/)
 {
-    return "a{s" + Signature(static_cast<const Value *>(nullptr)) + "}";
+    return std::string("a{s")
+        .append(Signature(static_cast<const Value *>(nullptr)))
+        .append("}");
 }
 
 inline void Read(sd_bus_message *message, std::string &value)
@@ -106,23 +108,23 @@ void Read(sd_bus_message *message, std::variant<T> &value)
 template <typename Value>
 void Read(sd_bus_message *message, std::map<std::string, Value> &values)
 {
-    const std::string entryType =
-        "s" + Signature(static_cast<const Value *>(nullptr));
+    const std::string element = Signature(&values).substr(1);
+    const std::string entry = element.substr(1, element.size() - 2);
     Check(sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY,
-                                         ("{" + entryType + "}").c_str()),
+                                         element.c_str()),
           "sd_bus_message_enter_container emplace_container");
     while (Check(sd_bus_message_at_end(message, 0),
                  "sd_bus_message_at_end emplace_container") == 0)
     {
-        std::pair<std::string, Value> entry;
+        std::pair<std::string, Value> pair;
         Check(sd_bus_message_enter_container(message, SD_BUS_TYPE_DICT_ENTRY,
-                                             entryType.c_str()),
+                                             entry.c_str()),
               "sd_bus_message_enter_container pair");
-        Read(message, entry.first);
-        Read(message, entry.second);
+        Read(message, pair.first);
+        Read(message, pair.second);
         Check(sd_bus_message_exit_container(message),
               "sd_bus_message_exit_container pair");
-        values.insert(std::move(entry));
+        values.insert(std::move(pair));
     }
     Check(sd_bus_message_exit_container(message),
           "sd_bus_message_exit_container emplace_container");
