@@ -156,6 +156,13 @@ TEST_F(NcReload, TellsOfInvalidMemoryAndPower)
                      "ReLoadNCObjects: OID = 7 Refresh skipped for 0x36 "
                      "objtype since value is same\n",
                      "ReLoadNCObjects total objects created: 2 \n"}));
+    // Its parents alone are enough.
+    Put(Power(7, 2), {80, 81});
+    Restart(1);
+    EXPECT_EQ(ReLoadNCObjects(), -1);
+    EXPECT_EQ(LinesWith({"db and dm powerstae not same", "Mem refresh"}).size(),
+              2U);
+    EXPECT_EQ(CountLog("Mem refresh:0, power refresh:1, created:1 \n"), 1);
 }
 
 // The first endurance that was seen is kept for the life of the process, and
@@ -215,7 +222,7 @@ TEST_F(NcReload, RefreshesWornNvdimms)
         // There is no row to refresh.
         EXPECT_EQ(ReLoadNCObjects(), endurance == 50 ? 0 : -1);
     }
-    EXPECT_EQ(Calls().size(), 47U);
+    ASSERT_EQ(Calls().size(), 47U);
     EXPECT_EQ(Calls().back(), "Refresh " + Text(0xE1100 + 46));
 }
 

@@ -180,11 +180,12 @@ TEST(StatusChange, ComesFromTheDataManager)
 
 std::atomic<int> gTurns = 0;
 
-// Ends the thread in the middle of its second pause.
+// Ends the thread in the last turn of its second pause, after which it still
+// runs the first reload.
 void CountTurn(unsigned microseconds)
 {
     EXPECT_EQ(microseconds, 5000U);
-    if (++gTurns == 1500)
+    if (++gTurns == 2000)
     {
         SetCancelNCThread();
     }
@@ -203,7 +204,7 @@ TEST_F(StatusChanges, LeavesThePassesInOrder)
     FailSteps(kMapping, SQLITE_CORRUPT, 1);
     std::thread thread(handle_QuillonDB_NC_Event_Request, nullptr);
     thread.join();
-    EXPECT_EQ(gTurns, 1500);
+    EXPECT_EQ(gTurns, 2000);
     const Lines texts = {"Entering Re", "Objects failed with", "sempost",
                          "_Request", "Canceled"};
     const Lines entry = {"handle_QuillonDB_NC_Event_Request entry\n"};
@@ -223,7 +224,7 @@ TEST_F(StatusChanges, LeavesThePassesInOrder)
     const Lines second =
         memory + others +
         Lines{"ObjTypeBasedNCObjects failed with status 0\n", pass};
-    EXPECT_EQ(LinesWith(texts), entry + first + second + end);
+    EXPECT_EQ(LinesWith(texts), entry + first + second + memory + end);
     int posts = 0;
     sem_getvalue(&gSqliteCorruptSem, &posts);
     EXPECT_EQ(posts, 1);
