@@ -3,6 +3,7 @@
 #include "busintake/match_rules.h"
 #include "core/cancel.h"
 #include "core/log.h"
+#include "db/turn.h"
 
 #include <exception>
 #include <memory>
@@ -53,6 +54,7 @@ void ListenUntilCancelled()
     {
         bus.process_discard();
         bus.wait(kWaitMicroseconds);
+        GiveUpIdleRead();
     } while (!CheckCancelSignalThread());
 }
 

@@ -6,6 +6,7 @@
 #include "core/status.h"
 #include "core/threads.h"
 #include "db/execute.h"
+#include "db/turn.h"
 
 #include <sys/time.h>
 
@@ -72,6 +73,7 @@ int LoadObjects(const char *interfaceName, const ConfigObjectList &objects,
                 const ConfigObjectList *groups)
 {
     GroupCache cache = nullptr;
+    const WorkAhead more;
     int status = SQLITE_OK;
     for (const DataObjHeader *object : objects.Objects())
     {

@@ -1,10 +1,12 @@
 #include "db/connection.h"
 
+#include "core/lock.h"
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/execute.h"
+#include "db/turn.h"
 
 namespace qdb
 {
@@ -54,6 +56,49 @@ void StatementSlot::Finalize()
     statement = nullptr;
 }
 
+int StatementPool::Take(const char *sql, StatementPtr *pStatement)
+{
+    {
+        const MutexLock lock(mutex_);
+        if (count_ > 0)
+        {
+            pStatement->reset(waiting_[--count_]);
+            return SQLITE_OK;
+        }
+    }
+    int status = SQLITE_OK;
+    StatementPtr prepared = PrepareOnce(sql, &status);
+    if (status == SQLITE_OK)
+    {
+        *pStatement = std::move(prepared);
+    }
+    return status;
+}
+
+void StatementPool::Give(StatementPtr statement)
+{
+    if (statement == nullptr)
+    {
+        return;
+    }
+    sqlite3_clear_bindings(statement.get());
+    sqlite3_reset(statement.get());
+    const MutexLock lock(mutex_);
+    if (count_ < kCapacity)
+    {
+        waiting_[count_++] = statement.release();
+    }
+}
+
+void StatementPool::Finalize()
+{
+    const MutexLock lock(mutex_);
+    while (count_ > 0)
+    {
+        sqlite3_finalize(waiting_[--count_]);
+    }
+}
+
 int QDVDBInit()
 {
     if (QDVdbHandle != nullptr)
@@ -62,6 +107,9 @@ int QDVDBInit()
         return SQLITE_OK;
     }
     QDB_LOG(kLogTrace, "%s: Opening DB.");
+    // Nobody asks SQLite for its use of memory, and counting it costs a lock
+    // per allocation. Refused, and then without effect, once SQLite is in use.
+    (void)sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
     sqlite3 *handle = nullptr;
     const int status = sqlite3_open(DatabasePath().c_str(), &handle);
     QDVdbHandle = handle;
@@ -111,6 +159,7 @@ StatementPtr PrepareOnce(const char *sql, int *pStatus)
 
 int CloseDatabase()
 {
+    FinalizeKeptRead();
     const int status = RunStatusLoop({}, 0,
                                      []
                                      {

@@ -4,19 +4,42 @@
 #include "core/log.h"
 #include "core/sleep.h"
 #include "core/state.h"
+#include "db/turn.h"
 
 namespace qdb
 {
 namespace
 {
+
 thread_local int tLastStepStatus = SQLITE_OK;
+
+// What SQLite answers at once while a read is open on the connection: it then
+// doesn't wait for others, and a read that has met them answers ABORT.
+bool MayBeOurRead(int status)
+{
+    return IsBusy(status) || status == SQLITE_ABORT;
 }
+
+} // namespace
 
 int StepStatement(sqlite3_stmt *statement)
 {
     const MutexLock lock(SqliteStepMutex);
-    tLastStepStatus = sqlite3_step(statement);
-    return tLastStepStatus;
+    NoteStep();
+    int status = sqlite3_step(statement);
+    if (MayBeOurRead(status) && ReadIsKept())
+    {
+        // A statement that is blocked counts as a reader itself.
+        sqlite3_reset(statement);
+        GiveUpRead();
+        status = sqlite3_step(statement);
+    }
+    if (status == SQLITE_ROW)
+    {
+        KeepRead();
+    }
+    tLastStepStatus = status;
+    return status;
 }
 
 int LastStepStatus()
@@ -48,6 +71,7 @@ Verdict JudgeAttempt(int status, RetryRule rule, int returnStatus)
     }
     if (IsBusy(status))
     {
+        GiveUpTurn();
         QDB_LOG(kLogTrace, "%s: \nStatusCheck:Retry\n");
         if (rule.pauseWhenBusy)
         {
@@ -57,6 +81,7 @@ Verdict JudgeAttempt(int status, RetryRule rule, int returnStatus)
     }
     if (status == ZO_STATUS_INVALID_VALUE)
     {
+        GiveUpTurn();
         QDB_LOG(kLogTrace, "%s: \n Inavlid value received\n");
         return Verdict::Again;
     }

@@ -25,6 +25,8 @@ constexpr char kParentChildSql[] =
 constexpr char kEtagSql[] = "UPDATE TblEtag SET MultiRecordEtag = "
                             "strftime('%s') where TableName = ?;";
 
+StatementPool gObjTypeStmts; // at every event, on any thread
+
 pthread_mutex_t gParentChildStmtMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t gEtagStmtMutex = PTHREAD_MUTEX_INITIALIZER;
 
@@ -71,6 +73,28 @@ uint32_t ColumnAsType(sqlite3_stmt *statement, int column)
     default:
         return 0;
     }
+}
+
+// Runs the look-up of a type; 0 without a row or on failure.
+uint32_t ReadObjType(sqlite3_stmt *statement, uint32_t oid)
+{
+    sqlite3_bind_int(statement, 1, StoredOid(oid));
+    const int status = execute_statement(statement);
+    QDB_LOG(kLogTrace, "%s: GetObjType: sqlite3_step returns = %d for oid= %d ",
+            status, StoredOid(oid));
+    if (status != SQLITE_OK)
+    {
+        return 0;
+    }
+    const int columns = sqlite3_data_count(statement);
+    QDB_LOG(kLogTrace, "%s: GetObjType: num_cols = %d",
+            sqlite3_column_count(statement));
+    uint32_t objType = 0;
+    for (int column = 0; column < columns; ++column)
+    {
+        objType = ColumnAsType(statement, column);
+    }
+    return objType;
 }
 
 } // namespace
@@ -172,35 +196,22 @@ uint32_t GetObjType(uint32_t oid)
     {
         return 0;
     }
-    int status = SQLITE_OK;
-    const StatementPtr statement = PrepareOnce(
-        "select ObjType from ActiveOIDMapping where OID = ?", &status);
-    if (status != SQLITE_OK)
+    StatementPtr statement;
+    const int prepared = gObjTypeStmts.Take(
+        "select ObjType from ActiveOIDMapping where OID = ?", &statement);
+    if (prepared != SQLITE_OK)
     {
-        QDB_LOG(kLogTrace, "%s: sqlite3_prepare_v2 Error: %d", status);
+        QDB_LOG(kLogTrace, "%s: sqlite3_prepare_v2 Error: %d", prepared);
         return 0;
     }
-    sqlite3_bind_int(statement.get(), 1, StoredOid(oid));
-    status = execute_statement(statement.get());
-    QDB_LOG(kLogTrace, "%s: GetObjType: sqlite3_step returns = %d for oid= %d ",
-            status, StoredOid(oid));
-    if (status != SQLITE_OK)
-    {
-        return 0;
-    }
-    const int columns = sqlite3_data_count(statement.get());
-    QDB_LOG(kLogTrace, "%s: GetObjType: num_cols = %d",
-            sqlite3_column_count(statement.get()));
-    uint32_t objType = 0;
-    for (int column = 0; column < columns; ++column)
-    {
-        objType = ColumnAsType(statement.get(), column);
-    }
+    const uint32_t objType = ReadObjType(statement.get(), oid);
+    gObjTypeStmts.Give(std::move(statement));
     return objType;
 }
 
 void FinalizeMappingStatements()
 {
+    gObjTypeStmts.Finalize();
     gParentChildInsertStmt.Finalize();
     gEtagUpdateStmt.Finalize();
     gCfgIntNCStmt.Finalize();

@@ -8,6 +8,7 @@
 #include "db/connection.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "db/turn.h"
 #include "events/queues/fail_queue.h"
 #include "events/queues/sorted_types.h"
 
@@ -47,6 +48,12 @@ struct Insert
     bool tolerant;
 };
 
+void Pause(unsigned microseconds)
+{
+    GiveUpTurn();
+    SleepMicroseconds(microseconds);
+}
+
 // Whether a mapped OID is waited for any longer.
 bool WaitForConstraint(const Insert &insert, bool lastAttempt)
 {
@@ -68,7 +75,7 @@ bool WaitForConstraint(const Insert &insert, bool lastAttempt)
     if (insert.tolerant || std::ranges::find(kAlsoWaitedFor, insert.objType) !=
                                std::end(kAlsoWaitedFor))
     {
-        SleepMicroseconds(kConstraintPauseMicroseconds);
+        Pause(kConstraintPauseMicroseconds);
     }
     return true;
 }
@@ -84,7 +91,7 @@ void WaitWhileBusy(const Insert &insert, bool lastAttempt)
     }
     if (insert.backlog)
     {
-        SleepMicroseconds(kBacklogBusyPauseMicroseconds);
+        Pause(kBacklogBusyPauseMicroseconds);
     }
 }
 
@@ -94,6 +101,11 @@ int StepInsert(const Insert &insert)
     for (int attempt = 1; attempt <= kAttempts; ++attempt)
     {
         const bool lastAttempt = attempt == kAttempts;
+        if (attempt > 1)
+        {
+            // Whoever holds the OID must get on.
+            GiveUpTurn();
+        }
         status = StepStatement(insert.statement);
         if (status == SQLITE_DONE)
         {

@@ -1,14 +1,15 @@
 // Owners for prepared statements.
 //
 // A long-lived statement sits in a slot: prepared on first use, used under the
-// lock that guards the slot, kept until all statements are finalised. A
-// one-shot statement belongs to the function that prepared it.
+// lock that guards the slot, kept until all statements are finalised. Where no
+// lock may be held during a step, a pool lends copies of one. A one-shot
+// statement belongs to the function that prepared it.
 #pragma once
 
+#include <pthread.h>
 #include <sqlite3.h>
 
 #include <memory>
-#include <span>
 
 namespace qdb
 {
@@ -34,6 +35,31 @@ struct StatementSlot
     int Prepare(const char *sql, int length, bool *pWasReady);
 
     void Finalize();
+};
+
+// Statements of one text that wait for their next user, so that a text that
+// many threads run isn't compiled each time. Constant-initialised and never
+// destroyed.
+class StatementPool
+{
+  public:
+    // A statement of the text, or a new one when none waits. Returns 0 and sets
+    // *pStatement, or the status of a failed prepare. Takes the pool's mutex, a
+    // leaf.
+    int Take(const char *sql, StatementPtr *pStatement);
+
+    // Takes a statement back, clean; more than there are workers aren't kept.
+    // NULL is a no-op. Takes the pool's mutex.
+    void Give(StatementPtr statement);
+
+    void Finalize();
+
+  private:
+    static constexpr size_t kCapacity = 12;
+
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+    sqlite3_stmt *waiting_[kCapacity] = {}; // guarded by mutex_
+    size_t count_ = 0;                      // guarded by mutex_
 };
 
 // Clears the bindings of a statement and resets it when the scope ends, so

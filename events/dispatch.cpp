@@ -6,6 +6,7 @@
 #include "core/threads.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "db/turn.h"
 #include "events/queues/event_record.h"
 #include "objects/catalogue.h"
 #include "reconcile/fru_cache.h"
@@ -230,6 +231,7 @@ int Notify(const DataEventHeader *record, uint16_t eventType, bool untilStop)
                 count);
         return kInvalidObjectCount;
     }
+    const WorkAhead more;
     int returnStatus = SQLITE_OK;
     for (uint32_t i = 0; i < count && !(untilStop && StopRequested()); ++i)
     {

@@ -4,6 +4,7 @@
 #include "core/log.h"
 #include "core/state.h"
 #include "core/status.h"
+#include "db/turn.h"
 #include "events/bus_dispatch.h"
 #include "events/dispatch.h"
 #include "events/queues/event_queue.h"
@@ -68,6 +69,10 @@ void RunRecords(int thID)
     while (true)
     {
         QDB_LOG(kLogTrace, "%s: Call QdbdeQueue for thID=%d", thID);
+        if (QdbEventQSize <= 0)
+        {
+            GiveUpRead();
+        }
         EventNodePtr node(QdbdeQueue(gQdbEventQueue));
         if (node == nullptr || node->data == nullptr)
         {

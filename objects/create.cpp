@@ -5,6 +5,7 @@
 #include "core/status.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "db/turn.h"
 #include "events/queues/fail_queue.h"
 #include "objects/array_tables.h"
 #include "objects/binder.h"
@@ -261,6 +262,7 @@ void Announce(const Create &create, JsonPtr rowJson)
 // The steps under CreateObjMutex; 0 or what failed.
 int RunSteps(const Create &create)
 {
+    DbTurn turn;
     int ret = PrepareInsert(create);
     if (ret == SQLITE_OK)
     {
@@ -279,6 +281,7 @@ int RunSteps(const Create &create)
         LogRowError(kLogTrace, kStem, create.row);
         return ret;
     }
+    turn.End();
     Announce(create, std::move(rowJson));
     return SQLITE_OK;
 }

@@ -6,6 +6,7 @@
 #include "db/clearing.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "db/turn.h"
 #include "objects/array_tables.h"
 #include "objects/change_json.h"
 #include "objects/handlers.h"
@@ -73,6 +74,7 @@ void LogEnd(const ObjTypeRow &row, uint32_t oid, int status)
 // Every end but that of a failed removal is logged.
 int RemoveRow(const ObjTypeRow &row, uint32_t oid)
 {
+    DbTurn turn;
     JsonPtr rowJson;
     int read = ReadRow(row, oid, &rowJson);
     read = AddArrays(row, oid, read, rowJson.get());
@@ -94,6 +96,7 @@ int RemoveRow(const ObjTypeRow &row, uint32_t oid)
                 row.suffix, status);
         return FailureOf(status == kFailed ? LastStepStatus() : status);
     }
+    turn.End();
     Announce(row, std::move(rowJson));
     LogEnd(row, oid, SQLITE_OK);
     return SQLITE_OK;

@@ -5,6 +5,7 @@
 #include "core/status.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "db/turn.h"
 #include "events/queues/fail_queue.h"
 #include "objects/array_tables.h"
 #include "objects/binder.h"
@@ -190,6 +191,7 @@ void Announce(const Refresh &refresh, const JsonPtr &before, JsonPtr after)
 // The steps under RefreshObjMutex up to the second reading.
 int RunSteps(Refresh &refresh, JsonPtr *pBefore, JsonPtr *pAfter)
 {
+    const DbTurn turn;
     int status = ReadBefore(refresh, pBefore);
     const int prepared = PrepareUpdate(refresh);
     if (prepared != SQLITE_OK)

@@ -5,6 +5,7 @@
 #include "core/sleep.h"
 #include "core/state.h"
 #include "core/status.h"
+#include "db/turn.h"
 #include "reconcile/count_check.h"
 #include "reconcile/reloads.h"
 
@@ -51,6 +52,7 @@ bool PauseBetweenPasses()
             return false;
         }
         SleepMicroseconds(kTurnMicroseconds);
+        GiveUpIdleRead();
     }
     return true;
 }

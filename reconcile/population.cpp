@@ -4,6 +4,7 @@
 #include "core/log.h"
 #include "core/status.h"
 #include "core/threads.h"
+#include "db/turn.h"
 #include "objects/catalogue.h"
 #include "reconcile/object_loop.h"
 #include "reconcile/parent.h"
@@ -58,6 +59,7 @@ void VisitObject(Walk &walk, const ObjTypeRow &row, uint32_t oid)
 
 void VisitObjects(Walk &walk, const ObjTypeRow &row, const OidList &list)
 {
+    const WorkAhead more;
     for (const uint32_t oid : list.Oids())
     {
         if (StopRequested())

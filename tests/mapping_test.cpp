@@ -291,6 +291,7 @@ TEST_F(MappingTest, ObjTypeIsAnIntegerOrNothing)
             mirror_.Rows("INSERT INTO ActiveOIDMapping VALUES(-5, " +
                          std::string(c.stored) + ")");
         }
+        FinalizeMappingStatements();
         Restart();
         FailPrepares("select ObjType", c.prepareFaults);
         FailSteps("select ObjType", c.stepFaults);

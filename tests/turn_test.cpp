@@ -1,0 +1,181 @@
+// Turns at the database: what is kept open between the statements of a handler
+// is nobody else's business.
+
+#include "core/state.h"
+#include "db/connection.h"
+#include "db/execute.h"
+#include "db/turn.h"
+#include "events/queues/event_queue.h"
+#include "tests/support/db_fixture.h"
+#include "tests/support/wait.h"
+
+#include <atomic>
+#include <thread>
+
+namespace qdb::test
+{
+namespace
+{
+
+constexpr char kWrite[] = "UPDATE TblEtag SET MultiRecordEtag = 'x' WHERE "
+                          "TableName = 'TblMemoryInfo'";
+constexpr char kRead[] = "SELECT TableName FROM TblEtag";
+
+// Another process, which doesn't wait for locks.
+class Outsider
+{
+  public:
+    explicit Outsider(const std::string &path)
+    {
+        EXPECT_EQ(sqlite3_open(path.c_str(), &connection_), SQLITE_OK);
+    }
+    ~Outsider()
+    {
+        sqlite3_close(connection_);
+    }
+    Outsider(const Outsider &) = delete;
+    Outsider &operator=(const Outsider &) = delete;
+
+    int Run(const char *sql) const
+    {
+        return sqlite3_exec(connection_, sql, nullptr, nullptr, nullptr);
+    }
+
+    // Whether a writer would get in now.
+    bool MayWrite() const
+    {
+        const bool may = Run("BEGIN EXCLUSIVE") == SQLITE_OK;
+        Run("ROLLBACK");
+        return may;
+    }
+
+  private:
+    sqlite3 *connection_ = nullptr;
+};
+
+// Runs a statement as handlers do.
+int RunOnce(const char *sql)
+{
+    int status = SQLITE_OK;
+    const StatementPtr statement = PrepareOnce(sql, &status);
+    EXPECT_EQ(status, SQLITE_OK);
+    return StepStatement(statement.get());
+}
+
+TEST_F(DbTest, ATurnKeepsItsReadAndGivesItUp)
+{
+    const Outsider outsider(mirror_.Root().Database());
+    const auto inTurn = [&](void (*end)())
+    {
+        DbTurn turn;
+        EXPECT_EQ(RunOnce(kRead), SQLITE_ROW);
+        EXPECT_TRUE(ReadIsKept());
+        EXPECT_FALSE(outsider.MayWrite());
+        end();
+        turn.End();
+    };
+    // Nothing waits: the end of the turn is the end of the read.
+    inTurn([] {});
+    EXPECT_TRUE(outsider.MayWrite());
+    // A repeat, a sleep and a busy database end it within the turn.
+    inTurn(
+        []
+        {
+            GiveUpTurn();
+            EXPECT_FALSE(ReadIsKept());
+            EXPECT_EQ(RunOnce(kRead), SQLITE_ROW);
+            EXPECT_FALSE(ReadIsKept()) << "a read without a turn";
+        });
+    inTurn(
+        []
+        {
+            JudgeAttempt(SQLITE_BUSY, {}, 0);
+            EXPECT_FALSE(ReadIsKept());
+        });
+    // With more to do it outlives the turn, until nobody steps any more.
+    {
+        const WorkAhead more;
+        inTurn([] {});
+        EXPECT_TRUE(ReadIsKept());
+        GiveUpIdleRead();
+        EXPECT_EQ(RunOnce(kRead), SQLITE_ROW);
+        GiveUpIdleRead();
+        EXPECT_TRUE(ReadIsKept()) << "in use";
+        GiveUpIdleRead();
+        EXPECT_TRUE(outsider.MayWrite());
+        inTurn([] {});
+        EXPECT_TRUE(ReadIsKept());
+    }
+    EXPECT_TRUE(outsider.MayWrite());
+    ++QdbEventQSize;
+    inTurn([] {});
+    --QdbEventQSize;
+    EXPECT_TRUE(ReadIsKept());
+    EXPECT_TRUE(GiveUpRead());
+    EXPECT_FALSE(GiveUpRead());
+}
+
+// Each statement is committed when its step returns, read or no read.
+TEST_F(DbTest, StepsOfATurnAreSeenAtOnce)
+{
+    const DbTurn turn;
+    EXPECT_EQ(RunOnce(kRead), SQLITE_ROW);
+    for (const char *tag : {"1", "2"})
+    {
+        const std::string sql =
+            std::string("UPDATE TblEtag SET MultiRecordEtag = '") + tag + "'";
+        EXPECT_EQ(RunOnce(sql.c_str()), SQLITE_DONE);
+        EXPECT_TRUE(ReadIsKept());
+        EXPECT_EQ(mirror_.Value("SELECT DISTINCT MultiRecordEtag FROM TblEtag"),
+                  tag);
+    }
+}
+
+// A writer who waits for our read gets in at our next write, which then waits
+// for the writer as if there had been no read, and isn't seen to repeat.
+TEST_F(DbTest, AWriterOutsideGetsInAtOurNextWrite)
+{
+    const Outsider outsider(mirror_.Root().Database());
+    DbTurn turn;
+    EXPECT_EQ(RunOnce(kRead), SQLITE_ROW);
+    ASSERT_EQ(outsider.Run("BEGIN IMMEDIATE"), SQLITE_OK);
+    ASSERT_EQ(outsider.Run("UPDATE TblEtag SET MultiRecordEtag = 'theirs'"),
+              SQLITE_OK);
+    ASSERT_EQ(outsider.Run("COMMIT"), SQLITE_BUSY) << "our read is in its way";
+    std::atomic<bool> committed = false;
+    std::thread writer(
+        [&]
+        {
+            committed = WaitUntil(
+                [&]
+                {
+                    return outsider.Run("COMMIT") == SQLITE_OK;
+                });
+        });
+    EXPECT_EQ(RunOnce(kWrite), SQLITE_DONE);
+    EXPECT_TRUE(committed);
+    writer.join();
+    EXPECT_EQ(mirror_.Rows("SELECT MultiRecordEtag, count(*) FROM TblEtag "
+                           "GROUP BY 1 ORDER BY 1"),
+              (Lines{"theirs|110", "x|1"}));
+    EXPECT_EQ(LogLines(), Lines{});
+    EXPECT_EQ(SleepCount(), 0);
+}
+
+// What a failure says of itself isn't changed by the read.
+TEST_F(DbTest, FailuresInATurnKeepTheirText)
+{
+    EXPECT_EQ(RunOnce("INSERT INTO ActiveOIDMapping VALUES (1, 2)"),
+              SQLITE_DONE);
+    const DbTurn turn;
+    EXPECT_EQ(RunOnce(kRead), SQLITE_ROW);
+    int status = SQLITE_OK;
+    const StatementPtr statement =
+        PrepareOnce("INSERT INTO ActiveOIDMapping VALUES (1, 2)", &status);
+    EXPECT_EQ(execute_statement(statement.get()), -1);
+    EXPECT_EQ(SqliteErrorMessage(),
+              "UNIQUE constraint failed: ActiveOIDMapping.OID");
+}
+
+} // namespace
+} // namespace qdb::test
