@@ -165,6 +165,21 @@ TEST_F(NcReload, TellsOfInvalidMemoryAndPower)
     EXPECT_EQ(CountLog("Mem refresh:0, power refresh:1, created:1 \n"), 1);
 }
 
+// A column that isn't there is an error of the connection, which another thread
+// may be about to log as its own.
+TEST_F(NcReload, ReadsNoColumnWithoutARow)
+{
+    Put(Power(7, 2), {80});
+    int code = SQLITE_RANGE;
+    const LineHook hook("GetHostPowerSate: fpowerstate = 0",
+                        [&](int)
+                        {
+                            code = sqlite3_errcode(QDVdbHandle);
+                        });
+    EXPECT_EQ(ReLoadNCObjects(), 0);
+    EXPECT_EQ(code, SQLITE_DONE);
+}
+
 // The first endurance that was seen is kept for the life of the process, and
 // what an NVDIMM needs is also done to what follows it.
 TEST_F(NcReload, RefreshesWornNvdimms)
