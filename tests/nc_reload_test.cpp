@@ -481,6 +481,16 @@ TEST_F(FruReload, ReportsFailures)
         EXPECT_EQ(mirror_.Value("SELECT SerialNumber FROM TblFRUObj"),
                   test.row);
     }
+    // A refresh that had no object to run on has no result to tell.
+    Forget();
+    ForgetStatements();
+    Restart();
+    FailPrepares("UPDATE TblFRUObj", {{8216, 1}});
+    Put(Fru(kFirst, "B"));
+    standin::SetFault("ZOILGetObjByOID", 0, 100, 1);
+    EXPECT_EQ(ReLoadFRUNCObjects(), -1);
+    EXPECT_EQ(LinesWith({"RefreshObjFP retval="}),
+              Lines{"ReLoadFRUNCObjects: RefreshObjFP retval=8216 \n"});
 }
 
 } // namespace
