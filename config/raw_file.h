@@ -16,8 +16,8 @@ using RawText = std::unique_ptr<char, CFree>;
 // Reads a file, as base64 if `encode`. Returns 0 and sets *ppBuffer to a text
 // for free(); bytes that aren't encoded may hold zeros, and whoever takes them
 // for a text sees those before the first. Returns 1, with *ppBuffer untouched,
-// when the path can't be opened or has no bytes, when they are more than a text
-// of SQLite can be or memory can hold, or when they can't all be read.
+// when the path can't be opened or has no bytes, when they are more than an int
+// can count or memory can hold, or when they can't all be read.
 int readFile(const char *path, char **ppBuffer, bool encode);
 
 // The base64 text of `length` bytes for free(), with a newline after every 64

@@ -45,7 +45,10 @@ void *RunStopThread(void * /*argument*/)
     bool stopped = false;
     while (true)
     {
-        sem_wait(&gStopSem);
+        // Any signal with a handler may interrupt it, and only a post counts.
+        while (sem_wait(&gStopSem) != 0)
+        {
+        }
         if (gFinish)
         {
             return nullptr;

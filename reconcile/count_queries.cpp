@@ -76,7 +76,7 @@ uint8_t GetPopulatorPopstatus(uint32_t oid)
         "select popStatus from TblDMStatus_Child_Obj  where OID = ?", oid);
     return statement == nullptr
                ? UINT8_MAX
-               : static_cast<uint8_t>(sqlite3_column_int(statement.get(), 0));
+               : static_cast<uint8_t>(FirstInteger(statement.get()));
 }
 
 int GetTextfromTable(const char *table, const char *column, uint32_t oid,

@@ -34,10 +34,12 @@ void RefreshWithRetry(uint32_t oid, ObjectPtr object,
         {}, *pStatus,
         [&]
         {
+            if (object == nullptr)
+            {
+                return ZO_STATUS_INVALID_VALUE;
+            }
             const int result =
-                object == nullptr
-                    ? ZO_STATUS_INVALID_VALUE
-                    : FindRow(kFru)->RefreshObjFP(object.get(), parent);
+                FindRow(kFru)->RefreshObjFP(object.get(), parent);
             QDB_LOG(kLogTrace,
                     "%s: ReLoadFRUNCObjects: RefreshObjFP retval=%d \n",
                     result);

@@ -39,4 +39,11 @@ StatementPtr LookUp(const char *sql, uint32_t oid)
     return status == SQLITE_OK ? std::move(statement) : nullptr;
 }
 
+int FirstInteger(sqlite3_stmt *statement)
+{
+    return sqlite3_data_count(statement) == 0
+               ? 0
+               : sqlite3_column_int(statement, 0);
+}
+
 } // namespace qdb

@@ -14,8 +14,10 @@ namespace qdb
 StatementPtr PrepareLookUp(const char *sql, int *pStatus);
 
 // Runs a query with one parameter, the OID, with execute_statement; NULL when
-// that failed. A query without a row succeeds, and its columns then read as
-// NULL.
+// that failed. A query without a row succeeds; it has no columns to read then.
 StatementPtr LookUp(const char *sql, uint32_t oid);
+
+// The first column of a query that LookUp ran, 0 without a row.
+int FirstInteger(sqlite3_stmt *statement);
 
 } // namespace qdb

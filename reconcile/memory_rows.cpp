@@ -72,7 +72,9 @@ TextPtr GetKeyForDIMM(uint32_t oid)
             SQLITE_OK, StoredOid(oid));
     QDB_LOG(kLogTrace, "%s: GetKeyForDIMM: num_cols = %d",
             sqlite3_column_count(statement.get()));
-    return TextOf(statement.get(), 0);
+    return sqlite3_data_count(statement.get()) == 0
+               ? nullptr
+               : TextOf(statement.get(), 0);
 }
 
 uint8_t GetHostPowerSate(uint32_t oid)
@@ -83,8 +85,7 @@ uint8_t GetHostPowerSate(uint32_t oid)
     {
         return 0;
     }
-    const auto state =
-        static_cast<uint8_t>(sqlite3_column_int(statement.get(), 0));
+    const auto state = static_cast<uint8_t>(FirstInteger(statement.get()));
     QDB_LOG(kLogTrace, "%s: GetHostPowerSate: fpowerstate = %d", state);
     return state;
 }

@@ -13,6 +13,7 @@
 #include "tests/support/bus_sender.h"
 #include "tests/support/change_listener.h"
 #include "tests/support/db_fixture.h"
+#include "tests/support/no_memory.h"
 #include "tests/support/wait.h"
 
 #include <random>
@@ -295,6 +296,35 @@ TEST(Handlers, EndWithOneLineOnWhatTheyCannotRead)
     EXPECT_EQ(TakeRecords(), Lines{});
 }
 
+// A member that no rule lets through. What the handlers tell is all that there
+// is of it.
+TEST(Handlers, TellWhatBecameOfNoRecord)
+{
+    const Mirror mirror;
+    BusSender sender;
+    const auto check = [&](int (*handler)(sdbusplus::message_t &),
+                           sd_bus_message *unsent, int result,
+                           const Lines &expected)
+    {
+        sdbusplus::message_t message(unsent);
+        CaptureLog(2);
+        EXPECT_EQ(handler(message), result);
+        EXPECT_EQ(LogLines(), expected);
+    };
+    check(properties_changed, sender.Unsent("s", "c.c"), -22,
+          {"properties_changed: intf: c.c\n",
+           "properties_changed: update object failed: /com/vexo/tarnu/x\n"});
+    check(object_removed, sender.Unsent("us", 5, "x"), 0,
+          {"object_removed: remove object failed: /com/vexo/tarnu/x\n"});
+    check(interfaces_added,
+          sender.Unsent("oa{sa{sv}}", "/o", 3, "a.a", 1, "oid", "u", 7, "b.b",
+                        0, "c.c", 1, "oid", "u", 8),
+          0,
+          Lines(2, "interfaces_added: add object failed: "
+                   "/com/vexo/tarnu/x\n"));
+    EXPECT_EQ(TakeRecords(), Lines{});
+}
+
 TEST(Translation, RefusesWhatItDoesNotKnowAndSurvivesWantOfMemory)
 {
     const Mirror mirror;
@@ -319,6 +349,14 @@ TEST(Translation, RefusesWhatItDoesNotKnowAndSurvivesWantOfMemory)
     EXPECT_EQ(CountLog("HandleSignalRawDataUpdated: failed to alloc memory for "
                        "data event\n"),
               1);
+    tNoMemory = true;
+    const int added =
+        qdb_signal_notification_callback("i.i", "InterfacesAdded", "/", 1);
+    const int restarted = qdb_signal_cfgmgr_restart_callback(kManager);
+    tNoMemory = false;
+    EXPECT_EQ(added, -12);
+    EXPECT_EQ(restarted, -12);
+    EXPECT_EQ(CountLog("Failed to allocate memory for pDEH\n"), 2);
     EXPECT_EQ(TakeRecords(), Lines{});
     CaptureLog();
     EXPECT_EQ(qdb_signal_notification_callback("", "InterfacesAdded", "", 5),

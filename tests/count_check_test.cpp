@@ -105,6 +105,11 @@ TEST_F(NcReload, CountCheckPutsThreeTablesRight)
         }
         CheckDMObjCountandReCreateEntries();
         EXPECT_EQ(Calls(), test.calls);
+        if (test.objects.empty())
+        {
+            EXPECT_EQ(mirror_.Value("SELECT count(*) FROM ActiveOIDMapping"),
+                      std::to_string(test.rows.size()));
+        }
         if (*test.told != '\0')
         {
             EXPECT_EQ(CountLog(test.told), 1) << test.told;

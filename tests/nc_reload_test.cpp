@@ -165,6 +165,21 @@ TEST_F(NcReload, TellsOfInvalidMemoryAndPower)
     EXPECT_EQ(CountLog("Mem refresh:0, power refresh:1, created:1 \n"), 1);
 }
 
+// A column that isn't there is an error of the connection, which another thread
+// may be about to log as its own.
+TEST_F(NcReload, ReadsNoColumnWithoutARow)
+{
+    Put(Power(7, 2), {80});
+    int code = SQLITE_RANGE;
+    const LineHook hook("GetHostPowerSate: fpowerstate = 0",
+                        [&](int)
+                        {
+                            code = sqlite3_errcode(QDVdbHandle);
+                        });
+    EXPECT_EQ(ReLoadNCObjects(), 0);
+    EXPECT_EQ(code, SQLITE_DONE);
+}
+
 // The first endurance that was seen is kept for the life of the process, and
 // what an NVDIMM needs is also done to what follows it.
 TEST_F(NcReload, RefreshesWornNvdimms)
@@ -466,6 +481,16 @@ TEST_F(FruReload, ReportsFailures)
         EXPECT_EQ(mirror_.Value("SELECT SerialNumber FROM TblFRUObj"),
                   test.row);
     }
+    // A refresh that had no object to run on has no result to tell.
+    Forget();
+    ForgetStatements();
+    Restart();
+    FailPrepares("UPDATE TblFRUObj", {{8216, 1}});
+    Put(Fru(kFirst, "B"));
+    standin::SetFault("ZOILGetObjByOID", 0, 100, 1);
+    EXPECT_EQ(ReLoadFRUNCObjects(), -1);
+    EXPECT_EQ(LinesWith({"RefreshObjFP retval="}),
+              Lines{"ReLoadFRUNCObjects: RefreshObjFP retval=8216 \n"});
 }
 
 } // namespace

@@ -227,6 +227,7 @@ TEST(Process, GoesOnWithoutTheBus)
     bus.Kill();
     service.Command(R"({"op":"set","oid":4096,"values":{"Speed":2933}})");
     EXPECT_TRUE(service.WaitForLog("Failed to emit signal sd_bus_send"));
+    EXPECT_TRUE(service.WaitForLog("EX: sd_bus_process discard"));
     EXPECT_EQ(QueryValue(service.Root().Database(),
                          "SELECT Speed FROM TblMemoryInfo WHERE OID = 4096"),
               "2933");

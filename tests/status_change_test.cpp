@@ -180,11 +180,12 @@ TEST(StatusChange, ComesFromTheDataManager)
 
 std::atomic<int> gTurns = 0;
 
-// Ends the thread in the last turn of its second pause, after which it still
-// runs the first reload.
+// The service becomes ready in the first pause. Ends the thread in the last
+// turn of its second one, after which it still runs the first reload.
 void CountTurn(unsigned microseconds)
 {
     EXPECT_EQ(microseconds, 5000U);
+    DbusEventsEnabled = 1;
     if (++gTurns == 2000)
     {
         SetCancelNCThread();
@@ -200,13 +201,14 @@ TEST_F(StatusChanges, LeavesThePassesInOrder)
     ForgetStatements();
     Restart();
     SetSleepFunction(CountTurn);
+    DbusEventsEnabled = 0;
     FailSteps("DELETE FROM ActiveOIDMapping", SQLITE_CORRUPT, 2);
     FailSteps(kMapping, SQLITE_CORRUPT, 1);
     std::thread thread(handle_QuillonDB_NC_Event_Request, nullptr);
     thread.join();
     EXPECT_EQ(gTurns, 2000);
-    const Lines texts = {"Entering Re", "Objects failed with", "sempost",
-                         "_Request", "Canceled"};
+    const Lines texts = {"Entering Re", "Entering Check", "Objects failed with",
+                         "sempost",     "_Request",       "Canceled"};
     const Lines entry = {"handle_QuillonDB_NC_Event_Request entry\n"};
     const Lines memory = {"Entering ReLoadNCObjects \n"};
     const Lines others = {
@@ -223,7 +225,8 @@ TEST_F(StatusChanges, LeavesThePassesInOrder)
               "sempost issued 11\n", pass};
     const Lines second =
         memory + others +
-        Lines{"ObjTypeBasedNCObjects failed with status 0\n", pass};
+        Lines{"ObjTypeBasedNCObjects failed with status 0\n",
+              "Entering CheckDMObjCountandReCreateEntries \n", pass};
     EXPECT_EQ(LinesWith(texts), entry + first + second + memory + end);
     int posts = 0;
     sem_getvalue(&gSqliteCorruptSem, &posts);

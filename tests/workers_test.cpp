@@ -2,6 +2,8 @@
 // corrupt database.
 
 #include "core/state.h"
+#include "core/stop.h"
+#include "core/threads.h"
 #include "events/queues/event_queue.h"
 #include "events/workers.h"
 #include "tests/support/db_fixture.h"
@@ -9,8 +11,14 @@
 #include "tests/support/wait.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
+#include <iterator>
+#include <set>
 
 namespace qdb::test
 {
@@ -50,6 +58,41 @@ TEST(Workers, EndAfterAllThatWasQueued)
     EXPECT_EQ(QdbEventQSize, 0);
     Enqueue(List(kDestroy, {1000}));
     EXPECT_EQ(QdbEventQSize, 1);
+}
+
+// A signal with a handler interrupts the wait for SIGTERM, and is none.
+TEST(Stop, IsAskedForBySigtermAlone)
+{
+    const auto threads = []
+    {
+        std::set<std::string> ids;
+        for (const auto &task :
+             std::filesystem::directory_iterator("/proc/self/task"))
+        {
+            ids.insert(task.path().filename());
+        }
+        return ids;
+    };
+    const Mirror mirror;
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
+    const std::set<std::string> before = threads();
+    std::set<std::string> started;
+    LetStopIn();
+    std::ranges::set_difference(threads(), before,
+                                std::inserter(started, started.end()));
+    ASSERT_EQ(started.size(), 1U);
+    for (int i = 0; i < 1000; ++i)
+    {
+        EXPECT_EQ(tgkill(getpid(), std::stoi(*started.begin()), SIGUSR1), 0);
+        sched_yield();
+    }
+    FinishStop();
+    signal(SIGUSR1, SIG_DFL);
+    signal(SIGTERM, SIG_DFL);
+    EXPECT_FALSE(StopRequested());
+    EXPECT_EQ(QdbEventQSize, 0);
 }
 
 // One worker alone, so that the order of its records is known.

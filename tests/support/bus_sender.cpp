@@ -151,7 +151,7 @@ BusSender::BusSender()
 
 BusSender::~BusSender()
 {
-    sd_bus_message_unref(empty_);
+    sd_bus_message_unref(unsent_);
     sd_bus_flush_close_unref(bus_);
 }
 
@@ -203,13 +203,29 @@ void BusSender::Call(const char *path, const char *interface,
 
 sd_bus_message *BusSender::Empty(const char *types)
 {
-    sd_bus_message_unref(empty_);
-    empty_ = NewSignal(bus_, kPath, "i.i", "m");
+    sd_bus_message *message = NewSignal(bus_, kPath, "i.i", "m");
     std::mt19937 engine(1);
-    Append(empty_, types, engine, 0, 0);
-    EXPECT_GE(sd_bus_message_seal(empty_, 1, 0), 0);
-    EXPECT_GE(sd_bus_message_rewind(empty_, 1), 0);
-    return empty_;
+    Append(message, types, engine, 0, 0);
+    return Seal(message);
+}
+
+sd_bus_message *BusSender::Unsent(const char *types, ...)
+{
+    sd_bus_message *message = NewSignal(bus_, kPath, "i.i", "m");
+    va_list arguments;
+    va_start(arguments, types);
+    EXPECT_GE(sd_bus_message_appendv(message, types, arguments), 0);
+    va_end(arguments);
+    return Seal(message);
+}
+
+sd_bus_message *BusSender::Seal(sd_bus_message *message)
+{
+    sd_bus_message_unref(unsent_);
+    unsent_ = message;
+    EXPECT_GE(sd_bus_message_seal(message, 1, 0), 0);
+    EXPECT_GE(sd_bus_message_rewind(message, 1), 0);
+    return message;
 }
 
 void BusSender::Own(const char *name) const

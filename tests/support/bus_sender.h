@@ -33,12 +33,17 @@ class BusSender
     // the types given. Valid until the next call.
     sd_bus_message *Empty(const char *types);
 
+    // The same with the values as sd_bus_message_append takes them.
+    sd_bus_message *Unsent(const char *types, ...);
+
     void Own(const char *name) const;
     void Disown(const char *name) const;
 
   private:
+    sd_bus_message *Seal(sd_bus_message *message);
+
     sd_bus *bus_ = nullptr;
-    sd_bus_message *empty_ = nullptr;
+    sd_bus_message *unsent_ = nullptr;
 };
 
 } // namespace qdb::test
