@@ -1,5 +1,6 @@
 #include "tests/support/change_listener.h"
 
+#include "publish/change_signal.h"
 #include "tests/support/wait.h"
 
 #include <fcntl.h>
@@ -107,6 +108,25 @@ std::vector<Change> ChangeListener::WaitFor(size_t count) const
             return changes_.size() >= count;
         });
     return Changes();
+}
+
+std::vector<Change> ChangeListener::TakeAll()
+{
+    static constexpr char kEnd[] = "end";
+    ChangeJsonAdded(kEnd);
+    std::vector<Change> changes;
+    EXPECT_TRUE(WaitUntil(
+        [&]
+        {
+            changes = Changes();
+            return !changes.empty() && changes.back().json == kEnd;
+        }));
+    Clear();
+    if (!changes.empty())
+    {
+        changes.pop_back();
+    }
+    return changes;
 }
 
 void ChangeListener::Clear()

@@ -32,6 +32,10 @@ class ChangeListener
     // Waits for that many changes in all; what there is by the deadline.
     std::vector<Change> WaitFor(size_t count) const;
 
+    // The changes that this process's service has sent since the last call,
+    // told by a last signal of its own. Signals must be enabled.
+    std::vector<Change> TakeAll();
+
     void Clear();
 
   private:

@@ -134,6 +134,20 @@ struct Faults
 inline const std::string kMapping = "insert into ActiveOIDMapping";
 inline const std::string kRead = "SELECT json_object('DOH_ObjStatus'";
 
+// The kept failures, oldest first: "oid operation index".
+inline Lines Kept()
+{
+    Lines kept;
+    while (QdbFailQNode *node = QdbFaildeQueue(gFailQueue))
+    {
+        kept.push_back(std::to_string(node->oid) + " " +
+                       std::to_string(static_cast<int>(node->operation)) + " " +
+                       std::to_string(node->index));
+        std::free(node);
+    }
+    return kept;
+}
+
 class Handler : public DbTest
 {
   protected:
@@ -145,36 +159,13 @@ class Handler : public DbTest
     // What has been announced since the last call.
     Lines Announced()
     {
-        ChangeJsonAdded("end");
-        WaitUntil(
-            [this]
-            {
-                const auto changes = listener_.Changes();
-                return !changes.empty() && changes.back().json == "end";
-            });
         Lines lines;
-        for (const auto &[member, json, serial] : listener_.Changes())
+        for (const auto &[member, json, serial] : listener_.TakeAll())
         {
             lines.push_back(member.substr(kMemberPrefix.size()) + " " +
                             Timeless(json));
         }
-        listener_.Clear();
-        lines.pop_back();
         return lines;
-    }
-
-    // The kept failures, oldest first: "oid operation index".
-    static Lines Kept()
-    {
-        Lines kept;
-        while (QdbFailQNode *node = QdbFaildeQueue(gFailQueue))
-        {
-            kept.push_back(std::to_string(node->oid) + " " +
-                           std::to_string(static_cast<int>(node->operation)) +
-                           " " + std::to_string(node->index));
-            std::free(node);
-        }
-        return kept;
     }
 
     // Lines up to the captured level, without line numbers and SQLite's texts.

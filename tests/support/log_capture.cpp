@@ -13,7 +13,7 @@ namespace
 {
 
 std::mutex gMutex;
-std::vector<std::string> gLines; // guarded by gMutex
+std::vector<LogRecord> gRecords; // guarded by gMutex
 std::atomic<int> gSleeps = 0;
 std::atomic<long long> gSlept = 0;
 
@@ -26,10 +26,10 @@ std::string WithoutTag(const std::string &line)
                : line;
 }
 
-void KeepLine(int /*level*/, const char *line)
+void KeepLine(int level, const char *line)
 {
     const std::lock_guard<std::mutex> lock(gMutex);
-    gLines.push_back(WithoutTag(line));
+    gRecords.push_back({level, std::this_thread::get_id(), WithoutTag(line)});
 }
 
 void CountSleep(unsigned microseconds)
@@ -44,26 +44,35 @@ void CaptureLog(int level)
 {
     {
         const std::lock_guard<std::mutex> lock(gMutex);
-        gLines.clear();
+        gRecords.clear();
     }
     standin::SetLog(level, KeepLine);
 }
 
-std::vector<std::string> LogLines()
+std::vector<LogRecord> LogRecords()
 {
     const std::lock_guard<std::mutex> lock(gMutex);
-    return gLines;
+    return gRecords;
+}
+
+std::vector<std::string> LogLines()
+{
+    std::vector<std::string> lines;
+    for (LogRecord &record : LogRecords())
+    {
+        lines.push_back(std::move(record.line));
+    }
+    return lines;
 }
 
 int CountLog(const std::string &text)
 {
-    const std::lock_guard<std::mutex> lock(gMutex);
-    return static_cast<int>(std::ranges::count_if(gLines,
-                                                  [&](const std::string &line)
-                                                  {
-                                                      return line.find(text) !=
-                                                             std::string::npos;
-                                                  }));
+    return static_cast<int>(std::ranges::count_if(
+        LogRecords(),
+        [&](const LogRecord &record)
+        {
+            return record.line.find(text) != std::string::npos;
+        }));
 }
 
 void CountSleeps()

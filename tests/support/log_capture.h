@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace qdb::test
@@ -12,6 +13,15 @@ namespace qdb::test
 void CaptureLog(int level = 6);
 
 std::vector<std::string> LogLines();
+
+// The same, with where they come from.
+struct LogRecord
+{
+    int level;
+    std::thread::id thread;
+    std::string line;
+};
+std::vector<LogRecord> LogRecords();
 
 // Lines that contain the text.
 int CountLog(const std::string &text);

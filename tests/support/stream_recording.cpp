@@ -1,0 +1,230 @@
+#include "tests/support/stream_recording.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <set>
+#include <sstream>
+
+namespace qdb::test
+{
+namespace
+{
+
+using Lines = std::vector<std::string>;
+
+constexpr size_t kLongestLine = 160;
+constexpr size_t kKeptOfCutLine = 60;
+constexpr char kCutMark[] = " ~ ";
+
+constexpr char kOperationMark[] = "== ";
+constexpr char kLogMark[] = "log ";
+constexpr char kLogIndent[] = "  ";
+
+// FNV-1a, 64 bits.
+std::string Hash(const std::string &text)
+{
+    uint64_t hash = 0xCBF29CE484222325;
+    for (const char c : text)
+    {
+        hash = (hash ^ static_cast<uint8_t>(c)) * 0x100000001B3;
+    }
+    char digits[17];
+    std::snprintf(digits, sizeof(digits), "%016llx",
+                  static_cast<unsigned long long>(hash));
+    return digits;
+}
+
+std::string Cut(const std::string &line)
+{
+    return line.size() <= kLongestLine
+               ? line
+               : line.substr(0, kKeptOfCutLine) + kCutMark +
+                     std::to_string(line.size()) + " bytes, " + Hash(line);
+}
+
+Lines CutAll(Lines lines, bool whole)
+{
+    if (!whole)
+    {
+        std::ranges::transform(lines, lines.begin(), Cut);
+    }
+    return lines;
+}
+
+std::string Join(const Lines &lines, const std::string &indent)
+{
+    std::string text;
+    for (const std::string &line : lines)
+    {
+        text.append(indent).append(line).append("\n");
+    }
+    return text;
+}
+
+bool TakePrefix(std::string *pLine, const std::string &prefix)
+{
+    const bool has = pLine->starts_with(prefix);
+    if (has)
+    {
+        pLine->erase(0, prefix.size());
+    }
+    return has;
+}
+
+// --- Differences -------------------------------------------------------------
+
+constexpr int kShownOperations = 8;
+constexpr size_t kShownLines = 6;
+constexpr size_t kShownBytes = 4000;
+
+// The part of a line that is worth looking at: what surrounds its difference
+// from the other line; all of a line that is only known by its hash.
+std::string Excerpt(const std::string &line, const std::string &other)
+{
+    constexpr size_t kAround = 100;
+    const bool isCut = other.find(kCutMark) != std::string::npos;
+    const auto at = static_cast<size_t>(std::ranges::mismatch(line, other).in1 -
+                                        line.begin());
+    if (isCut || line.size() <= 2 * kAround)
+    {
+        return line.substr(0, kShownBytes);
+    }
+    const size_t begin = at > kAround ? at - kAround : 0;
+    return (begin == 0 ? "" : "...") + line.substr(begin, 2 * kAround) + "...";
+}
+
+void ShowLines(const char *mark, const Lines &lines, size_t begin, size_t end,
+               const Lines &others, std::ostream &out)
+{
+    for (size_t i = begin; i < std::min(end, begin + kShownLines); ++i)
+    {
+        out << "  " << mark << ' '
+            << Excerpt(lines[i], i < others.size() ? others[i] : "") << '\n';
+    }
+    if (end > begin + kShownLines)
+    {
+        out << "  " << mark << " (" << end - begin - kShownLines
+            << " more lines)\n";
+    }
+}
+
+// The lines between what both have in front and what both have behind.
+void CompareLines(const Lines &recorded, const Lines &lines, bool whole,
+                  std::ostream &out)
+{
+    const Lines cut = CutAll(lines, whole);
+    const auto first = static_cast<size_t>(
+        std::ranges::mismatch(recorded, cut).in1 - recorded.begin());
+    size_t recordedEnd = recorded.size();
+    size_t end = cut.size();
+    while (recordedEnd > first && end > first &&
+           recorded[recordedEnd - 1] == cut[end - 1])
+    {
+        --recordedEnd;
+        --end;
+    }
+    ShowLines("-", recorded, first, recordedEnd, lines, out);
+    ShowLines("+", lines, first, end, recorded, out);
+}
+
+std::string CompareOperations(const Operation &recorded,
+                              const Operation &operation)
+{
+    std::ostringstream out;
+    CompareLines(recorded.data, operation.data, operation.whole, out);
+    CompareLines(recorded.log, operation.log, operation.whole, out);
+    return out.str();
+}
+
+} // namespace
+
+std::string RenderStream(const Stream &stream, const std::string &comment,
+                         bool cutNothing)
+{
+    std::string text = comment;
+    std::set<std::string> written;
+    for (const Operation &operation : stream)
+    {
+        const bool whole = cutNothing || operation.whole;
+        const std::string log =
+            Join(CutAll(operation.log, whole), cutNothing ? "" : kLogIndent);
+        const std::string name = Hash(log);
+        text += kOperationMark + operation.name + "\n" +
+                Join(CutAll(operation.data, whole), "");
+        text += cutNothing ? log : kLogMark + name + "\n";
+        if (!cutNothing && written.insert(name).second)
+        {
+            text += log;
+        }
+    }
+    return text;
+}
+
+Stream ParseStream(const std::string &text)
+{
+    Stream stream;
+    std::map<std::string, Lines> logs;
+    std::vector<std::string> names; // of the operations' logs
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+    {
+        if (TakePrefix(&line, kOperationMark))
+        {
+            stream.push_back({line, {}, {}});
+            names.emplace_back();
+        }
+        else if (stream.empty())
+        {
+            continue; // the comment
+        }
+        else if (TakePrefix(&line, kLogIndent))
+        {
+            logs[names.back()].push_back(line);
+        }
+        else if (TakePrefix(&line, kLogMark))
+        {
+            names.back() = line;
+        }
+        else
+        {
+            stream.back().data.push_back(line);
+        }
+    }
+    for (size_t i = 0; i < stream.size(); ++i)
+    {
+        stream[i].log = logs[names[i]];
+    }
+    return stream;
+}
+
+std::string Differences(const Stream &recorded, const Stream &stream)
+{
+    std::string text;
+    int shown = 0;
+    for (size_t i = 0; i < std::max(recorded.size(), stream.size()); ++i)
+    {
+        const std::string was =
+            i < recorded.size() ? recorded[i].name : "(nothing)";
+        const std::string is = i < stream.size() ? stream[i].name : "(nothing)";
+        if (was != is)
+        {
+            return text + "in place of \"" + was + "\" now \"" + is + "\"\n";
+        }
+        const std::string difference =
+            CompareOperations(recorded[i], stream[i]);
+        if (difference.empty())
+        {
+            continue;
+        }
+        if (++shown > kShownOperations)
+        {
+            return text + "and more\n";
+        }
+        text += is + ":\n" + difference;
+    }
+    return text;
+}
+
+} // namespace qdb::test

@@ -1,0 +1,37 @@
+// Recordings: what the operations of a workload made visible, as a text that is
+// kept, and what a later run does in another way.
+//
+// The text is made to be read, in places, and to stay small. Log lines that
+// many operations have in common stand once, behind the first that has them,
+// and go by their hash from there on; a long line is cut, and its length and
+// hash tell the rest.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace qdb::test
+{
+
+// One line each, without control characters.
+struct Operation
+{
+    std::string name;
+    std::vector<std::string> data; // result, signals, records, rows
+    std::vector<std::string> log;
+    bool whole = false; // no line of it is cut
+};
+
+using Stream = std::vector<Operation>;
+
+// The text, `comment` in front of it; cutNothing keeps every line whole.
+std::string RenderStream(const Stream &stream, const std::string &comment,
+                         bool cutNothing = false);
+
+// The operations of a rendered text, with their cut lines.
+Stream ParseStream(const std::string &text);
+
+// The first differences, for people; empty when there is none.
+std::string Differences(const Stream &recorded, const Stream &stream);
+
+} // namespace qdb::test
