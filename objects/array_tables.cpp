@@ -5,7 +5,6 @@
 #include "db/mapping.h"
 #include "objects/binder.h"
 #include "objects/row_log.h"
-#include "objects/row_reader.h"
 #include "objects/sql_text.h"
 
 #include <cstring>
@@ -248,7 +247,7 @@ void InsertArrays(const ObjTypeRow &row, const DataObjHeader *pDOH)
 }
 
 int AddArrays(const ObjTypeRow &row, uint32_t oid, int readStatus,
-              json_t *rowJson)
+              const RowReading &reading)
 {
     QDB_LOG(kLogTrace, "%s: [%s]get row function returns status = %d",
             row.suffix, readStatus);
@@ -266,7 +265,8 @@ int AddArrays(const ObjTypeRow &row, uint32_t oid, int readStatus,
         }
         if (elements != nullptr)
         {
-            json_object_set_new(rowJson, property.name, elements.release());
+            json_object_set_new(reading.Json(), property.name,
+                                elements.release());
         }
     }
     return SQLITE_OK;

@@ -7,7 +7,7 @@
 #pragma once
 
 #include "core/json.h"
-#include "objects/catalogue.h"
+#include "objects/row_reader.h"
 
 namespace qdb
 {
@@ -20,10 +20,10 @@ void InsertArrays(const ObjTypeRow &row, const DataObjHeader *pDOH);
 // What follows the reading of an object's row: logs the reader's status and,
 // when it is 0, reads all array properties and sets them in the row; a property
 // without elements keeps the row's null. Returns the reader's status, or that
-// of the first property that failed, with the later ones unread. rowJson may be
-// NULL when readStatus isn't 0.
+// of the first property that failed, with the later ones unread. The reading
+// may be empty when readStatus isn't 0.
 int AddArrays(const ObjTypeRow &row, uint32_t oid, int readStatus,
-              json_t *rowJson);
+              const RowReading &reading);
 
 // The elements of `after` that differ from those at the same place in `before`,
 // as far as `before` goes.

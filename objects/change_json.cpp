@@ -2,14 +2,15 @@
 
 #include "objects/array_tables.h"
 
+#include <algorithm>
 #include <cstring>
+#include <span>
+#include <string_view>
 
 namespace qdb
 {
 namespace
 {
-
-constexpr char kTag[] = "SingleRecordEtag";
 
 JsonPtr ChangeObject(const ObjTypeRow &row, JsonPtr rowJson)
 {
@@ -40,11 +41,91 @@ void AddChange(json_t *changed, const char *key, const json_t *before,
     }
 }
 
+// A member of the change object: what stands before its value, and the fields
+// of a plain row that are the value.
+struct Member
+{
+    std::string_view lead;
+    const RowText *row;
+    FieldSet fields;
+};
+
+constexpr std::string_view kTableName = R"({"TableName": ")";
+constexpr std::string_view kRowDetails = R"(", "RowDetails": )";
+constexpr std::string_view kChanged = R"(, "PropertiesChanged": )";
+constexpr std::string_view kPrevious = R"(, "PreviousPropertyValues": )";
+
+// The change object, put together from the pieces of plain rows. The names of
+// tables have nothing to escape. NULL without memory.
+JsonText Splice(const ObjTypeRow &row, std::span<const Member> members)
+{
+    const std::string_view name = row.table->name;
+    size_t size = kTableName.size() + name.size() + sizeof("}");
+    for (const Member &member : members)
+    {
+        size += member.lead.size() + member.row->RenderedSize(member.fields);
+    }
+    JsonText text(static_cast<char *>(std::malloc(size)));
+    if (text == nullptr)
+    {
+        return text;
+    }
+    char *to = std::ranges::copy(kTableName, text.get()).out;
+    to = std::ranges::copy(name, to).out;
+    for (const Member &member : members)
+    {
+        to = std::ranges::copy(member.lead, to).out;
+        to = member.row->Render(member.fields, to);
+    }
+    *to++ = '}';
+    *to = '\0';
+    return text;
+}
+
+JsonText SpliceDifference(const ObjTypeRow &row, const RowText &before,
+                          const RowText &after, int *pCount)
+{
+    const FieldSet changed = after.DifferentFrom(before);
+    *pCount = after.CountWithoutTag(changed);
+    if (*pCount == 0)
+    {
+        return nullptr;
+    }
+    const Member members[] = {
+        {kRowDetails, &after, after.AllFields()},
+        {kChanged, &after, changed},
+        {kPrevious, &before, changed},
+    };
+    return Splice(row,
+                  std::span(members).first(HasPreviousValues(row) ? 3 : 2));
+}
+
 } // namespace
 
-JsonText RenderWholeRow(const ObjTypeRow &row, JsonPtr rowJson)
+JsonText RenderWholeRow(const ObjTypeRow &row, RowReading reading)
 {
-    return Render(ChangeObject(row, std::move(rowJson)));
+    if (const RowText *plain = reading.Plain())
+    {
+        const Member member = {kRowDetails, plain, plain->AllFields()};
+        return Splice(row, std::span(&member, 1));
+    }
+    return Render(ChangeObject(row, reading.TakeJson()));
+}
+
+JsonText RenderDifference(const ObjTypeRow &row, RowReading before,
+                          RowReading after, int *pCount)
+{
+    if (before.Plain() != nullptr && after.Plain() != nullptr)
+    {
+        return SpliceDifference(row, *before.Plain(), *after.Plain(), pCount);
+    }
+    const JsonPtr old = before.TakeJson();
+    JsonPtr now = after.TakeJson();
+    ChangeSet changes = CompareRows(row, old.get(), now.get());
+    *pCount = changes.count;
+    return changes.count == 0
+               ? nullptr
+               : RenderChange(row, std::move(now), std::move(changes));
 }
 
 ChangeSet CompareRows(const ObjTypeRow &row, json_t *before,
@@ -72,7 +153,7 @@ ChangeSet CompareRows(const ObjTypeRow &row, json_t *before,
             json_object_set(changes.previous.get(), key, oldValue);
         }
         // Any column whose name begins like the tag's counts as the tag.
-        if (std::strncmp(key, kTag, sizeof(kTag) - 1) != 0)
+        if (std::strncmp(key, kTagColumn, sizeof(kTagColumn) - 1) != 0)
         {
             ++changes.count;
         }

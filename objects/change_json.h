@@ -6,16 +6,21 @@
 #pragma once
 
 #include "core/json.h"
-#include "objects/catalogue.h"
+#include "objects/row_reader.h"
 
 namespace qdb
 {
 
-// Announces a row that exists whole: takes the row into the change object and
-// renders it; NULL when it can't be rendered.
-JsonText RenderWholeRow(const ObjTypeRow &row, JsonPtr rowJson);
+// Announces a row that exists whole; NULL when it can't be rendered.
+JsonText RenderWholeRow(const ObjTypeRow &row, RowReading reading);
 
-// What a refresh changed.
+// Announces what differs between two readings of a row. *pCount is set to the
+// number of changed columns, the tag not counted. NULL when that is 0, or when
+// the change can't be rendered.
+JsonText RenderDifference(const ObjTypeRow &row, RowReading before,
+                          RowReading after, int *pCount);
+
+// What changed in a row, for those who announce it in their own way.
 struct ChangeSet
 {
     JsonPtr changed;  // the columns whose value changed, with the new values

@@ -227,7 +227,7 @@ int InsertRow(const Create &create)
 
 // Everything that follows the main row. Returns the reader's status, with
 // *pRow set on success.
-int FinishRow(const Create &create, JsonPtr *pRow)
+int FinishRow(const Create &create, RowReading *pRow)
 {
     InsertArrays(create.row, create.pDOH);
     int status = ReadRow(create.row, create.Oid(), pRow);
@@ -235,7 +235,7 @@ int FinishRow(const Create &create, JsonPtr *pRow)
     {
         status = kFailed;
     }
-    status = AddArrays(create.row, create.Oid(), status, pRow->get());
+    status = AddArrays(create.row, create.Oid(), status, *pRow);
     if (InsertInTblEtag(create.row.table->name) != SQLITE_OK)
     {
         QDB_LOG(kLogError, "%s: TblEtag could not be updated for %s",
@@ -246,9 +246,9 @@ int FinishRow(const Create &create, JsonPtr *pRow)
     return status;
 }
 
-void Announce(const Create &create, JsonPtr rowJson)
+void Announce(const Create &create, RowReading reading)
 {
-    const JsonText text = RenderWholeRow(create.row, std::move(rowJson));
+    const JsonText text = RenderWholeRow(create.row, std::move(reading));
     if (text == nullptr)
     {
         QDB_LOG(kLogWarning, "%s: [%s] Failed to dump Json Obj to a string",
@@ -268,10 +268,10 @@ int RunSteps(const Create &create)
     {
         ret = InsertRow(create);
     }
-    JsonPtr rowJson;
+    RowReading reading;
     if (ret == SQLITE_OK)
     {
-        ret = FinishRow(create, &rowJson);
+        ret = FinishRow(create, &reading);
     }
     if (ret != SQLITE_OK)
     {
@@ -282,7 +282,7 @@ int RunSteps(const Create &create)
         return ret;
     }
     turn.End();
-    Announce(create, std::move(rowJson));
+    Announce(create, std::move(reading));
     return SQLITE_OK;
 }
 

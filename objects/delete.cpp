@@ -56,9 +56,9 @@ class DeleteEnd
     ObjRowState &state_;
 };
 
-void Announce(const ObjTypeRow &row, JsonPtr rowJson)
+void Announce(const ObjTypeRow &row, RowReading reading)
 {
-    if (const JsonText text = RenderWholeRow(row, std::move(rowJson)))
+    if (const JsonText text = RenderWholeRow(row, std::move(reading)))
     {
         QDB_LOG(kLogTrace, "%s: Json_Out_Str = %s", text.get());
         ChangeJsonRemoved(text.get());
@@ -75,10 +75,10 @@ void LogEnd(const ObjTypeRow &row, uint32_t oid, int status)
 int RemoveRow(const ObjTypeRow &row, uint32_t oid)
 {
     DbTurn turn;
-    JsonPtr rowJson;
-    int read = ReadRow(row, oid, &rowJson);
-    read = AddArrays(row, oid, read, rowJson.get());
-    if (read != SQLITE_OK || rowJson == nullptr)
+    RowReading reading;
+    int read = ReadRow(row, oid, &reading);
+    read = AddArrays(row, oid, read, reading);
+    if (read != SQLITE_OK || reading.IsEmpty())
     {
         QDB_LOG(kLogWarning,
                 "%s: DEL[%s] Error in sending dbus signal on delete row for "
@@ -97,7 +97,7 @@ int RemoveRow(const ObjTypeRow &row, uint32_t oid)
         return FailureOf(status == kFailed ? LastStepStatus() : status);
     }
     turn.End();
-    Announce(row, std::move(rowJson));
+    Announce(row, std::move(reading));
     LogEnd(row, oid, SQLITE_OK);
     return SQLITE_OK;
 }

@@ -65,14 +65,14 @@ int KeepForLater(const Refresh &refresh)
     return kFailed;
 }
 
-int ReadBefore(const Refresh &refresh, JsonPtr *pBefore)
+int ReadBefore(const Refresh &refresh, RowReading *pBefore)
 {
     int status = ReadRow(refresh.row, refresh.Oid(), pBefore);
     if (status == SQLITE_DONE)
     {
         status = KeepForLater(refresh);
     }
-    return AddArrays(refresh.row, refresh.Oid(), status, pBefore->get());
+    return AddArrays(refresh.row, refresh.Oid(), status, *pBefore);
 }
 
 int PrepareUpdate(const Refresh &refresh)
@@ -158,29 +158,29 @@ int UpdateRow(Refresh &refresh)
     return refresh.ret;
 }
 
-int ReadAfter(const Refresh &refresh, JsonPtr *pAfter)
+int ReadAfter(const Refresh &refresh, RowReading *pAfter)
 {
     int status = ReadRow(refresh.row, refresh.Oid(), pAfter);
     if (status == SQLITE_DONE)
     {
         status = kFailed;
     }
-    return AddArrays(refresh.row, refresh.Oid(), status, pAfter->get());
+    return AddArrays(refresh.row, refresh.Oid(), status, *pAfter);
 }
 
 // Announces what changed, if more than the tag did.
-void Announce(const Refresh &refresh, const JsonPtr &before, JsonPtr after)
+void Announce(const Refresh &refresh, RowReading before, RowReading after)
 {
-    ChangeSet changes = CompareRows(refresh.row, before.get(), after.get());
-    if (changes.count == 0)
+    int changes = 0;
+    const JsonText text = RenderDifference(refresh.row, std::move(before),
+                                           std::move(after), &changes);
+    if (changes == 0)
     {
         QDB_LOG(kLogWarning,
                 "%s: [%s] No change set found for %d %X. Error: %d",
                 refresh.row.suffix, refresh.LogOid(), refresh.Oid(), 0);
         return;
     }
-    const JsonText text =
-        RenderChange(refresh.row, std::move(after), std::move(changes));
     if (text != nullptr)
     {
         QDB_LOG(kLogTrace, "%s: Json_Out_Str = %s", text.get());
@@ -189,7 +189,7 @@ void Announce(const Refresh &refresh, const JsonPtr &before, JsonPtr after)
 }
 
 // The steps under RefreshObjMutex up to the second reading.
-int RunSteps(Refresh &refresh, JsonPtr *pBefore, JsonPtr *pAfter)
+int RunSteps(Refresh &refresh, RowReading *pBefore, RowReading *pAfter)
 {
     const DbTurn turn;
     int status = ReadBefore(refresh, pBefore);
@@ -214,8 +214,8 @@ int RunSteps(Refresh &refresh, JsonPtr *pBefore, JsonPtr *pAfter)
 int RefreshLocked(Refresh &refresh)
 {
     const MutexLock lock(refresh.state.RefreshObjMutex);
-    JsonPtr before;
-    JsonPtr after;
+    RowReading before;
+    RowReading after;
     const int status = RunSteps(refresh, &before, &after);
     if (status != SQLITE_OK)
     {
@@ -224,7 +224,7 @@ int RefreshLocked(Refresh &refresh)
                 refresh.row.suffix, refresh.LogOid(), refresh.Oid(), status);
         return status;
     }
-    Announce(refresh, before, std::move(after));
+    Announce(refresh, std::move(before), std::move(after));
     return SQLITE_OK;
 }
 

@@ -36,29 +36,33 @@ int PrepareSelect(const ObjTypeRow &row, uint32_t oid, StatementSlot &slot)
     return status;
 }
 
-// Parses the row that the statement stands on.
-int ParseRow(const ObjTypeRow &row, uint32_t oid, sqlite3_stmt *statement,
-             JsonPtr *pRow)
+const char *ColumnText(sqlite3_stmt *statement)
+{
+    return reinterpret_cast<const char *>(sqlite3_column_text(statement, 0));
+}
+
+// Takes the row that the statement stands on.
+int TakeRow(const ObjTypeRow &row, uint32_t oid, sqlite3_stmt *statement,
+            RowReading *pRow)
 {
     if (sqlite3_column_type(statement, 0) == SQLITE_NULL)
     {
         return SQLITE_ROW;
     }
     json_error_t error = {};
-    JsonPtr parsed = ParseColumn(statement, &error);
-    if (parsed == nullptr)
+    const char *text = ColumnText(statement);
+    if (text == nullptr || !pRow->Read(*row.table, text, &error))
     {
         QDB_LOG(kLogError, "%s: [%s] error: on line %d: %s oID:%d", row.suffix,
                 error.line, error.text, StoredOid(oid));
         LogRowError(kLogError, kStem, row);
         return kFailed;
     }
-    *pRow = std::move(parsed);
     return SQLITE_OK;
 }
 
 // The statement's own result goes to *pRet, for the log.
-int SelectRow(const ObjTypeRow &row, uint32_t oid, JsonPtr *pRow, int *pRet)
+int SelectRow(const ObjTypeRow &row, uint32_t oid, RowReading *pRow, int *pRet)
 {
     ObjRowState &state = StateOf(row);
     const MutexLock lock(state.SelectObjMutex);
@@ -85,10 +89,10 @@ int SelectRow(const ObjTypeRow &row, uint32_t oid, JsonPtr *pRow, int *pRet)
                 *pRet);
         return *pRet;
     }
-    return ParseRow(row, oid, statement, pRow);
+    return TakeRow(row, oid, statement, pRow);
 }
 
-int GetRowData(const ObjTypeRow &row, uint32_t oid, JsonPtr *pRow)
+int GetRowData(const ObjTypeRow &row, uint32_t oid, RowReading *pRow)
 {
     QDB_LOG(kLogTrace, "%s: [%s] GetRowData_%s Entry for OID: %d", row.suffix,
             row.suffix, StoredOid(oid));
@@ -181,10 +185,37 @@ int RunQuery(const char *sqlText, uint32_t oid, JsonPtr *pRow)
 
 } // namespace
 
+bool RowReading::Read(const Table &table, const char *text,
+                      json_error_t *pError)
+{
+    RowTextPtr plain = table.arrays.empty() ? TakeRowText() : nullptr;
+    if (plain != nullptr && plain->Split(table, text))
+    {
+        json_.reset();
+        text_ = std::move(plain);
+        return true;
+    }
+    JsonPtr parsed(json_loads(text, 0, pError));
+    if (parsed == nullptr)
+    {
+        return false;
+    }
+    *this = RowReading(std::move(parsed));
+    return true;
+}
+
+JsonPtr RowReading::TakeJson()
+{
+    if (const RowTextPtr text = std::move(text_))
+    {
+        return JsonPtr(json_loads(text->Text().c_str(), 0, nullptr));
+    }
+    return std::move(json_);
+}
+
 JsonPtr ParseColumn(sqlite3_stmt *statement, json_error_t *pError)
 {
-    const auto *text =
-        reinterpret_cast<const char *>(sqlite3_column_text(statement, 0));
+    const char *text = ColumnText(statement);
     return JsonPtr(text == nullptr ? nullptr : json_loads(text, 0, pError));
 }
 
@@ -195,12 +226,20 @@ int GetJsonObjectFromQDBQuery(const char *sqlText, uint32_t oid, JsonPtr *pRow)
     return status;
 }
 
-int ReadRow(const ObjTypeRow &row, uint32_t oid, JsonPtr *pRow)
+int ReadRow(const ObjTypeRow &row, uint32_t oid, RowReading *pRow)
 {
-    return ReadsWithSelectStar(*row.table)
-               ? GetJsonObjectFromQDBQuery(SelectStarSql(*row.table).c_str(),
-                                           oid, pRow)
-               : GetRowData(row, oid, pRow);
+    if (!ReadsWithSelectStar(*row.table))
+    {
+        return GetRowData(row, oid, pRow);
+    }
+    JsonPtr built;
+    const int status = GetJsonObjectFromQDBQuery(
+        SelectStarSql(*row.table).c_str(), oid, &built);
+    if (built != nullptr)
+    {
+        *pRow = RowReading(std::move(built));
+    }
+    return status;
 }
 
 } // namespace qdb

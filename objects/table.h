@@ -48,9 +48,11 @@ inline constexpr uint16_t kBodyBase = 0x1C;
 // SQLite calls a function with at most 127 arguments, 63 pairs for
 // json_object. A table that has more columns, its tag included, is read with
 // SELECT * instead.
+inline constexpr size_t kMaxJsonFields = 63;
+
 constexpr bool ReadsWithSelectStar(const Table &table)
 {
-    return table.columns.size() + 1 > 63;
+    return table.columns.size() + 1 > kMaxJsonFields;
 }
 
 } // namespace qdb

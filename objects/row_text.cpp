@@ -1,0 +1,154 @@
+#include "objects/row_text.h"
+
+#include "objects/plain_value.h"
+
+#include <algorithm>
+#include <limits>
+#include <vector>
+
+namespace qdb
+{
+namespace
+{
+
+// Refresh has two rows in hand at a time. Long texts, such as imported files,
+// aren't kept.
+constexpr size_t kKeptTexts = 2;
+constexpr size_t kKeptCapacity = 32768;
+
+thread_local std::vector<std::unique_ptr<RowText>> tKept;
+
+// The end of the key `name` and its colon, which `text` must begin with; 0 if
+// it doesn't.
+size_t SkipKey(std::string_view text, std::string_view name)
+{
+    constexpr std::string_view kClose = "\":";
+    const size_t close = 1 + name.size();
+    return text.starts_with('"') && text.substr(1).starts_with(name) &&
+                   text.substr(close).starts_with(kClose)
+               ? close + kClose.size()
+               : 0;
+}
+
+} // namespace
+
+bool RowText::Split(const Table &table, std::string_view text)
+{
+    count_ = 0;
+    if (ReadsWithSelectStar(table) ||
+        text.size() > std::numeric_limits<uint32_t>::max())
+    {
+        return false;
+    }
+    const size_t tag = table.columns.size();
+    size_t end = 0; // of the field before
+    for (size_t i = 0; i <= tag; ++i)
+    {
+        if (!text.substr(end).starts_with(i == 0 ? '{' : ','))
+        {
+            return false;
+        }
+        const size_t key = end + 1;
+        const size_t keySize = SkipKey(
+            text.substr(key), i == tag ? kTagColumn : table.columns[i].name);
+        const size_t value = key + keySize;
+        const size_t valueSize = PlainValueSize(text.substr(value));
+        if (keySize == 0 || valueSize == 0)
+        {
+            return false;
+        }
+        end = value + valueSize;
+        fields_[i] = {static_cast<uint32_t>(key), static_cast<uint32_t>(value),
+                      static_cast<uint32_t>(end)};
+    }
+    if (text.substr(end) != "}")
+    {
+        return false;
+    }
+    text_.assign(text);
+    count_ = tag + 1;
+    return true;
+}
+
+FieldSet RowText::DifferentFrom(const RowText &other) const
+{
+    FieldSet different = 0;
+    for (size_t i = 0; i < count_; ++i)
+    {
+        if (Value(fields_[i]) != other.Value(other.fields_[i]))
+        {
+            different |= FieldSet{1} << i;
+        }
+    }
+    return different;
+}
+
+int RowText::CountWithoutTag(FieldSet fields) const
+{
+    int count = 0;
+    for (size_t i = 0; i < count_; ++i)
+    {
+        if ((fields >> i & 1) != 0 &&
+            !Key(fields_[i]).substr(1).starts_with(kTagColumn))
+        {
+            ++count;
+        }
+    }
+    return count;
+}
+
+size_t RowText::RenderedSize(FieldSet fields) const
+{
+    size_t size = 0;
+    for (size_t i = 0; i < count_; ++i)
+    {
+        if ((fields >> i & 1) != 0)
+        {
+            // A blank behind the colon; a comma and a blank, or the braces.
+            size += fields_[i].end - fields_[i].key + 3;
+        }
+    }
+    return std::max<size_t>(size, 2);
+}
+
+char *RowText::Render(FieldSet fields, char *to) const
+{
+    constexpr std::string_view kColon = ": ";
+    std::string_view separator;
+    *to++ = '{';
+    for (size_t i = 0; i < count_; ++i)
+    {
+        if ((fields >> i & 1) != 0)
+        {
+            to = std::ranges::copy(separator, to).out;
+            to = std::ranges::copy(Key(fields_[i]), to).out;
+            to = std::ranges::copy(kColon, to).out;
+            to = std::ranges::copy(Value(fields_[i]), to).out;
+            separator = ", ";
+        }
+    }
+    *to++ = '}';
+    return to;
+}
+
+void KeepRowText::operator()(RowText *text) const
+{
+    std::unique_ptr<RowText> owned(text);
+    if (owned->Text().capacity() <= kKeptCapacity && tKept.size() < kKeptTexts)
+    {
+        tKept.push_back(std::move(owned));
+    }
+}
+
+RowTextPtr TakeRowText()
+{
+    if (tKept.empty())
+    {
+        return RowTextPtr(new RowText);
+    }
+    RowTextPtr text(tKept.back().release());
+    tKept.pop_back();
+    return text;
+}
+
+} // namespace qdb

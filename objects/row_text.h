@@ -1,0 +1,105 @@
+// The JSON text of a row, used as it stands.
+//
+// SQLite writes a row as a flat object without blanks, its keys the table's
+// columns in their order. Almost always such a text holds nothing that Jansson
+// would print differently: then it is *plain*, its values can be compared as
+// bytes, and what is announced can be put together from its pieces. That saves
+// parsing and printing each row.
+//
+// What a plain text promises:
+// 1. json_loads takes it: its strings are valid UTF-8, without raw control
+//    characters.
+// 2. json_dumps prints each key and value as it stands here. So there are no
+//    reals, no \u escapes, which the two write in different case, and no
+//    integers that aren't written the one way.
+// 3. Every value has one spelling, so that two values are equal exactly when
+//    their bytes are.
+// Any other text, also one that only might break these, is not plain, and is
+// left to Jansson.
+#pragma once
+
+#include "objects/table.h"
+
+#include <array>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace qdb
+{
+
+// The column behind those of the table's list, stamped at every writing.
+inline constexpr char kTagColumn[] = "SingleRecordEtag";
+
+// Some of a row's fields: bit i stands for field i, in the table's order with
+// the tag last.
+using FieldSet = uint64_t;
+
+class RowText
+{
+  public:
+    // Takes a copy of a row's text and cuts it into its fields. False, with
+    // the content lost, if the text isn't plain. The buffer is used again.
+    bool Split(const Table &table, std::string_view text);
+
+    // The text as it was given.
+    const std::string &Text() const
+    {
+        return text_;
+    }
+
+    FieldSet AllFields() const
+    {
+        return (FieldSet{1} << count_) - 1;
+    }
+
+    // The fields whose values differ from another row's of the same table.
+    FieldSet DifferentFrom(const RowText &other) const;
+
+    // Those of the fields that aren't the tag. Any column whose name begins
+    // like the tag's counts as the tag.
+    int CountWithoutTag(FieldSet fields) const;
+
+    // An object of these fields as json_dumps prints it, without a NUL. Render
+    // writes RenderedSize() bytes and returns their end.
+    size_t RenderedSize(FieldSet fields) const;
+    char *Render(FieldSet fields, char *to) const;
+
+  private:
+    // Offsets in the text. The key has its quotes; a colon is between.
+    struct Field
+    {
+        uint32_t key;
+        uint32_t value;
+        uint32_t end;
+    };
+
+    std::string_view Key(const Field &field) const
+    {
+        return Slice(field.key, field.value - 1);
+    }
+    std::string_view Value(const Field &field) const
+    {
+        return Slice(field.value, field.end);
+    }
+    std::string_view Slice(size_t begin, size_t end) const
+    {
+        return std::string_view(text_).substr(begin, end - begin);
+    }
+
+    std::string text_;
+    std::array<Field, kMaxJsonFields> fields_ = {};
+    size_t count_ = 0;
+};
+
+// Hands a text back to its thread, which keeps a few for its next rows.
+struct KeepRowText
+{
+    void operator()(RowText *text) const;
+};
+using RowTextPtr = std::unique_ptr<RowText, KeepRowText>;
+
+// A text to fill, mostly one that this thread has used before.
+RowTextPtr TakeRowText();
+
+} // namespace qdb
