@@ -16,6 +16,13 @@ int StepStatement(sqlite3_stmt *statement)
 {
     const MutexLock lock(SqliteStepMutex);
     tLastStepStatus = sqlite3_step(statement);
+    if (IsBusy(tLastStepStatus))
+    {
+        // Left as it is, a statement that waits keeps the read lock of the
+        // whole connection; another process that holds the write lock then
+        // waits for that one, and neither gets on.
+        sqlite3_reset(statement);
+    }
     return tLastStepStatus;
 }
 
