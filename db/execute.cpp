@@ -38,6 +38,13 @@ int StepStatement(sqlite3_stmt *statement)
     {
         KeepRead();
     }
+    if (IsBusy(status))
+    {
+        // Left as it is, a statement that waits keeps the read lock of the
+        // whole connection; another process that holds the write lock then
+        // waits for that one, and neither gets on.
+        sqlite3_reset(statement);
+    }
     tLastStepStatus = status;
     return status;
 }

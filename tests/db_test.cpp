@@ -386,5 +386,25 @@ TEST_F(DbTest, WritersOutlastTheLockOfAnotherProcess)
     }
 }
 
+// Two that wait for each other's locks would both give up in the end.
+TEST_F(DbTest, AWriterThatWaitsLetsTheOtherProcessFinish)
+{
+    const OtherProcess other(mirror_.Root().Database());
+    int status = SQLITE_OK;
+    const StatementPtr reader = PrepareOnce("SELECT * FROM TblEtag", &status);
+    const StatementPtr writer =
+        PrepareOnce("UPDATE TblEtag SET MultiRecordEtag = ?", &status);
+    sqlite3_bind_text(writer.get(), 1, "ours", -1, SQLITE_STATIC);
+    EXPECT_EQ(StepStatement(reader.get()), SQLITE_ROW);
+    other.Run("BEGIN IMMEDIATE");
+    other.Run("UPDATE TblEtag SET MultiRecordEtag = 'theirs'");
+    EXPECT_EQ(StepStatement(writer.get()), SQLITE_BUSY);
+    sqlite3_reset(reader.get());
+    other.Run("COMMIT");
+    EXPECT_EQ(StepStatement(writer.get()), SQLITE_DONE);
+    EXPECT_EQ(mirror_.Rows("SELECT DISTINCT MultiRecordEtag FROM TblEtag"),
+              Lines{"ours"});
+}
+
 } // namespace
 } // namespace qdb::test

@@ -169,19 +169,24 @@ TEST(Process, EndsWhenTheDatabaseCannotBeOpened)
     EXPECT_NE(service.Log().find("QDVDBInit() Error."), std::string::npos);
 }
 
-// Overwrites all pages but the first.
+// Overwrites all pages but the first with random bytes, and counts a change, so
+// that nobody goes on with what is cached.
 void Corrupt(const std::string &database)
 {
-    constexpr std::streamoff kPage = 4096;
-    const auto size =
-        static_cast<std::streamoff>(std::filesystem::file_size(database));
+    constexpr size_t kPage = 4096;
+    constexpr std::streamoff kChangeCounter = 27;
     std::fstream file(database,
                       std::ios::binary | std::ios::in | std::ios::out);
+    file.seekg(kChangeCounter);
+    const char changes = static_cast<char>(file.get() + 1);
+    file.seekp(kChangeCounter);
+    file.put(changes);
     file.seekp(kPage);
-    const std::string noise(4096, '\xA5');
-    for (std::streamoff at = kPage; at < size; at += kPage)
+    std::mt19937 engine(7);
+    const size_t size = std::filesystem::file_size(database);
+    for (size_t at = kPage; at < size; ++at)
     {
-        file << noise;
+        file.put(static_cast<char>(engine()));
     }
 }
 
@@ -196,25 +201,43 @@ TEST(Process, LeavesWithStatusOneWhenPopulationMeetsACorruptDatabase)
     EXPECT_EQ(service.ReadyAttribute(), 0);
 }
 
-TEST(Process, EndsInOrderWhenAWorkerMeetsACorruptDatabase)
+TEST(Process, EndsInOrderWhenTheDatabaseBecomesCorrupt)
 {
-    ServiceProcess service({.scenario = Scenario(200)});
-    service.Start();
-    ASSERT_TRUE(service.WaitReady());
-    Corrupt(service.Root().Database());
-    // Large enough to need pages that are not in the cache.
-    for (int i = 0; i < 200 && service.WaitExit(0) == -1; ++i)
+    const struct
     {
-        service.Command(R"({"op":"set","oid":)" + std::to_string(4096 + i) +
-                        R"(,"values":{"Speed":1000}})");
-        service.Command(R"({"op":"generate","count":20})");
+        const char *name;
+        const char *command;
+        bool isPass; // a pass meets it, which tells so
+    } kCases[] = {
+        {"a worker", R"({"op":"set","oid":4096,"values":{"Speed":1000}})",
+         false},
+        {"the object-type reload of 0xEB",
+         R"({"op":"set","oid":235,"values":{"version":"2"},"announce":false})",
+         true},
+        {"the object-type reload of 0xEC",
+         R"({"op":"set","oid":236,"values":{"protocol":"2"},"announce":false})",
+         true},
+    };
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.name);
+        std::string scenario = Scenario(20);
+        scenario.insert(
+            scenario.find('[') + 1,
+            R"({"type":"0xEB","oid":235},{"type":"0xEC","oid":236},)");
+        ServiceProcess service({.scenario = scenario});
+        service.Start();
+        ASSERT_TRUE(service.WaitReady());
+        ASSERT_TRUE(service.WaitForLog("end of loop"));
+        Corrupt(service.Root().Database());
+        service.Command(c.command);
+        ExpectOrderlyEnd(service, service.WaitExit(kStopLimitMs));
+        const std::string log = service.Log();
+        EXPECT_NE(log.find("handle_QuillonDB_Sqlite_corrupt sqlite corrupt "
+                           "error occured"),
+                  std::string::npos);
+        EXPECT_EQ(log.find("sempost issued 11") != std::string::npos, c.isPass);
     }
-    const int status = service.Pid() > 0 ? service.WaitExit() : 0;
-    ExpectOrderlyEnd(service, status);
-    EXPECT_NE(
-        service.Log().find(
-            "handle_QuillonDB_Sqlite_corrupt sqlite corrupt error occured"),
-        std::string::npos);
 }
 
 TEST(Process, GoesOnWithoutTheBus)
