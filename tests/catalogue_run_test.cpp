@@ -65,23 +65,6 @@ JsonPtr WithoutTag(json_t *details)
     return row;
 }
 
-// The integers of a row as the reader of wide tables gives them: 32 bits.
-JsonPtr AsSignalled(const Table &table, const json_t *row)
-{
-    JsonPtr copy(json_deep_copy(row));
-    const char *key = nullptr;
-    json_t *value = nullptr;
-    json_object_foreach(copy.get(), key, value)
-    {
-        if (ReadsWithSelectStar(table) && json_is_integer(value))
-        {
-            json_integer_set(value, static_cast<int32_t>(static_cast<uint64_t>(
-                                        json_integer_value(value))));
-        }
-    }
-    return copy;
-}
-
 // The row as its table holds it: arrays stand elsewhere.
 JsonPtr AsStored(const Table &table, const json_t *row)
 {
@@ -91,41 +74,6 @@ JsonPtr AsStored(const Table &table, const json_t *row)
         json_object_set_new(copy.get(), property.name, json_null());
     }
     return copy;
-}
-
-// The elements of an array that differ from those of another.
-json_t *DifferentElements(const json_t *before, const json_t *after)
-{
-    json_t *changed = json_array();
-    for (size_t i = 0; i < json_array_size(after); ++i)
-    {
-        json_t *element = json_array_get(after, i);
-        if (json_equal(json_array_get(before, i), element) == 0)
-        {
-            json_array_append(changed, element);
-        }
-    }
-    return changed;
-}
-
-// The columns of `after` that differ from `before`.
-JsonPtr Difference(const json_t *before, const json_t *after)
-{
-    JsonPtr changed(json_object());
-    const char *key = nullptr;
-    json_t *value = nullptr;
-    json_object_foreach(const_cast<json_t *>(after), key, value)
-    {
-        const json_t *was = json_object_get(before, key);
-        if (json_equal(was, value) == 0)
-        {
-            json_object_set_new(changed.get(), key,
-                                json_is_array(value)
-                                    ? DifferentElements(was, value)
-                                    : json_incref(value));
-        }
-    }
-    return changed;
 }
 
 class CatalogueRun : public ::testing::Test

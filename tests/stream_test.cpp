@@ -105,7 +105,8 @@ const Story kStories[] = {
         {"text to escape", kCreate, R"({"key": "\"hi\" \\ it's\t\n\u0001\u007F</", "popStatus": 1})"},
         {"text beyond ASCII", kDirty, R"({"key": "\u00E5\u6F22\uD83D\uDE00\u2028"})"},
         {"same text", kDirty, R"({"key": "\u00E5\u6F22\uD83D\uDE00\u2028"})"},
-        {"empty text", kDirty, R"({"popName": ""})"},
+        {"noncharacter", kDirty, R"({"key": "\uFFFF"})"},
+        {"empty text", kDirty, R"({"key": ""})"},
         {"invalid UTF-8", kDirty, R"({"popName": "caf?"})", {}, Garble},
         {"behind invalid UTF-8", kDirty, R"({"popName": "cafe"})"},
         {"destroy invalid UTF-8", kDestroy},
@@ -220,8 +221,7 @@ JsonPtr Parse(const std::string &values)
 class StreamTest : public ::testing::Test
 {
   protected:
-    StreamTest()
-        : clock_(kThen), mirror_({.pipe = true}), recorder_(mirror_.Root())
+    StreamTest() : mirror_({.pipe = true}), recorder_(mirror_.Root())
     {
         Restart(0);
         DbusEventsEnabled = 1;

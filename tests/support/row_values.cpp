@@ -1,5 +1,6 @@
 #include "tests/support/row_values.h"
 
+#include "tests/support/temp_root.h"
 #include "tools/audit/expected.h"
 
 #include <gtest/gtest.h>
@@ -354,7 +355,60 @@ json_t *ExpectedValue(const RowData &row, const Column &column,
     return json_is_array(given) ? ExpectedArray(given) : json_incref(given);
 }
 
+// The elements of an array that differ from those before, as many as those.
+json_t *DifferentElements(const json_t *before, const json_t *after)
+{
+    json_t *changed = json_array();
+    for (size_t i = 0; i < json_array_size(before); ++i)
+    {
+        json_t *element = json_array_get(after, i);
+        if (json_equal(json_array_get(before, i), element) == 0)
+        {
+            json_array_append(changed, element);
+        }
+    }
+    return changed;
+}
+
 // --- What is there -----------------------------------------------------------
+
+constexpr char kTag[] = "SingleRecordEtag";
+
+JsonPtr Parsed(const std::string &text)
+{
+    return JsonPtr(json_loads(text.c_str(), 0, nullptr));
+}
+
+std::string JsonPairs(std::span<const Column> columns)
+{
+    std::string pairs;
+    for (const Column &column : columns)
+    {
+        const std::string name = column.name;
+        pairs.append(pairs.empty() ? "'" : ", '")
+            .append(name + "', \"" + name + "\"");
+    }
+    return pairs;
+}
+
+// Puts the elements of an array, if it has any, into its row.
+void AddElements(const ArrayProperty &property, const std::string &database,
+                 const std::string &where, json_t *row)
+{
+    const JsonPtr elements(json_array());
+    for (const std::string &element :
+         Query(database, "SELECT json_object('ARR_INDEX', ARR_INDEX, " +
+                             JsonPairs(property.table->columns) + ") FROM " +
+                             property.table->name + where + " AND PROP = '" +
+                             property.name + "' ORDER BY ARR_INDEX"))
+    {
+        json_array_append_new(elements.get(), Parsed(element).release());
+    }
+    if (json_array_size(elements.get()) != 0)
+    {
+        json_object_set(row, property.name, elements.get());
+    }
+}
 
 struct CloseConnection
 {
@@ -430,6 +484,75 @@ JsonPtr TableRow(const std::string &database, const Table &table, uint32_t oid)
                             std::visit(ToJson(), audit::CellOf(made, index)));
     }
     return row;
+}
+
+JsonPtr AsSignalled(const Table &table, const json_t *row)
+{
+    JsonPtr copy(json_deep_copy(row));
+    const char *key = nullptr;
+    json_t *value = nullptr;
+    json_object_foreach(copy.get(), key, value)
+    {
+        if (ReadsWithSelectStar(table) && json_is_integer(value))
+        {
+            json_integer_set(value, static_cast<int32_t>(static_cast<uint64_t>(
+                                        json_integer_value(value))));
+        }
+    }
+    return copy;
+}
+
+JsonPtr SignalledRow(const std::string &database, const Table &table,
+                     uint32_t oid)
+{
+    const std::string where =
+        " WHERE OID = " + std::to_string(static_cast<int32_t>(oid));
+    const std::string from = std::string(" FROM ") + table.name + where;
+    JsonPtr row;
+    if (ReadsWithSelectStar(table))
+    {
+        row = AsSignalled(table, TableRow(database, table, oid).get());
+        json_object_set_new(
+            row.get(), kTag,
+            json_string(
+                QueryValue(database, std::string("SELECT ") + kTag + from)
+                    .c_str()));
+    }
+    else
+    {
+        row = Parsed(QueryValue(
+            database, "SELECT json_object(" + JsonPairs(table.columns) + ", '" +
+                          kTag + "', " + kTag + ")" + from));
+    }
+    // A text that JSON can't hold is missing.
+    if (json_object_size(row.get()) != table.columns.size() + 1)
+    {
+        return nullptr;
+    }
+    for (const ArrayProperty &property : table.arrays)
+    {
+        AddElements(property, database, where, row.get());
+    }
+    return row;
+}
+
+JsonPtr Difference(const json_t *before, const json_t *after)
+{
+    JsonPtr changed(json_object());
+    const char *key = nullptr;
+    json_t *value = nullptr;
+    json_object_foreach(const_cast<json_t *>(after), key, value)
+    {
+        const json_t *was = json_object_get(before, key);
+        if (json_equal(was, value) == 0)
+        {
+            json_object_set_new(changed.get(), key,
+                                json_is_array(was) && json_is_array(value)
+                                    ? DifferentElements(was, value)
+                                    : json_incref(value));
+        }
+    }
+    return changed;
 }
 
 } // namespace qdb::test

@@ -37,4 +37,16 @@ JsonPtr ExpectedRow(const RowData &row, const json_t *values,
 // tag; NULL when there is none.
 JsonPtr TableRow(const std::string &database, const Table &table, uint32_t oid);
 
+// A row's integers as the reader of wide tables gives them: cut to 32 bits.
+JsonPtr AsSignalled(const Table &table, const json_t *row);
+
+// A row as signals must show it, tag and arrays included, read by a connection
+// of its own; NULL when there is none or it can't be told in JSON.
+JsonPtr SignalledRow(const std::string &database, const Table &table,
+                     uint32_t oid);
+
+// The columns of `after` that differ from `before`; of arrays the elements, as
+// many as there were before.
+JsonPtr Difference(const json_t *before, const json_t *after);
+
 } // namespace qdb::test

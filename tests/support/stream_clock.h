@@ -2,9 +2,10 @@
 // same in every run.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <cstdint>
+#include <atomic>
 
 namespace qdb::test
 {
@@ -14,15 +15,36 @@ namespace qdb::test
 class StreamClock
 {
   public:
-    explicit StreamClock(int64_t seconds);
-    ~StreamClock();
+    StreamClock() : vfs_(*sqlite3_vfs_find(nullptr))
+    {
+        vfs_.zName = "stream-clock";
+        vfs_.xCurrentTimeInt64 = CurrentTime;
+        EXPECT_EQ(sqlite3_vfs_register(&vfs_, 1), SQLITE_OK);
+    }
+    ~StreamClock()
+    {
+        sqlite3_vfs_unregister(&vfs_);
+    }
     StreamClock(const StreamClock &) = delete;
     StreamClock &operator=(const StreamClock &) = delete;
 
-    // Seconds since 1970, on any thread from now on.
-    void Set(int64_t seconds);
+    // Seconds since 1970, for all threads from now on.
+    void Set(sqlite3_int64 seconds)
+    {
+        seconds_ = seconds;
+    }
 
   private:
+    // SQLite counts milliseconds from a noon that lies long before 1970.
+    static int CurrentTime(sqlite3_vfs * /*vfs*/, sqlite3_int64 *pTime)
+    {
+        constexpr sqlite3_int64 kEpochMs = 210866760000000;
+        *pTime = kEpochMs + seconds_ * 1000;
+        return SQLITE_OK;
+    }
+
+    inline static std::atomic<sqlite3_int64> seconds_ = 0;
+
     sqlite3_vfs vfs_;
 };
 

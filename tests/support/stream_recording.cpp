@@ -75,58 +75,38 @@ bool TakePrefix(std::string *pLine, const std::string &prefix)
 
 // --- Differences -------------------------------------------------------------
 
-constexpr int kShownOperations = 8;
-constexpr size_t kShownLines = 6;
-constexpr size_t kShownBytes = 4000;
+constexpr int kShownOperations = 10;
 
 // The part of a line that is worth looking at: what surrounds its difference
-// from the other line; all of a line that is only known by its hash.
+// from the other line; all of it when the other is only known by its hash.
 std::string Excerpt(const std::string &line, const std::string &other)
 {
     constexpr size_t kAround = 100;
-    const bool isCut = other.find(kCutMark) != std::string::npos;
+    if (line.size() <= 2 * kAround || other.find(kCutMark) != std::string::npos)
+    {
+        return line;
+    }
     const auto at = static_cast<size_t>(std::ranges::mismatch(line, other).in1 -
                                         line.begin());
-    if (isCut || line.size() <= 2 * kAround)
-    {
-        return line.substr(0, kShownBytes);
-    }
-    const size_t begin = at > kAround ? at - kAround : 0;
-    return (begin == 0 ? "" : "...") + line.substr(begin, 2 * kAround) + "...";
+    return "..." + line.substr(at - std::min(at, kAround), 2 * kAround) + "...";
 }
 
-void ShowLines(const char *mark, const Lines &lines, size_t begin, size_t end,
-               const Lines &others, std::ostream &out)
-{
-    for (size_t i = begin; i < std::min(end, begin + kShownLines); ++i)
-    {
-        out << "  " << mark << ' '
-            << Excerpt(lines[i], i < others.size() ? others[i] : "") << '\n';
-    }
-    if (end > begin + kShownLines)
-    {
-        out << "  " << mark << " (" << end - begin - kShownLines
-            << " more lines)\n";
-    }
-}
-
-// The lines between what both have in front and what both have behind.
+// The first lines that differ.
 void CompareLines(const Lines &recorded, const Lines &lines, bool whole,
                   std::ostream &out)
 {
-    const Lines cut = CutAll(lines, whole);
-    const auto first = static_cast<size_t>(
-        std::ranges::mismatch(recorded, cut).in1 - recorded.begin());
-    size_t recordedEnd = recorded.size();
-    size_t end = cut.size();
-    while (recordedEnd > first && end > first &&
-           recorded[recordedEnd - 1] == cut[end - 1])
+    const auto at = static_cast<size_t>(
+        std::ranges::mismatch(recorded, CutAll(lines, whole)).in1 -
+        recorded.begin());
+    if (at == recorded.size() && at == lines.size())
     {
-        --recordedEnd;
-        --end;
+        return;
     }
-    ShowLines("-", recorded, first, recordedEnd, lines, out);
-    ShowLines("+", lines, first, end, recorded, out);
+    const std::string was = at < recorded.size() ? recorded[at] : "(end)";
+    const std::string is = at < lines.size() ? lines[at] : "(end)";
+    out << "  line " << at + 1 << " of " << recorded.size() << ", now of "
+        << lines.size() << "\n  - " << Excerpt(was, is) << "\n  + "
+        << Excerpt(is, was) << '\n';
 }
 
 std::string CompareOperations(const Operation &recorded,

@@ -31,7 +31,8 @@ std::string RenderStream(const Stream &stream, const std::string &comment,
 // The operations of a rendered text, with their cut lines.
 Stream ParseStream(const std::string &text);
 
-// The first differences, for people; empty when there is none.
+// The first operations that differ, for people: where their lines begin to.
+// Empty when there is none.
 std::string Differences(const Stream &recorded, const Stream &stream);
 
 } // namespace qdb::test
