@@ -1,5 +1,6 @@
 #include "bench/loop.h"
 
+#include "bench/loop_bus.h"
 #include "bench/parsed_rows.h"
 #include "bench/spliced_rows.h"
 #include "bench/subscriber.h"
@@ -9,15 +10,10 @@
 #include "db/mapping.h"
 #include "objects/array_tables.h"
 #include "platform/standin/standin.h"
-#include "publish/bus_connection.h"
-
-#include <systemd/sd-bus.h>
 
 #include <algorithm>
-#include <cstring>
 #include <ctime>
 #include <map>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -26,59 +22,6 @@ namespace qdb::bench
 {
 namespace
 {
-
-// Kinds of signals, as SignalMember counts them.
-constexpr int kAdded = 1;
-constexpr int kChanged = 2;
-constexpr int kRemoved = 3;
-
-void CheckBus(int result)
-{
-    if (result < 0)
-    {
-        throw std::runtime_error(std::string("the bus: ") +
-                                 std::strerror(-result));
-    }
-}
-
-class Bus
-{
-  public:
-    Bus()
-    {
-        CheckBus(sd_bus_open_system(&bus_));
-    }
-    ~Bus()
-    {
-        sd_bus_flush_close_unref(bus_);
-    }
-    Bus(const Bus &) = delete;
-    Bus &operator=(const Bus &) = delete;
-
-    // Flushed, because nobody else sends what the socket didn't take; when it
-    // took all, that costs nothing.
-    void Send(int kind, const char *text) const
-    {
-        sd_bus_message *made = nullptr;
-        CheckBus(sd_bus_message_new_signal(
-            bus_, &made, kSignalPath, kSignalInterface, SignalMember(kind)));
-        const std::unique_ptr<sd_bus_message, UnrefMessage> message(made);
-        CheckBus(sd_bus_message_append(made, "s", text));
-        CheckBus(sd_bus_send(bus_, made, nullptr));
-        CheckBus(sd_bus_flush(bus_));
-    }
-
-  private:
-    struct UnrefMessage
-    {
-        void operator()(sd_bus_message *message) const
-        {
-            sd_bus_message_unref(message);
-        }
-    };
-
-    sd_bus *bus_ = nullptr;
-};
 
 struct OpenDatabase
 {
@@ -145,7 +88,7 @@ class Loop
     RowStatements &StatementsOf(uint32_t oid, std::vector<uint8_t> &bytes);
 
     OpenDatabase database_; // before the statements, which it outlives
-    Bus bus_;
+    LoopBus bus_;
     StatementPtr typeOf_ =
         PrepareText("select ObjType from ActiveOIDMapping where OID = ?");
     StatementPtr map_ = PrepareText(
@@ -210,6 +153,7 @@ template <typename Rows>
 Cost Loop<Rows>::Run(const Step &step)
 {
     Cost cost = {};
+    const int64_t written = RowsWritten();
     const int64_t before = ProcessorTime();
     cost.begin = Clock::now().time_since_epoch().count();
     if (Rows::kKeepsLock)
@@ -223,6 +167,7 @@ Cost Loop<Rows>::Run(const Step &step)
     sqlite3_reset(anyRead_.get());
     cost.end = Clock::now().time_since_epoch().count();
     cost.processor = ProcessorTime() - before;
+    cost.rowsWritten = RowsWritten() - written;
     bus_.Send(kAdded, kFence);
     return cost;
 }

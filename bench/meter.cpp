@@ -1,5 +1,6 @@
 #include "bench/meter.h"
 
+#include "bench/statements.h"
 #include "bench/subscriber.h"
 #include "core/ready.h"
 #include "platform/cfgclient.h"
@@ -305,6 +306,7 @@ int __wrap__ZN3qdb21OnLoadObjectsCreationEv()
     const Reading after = ReadMeter();
     gPopulation.processor = after.service - before.service;
     gPopulation.store = after.store - before.store;
+    gPopulation.rowsWritten = RowsWritten();
     gPopulated = ReadMemory();
     return status;
 }

@@ -85,8 +85,6 @@ struct Report
     double loadAfter;
 };
 
-double LoadAverage();
-
 void PrintTable(const Report &report, const Settings &settings);
 void PrintJson(const Report &report, const Settings &settings);
 

@@ -1,6 +1,7 @@
 #include "bench/service.h"
 
 #include "bench/meter.h"
+#include "bench/statements.h"
 #include "core/lifecycle.h"
 #include "core/paths.h"
 #include "core/state.h"
@@ -115,10 +116,12 @@ Cost RunStep(const Step &step)
     int64_t first = 0;
     Cost cost = {};
     NoteEvents({&first, 1});
+    const int64_t written = RowsWritten();
     const Reading before = ReadMeter();
     SendEvents(step, oids);
     AwaitRecords(records);
     SetSpent(before, &cost);
+    cost.rowsWritten = RowsWritten() - written;
     cost.begin = first;
     cost.end = LastRecordDone();
     ChangeJsonAdded(kFence);

@@ -30,7 +30,7 @@ struct Request
     int seconds;
 };
 
-// Of one request, in nanoseconds. Points in time are of the steady clock.
+// Of one request; times in nanoseconds. Points in time are of the steady clock.
 struct Cost
 {
     int64_t begin; // the first event
@@ -41,6 +41,8 @@ struct Cost
     // thread, and its answers to the service's calls.
     int64_t eventThread;
     int64_t store;
+
+    int64_t rowsWritten; // as SQLite counts them; no time
 };
 
 struct Memory
