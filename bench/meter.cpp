@@ -202,6 +202,11 @@ Memory ReadMemory()
             pages * sysconf(_SC_PAGESIZE)};
 }
 
+void TrimMemory()
+{
+    __real_malloc_trim(0);
+}
+
 bool IsReady()
 {
     return gReadyTime != 0;

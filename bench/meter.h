@@ -44,6 +44,9 @@ int64_t LastRecordDone();
 
 Memory ReadMemory();
 
+// Returns freed memory to the kernel, as the NC thread does at every pass.
+void TrimMemory();
+
 // The steps of the start-up.
 bool IsReady();
 StartUp ReadStartUp(int64_t begin);

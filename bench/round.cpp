@@ -80,7 +80,7 @@ Sample Round::RunOn(Side &side, const Step &step, Work *pWork)
     }
     else
     {
-        const Received received = subscribers_.End(signals);
+        const Received received = subscribers_.End(signals, side.Name());
         work.signals = received.digest;
         end = signals > 0 ? received.last : end;
     }
@@ -189,7 +189,7 @@ Cost Round::TimeChanges(std::vector<double> *pMicroseconds)
                        ++value_};
     subscribers_.Begin(true);
     const Cost cost = service_.side.Ask(Kind::Changes, step).cost;
-    subscribers_.End(step.count);
+    subscribers_.End(step.count, service_.side.Name());
     const std::vector<uint32_t> oids = OidsOf(step);
     std::map<uint32_t, int64_t> begin;
     for (size_t i = 0; i < oids.size(); ++i)
@@ -211,7 +211,7 @@ void Round::MeasureLatency(int runs)
           {Operation::Create, Set::TwentyTypes, 0, setSize_, ++value_});
     subscribers_.Begin();
     service_.side.Ask(Kind::Reconcile);
-    subscribers_.End(0);
+    subscribers_.End(0, service_.side.Name());
     for (int i = 0; i < runs; ++i)
     {
         std::vector<double> times;

@@ -240,6 +240,7 @@ class Driver
             pAnswer->cost = Idle(request.seconds);
             break;
         case Kind::Memory:
+            TrimMemory();
             pAnswer->memory = ReadMemory();
             break;
         case Kind::Stop:

@@ -164,7 +164,7 @@ void Subscribers::Begin(bool withArrivals)
     first.keepsArrivals = withArrivals;
 }
 
-Received Subscribers::End(uint64_t signals) const
+Received Subscribers::End(uint64_t signals, const std::string &sender) const
 {
     Received received = {};
     for (const One &one : all_)
@@ -177,14 +177,15 @@ Received Subscribers::End(uint64_t signals) const
         const uint64_t arrived = one.tally->signals - one.signals;
         if (!fenced || arrived != signals)
         {
-            throw std::runtime_error(std::to_string(arrived) +
+            throw std::runtime_error(sender + ": " + std::to_string(arrived) +
                                      " signals arrived instead of " +
                                      std::to_string(signals));
         }
         const uint64_t digest = one.tally->digest - one.digest;
         if (&one != &all_.front() && digest != received.digest)
         {
-            throw std::runtime_error("subscribers received different texts");
+            throw std::runtime_error(sender +
+                                     ": subscribers received different texts");
         }
         received.digest = digest;
         received.last = std::max(received.last, one.tally->lastArrival.load());

@@ -51,9 +51,10 @@ class Subscribers
     // most.
     void Begin(bool withArrivals = false);
 
-    // Waits for the fence at all of them. Throws std::runtime_error unless each
-    // had exactly that many signals, and all the same.
-    Received End(uint64_t signals) const;
+    // Waits for the fence at all of them. Throws std::runtime_error, in which
+    // `sender` is named, unless each had exactly that many signals, and all the
+    // same.
+    Received End(uint64_t signals, const std::string &sender) const;
 
     // Of the last run.
     std::vector<Arrival> Arrivals() const;
