@@ -224,7 +224,7 @@ void Loop<Rows>::Create(const Subject &subject, bool announced)
 template <typename Rows>
 void Loop<Rows>::Refresh(const Subject &subject)
 {
-    const RowStatements &statements = *subject.statements;
+    RowStatements &statements = *subject.statements;
     auto before = Rows::Read(statements, subject.oid);
     UpdateRow(statements, ObjectView(subject.Object()), subject.oid);
     auto after = Rows::Read(statements, subject.oid);
@@ -238,7 +238,7 @@ void Loop<Rows>::Refresh(const Subject &subject)
 template <typename Rows>
 void Loop<Rows>::Delete(const Subject &subject)
 {
-    const RowStatements &statements = *subject.statements;
+    RowStatements &statements = *subject.statements;
     auto whole = Rows::Read(statements, subject.oid);
     Write(unmap_, {StoredOid(subject.oid)});
     bus_.Send(kRemoved,

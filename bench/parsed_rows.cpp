@@ -84,17 +84,18 @@ JsonPtr ChangeObject(const ObjTypeRow &row, JsonPtr whole)
 
 } // namespace
 
-ParsedRows::Row ParsedRows::Read(const RowStatements &statements, uint32_t oid)
+ParsedRows::Row ParsedRows::Read(RowStatements &statements, uint32_t oid)
 {
-    const StatementReset reset(statements.select.get());
-    sqlite3_bind_int64(statements.select.get(), 1, StoredOid(oid));
-    StepTo(statements.select, SQLITE_ROW);
+    const StatementPtr &select = statements.select.Get();
+    const StatementReset reset(select.get());
+    sqlite3_bind_int64(select.get(), 1, StoredOid(oid));
+    StepTo(select, SQLITE_ROW);
     const Table &table = *statements.row.table;
-    Row row = ReadsWithSelectStar(table) ? Build(statements.select.get())
-                                         : Parse(statements.select);
+    Row row = ReadsWithSelectStar(table) ? Build(select.get()) : Parse(select);
     for (size_t i = 0; i < table.arrays.size(); ++i)
     {
-        AddArray(statements.elements[i], table.arrays[i].name, oid, row.get());
+        AddArray(statements.elements[i].Get(), table.arrays[i].name, oid,
+                 row.get());
     }
     return row;
 }

@@ -18,7 +18,7 @@ struct ParsedRows
     static constexpr bool kKeepsLock = false;
 
     // Throws std::runtime_error when there is no such row.
-    static Row Read(const RowStatements &statements, uint32_t oid);
+    static Row Read(RowStatements &statements, uint32_t oid);
 
     // The text that announces a row that came or went.
     static Text RenderWhole(const ObjTypeRow &row, Row whole);

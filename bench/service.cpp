@@ -122,6 +122,7 @@ Cost RunStep(const Step &step)
     AwaitRecords(records);
     SetSpent(before, &cost);
     cost.rowsWritten = RowsWritten() - written;
+    NoteEvents({});
     cost.begin = first;
     cost.end = LastRecordDone();
     ChangeJsonAdded(kFence);

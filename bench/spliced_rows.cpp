@@ -231,19 +231,18 @@ bool DifferOnlyInTag(std::string_view before, std::string_view after)
 
 } // namespace
 
-SplicedRows::Row SplicedRows::Read(const RowStatements &statements,
-                                   uint32_t oid)
+SplicedRows::Row SplicedRows::Read(RowStatements &statements, uint32_t oid)
 {
-    sqlite3_stmt *select = statements.select.get();
-    const StatementReset reset(select);
-    sqlite3_bind_int64(select, 1, StoredOid(oid));
-    StepTo(statements.select, SQLITE_ROW);
+    const StatementPtr &select = statements.select.Get();
+    const StatementReset reset(select.get());
+    sqlite3_bind_int64(select.get(), 1, StoredOid(oid));
+    StepTo(select, SQLITE_ROW);
     const Table &table = *statements.row.table;
-    Row row =
-        ReadsWithSelectStar(table) ? Build(select) : Row(ColumnText(select, 0));
+    Row row = ReadsWithSelectStar(table) ? Build(select.get())
+                                         : Row(ColumnText(select.get(), 0));
     for (size_t i = 0; i < table.arrays.size(); ++i)
     {
-        AddArray(statements.elements[i], table.arrays[i].name, oid, row);
+        AddArray(statements.elements[i].Get(), table.arrays[i].name, oid, row);
     }
     return row;
 }

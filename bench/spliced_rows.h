@@ -22,7 +22,7 @@ struct SplicedRows
 
     static constexpr bool kKeepsLock = true;
 
-    static Row Read(const RowStatements &statements, uint32_t oid);
+    static Row Read(RowStatements &statements, uint32_t oid);
     static Text RenderWhole(const ObjTypeRow &row, const Row &whole);
     static std::optional<Text>
     RenderChange(const ObjTypeRow &row, const Row &before, const Row &after);

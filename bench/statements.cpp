@@ -101,13 +101,12 @@ void Write(const StatementPtr &statement, std::initializer_list<int> values)
 }
 
 RowStatements::RowStatements(const ObjTypeRow &ofRow)
-    : row(ofRow), insert(PrepareText(InsertSql(*row.table))),
-      update(PrepareText(UpdateSql(*row.table, false))),
-      select(PrepareText(SelectSql(*row.table)))
+    : row(ofRow), insert(InsertSql(*row.table)),
+      update(UpdateSql(*row.table, false)), select(SelectSql(*row.table))
 {
     for (const ArrayProperty &property : row.table->arrays)
     {
-        elements.push_back(PrepareText(SelectElementsSql(*property.table)));
+        elements.emplace_back(SelectElementsSql(*property.table));
     }
 }
 
@@ -124,23 +123,24 @@ const ObjTypeRow *RowOf(DataObjHeader *object)
     return found == ObjectTypeTable.end() ? nullptr : found;
 }
 
-void InsertRow(const RowStatements &statements, const ObjectView &object,
+void InsertRow(RowStatements &statements, const ObjectView &object,
                const char *parentKey)
 {
-    const StatementReset reset(statements.insert.get());
-    BindColumns(statements.insert, statements.row, object, BindMode::Insert,
-                parentKey);
-    StepTo(statements.insert, SQLITE_DONE);
+    const StatementPtr &insert = statements.insert.Get();
+    const StatementReset reset(insert.get());
+    BindColumns(insert, statements.row, object, BindMode::Insert, parentKey);
+    StepTo(insert, SQLITE_DONE);
 }
 
-void UpdateRow(const RowStatements &statements, const ObjectView &object,
+void UpdateRow(RowStatements &statements, const ObjectView &object,
                uint32_t oid)
 {
-    const StatementReset reset(statements.update.get());
-    const int last = BindColumns(statements.update, statements.row, object,
-                                 BindMode::Update, nullptr);
-    sqlite3_bind_int(statements.update.get(), last, StoredOid(oid));
-    StepTo(statements.update, SQLITE_DONE);
+    const StatementPtr &update = statements.update.Get();
+    const StatementReset reset(update.get());
+    const int last =
+        BindColumns(update, statements.row, object, BindMode::Update, nullptr);
+    sqlite3_bind_int(update.get(), last, StoredOid(oid));
+    StepTo(update, SQLITE_DONE);
 }
 
 } // namespace qdb::bench
