@@ -25,12 +25,9 @@ void PrintTarget(const Workload &workload, double speed, double processor)
         std::printf("\n");
         return;
     }
-    std::printf("  %5.2f %5.2f  %s\n", workload.speed, workload.processor,
-                speed < workload.speed ? processor > workload.processor
-                                             ? "both missed"
-                                             : "speed missed"
-                : processor > workload.processor ? "processor missed"
-                                                 : "met");
+    std::printf("  %5.2f %5.2f  speed %s, cpu %s\n", workload.speed,
+                workload.processor, Met(speed >= workload.speed),
+                Met(processor <= workload.processor));
 }
 
 void PrintWorkloads(const Report &report)
