@@ -31,9 +31,13 @@ struct UnrefMessage
 
 } // namespace
 
+// Waits for its name, since the daemon closes a connection that nobody has
+// driven for half a minute, and objects may take longer to make.
 LoopBus::LoopBus()
 {
+    const char *name = nullptr;
     CheckBus(sd_bus_open_system(&bus_));
+    CheckBus(sd_bus_get_unique_name(bus_, &name));
 }
 
 LoopBus::~LoopBus()
