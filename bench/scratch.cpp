@@ -1,8 +1,5 @@
 #include "bench/scratch.h"
 
-#include "core/paths.h"
-#include "db/connection.h"
-
 #include <unistd.h>
 
 #include <cstdlib>
@@ -26,17 +23,6 @@ Scratch::Scratch()
     }
     root_.MakeDatabase();
     root_.MakePipe();
-    gRuntimeRoot = root_.Path().c_str();
-    if (QDVDBInit() != 0)
-    {
-        throw std::runtime_error("can't open " + root_.Database());
-    }
-}
-
-Scratch::~Scratch()
-{
-    CloseDatabase();
-    gRuntimeRoot = "";
 }
 
 Scratch::Directory::~Directory()

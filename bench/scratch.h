@@ -1,6 +1,5 @@
-// What one measurement works on: an empty database with the whole schema, open
-// as the service opens it, and the telemetry pipe's file. The process's runtime
-// root as long as it lives.
+// What one side works on: an empty database with the whole schema, and the
+// telemetry pipe's file, below a runtime root of its own.
 //
 // In the field the database lies on a tmpfs. Here it does, too, where the
 // machine offers one.
@@ -16,14 +15,19 @@ namespace qdb::bench
 class Scratch
 {
   public:
-    // Throws std::runtime_error when the files can't be made or opened.
+    // Throws std::runtime_error when the files can't be made.
     Scratch();
-
-    // All statements have been finalised.
-    ~Scratch();
     Scratch(const Scratch &) = delete;
     Scratch &operator=(const Scratch &) = delete;
 
+    const std::string &Root() const
+    {
+        return root_.Path();
+    }
+    std::string Database() const
+    {
+        return root_.Database();
+    }
     std::string Pipe() const
     {
         return root_.Pipe();

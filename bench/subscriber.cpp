@@ -1,43 +1,83 @@
 #include "bench/subscriber.h"
 
+#include "bench/digest.h"
 #include "publish/bus_connection.h"
 #include "tests/support/wait.h"
 
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
-#include <new>
 #include <stdexcept>
 
 namespace qdb::bench
 {
 
-// Written by the child alone. `signals` comes last, and tells that the other
-// words are up to date.
+// Written by the child alone, but for `keepsArrivals`. `signals` comes last,
+// and tells that the other words are up to date.
 struct Tally
 {
     std::atomic<bool> listening;
-    std::atomic<Clock::rep> lastArrival;
-    std::atomic<uint64_t> bytes;
+    std::atomic<bool> keepsArrivals;
+    std::atomic<int64_t> lastArrival;
+    std::atomic<uint64_t> digest;
     std::atomic<uint64_t> signals;
     std::atomic<uint64_t> fences;
+    std::atomic<uint64_t> arrivalCount;
+    Arrival arrivals[Subscribers::kMaxArrivals];
 };
 static_assert(std::atomic<uint64_t>::is_always_lock_free,
               "the words are shared between processes");
 
+struct Subscribers::One
+{
+    One();
+
+    Shared<Tally> tally;
+    Process process;
+
+    // The counts at Begin.
+    uint64_t signals = 0;
+    uint64_t digest = 0;
+    uint64_t fences = 0;
+};
+
 namespace
 {
 
+// The pipe's; more than any burst of records while the reader has to wait.
+constexpr int kPipeSize = 1 << 20;
+
+// "||", "|", "|", "|" and "||" of one record.
+constexpr uint64_t kBarsOfRecord = 7;
+
+uint32_t OidOf(const char *text)
+{
+    constexpr char kMember[] = "\"OID\": ";
+    const char *found = std::strstr(text, kMember);
+    return found == nullptr ? 0
+                            : static_cast<uint32_t>(std::strtol(
+                                  found + sizeof(kMember) - 1, nullptr, 10));
+}
+
+void NoteArrival(Tally &tally, const char *text, int64_t time)
+{
+    const uint64_t index = tally.arrivalCount;
+    if (index < Subscribers::kMaxArrivals)
+    {
+        tally.arrivals[index] = {OidOf(text), time};
+        tally.arrivalCount = index + 1;
+    }
+}
+
 int OnSignal(sd_bus_message *message, void *userData, sd_bus_error * /*error*/)
 {
+    const int64_t now = Clock::now().time_since_epoch().count();
     Tally &tally = *static_cast<Tally *>(userData);
     const char *text = nullptr;
     if (sd_bus_message_read(message, "s", &text) <= 0)
@@ -49,16 +89,19 @@ int OnSignal(sd_bus_message *message, void *userData, sd_bus_error * /*error*/)
         ++tally.fences;
         return 0;
     }
-    tally.lastArrival = Clock::now().time_since_epoch().count();
-    tally.bytes += std::strlen(text);
+    if (tally.keepsArrivals)
+    {
+        NoteArrival(tally, text, now);
+    }
+    tally.lastArrival = now;
+    tally.digest += SignalDigest(sd_bus_message_get_member(message), text);
     ++tally.signals;
     return 0;
 }
 
-// The child's whole life; it ends with its parent.
-[[noreturn]] void Listen(Tally &tally)
+// A subscriber's whole life.
+int Listen(Tally &tally)
 {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
     const std::string rule = std::string("type='signal',path='") + kSignalPath +
                              "',interface='" + kSignalInterface + "'";
     sd_bus *bus = nullptr;
@@ -76,133 +119,147 @@ int OnSignal(sd_bus_message *message, void *userData, sd_bus_error * /*error*/)
             result = sd_bus_wait(bus, UINT64_MAX);
         }
     }
-    _exit(1);
-}
-
-Tally *MapTally()
-{
-    void *memory = mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE,
-                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED)
-    {
-        throw std::runtime_error("no shared memory");
-    }
-    return new (memory) Tally{};
+    return 1;
 }
 
 } // namespace
 
-void Subscriber::Unmap::operator()(Tally *tally) const
+Subscribers::One::One()
+    : process(
+          [this]
+          {
+              return Listen(*tally);
+          })
 {
-    munmap(tally, sizeof(Tally));
-}
-
-Subscriber::Subscriber() : tally_(MapTally()), child_(fork())
-{
-    if (child_ == 0)
-    {
-        Listen(*tally_);
-    }
-    const bool listens = child_ > 0 && test::WaitUntil(
-                                           [this]
-                                           {
-                                               return tally_->listening.load();
-                                           });
-    if (!listens)
+    if (!test::WaitUntil(
+            [this]
+            {
+                return tally->listening.load();
+            }))
     {
         throw std::runtime_error("no subscriber on the bus");
     }
 }
 
-Subscriber::~Subscriber()
+Subscribers::Subscribers(size_t count)
 {
-    kill(child_, SIGKILL);
-    waitpid(child_, nullptr, 0);
-}
-
-void Subscriber::Begin()
-{
-    signals_ = tally_->signals;
-    bytes_ = tally_->bytes;
-    fences_ = tally_->fences;
-}
-
-uint64_t Subscriber::SignalsSoFar() const
-{
-    return tally_->signals - signals_;
-}
-
-Clock::time_point Subscriber::WaitFor(uint64_t signals) const
-{
-    uint64_t seen = SignalsSoFar();
-    while (seen < signals)
+    for (size_t i = 0; i < count; ++i)
     {
-        const bool more = test::WaitUntil(
-            [&]
+        all_.emplace_back();
+    }
+}
+
+Subscribers::~Subscribers() = default;
+
+void Subscribers::Begin(bool withArrivals)
+{
+    for (One &one : all_)
+    {
+        one.signals = one.tally->signals;
+        one.digest = one.tally->digest;
+        one.fences = one.tally->fences;
+    }
+    Tally &first = *all_.front().tally;
+    first.arrivalCount = 0;
+    first.keepsArrivals = withArrivals;
+}
+
+Received Subscribers::End(uint64_t signals, const std::string &sender) const
+{
+    Received received = {};
+    for (const One &one : all_)
+    {
+        const bool fenced = test::WaitUntil(
+            [&one]
             {
-                return SignalsSoFar() != seen;
+                return one.tally->fences == one.fences + 1;
             });
-        if (!more)
+        const uint64_t arrived = one.tally->signals - one.signals;
+        if (!fenced || arrived != signals)
         {
-            throw std::runtime_error("only " + std::to_string(seen) + " of " +
-                                     std::to_string(signals) +
-                                     " signals arrived");
+            throw std::runtime_error(sender + ": " + std::to_string(arrived) +
+                                     " signals arrived instead of " +
+                                     std::to_string(signals));
         }
-        seen = SignalsSoFar();
-    }
-    return Clock::time_point(Clock::duration(tally_->lastArrival));
-}
-
-uint64_t Subscriber::End(uint64_t signals) const
-{
-    const bool fenced = test::WaitUntil(
-        [this]
+        const uint64_t digest = one.tally->digest - one.digest;
+        if (&one != &all_.front() && digest != received.digest)
         {
-            return tally_->fences == fences_ + 1;
-        });
-    if (!fenced || SignalsSoFar() != signals)
-    {
-        throw std::runtime_error(std::to_string(SignalsSoFar()) +
-                                 " signals arrived instead of " +
-                                 std::to_string(signals));
+            throw std::runtime_error(sender +
+                                     ": subscribers received different texts");
+        }
+        received.digest = digest;
+        received.last = std::max(received.last, one.tally->lastArrival.load());
     }
-    return tally_->bytes - bytes_;
+    return received;
 }
 
-// Opened for writing as well, so that the pipe never ends and the destructor
-// can wake the thread.
-PipeDrain::PipeDrain(const std::string &path)
-    : fd_(open(path.c_str(), O_RDWR | O_CLOEXEC))
+std::vector<Arrival> Subscribers::Arrivals() const
 {
-    if (fd_ < 0)
+    const Tally &first = *all_.front().tally;
+    return {first.arrivals, first.arrivals + first.arrivalCount};
+}
+
+PipeReader::PipeReader(const std::string &path)
+    : process_(
+          [&]
+          {
+              Read(path);
+              return 1;
+          })
+{
+    if (!test::WaitUntil(
+            [this]
+            {
+                return count_->open.load();
+            }))
+    {
+        throw std::runtime_error("nobody reads " + path);
+    }
+}
+
+// Opened for writing as well, so that the pipe never ends.
+void PipeReader::Read(const std::string &path) const
+{
+    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0 || fcntl(fd, F_SETPIPE_SZ, kPipeSize) < 0)
     {
         throw std::runtime_error("can't open " + path);
     }
-    thread_ = std::thread(
-        [this]
-        {
-            Run();
-        });
-}
-
-PipeDrain::~PipeDrain()
-{
-    const char end = '\0';
-    while (write(fd_, &end, 1) < 0 && errno == EINTR)
-    {
-    }
-    thread_.join();
-    close(fd_);
-}
-
-void PipeDrain::Run()
-{
+    count_->open = true;
     char block[65536];
-    ssize_t length = 0;
-    do
+    for (;;)
     {
-        length = read(fd_, block, sizeof(block));
-    } while (length < 0 ? errno == EINTR : block[length - 1] != '\0');
+        const ssize_t length = read(fd, block, sizeof(block));
+        if (length < 0 && errno != EINTR)
+        {
+            throw std::runtime_error("can't read " + path);
+        }
+        count_->bars += static_cast<uint64_t>(
+            std::count(block, block + std::max<ssize_t>(length, 0), '|'));
+    }
+}
+
+void PipeReader::Expect(uint64_t records)
+{
+    const uint64_t expected = before_ + records * kBarsOfRecord;
+    test::WaitUntil(
+        [&]
+        {
+            return count_->bars >= expected;
+        });
+    const uint64_t bars = count_->bars;
+    if (bars != expected)
+    {
+        throw std::runtime_error(
+            std::to_string((bars - before_) / kBarsOfRecord) +
+            " telemetry records arrived instead of " + std::to_string(records));
+    }
+    before_ = bars;
+}
+
+void PipeReader::Skip()
+{
+    before_ = count_->bars;
 }
 
 } // namespace qdb::bench

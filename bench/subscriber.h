@@ -1,14 +1,15 @@
-// The other ends: a process that receives the change signals, and a thread that
-// empties the telemetry pipe.
+// The other ends, each a process of its own: the receivers of the change
+// signals, and the reader of the telemetry pipe.
 #pragma once
 
-#include <sys/types.h>
+#include "bench/process.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <memory>
+#include <list>
 #include <string>
-#include <thread>
+#include <vector>
 
 namespace qdb::bench
 {
@@ -19,63 +20,81 @@ using Clock = std::chrono::steady_clock;
 // arrived, everything before it has.
 inline constexpr char kFence[] = "fence";
 
-struct Tally;
-
-// A child process that counts the signals on the system bus. One run at a time:
-// Begin, some signals, WaitFor if the last one matters, a fence, End.
-class Subscriber
+// When a signal about an object arrived, in nanoseconds of the steady clock.
+struct Arrival
 {
-  public:
-    // Returns when the child listens. To be made while the process has one
-    // thread. Throws std::runtime_error when the child can't listen.
-    Subscriber();
-    ~Subscriber();
-    Subscriber(const Subscriber &) = delete;
-    Subscriber &operator=(const Subscriber &) = delete;
-
-    void Begin();
-
-    // When the last of that many signals arrived. Throws std::runtime_error
-    // when they stop coming before.
-    Clock::time_point WaitFor(uint64_t signals) const;
-
-    // Waits for the fence. Returns the bytes of all texts; throws
-    // std::runtime_error unless there were exactly that many signals.
-    uint64_t End(uint64_t signals) const;
-
-  private:
-    struct Unmap
-    {
-        void operator()(Tally *tally) const;
-    };
-
-    uint64_t SignalsSoFar() const;
-
-    std::unique_ptr<Tally, Unmap> tally_; // shared with the child
-    pid_t child_;
-
-    // The counts at Begin.
-    uint64_t signals_ = 0;
-    uint64_t bytes_ = 0;
-    uint64_t fences_ = 0;
+    uint32_t oid;
+    int64_t time;
 };
 
-// Reads and forgets all that is written into a named pipe, up to a NUL, which
-// no record contains.
-class PipeDrain
+// What one run brought.
+struct Received
+{
+    uint64_t digest; // of all texts, without their tags
+    int64_t last;    // when the last signal arrived at the last subscriber
+};
+
+struct Tally;
+
+// Processes that count the signals on the system bus. One run at a time: Begin,
+// some signals, a fence, End.
+class Subscribers
 {
   public:
-    // Throws std::runtime_error when the pipe can't be opened.
-    explicit PipeDrain(const std::string &path);
-    ~PipeDrain();
-    PipeDrain(const PipeDrain &) = delete;
-    PipeDrain &operator=(const PipeDrain &) = delete;
+    // Returns when all listen. Throws std::runtime_error when one can't.
+    explicit Subscribers(size_t count);
+    ~Subscribers();
+    Subscribers(const Subscribers &) = delete;
+    Subscribers &operator=(const Subscribers &) = delete;
+
+    // `withArrivals`: the first one keeps the times, of kMaxArrivals signals at
+    // most.
+    void Begin(bool withArrivals = false);
+
+    // Waits for the fence at all of them. Throws std::runtime_error, in which
+    // `sender` is named, unless each had exactly that many signals, and all the
+    // same.
+    Received End(uint64_t signals, const std::string &sender) const;
+
+    // Of the last run.
+    std::vector<Arrival> Arrivals() const;
+
+    static constexpr size_t kMaxArrivals = 1 << 16;
 
   private:
-    void Run();
+    struct One;
 
-    int fd_;
-    std::thread thread_;
+    std::list<One> all_;
+};
+
+// A process that counts the records of a telemetry pipe.
+class PipeReader
+{
+  public:
+    // Returns when the pipe is open. Throws std::runtime_error when it can't
+    // be.
+    explicit PipeReader(const std::string &path);
+
+    // Waits for that many records since the last call. Throws
+    // std::runtime_error when it were more or less.
+    void Expect(uint64_t records);
+
+    // Forgets what has come so far.
+    void Skip();
+
+  private:
+    // Written by the child alone.
+    struct Count
+    {
+        std::atomic<bool> open;
+        std::atomic<uint64_t> bars; // the character that divides the fields
+    };
+
+    void Read(const std::string &path) const;
+
+    Shared<Count> count_;
+    uint64_t before_ = 0; // bars
+    Process process_;
 };
 
 } // namespace qdb::bench

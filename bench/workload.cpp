@@ -1,27 +1,46 @@
 #include "bench/workload.h"
 
 #include "core/json.h"
+#include "objects/catalogue.h"
 #include "platform/standin/generator.h"
+#include "platform/standin/layout.h"
 #include "platform/standin/standin.h"
-#include "tests/support/wait.h"
 
-#include <chrono>
-#include <numeric>
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
+#include <string>
 
 namespace qdb::bench
 {
 namespace
 {
 
-constexpr uint16_t kType = 0xE1;
-constexpr uint16_t kParentType = 0x91;
-constexpr uint32_t kFirstOid = 0x10000;
+constexpr uint16_t kParentType = 0x91; // the system
+constexpr uint16_t kProbeType = 0x1B;
+constexpr uint16_t kMeasuredType = 0xE1;
 
-// The column that a refresh finds changed, and its new value: one that the
-// stand-in's generator never gives.
-constexpr char kChangedColumn[] = "currentSpeed";
-constexpr json_int_t kChangedValue = 99999;
+// Sensors, supplies, storage, network, settings and inventory: narrow and wide
+// tables, two with SELECT * readers and one with previous values. None is read
+// again by the NC thread, and none has an array property.
+constexpr uint16_t kTwentyTypes[] = {
+    0x15, 0x16, 0x17,  0x18, 0x19,  0x28,  0x303, 0x305, 0x309, 0x30A,
+    0x40, 0x44, 0x713, 0x58, 0x701, 0x704, 0x711, 0x712, 0xD3,  0xE6,
+};
+
+// Of these the population has one object. The NC thread takes any further one
+// of the last two for a replacement of the first, at every pass.
+constexpr uint16_t kSingletons[] = {kParentType, 0x36, 0xEB, 0xEC};
+
+constexpr Parent kSystem = {0x1000, "91||System.Embedded.1"};
+
+// The service wants all probes of one type below the battery: it makes them
+// anew at every pass of the NC thread otherwise.
+constexpr uint16_t kBatteryType = 0x5E;
+constexpr Parent kBattery = {0x1001, "Tarnu.Embedded.1#SubSystem.1#Battery"};
+
+// Sets don't meet up to a million objects.
+constexpr uint32_t kFirstOid[] = {0x100000, 0x200000, 0x300000};
 
 void Check(const standin::Error &error)
 {
@@ -31,79 +50,157 @@ void Check(const standin::Error &error)
     }
 }
 
-void PutObject(uint32_t oid)
+bool IsSingleton(uint32_t objType)
 {
-    const standin::Json values = standin::GenerateValues(kType, oid, true);
-    Check(standin::CreateObject({kType, oid, {kParentOid}, values.get(), ""},
-                                false));
+    return std::ranges::find(kSingletons, objType) != std::end(kSingletons);
 }
 
-// A row's tag is the second of its last writing. In a later second every
-// refresh changes it, so that the texts don't depend on the speed.
-void WaitForNextSecond()
+std::vector<uint16_t> TypesOf(Set set)
 {
-    const auto second = []
+    switch (set)
     {
-        return std::chrono::floor<std::chrono::seconds>(
-            std::chrono::system_clock::now());
-    };
-    const auto begin = second();
-    test::WaitUntil(
-        [&]
+    case Set::OneType:
+        return {kMeasuredType};
+    case Set::TwentyTypes:
+        return {std::begin(kTwentyTypes), std::end(kTwentyTypes)};
+    case Set::Population:
+        break;
+    }
+    std::vector<uint16_t> types;
+    for (const ObjTypeRow &row : ObjectTypeTable)
+    {
+        const auto type = static_cast<uint16_t>(row.objType);
+        const bool isSecondRow = !types.empty() && types.back() == type;
+        if (!isSecondRow && !IsConfigType(type) && !IsSingleton(type))
         {
-            return second() != begin;
+            types.push_back(type);
+        }
+    }
+    return types;
+}
+
+uint32_t FirstOid(Set set)
+{
+    return kFirstOid[static_cast<size_t>(set)];
+}
+
+void PutObject(uint16_t type, uint32_t oid, bool isFirst, const char *key = "")
+{
+    const standin::Json values = standin::GenerateValues(type, oid, isFirst);
+    std::vector<uint32_t> parents;
+    if (const Parent *parent = ParentOf(type, oid))
+    {
+        parents = {parent->oid};
+    }
+    Check(
+        standin::CreateObject({type, oid, parents, values.get(), key}, false));
+}
+
+// Types in turn; objects of a type with two tables take turns between them.
+void PutSet(Set set, uint32_t first, uint32_t end)
+{
+    const std::vector<uint16_t> types = TypesOf(set);
+    for (uint32_t i = first; i < end; ++i)
+    {
+        PutObject(types[i % types.size()], FirstOid(set) + i,
+                  i / types.size() % 2 == 0);
+    }
+}
+
+constexpr uint32_t kSpecialObjects =
+    1 + static_cast<uint32_t>(std::size(kSingletons));
+
+void PutPopulation(uint32_t count)
+{
+    PutObject(kParentType, kSystem.oid, true, kSystem.key);
+    PutObject(kBatteryType, kBattery.oid, true, kBattery.key);
+    uint32_t oid = kBattery.oid;
+    for (const uint16_t type : kSingletons)
+    {
+        if (type != kParentType)
+        {
+            PutObject(type, ++oid, true);
+        }
+    }
+    PutSet(Set::Population, kSpecialObjects, count);
+}
+
+// A whole number of its own that has room for a step's value.
+const char *ChangedColumn(const Table &table)
+{
+    const auto found = std::ranges::find_if(
+        table.columns,
+        [&](const Column &column)
+        {
+            return column.source.form != Form::Bits &&
+                   standin::RangeOf(column.source).bits >= 16 &&
+                   standin::IsFree(table, column);
         });
+    if (found == table.columns.end())
+    {
+        throw std::runtime_error(std::string(table.name) +
+                                 " has no column to change");
+    }
+    return found->name;
+}
+
+// By the place in the set.
+void ChangeObjects(const Step &step)
+{
+    const std::vector<uint16_t> types = TypesOf(step.set);
+    std::vector<JsonPtr> changes;
+    for (const uint16_t type : types)
+    {
+        changes.emplace_back(json_pack("{s:I}",
+                                       ChangedColumn(*FindRow(type)->table),
+                                       static_cast<json_int_t>(step.value)));
+    }
+    for (uint32_t i = step.first; i < step.first + step.count; ++i)
+    {
+        Check(standin::SetObject(FirstOid(step.set) + i,
+                                 changes[i % types.size()].get(), false));
+    }
 }
 
 } // namespace
 
-const char *NameOf(Operation operation)
+const Parent *ParentOf(uint16_t type, uint32_t oid)
 {
-    static constexpr const char *kNames[] = {
-        "create",
-        "refresh, one column changed",
-        "refresh, nothing changed",
-        "delete",
-    };
-    return kNames[static_cast<size_t>(operation)];
+    return oid == kSystem.oid   ? nullptr
+           : type == kProbeType ? &kBattery
+                                : &kSystem;
 }
 
-const ObjTypeRow &MeasuredRow()
+std::vector<uint32_t> OidsOf(const Step &step)
 {
-    return *FindRow(kType);
-}
-
-Workload::Workload(size_t count) : oids_(count)
-{
-    std::iota(oids_.begin(), oids_.end(), kFirstOid);
-    standin::Reset();
-    Check(standin::CreateObject(
-        {kParentType, kParentOid, {}, nullptr, kParentKey}, false));
-}
-
-void Workload::Prepare(Operation operation) const
-{
-    const JsonPtr change(json_pack("{s:I}", kChangedColumn, kChangedValue));
-    switch (operation)
+    std::vector<uint32_t> oids;
+    for (uint32_t i = step.first; i < step.first + step.count; ++i)
     {
+        const bool isSpecial =
+            step.set == Set::Population && i < kSpecialObjects;
+        oids.push_back((isSpecial ? kSystem.oid : FirstOid(step.set)) + i);
+    }
+    return oids;
+}
+
+void PrepareObjects(const Step &step)
+{
+    switch (step.operation)
+    {
+    case Operation::Populate:
+        PutPopulation(step.count);
+        break;
     case Operation::Create:
-        for (const uint32_t oid : oids_)
-        {
-            PutObject(oid);
-        }
+        PutSet(step.set, step.first, step.first + step.count);
         break;
     case Operation::RefreshChanged:
-        for (const uint32_t oid : oids_)
-        {
-            Check(standin::SetObject(oid, change.get(), false));
-        }
-        WaitForNextSecond();
+        ChangeObjects(step);
         break;
     case Operation::RefreshSame:
-        WaitForNextSecond();
         break;
     case Operation::Delete:
-        Check(standin::DeleteObjects(oids_, false));
+    case Operation::DestroyBunch:
+        Check(standin::DeleteObjects(OidsOf(step), false));
         break;
     }
 }

@@ -1,16 +1,12 @@
-// What is measured: four operations, each on all objects of one table.
+// What is measured: operations on three sets of objects.
 //
-// A workload keeps the stand-in's objects and sends no event. Both sides of the
-// bench go through the operations in their order, on the same objects with the
-// same contents, so that they write the same rows and send the same texts.
+// Every side has a stand-in of its own, and the functions below keep its
+// objects; they send no event. As an object's contents follow from its OID and
+// the steps alone, all sides write the same rows and send the same texts.
 #pragma once
 
-#include "objects/catalogue.h"
-
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <vector>
 
 namespace qdb::bench
@@ -18,58 +14,55 @@ namespace qdb::bench
 
 enum class Operation
 {
+    Populate, // without signals
     Create,
     RefreshChanged, // one column differs
     RefreshSame,    // none does
     Delete,
+    DestroyBunch, // one event for all
 };
 
-inline constexpr std::array kOperations = {
-    Operation::Create,
-    Operation::RefreshChanged,
-    Operation::RefreshSame,
-    Operation::Delete,
+enum class Set
+{
+    Population, // of all types that come from the Data Manager
+    OneType,
+    TwentyTypes,
 };
 
-const char *NameOf(Operation operation);
+struct Step
+{
+    Operation operation;
+    Set set;
+    uint32_t first; // place in the set; 0 for the population
+    uint32_t count;
+    uint32_t value; // of the changed column; another one for every step
+};
 
 // Signals that one operation sends, 1 or 0.
-constexpr size_t SignalsOf(Operation operation)
+constexpr uint32_t SignalsOf(Operation operation)
 {
-    return operation == Operation::RefreshSame ? 0 : 1;
+    return operation == Operation::Populate ||
+                   operation == Operation::RefreshSame
+               ? 0
+               : 1;
 }
 
-// How one run over all objects went.
-struct Outcome
+// The OIDs of a step's objects, in the order of its events.
+std::vector<uint32_t> OidsOf(const Step &step);
+
+// Every object but the first of the population has one parent, which has a row
+// of its own.
+struct Parent
 {
-    double seconds;       // from the first event to the last effect
-    uint64_t signalBytes; // of all JSON texts that were sent
+    uint32_t oid;
+    const char *key;
 };
 
-// The row of TblMemoryInfo, type 0xE1.
-const ObjTypeRow &MeasuredRow();
+// NULL for the object that has none.
+const Parent *ParentOf(uint16_t type, uint32_t oid);
 
-// The one parent of all objects; it has no row of its own.
-inline constexpr uint32_t kParentOid = 0x1000;
-inline constexpr char kParentKey[] = "System.Embedded.1";
-
-class Workload
-{
-  public:
-    // Forgets everything that the stand-in holds. No object is there yet.
-    explicit Workload(size_t count);
-
-    std::span<const uint32_t> Oids() const
-    {
-        return oids_;
-    }
-
-    // Brings the objects to where the operation's events find them. Throws
-    // std::runtime_error when the stand-in refuses.
-    void Prepare(Operation operation) const;
-
-  private:
-    std::vector<uint32_t> oids_;
-};
+// Brings this process's stand-in to where the step's events find it. Throws
+// std::runtime_error when the stand-in refuses.
+void PrepareObjects(const Step &step);
 
 } // namespace qdb::bench
