@@ -330,6 +330,7 @@ TEST(RowText, LeavesTheUnusualToJansson)
         {"escaped NUL", head + R"("\u0000")" + tail, false},
         {"surrogate pair", head + R"("\ud83d\ude00")" + tail, false},
         {"raw control character", head + "\"\n\"" + tail, false},
+        {"the last of them", head + "\"\x1F\"" + tail, false},
         {"true", head + "true" + tail, false},
         {"nul", head + "nul" + tail, false},
         {"nothing", head + tail, false},
@@ -344,6 +345,7 @@ TEST(RowText, LeavesTheUnusualToJansson)
         {"another key", R"({"OIE":1)" + head.substr(8) + "7" + tail, false},
         {"longer key", R"({"OIDs":1)" + head.substr(8) + "7" + tail, false},
         {"key not closed", R"({"OID:1)" + head.substr(8) + "7" + tail, false},
+        {"values alone", R"({1,2,3,4,5,6,7,8,"9"})", false},
         {"empty object", "{}", false},
         {"array outside", "[" + head + "7" + tail + "]", false},
     };
