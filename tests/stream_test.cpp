@@ -412,7 +412,9 @@ class StreamTest : public ::testing::Test
         ASSERT_TRUE(in) << "can't read " << path;
         std::ostringstream text;
         text << in.rdbuf();
-        EXPECT_EQ(Differences(ParseStream(text.str()), stream), "") << path;
+        const std::string differences =
+            Differences(ParseStream(text.str()), stream);
+        EXPECT_TRUE(differences.empty()) << path << ":\n" << differences;
     }
 
     StreamClock clock_;
