@@ -44,6 +44,7 @@ constexpr char kComment[] =
 // Seconds. What changes at kThen has the tag of its create.
 constexpr int64_t kThen = 1111111111;
 constexpr int64_t kNow = 2222222222;
+constexpr int64_t kLater = 3333333333;
 
 // What happens to one object.
 struct Step
@@ -271,6 +272,7 @@ class StreamTest : public ::testing::Test
                                  return NotifyStatus(subject);
                              });
         }
+        clock_.Set(kLater);
         Put(subject, ValuesFor(row, ValueSet::First).get());
         Event("change back", subject, kDirty);
         Event("create again", subject, kCreate);
@@ -412,7 +414,9 @@ class StreamTest : public ::testing::Test
         ASSERT_TRUE(in) << "can't read " << path;
         std::ostringstream text;
         text << in.rdbuf();
-        EXPECT_EQ(Differences(ParseStream(text.str()), stream), "") << path;
+        const std::string differences =
+            Differences(ParseStream(text.str()), stream);
+        EXPECT_TRUE(differences.empty()) << path << ":\n" << differences;
     }
 
     StreamClock clock_;
