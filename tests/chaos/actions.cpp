@@ -146,13 +146,17 @@ void Delete(Chaos &chaos)
 }
 
 // Seen by passes alone.
+void ChangeWatched(Chaos &chaos, Slot &slot)
+{
+    const char *watched = slot.kind->watched;
+    Change(chaos, slot,
+           *watched == '*' ? slot.kind->columns[chaos.Below(2)] : watched,
+           false);
+}
+
 void SetWatched(Chaos &chaos)
 {
-    Slot *slot = chaos.Pick(IsWatched);
-    const char *watched = slot->kind->watched;
-    Change(chaos, *slot,
-           *watched == '*' ? slot->kind->columns[chaos.Below(2)] : watched,
-           false);
+    ChangeWatched(chaos, *chaos.Pick(IsWatched));
 }
 
 // The refreshes of one object overlap.
@@ -470,12 +474,50 @@ bool Chaos::RunEpoch()
 
 bool Chaos::Quieten()
 {
+    constexpr size_t kPromisedPasses = 2;
     if (isDetached)
     {
         Attach(*this);
     }
-    constexpr size_t kPromisedPasses = 2;
+    if (!Settle())
+    {
+        return false;
+    }
+    LeaveToFailQueue();
+    LeaveToReloads();
     return Settle() && driver.WaitPasses(kPromisedPasses);
+}
+
+// Changes of objects that have no row.
+void Chaos::LeaveToFailQueue()
+{
+    if (Below(2) == 0)
+    {
+        DetachAlone(*this);
+        Settle();
+        for (int i = 0; i < 12; ++i)
+        {
+            SendAgain<3, What::ToldDirty>(*this);
+        }
+        Settle();
+    }
+}
+
+// What happens without a word.
+void Chaos::LeaveToReloads()
+{
+    for (Slot &slot : world.slots)
+    {
+        if (slot.Has(kCounted) && Below(3) == 0)
+        {
+            slot.alive ? Disappear(*this, slot, false)
+                       : Appear(*this, slot, false);
+        }
+        if (IsWatched(slot) && Below(2) == 0)
+        {
+            ChangeWatched(*this, slot);
+        }
+    }
 }
 
 } // namespace qdb::chaos

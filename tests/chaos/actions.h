@@ -25,7 +25,8 @@ class Chaos
     // the service. False when it is stuck.
     bool RunEpoch();
 
-    // Ends what is still going on and waits for the promised passes.
+    // Ends what is still going on, leaves some of it to the passes that the
+    // service promises, and waits for them.
     bool Quieten();
 
     // A number below `limit`.
@@ -60,6 +61,8 @@ class Chaos
 
   private:
     bool Settle();
+    void LeaveToFailQueue();
+    void LeaveToReloads();
 
     std::mt19937 engine_;
     bool trace_;

@@ -195,6 +195,12 @@ bool Driver::Settle(bool *pPassRan)
     return settled;
 }
 
+bool Driver::PassRuns()
+{
+    log_.Read();
+    return log_.PassRuns();
+}
+
 bool Driver::WaitPasses(size_t count)
 {
     log_.Read();

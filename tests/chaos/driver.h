@@ -108,6 +108,9 @@ class Driver
     // doesn't within the deadline. *pPassRan: a pass was under way meanwhile.
     bool Settle(bool *pPassRan);
 
+    // A pass is under way, as far as the log tells.
+    bool PassRuns();
+
     // Waits for so many whole passes.
     bool WaitPasses(size_t count);
 

@@ -23,6 +23,7 @@ struct Case
     const Fate &fate;
     const Journal &journal;
     const World &world;
+    bool afterPasses;
     bool rowIsMissing;  // the whole of it
     size_t missingRows; // objects of this type without a row
     size_t extraRows;   // rows of this type without an object
@@ -70,7 +71,7 @@ bool IsCreation(const Case &c)
 // or as many rows too many as too few.
 bool IsCounted(const Case &c)
 {
-    return c.slot.Has(kCounted) && !c.isEmptyType &&
+    return c.afterPasses && c.slot.Has(kCounted) && !c.isEmptyType &&
            c.missingRows != c.extraRows;
 }
 
@@ -78,7 +79,7 @@ bool IsCounted(const Case &c)
 // holds what it has seen: not until they change.
 bool IsMade(const Case &c)
 {
-    return c.slot.Has(kMade) &&
+    return c.afterPasses && c.slot.Has(kMade) &&
            !(c.slot.Has(kReloaded) && c.fate.taken >= c.fate.changed);
 }
 
@@ -101,7 +102,8 @@ bool IsOlder(const Case &c, Cause cause)
 
 bool IsUnwatchedOlder(const Case &c, Cause cause)
 {
-    return IsOlder(c, cause) && !c.slot.Watches(c.difference.column);
+    return IsOlder(c, cause) &&
+           !(c.afterPasses && c.slot.Watches(c.difference.column));
 }
 
 // Some epoch from the given one on for which `condition` holds.
@@ -187,7 +189,7 @@ constexpr Rule kRules[] = {
     // A list without objects changes nothing.
     {"empty-list", [](const Case &c) { return Keeps(c, Cause::Silent) && c.isEmptyType; }},
     // The newest node stays in the fail queue until the next failure.
-    {kNewestFailNode, [](const Case &c) { return Lacks(c, Cause::Kept) && c.isLastKept; }},
+    {kNewestFailNode, [](const Case &c) { return Lacks(c, Cause::Kept) && (c.isLastKept || !c.afterPasses); }},
     // A node whose object can't be had when its turn comes is forgotten.
     {"forgotten-fail-node", [](const Case &c) { return Lacks(c, Cause::Kept) && IsNodeForgotten(c); }},
     // A row of raw data isn't written from its attribute any more.
@@ -223,8 +225,9 @@ class Explanation
 {
   public:
     Explanation(const audit::Report &report, const World &world,
-                const Journal &journal)
-        : report_(report), world_(world), journal_(journal)
+                const Journal &journal, bool afterPasses)
+        : report_(report), world_(world), journal_(journal),
+          afterPasses_(afterPasses)
     {
         for (const Slot &slot : world.slots)
         {
@@ -259,7 +262,6 @@ class Explanation
             else
             {
                 ++result.counts[rule];
-                if (getenv("CHAOS_DEBUG")) fprintf(stderr, "DBG %s %s\n%s", rule, audit::Print(difference).c_str(), journal_.Print(*fates_[difference.oid].slot).c_str());
             }
         }
         return result;
@@ -288,6 +290,7 @@ class Explanation
                         fate,
                         journal_,
                         world_,
+                        afterPasses_,
                         missing_[type].contains(difference.oid),
                         missing_[type].size(),
                         extra_[type].size(),
@@ -309,6 +312,7 @@ class Explanation
     const audit::Report &report_;
     const World &world_;
     const Journal &journal_;
+    const bool afterPasses_;
     std::map<int64_t, Known> fates_;
     std::map<uint32_t, std::set<int64_t>> missing_; // by type
     std::map<uint32_t, std::set<int64_t>> extra_;
@@ -320,9 +324,9 @@ class Explanation
 } // namespace
 
 Explained Explain(const audit::Report &report, const World &world,
-                  const Journal &journal)
+                  const Journal &journal, bool afterPasses)
 {
-    return Explanation(report, world, journal).Run();
+    return Explanation(report, world, journal, afterPasses).Run();
 }
 
 } // namespace qdb::chaos

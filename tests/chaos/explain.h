@@ -20,9 +20,9 @@ struct Explained
     std::vector<audit::Difference> unexplained;
 };
 
-// `report` is of the end of a quiet time in which the passes that the service
-// promises have run.
+// `report` is of a service that has done all that it was told; `afterPasses`:
+// and has made the passes that it promises since.
 Explained Explain(const audit::Report &report, const World &world,
-                  const Journal &journal);
+                  const Journal &journal, bool afterPasses);
 
 } // namespace qdb::chaos
