@@ -35,6 +35,11 @@ bool IsAttribute(const Slot &slot)
     return slot.IsAttribute();
 }
 
+bool IsAliveAttribute(const Slot &slot)
+{
+    return slot.alive && slot.IsAttribute();
+}
+
 bool IsRemovable(const Slot &slot)
 {
     return slot.alive && !slot.Has(kFixed);
@@ -252,17 +257,8 @@ void TellAll(Chaos &chaos, What what, Fits fits)
     }
 }
 
-void Restart(Chaos &chaos)
+void CommitOne(Chaos &chaos, const std::string &name)
 {
-    TellAll(chaos, What::Cleared, IsAttribute);
-    chaos.driver.Bus().TakeName();
-    chaos.driver.Bus().GiveUpName();
-}
-
-void Commit(Chaos &chaos)
-{
-    static const std::vector<std::string> kAll = AttributeInterfaces({});
-    const std::string &name = kAll[chaos.Below(4)];
     TellAll(chaos, What::ToldCreate,
             [&](const Slot &slot)
             {
@@ -270,6 +266,33 @@ void Commit(Chaos &chaos)
                        name.ends_with(slot.kind->interface);
             });
     chaos.driver.Bus().SendCommit(name);
+}
+
+void Commit(Chaos &chaos)
+{
+    CommitOne(chaos, AttributeInterfaces({})[chaos.Below(4)]);
+}
+
+// The manager comes back with other contents, and may announce them.
+void Restart(Chaos &chaos)
+{
+    for (int i = 0; i < 4; ++i)
+    {
+        Slot *slot = chaos.Pick(IsAliveAttribute);
+        i % 2 == 0 ? Disappear(chaos, *slot, false)
+                   : Change(chaos, *slot, slot->kind->columns[1], false);
+    }
+    TellAll(chaos, What::Cleared, IsAttribute);
+    chaos.driver.Bus().TakeName();
+    chaos.driver.Bus().GiveUpName();
+    if (chaos.Below(2) == 0)
+    {
+        chaos.Settle();
+        for (const std::string &name : AttributeInterfaces({}))
+        {
+            CommitOne(chaos, name);
+        }
+    }
 }
 
 void TellDetach(Chaos &chaos)
@@ -346,7 +369,7 @@ constexpr Action kActions[] = {
     {"status",           25, Status,                              true},
     {"raw data",          8, RawData,                             true},
     {"commit",            8, Commit,                              true},
-    {"restart",           2, Restart,                             false},
+    {"restart",           4, Restart,                             false},
     {"detach or attach",  3, DetachOrAttach,                      false},
     {"detach alone",      1, DetachAlone,                         false},
     {"hold database",     5, Hold,                                false},
@@ -475,7 +498,7 @@ bool Chaos::RunEpoch()
 bool Chaos::Quieten()
 {
     constexpr size_t kPromisedPasses = 2;
-    if (isDetached)
+    if (isDetached || Below(4) > 0)
     {
         Attach(*this);
     }
@@ -488,17 +511,20 @@ bool Chaos::Quieten()
     return Settle() && driver.WaitPasses(kPromisedPasses);
 }
 
-// Changes of objects that have no row.
+// Objects that have no row change.
 void Chaos::LeaveToFailQueue()
 {
-    if (Below(2) == 0)
+    for (int i = 0; i < 5; ++i)
     {
-        DetachAlone(*this);
+        Slot *slot = Pick(
+            [](const Slot &candidate)
+            {
+                return IsRemovable(candidate) && candidate.Has(kKept);
+            });
+        Disappear(*this, *slot, true);
         Settle();
-        for (int i = 0; i < 12; ++i)
-        {
-            SendAgain<3, What::ToldDirty>(*this);
-        }
+        Appear(*this, *slot, false);
+        Change(*this, *slot, slot->kind->columns[1], true);
         Settle();
     }
 }
@@ -513,7 +539,7 @@ void Chaos::LeaveToReloads()
             slot.alive ? Disappear(*this, slot, false)
                        : Appear(*this, slot, false);
         }
-        if (IsWatched(slot) && Below(2) == 0)
+        if (IsWatched(slot))
         {
             ChangeWatched(*this, slot);
         }

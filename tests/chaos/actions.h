@@ -29,6 +29,9 @@ class Chaos
     // service promises, and waits for them.
     bool Quieten();
 
+    // Ends the epoch. False when the service is stuck.
+    bool Settle();
+
     // A number below `limit`.
     uint32_t Below(uint32_t limit);
 
@@ -60,7 +63,6 @@ class Chaos
     bool isDetached = false;
 
   private:
-    bool Settle();
     void LeaveToFailQueue();
     void LeaveToReloads();
 

@@ -158,6 +158,16 @@ bool HasParentChanged(const Case &c)
            std::ranges::any_of(c.journal.Of(*parent), changes);
 }
 
+bool WasLostSinceBorn(const Case &c)
+{
+    return std::ranges::any_of(c.journal.Of(c.slot),
+                               [&](const Entry &entry)
+                               {
+                                   return entry.epoch >= c.fate.born &&
+                                          entry.what == What::Disappear;
+                               });
+}
+
 bool WasParentNotHad(const Case &c)
 {
     constexpr const char *kCalls[] = {
@@ -206,6 +216,8 @@ constexpr Rule kRules[] = {
     {"parent-at-creation", [](const Case &c) { return IsCreation(c) && HasParentChanged(c); }},
     // A parent that can't be had then leaves no trace in the row.
     {"parent-not-had", [](const Case &c) { return IsCreation(c) && WasParentNotHad(c); }},
+    // Nor has an object parents that is lost while its row is made.
+    {"lost-while-made", [](const Case &c) { return IsCreation(c) && WasLostSinceBorn(c); }},
     // Records of one object that are under way together are done in any order.
     {"unordered-events", [](const Case &c) { return Lacks(c, Cause::Crowd) || Keeps(c, Cause::Crowd) || IsOlder(c, Cause::Crowd); }},
     // What meets a failing platform call is lost, unless a pass looks again.
@@ -261,7 +273,8 @@ class Explanation
             }
             else
             {
-                ++result.counts[rule];
+                result.counts[rule] +=
+                    told_.insert({difference.oid, rule}).second;
             }
         }
         return result;
@@ -319,6 +332,7 @@ class Explanation
     std::map<uint32_t, size_t> living_; // by type
     size_t lastKept_ = 0;
     int64_t newest_ = 0;
+    std::set<std::pair<int64_t, std::string>> told_; // OID and rule
 };
 
 } // namespace

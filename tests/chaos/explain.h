@@ -16,7 +16,7 @@ namespace qdb::chaos
 
 struct Explained
 {
-    std::map<std::string, size_t> counts; // by rule
+    std::map<std::string, size_t> counts; // of objects, by rule
     std::vector<audit::Difference> unexplained;
 };
 
