@@ -9,21 +9,48 @@ namespace qdb
 {
 namespace
 {
-thread_local int tLastStepStatus = SQLITE_OK;
-}
 
-int StepStatement(sqlite3_stmt *statement)
+// How long the reads that are under way may take to end.
+constexpr int kAbortedAttempts = 1000;
+constexpr unsigned kAbortedPauseMicroseconds = 1000;
+
+thread_local int tLastStepStatus = SQLITE_OK;
+
+int StepOnce(sqlite3_stmt *statement)
 {
     const MutexLock lock(SqliteStepMutex);
-    tLastStepStatus = sqlite3_step(statement);
-    if (IsBusy(tLastStepStatus))
+    const int status = sqlite3_step(statement);
+    if (IsBusy(status))
     {
         // Left as it is, a statement that waits keeps the read lock of the
         // whole connection; another process that holds the write lock then
         // waits for that one, and neither gets on.
         sqlite3_reset(statement);
     }
-    return tLastStepStatus;
+    return status;
+}
+
+} // namespace
+
+// Without a journal, a statement that fails behind its first write (as one
+// whose mapping a destroy has just taken away) can't be undone. SQLite then
+// drops its cache, and gives ABORT to every statement of the connection until
+// no read is under way any more. It means none of those statements: one that
+// hasn't given a row yet just begins again.
+int StepStatement(sqlite3_stmt *statement)
+{
+    const bool isFresh = sqlite3_stmt_busy(statement) == 0;
+    int status = StepOnce(statement);
+    for (int attempt = 1;
+         status == SQLITE_ABORT && isFresh && attempt < kAbortedAttempts;
+         ++attempt)
+    {
+        sqlite3_reset(statement);
+        SleepMicroseconds(kAbortedPauseMicroseconds);
+        status = StepOnce(statement);
+    }
+    tLastStepStatus = status;
+    return status;
 }
 
 int LastStepStatus()
