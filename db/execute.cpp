@@ -11,6 +11,10 @@ namespace qdb
 namespace
 {
 
+// How long the reads that are under way may take to end.
+constexpr int kAbortedAttempts = 1000;
+constexpr unsigned kAbortedPauseMicroseconds = 1000;
+
 thread_local int tLastStepStatus = SQLITE_OK;
 
 // What SQLite answers at once while a read is open on the connection: it then
@@ -20,9 +24,7 @@ bool MayBeOurRead(int status)
     return IsBusy(status) || status == SQLITE_ABORT;
 }
 
-} // namespace
-
-int StepStatement(sqlite3_stmt *statement)
+int StepOnce(sqlite3_stmt *statement)
 {
     const MutexLock lock(SqliteStepMutex);
     NoteStep();
@@ -44,6 +46,29 @@ int StepStatement(sqlite3_stmt *statement)
         // whole connection; another process that holds the write lock then
         // waits for that one, and neither gets on.
         sqlite3_reset(statement);
+    }
+    return status;
+}
+
+} // namespace
+
+// Without a journal, a statement that fails behind its first write (as one
+// whose mapping a destroy has just taken away) can't be undone. SQLite then
+// drops its cache, and gives ABORT to every statement of the connection until
+// no read is under way any more. It means none of those statements: one that
+// hasn't given a row yet just begins again.
+int StepStatement(sqlite3_stmt *statement)
+{
+    const bool isFresh = sqlite3_stmt_busy(statement) == 0;
+    int status = StepOnce(statement);
+    for (int attempt = 1;
+         status == SQLITE_ABORT && isFresh && attempt < kAbortedAttempts;
+         ++attempt)
+    {
+        sqlite3_reset(statement);
+        GiveUpTurn();
+        SleepMicroseconds(kAbortedPauseMicroseconds);
+        status = StepOnce(statement);
     }
     tLastStepStatus = status;
     return status;

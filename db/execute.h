@@ -17,7 +17,8 @@ inline constexpr int kAttempts = 100;
 inline constexpr unsigned kBusyPauseMicroseconds = 110000;
 
 // sqlite3_step under SqliteStepMutex. A statement that finds the database busy
-// starts anew at the next step, with its bindings.
+// starts anew at the next step, with its bindings; one that another statement's
+// failure has aborted is stepped again for a second.
 int StepStatement(sqlite3_stmt *statement);
 
 // Steps a bound statement in a status loop. Returns 0 when a step succeeded,

@@ -406,5 +406,27 @@ TEST_F(DbTest, AWriterThatWaitsLetsTheOtherProcessFinish)
               Lines{"ours"});
 }
 
+sqlite3_stmt *gReader = nullptr;
+
+// What cannot be undone, without a journal, aborts all others while any of them
+// reads.
+TEST_F(DbTest, AStatementOutlastsTheFailureOfAnother)
+{
+    int status = SQLITE_OK;
+    const StatementPtr reader = PrepareOnce("SELECT * FROM TblEtag", &status);
+    gReader = reader.get();
+    EXPECT_EQ(StepStatement(gReader), SQLITE_ROW);
+    EXPECT_EQ(InsertInParentChildMappingTable(77, 78), -1); // no such mapping
+    SetSleepFunction(
+        [](unsigned)
+        {
+            sqlite3_reset(gReader);
+        });
+    EXPECT_EQ(InsertInTblEtag("TblProbeObj"), 0);
+    EXPECT_NE(mirror_.Rows("SELECT MultiRecordEtag FROM TblEtag WHERE "
+                           "TableName = 'TblProbeObj'"),
+              Lines{"NULL"});
+}
+
 } // namespace
 } // namespace qdb::test
