@@ -105,6 +105,10 @@ void RunRound(double seconds, Chaos &chaos)
             JudgeAmidst(chaos);
         }
     }
+    if (::testing::Test::HasFailure())
+    {
+        return;
+    }
     ASSERT_TRUE(chaos.Quieten()) << "the service is stuck";
     const audit::Report report = Audit(chaos.driver);
     std::printf("epoch %zu: %s\n", chaos.journal.Number(),
@@ -146,7 +150,7 @@ TEST(ChaosRun, LeavesNoDifferenceWithoutACause)
     const LogKeeper keeper(driver);
     Journal journal(world);
     Chaos chaos(gOptions.seed, gOptions.trace, world, journal, driver);
-    for (double left = gOptions.seconds; left > 0 && !HasFatalFailure();
+    for (double left = gOptions.seconds; left > 0 && !HasFailure();
          left -= kRoundSeconds)
     {
         RunRound(std::min(left, kRoundSeconds), chaos);

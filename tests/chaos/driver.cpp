@@ -81,7 +81,7 @@ void LogWatcher::Read()
 bool LogWatcher::TakePassRan()
 {
     const bool ran = passRan_ || passRuns_;
-    passRan_ = false;
+    passRan_ = passRuns_;
     return ran;
 }
 

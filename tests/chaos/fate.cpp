@@ -302,6 +302,24 @@ void ReplayCrowd(const Group &group, Cause cause, Fate *pFate)
     }
 }
 
+// What passes may do at any time.
+void ReplayPasses(const Group &group, Fate *pFate)
+{
+    const bool wasThere =
+        pFate->alive || (group.Has(What::Appear) && group.Has(What::Disappear));
+    if (pFate->row == Held::No && wasThere &&
+        IsMadeByPasses(group.slot, *pFate))
+    {
+        pFate->row = Held::Maybe;
+        pFate->born = group.number;
+    }
+    if (pFate->row == Held::Yes && !pFate->alive &&
+        group.slot.Has(kMade | kCounted))
+    {
+        pFate->row = Held::Maybe;
+    }
+}
+
 void Replay(const Group &group, Fate *pFate)
 {
     const bool isTouched = IsTouchedByPasses(group.slot, *pFate);
@@ -323,14 +341,7 @@ void Replay(const Group &group, Fate *pFate)
     {
         ReplayAlone(group, pFate);
     }
-    const bool wasThere =
-        pFate->alive || (group.Has(What::Appear) && group.Has(What::Disappear));
-    if (pFate->row == Held::No && wasThere &&
-        IsMadeByPasses(group.slot, *pFate))
-    {
-        pFate->row = Held::Maybe;
-        pFate->born = group.number;
-    }
+    ReplayPasses(group, pFate);
 }
 
 } // namespace
