@@ -160,11 +160,19 @@ bool ServiceProcess::WaitForLog(const std::string &text, int deadlineMs) const
 
 bool ServiceProcess::WaitReady() const
 {
-    return WaitUntil(
+    const bool ready = WaitUntil(
         [this]
         {
             return ReadyAttribute() == 1;
         });
+    if (!ready)
+    {
+        const std::string log = Log();
+        ADD_FAILURE() << "not ready, and these were the last lines:\n"
+                      << log.substr(log.size() -
+                                    std::min<size_t>(log.size(), 4000));
+    }
+    return ready;
 }
 
 void ServiceProcess::Signal(int signalNumber) const
