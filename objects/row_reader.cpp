@@ -6,6 +6,7 @@
 #include "db/execute.h"
 #include "db/mapping.h"
 #include "objects/row_log.h"
+#include "objects/row_query.h"
 #include "objects/sql_text.h"
 
 namespace qdb
@@ -104,95 +105,29 @@ int GetRowData(const ObjTypeRow &row, uint32_t oid, RowReading *pRow)
     return status;
 }
 
-// A column as a JSON value; NULL for one that has no place in JSON.
-json_t *ColumnValue(sqlite3_stmt *statement, int column)
-{
-    switch (sqlite3_column_type(statement, column))
-    {
-    case SQLITE_INTEGER:
-        return json_integer(sqlite3_column_int(statement, column));
-    case SQLITE_FLOAT:
-        return json_real(sqlite3_column_double(statement, column));
-    case SQLITE_TEXT:
-        return json_string(reinterpret_cast<const char *>(
-            sqlite3_column_text(statement, column)));
-    case SQLITE_NULL:
-        return json_null();
-    default:
-        return nullptr;
-    }
-}
-
-// Makes an object of the row that the statement stands on. A text that isn't
-// valid UTF-8 fails the row, as it does for the other reader.
-int BuildRow(sqlite3_stmt *statement, JsonPtr *pRow)
-{
-    JsonPtr row(json_object());
-    const int columns = sqlite3_column_count(statement);
-    for (int column = 0; column < columns; ++column)
-    {
-        const char *name = sqlite3_column_name(statement, column);
-        if (name == nullptr ||
-            sqlite3_column_type(statement, column) == SQLITE_BLOB)
-        {
-            continue;
-        }
-        if (json_object_set_new(row.get(), name,
-                                ColumnValue(statement, column)) != 0)
-        {
-            return kFailed;
-        }
-    }
-    *pRow = std::move(row);
-    return SQLITE_OK;
-}
-
-int RunQuery(const char *sqlText, uint32_t oid, JsonPtr *pRow)
-{
-    if (QDVdbHandle == nullptr)
-    {
-        QDB_LOG(kLogTrace, "%s: Database handle is NULL");
-        return kFailed;
-    }
-    if (sqlText == nullptr)
-    {
-        QDB_LOG(kLogTrace, "%s: Input sql query is NULL");
-        return kFailed;
-    }
-    QDB_LOG(kLogTrace, "%s: Query: %s", sqlText);
-    int status = SQLITE_OK;
-    const StatementPtr statement = PrepareOnce(sqlText, &status);
-    if (status != SQLITE_OK)
-    {
-        QDB_LOG(kLogTrace,
-                "%s: failed to prepare statement. Sqlstmt status: %d, "
-                "errormsg: %s",
-                status, SqliteErrorMessage().c_str());
-        return FailureOf(status);
-    }
-    const int bound = sqlite3_bind_int64(statement.get(), 1, StoredOid(oid));
-    status = StepStatement(statement.get());
-    if (status != SQLITE_ROW)
-    {
-        QDB_LOG(kLogTrace,
-                "%s: failed to execute step. Sqlstmt status: %d, errormsg: %s",
-                status, SqliteErrorMessage().c_str());
-        return status;
-    }
-    const int built = BuildRow(statement.get(), pRow);
-    return built != SQLITE_OK ? built : bound;
-}
-
 } // namespace
+
+bool RowReading::ReadPlain(const Table &table, std::string_view text)
+{
+    if (!table.arrays.empty())
+    {
+        return false;
+    }
+    RowTextPtr plain = TakeRowText();
+    if (!plain->Split(table, text))
+    {
+        return false;
+    }
+    json_.reset();
+    text_ = std::move(plain);
+    return true;
+}
 
 bool RowReading::Read(const Table &table, const char *text,
                       json_error_t *pError)
 {
-    RowTextPtr plain = table.arrays.empty() ? TakeRowText() : nullptr;
-    if (plain != nullptr && plain->Split(table, text))
+    if (ReadPlain(table, text))
     {
-        json_.reset();
-        text_ = std::move(plain);
         return true;
     }
     JsonPtr parsed(json_loads(text, 0, pError));
@@ -219,27 +154,12 @@ JsonPtr ParseColumn(sqlite3_stmt *statement, json_error_t *pError)
     return JsonPtr(text == nullptr ? nullptr : json_loads(text, 0, pError));
 }
 
-int GetJsonObjectFromQDBQuery(const char *sqlText, uint32_t oid, JsonPtr *pRow)
-{
-    const int status = RunQuery(sqlText, oid, pRow);
-    LogExit("GetJsonObjectFromQDBQuery");
-    return status;
-}
-
 int ReadRow(const ObjTypeRow &row, uint32_t oid, RowReading *pRow)
 {
-    if (!ReadsWithSelectStar(*row.table))
-    {
-        return GetRowData(row, oid, pRow);
-    }
-    JsonPtr built;
-    const int status = GetJsonObjectFromQDBQuery(
-        SelectStarSql(*row.table).c_str(), oid, &built);
-    if (built != nullptr)
-    {
-        *pRow = RowReading(std::move(built));
-    }
-    return status;
+    return ReadsWithSelectStar(*row.table)
+               ? GetJsonObjectFromQDBQuery(
+                     row, SelectStarSql(*row.table).c_str(), oid, pRow)
+               : GetRowData(row, oid, pRow);
 }
 
 } // namespace qdb

@@ -29,6 +29,10 @@ class RowReading
     // and the reading as it was, when the text isn't JSON.
     bool Read(const Table &table, const char *text, json_error_t *pError);
 
+    // Takes a copy of such a text if it is plain and the row has no array
+    // properties. False, with the reading as it was, otherwise.
+    bool ReadPlain(const Table &table, std::string_view text);
+
     bool IsEmpty() const
     {
         return json_ == nullptr && text_ == nullptr;
@@ -60,12 +64,6 @@ class RowReading
 // is a failure. *pRow stays untouched unless a row was read. Takes the row's
 // SelectObjMutex.
 int ReadRow(const ObjTypeRow &row, uint32_t oid, RowReading *pRow);
-
-// Runs a query with one parameter, the OID, and makes an object of its first
-// row's columns; the statement is made for the call. Integers are cut to 32
-// bits, blobs are left out. Returns as ReadRow. sqlText may be NULL, which
-// fails.
-int GetJsonObjectFromQDBQuery(const char *sqlText, uint32_t oid, JsonPtr *pRow);
 
 // Column 0 of a statement's row, parsed; NULL, with *pError set, when it isn't
 // JSON, and NULL with an empty error when the column is NULL.

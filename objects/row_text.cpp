@@ -35,12 +35,12 @@ size_t SkipKey(std::string_view text, std::string_view name)
 bool RowText::Split(const Table &table, std::string_view text)
 {
     count_ = 0;
-    if (ReadsWithSelectStar(table) ||
+    const size_t tag = table.columns.size();
+    if (tag >= kMaxRowFields ||
         text.size() > std::numeric_limits<uint32_t>::max())
     {
         return false;
     }
-    const size_t tag = table.columns.size();
     size_t end = 0; // of the field before
     for (size_t i = 0; i <= tag; ++i)
     {
@@ -77,19 +77,18 @@ FieldSet RowText::DifferentFrom(const RowText &other) const
     {
         if (Value(fields_[i]) != other.Value(other.fields_[i]))
         {
-            different |= FieldSet{1} << i;
+            different.set(i);
         }
     }
     return different;
 }
 
-int RowText::CountWithoutTag(FieldSet fields) const
+int RowText::CountWithoutTag(const FieldSet &fields) const
 {
     int count = 0;
     for (size_t i = 0; i < count_; ++i)
     {
-        if ((fields >> i & 1) != 0 &&
-            !Key(fields_[i]).substr(1).starts_with(kTagColumn))
+        if (fields[i] && !Key(fields_[i]).substr(1).starts_with(kTagColumn))
         {
             ++count;
         }
@@ -97,12 +96,12 @@ int RowText::CountWithoutTag(FieldSet fields) const
     return count;
 }
 
-size_t RowText::RenderedSize(FieldSet fields) const
+size_t RowText::RenderedSize(const FieldSet &fields) const
 {
     size_t size = 0;
     for (size_t i = 0; i < count_; ++i)
     {
-        if ((fields >> i & 1) != 0)
+        if (fields[i])
         {
             // A blank behind the colon; a comma and a blank, or the braces.
             size += fields_[i].end - fields_[i].key + 3;
@@ -111,14 +110,14 @@ size_t RowText::RenderedSize(FieldSet fields) const
     return std::max<size_t>(size, 2);
 }
 
-char *RowText::Render(FieldSet fields, char *to) const
+char *RowText::Render(const FieldSet &fields, char *to) const
 {
     constexpr std::string_view kColon = ": ";
     std::string_view separator;
     *to++ = '{';
     for (size_t i = 0; i < count_; ++i)
     {
-        if ((fields >> i & 1) != 0)
+        if (fields[i])
         {
             to = std::ranges::copy(separator, to).out;
             to = std::ranges::copy(Key(fields_[i]), to).out;

@@ -1,10 +1,10 @@
 // The JSON text of a row, used as it stands.
 //
-// SQLite writes a row as a flat object without blanks, its keys the table's
-// columns in their order. Almost always such a text holds nothing that Jansson
-// would print differently: then it is *plain*, its values can be compared as
-// bytes, and what is announced can be put together from its pieces. That saves
-// parsing and printing each row.
+// A row is read as a flat object without blanks, its keys the table's columns
+// in their order, mostly written by SQLite. Almost always such a text holds
+// nothing that Jansson would print differently: then it is *plain*, its values
+// can be compared as bytes, and what is announced can be put together from its
+// pieces. That saves parsing and printing each row.
 //
 // What a plain text promises:
 // 1. json_loads takes it: its strings are valid UTF-8, without raw control
@@ -21,6 +21,7 @@
 #include "objects/table.h"
 
 #include <array>
+#include <bitset>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -31,9 +32,12 @@ namespace qdb
 // The column behind those of the table's list, stamped at every writing.
 inline constexpr char kTagColumn[] = "SingleRecordEtag";
 
+// More than the widest table has, its tag included.
+inline constexpr size_t kMaxRowFields = 192;
+
 // Some of a row's fields: bit i stands for field i, in the table's order with
 // the tag last.
-using FieldSet = uint64_t;
+using FieldSet = std::bitset<kMaxRowFields>;
 
 class RowText
 {
@@ -50,7 +54,7 @@ class RowText
 
     FieldSet AllFields() const
     {
-        return (FieldSet{1} << count_) - 1;
+        return ~FieldSet() >> (kMaxRowFields - count_);
     }
 
     // The fields whose values differ from another row's of the same table.
@@ -58,12 +62,12 @@ class RowText
 
     // Those of the fields that aren't the tag. Any column whose name begins
     // like the tag's counts as the tag.
-    int CountWithoutTag(FieldSet fields) const;
+    int CountWithoutTag(const FieldSet &fields) const;
 
     // An object of these fields as json_dumps prints it, without a NUL. Render
     // writes RenderedSize() bytes and returns their end.
-    size_t RenderedSize(FieldSet fields) const;
-    char *Render(FieldSet fields, char *to) const;
+    size_t RenderedSize(const FieldSet &fields) const;
+    char *Render(const FieldSet &fields, char *to) const;
 
   private:
     // Offsets in the text. The key has its quotes; a colon is between.
@@ -88,7 +92,7 @@ class RowText
     }
 
     std::string text_;
-    std::array<Field, kMaxJsonFields> fields_ = {};
+    std::array<Field, kMaxRowFields> fields_ = {};
     size_t count_ = 0;
 };
 
