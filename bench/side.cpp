@@ -1,5 +1,6 @@
 #include "bench/side.h"
 
+#include <sqlite3.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -44,6 +45,8 @@ Side::Side(std::string name, const std::function<int(Channel)> &body)
                                   [&]
                                   {
                                       close(ends_.parent);
+                                      // As in a new process.
+                                      sqlite3_shutdown();
                                       return body(Channel(ends_.child));
                                   })
 {

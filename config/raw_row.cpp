@@ -53,16 +53,15 @@ StatementPtr Prepare(const char *sql, int *pStatus)
 // Parses the row that the statement stands on.
 int ParseRow(sqlite3_stmt *statement, JsonPtr *pRow)
 {
-    const unsigned char *text = sqlite3_column_text(statement, 0);
+    const auto *text =
+        reinterpret_cast<const char *>(sqlite3_column_text(statement, 0));
     if (text == nullptr)
     {
         QDB_LOG(kLogTrace, "%s: Select query output is NULL");
         return kFailed;
     }
-    QDB_LOG(kLogTrace, "%s: Select query output = %s",
-            reinterpret_cast<const char *>(text));
-    json_error_t error = {};
-    *pRow = ParseColumn(statement, &error);
+    QDB_LOG(kLogTrace, "%s: Select query output = %s", text);
+    pRow->reset(json_loads(text, 0, nullptr));
     return *pRow == nullptr ? kFailed : SQLITE_OK;
 }
 

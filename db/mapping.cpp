@@ -7,6 +7,7 @@
 #include "core/status.h"
 #include "db/connection.h"
 #include "db/execute.h"
+#include "db/turn.h"
 
 namespace qdb
 {
@@ -196,17 +197,16 @@ uint32_t GetObjType(uint32_t oid)
     {
         return 0;
     }
-    StatementPtr statement;
-    const int prepared = gObjTypeStmts.Take(
-        "select ObjType from ActiveOIDMapping where OID = ?", &statement);
-    if (prepared != SQLITE_OK)
+    const DbTurn turn;
+    const LentStatement statement(
+        gObjTypeStmts, "select ObjType from ActiveOIDMapping where OID = ?");
+    if (statement.Status() != SQLITE_OK)
     {
-        QDB_LOG(kLogTrace, "%s: sqlite3_prepare_v2 Error: %d", prepared);
+        QDB_LOG(kLogTrace, "%s: sqlite3_prepare_v2 Error: %d",
+                statement.Status());
         return 0;
     }
-    const uint32_t objType = ReadObjType(statement.get(), oid);
-    gObjTypeStmts.Give(std::move(statement));
-    return objType;
+    return ReadObjType(statement.Get(), oid);
 }
 
 void FinalizeMappingStatements()

@@ -62,6 +62,39 @@ class StatementPool
     size_t count_ = 0;                      // guarded by mutex_
 };
 
+// A pool's statement for the time of a scope.
+class LentStatement
+{
+  public:
+    LentStatement(StatementPool &pool, const char *sql)
+        : pool_(pool), status_(pool.Take(sql, &statement_))
+    {
+    }
+    ~LentStatement()
+    {
+        pool_.Give(std::move(statement_));
+    }
+    LentStatement(const LentStatement &) = delete;
+    LentStatement &operator=(const LentStatement &) = delete;
+
+    // 0, or the status of a failed prepare.
+    int Status() const
+    {
+        return status_;
+    }
+
+    // NULL when it could not be prepared.
+    sqlite3_stmt *Get() const
+    {
+        return statement_.get();
+    }
+
+  private:
+    StatementPool &pool_;
+    StatementPtr statement_;
+    int status_;
+};
+
 // Clears the bindings of a statement and resets it when the scope ends, so
 // that the next user finds it as new.
 class StatementReset

@@ -4,10 +4,14 @@
 #include "db/execute.h"
 #include "db/mapping.h"
 #include "objects/binder.h"
+#include "objects/plain_value.h"
 #include "objects/row_log.h"
+#include "objects/schema/array_tables.h"
 #include "objects/sql_text.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string>
 
 namespace qdb
@@ -17,6 +21,20 @@ namespace
 
 // Behind OID, PROP and ARR_INDEX.
 constexpr int kFirstElementParameter = 4;
+
+struct SideStatements
+{
+    StatementPool insert;
+    StatementPool select;
+};
+
+SideStatements gSideStatements[std::size(kSideTables)];
+
+SideStatements &StatementsOf(const SideTable &table)
+{
+    return gSideStatements[std::ranges::find(kSideTables, &table) -
+                           std::begin(kSideTables)];
+}
 
 // "TemperatureData_" for the records of that name, empty for plain integers.
 std::string RecordName(const SideTable &table)
@@ -135,9 +153,9 @@ void InsertArray(const ObjTypeRow &row, const ArrayProperty &property,
     const std::string function = InsertFunctionName(row, *property.table);
     QDB_LOG(kLogTrace, "%s: [%s] %s Entry for OID: %d", row.suffix,
             function.c_str(), StoredOid(pDOH->objID));
-    int ret = SQLITE_OK;
-    const StatementPtr statement =
-        PrepareOnce(InsertElementSql(*property.table).c_str(), &ret);
+    const LentStatement statement(StatementsOf(*property.table).insert,
+                                  InsertElementSql(*property.table).c_str());
+    const int ret = statement.Status();
     int status = ret;
     if (ret != SQLITE_OK)
     {
@@ -146,19 +164,42 @@ void InsertArray(const ObjTypeRow &row, const ArrayProperty &property,
     }
     else
     {
-        status = InsertElements(row, property, statement.get(), pDOH);
+        status = InsertElements(row, property, statement.Get(), pDOH);
     }
     QDB_LOG(kLogTrace, "%s: [%s] %s Exit for OID: %d,status:%d ret:%d",
             row.suffix, function.c_str(), StoredOid(pDOH->objID), status, ret);
 }
 
+// Appends an element's JSON text as json_dumps prints it.
+bool AppendElement(const char *text, std::string *pElements,
+                   json_error_t *pError)
+{
+    if (text == nullptr)
+    {
+        return false;
+    }
+    if (AppendPlainObject(text, pElements))
+    {
+        return true;
+    }
+    const JsonPtr element(json_loads(text, 0, pError));
+    const JsonText printed(json_dumps(element.get(), 0));
+    if (printed != nullptr)
+    {
+        pElements->append(printed.get());
+    }
+    return printed != nullptr;
+}
+
 // Appends the row that the statement stands on.
-int AppendElement(const ObjTypeRow &row, sqlite3_stmt *statement,
-                  json_t *elements)
+int TakeElement(const ObjTypeRow &row, sqlite3_stmt *statement,
+                std::string *pElements)
 {
     json_error_t error = {};
-    JsonPtr element = ParseColumn(statement, &error);
-    if (element == nullptr)
+    pElements->append(pElements->empty() ? "[" : ", ");
+    if (!AppendElement(
+            reinterpret_cast<const char *>(sqlite3_column_text(statement, 0)),
+            pElements, &error))
     {
         QDB_LOG(kLogTrace,
                 "%s: [%s]Loading sqlite column text to object failed status = "
@@ -168,22 +209,18 @@ int AppendElement(const ObjTypeRow &row, sqlite3_stmt *statement,
                 error.line, error.text);
         return kFailed;
     }
-    return json_array_append_new(elements, element.release());
+    return SQLITE_OK;
 }
 
-// Steps through the elements; *pElements stays NULL when there are none.
+// Steps through the elements; *pElements stays empty when there are none.
 int CollectElements(const ObjTypeRow &row, sqlite3_stmt *statement,
-                    JsonPtr *pElements)
+                    std::string *pElements)
 {
-    JsonPtr elements;
+    std::string elements;
     int status = StepStatement(statement);
     while (status == SQLITE_ROW)
     {
-        if (elements == nullptr)
-        {
-            elements.reset(json_array());
-        }
-        if (AppendElement(row, statement, elements.get()) != 0)
+        if (TakeElement(row, statement, &elements) != SQLITE_OK)
         {
             return kFailed;
         }
@@ -195,26 +232,26 @@ int CollectElements(const ObjTypeRow &row, sqlite3_stmt *statement,
                 row.suffix, status);
         return status;
     }
-    *pElements = std::move(elements);
+    *pElements = elements.empty() ? elements : elements.append("]");
     return SQLITE_OK;
 }
 
 int SelectElements(const ObjTypeRow &row, const ArrayProperty &property,
-                   uint32_t oid, JsonPtr *pElements)
+                   uint32_t oid, std::string *pElements)
 {
-    int status = SQLITE_OK;
-    const StatementPtr statement =
-        PrepareOnce(SelectElementsSql(*property.table).c_str(), &status);
+    const LentStatement statement(StatementsOf(*property.table).select,
+                                  SelectElementsSql(*property.table).c_str());
+    int status = statement.Status();
     if (status != SQLITE_OK)
     {
         QDB_LOG(kLogTrace, "%s: [%s]sqlite3_prepare_v2 Error: %d", row.suffix,
                 status);
         return status;
     }
-    status = sqlite3_bind_int64(statement.get(), 1, StoredOid(oid));
+    status = sqlite3_bind_int64(statement.Get(), 1, StoredOid(oid));
     if (status == SQLITE_OK)
     {
-        status = sqlite3_bind_text(statement.get(), 2, property.name, -1,
+        status = sqlite3_bind_text(statement.Get(), 2, property.name, -1,
                                    SQLITE_TRANSIENT);
     }
     if (status != SQLITE_OK)
@@ -223,11 +260,11 @@ int SelectElements(const ObjTypeRow &row, const ArrayProperty &property,
                 row.suffix, status);
         return status;
     }
-    return CollectElements(row, statement.get(), pElements);
+    return CollectElements(row, statement.Get(), pElements);
 }
 
 int ReadArray(const ObjTypeRow &row, const ArrayProperty &property,
-              uint32_t oid, JsonPtr *pElements)
+              uint32_t oid, std::string *pElements)
 {
     const std::string function = ReadFunctionName(row, *property.table);
     LogEntry(function.c_str());
@@ -238,6 +275,15 @@ int ReadArray(const ObjTypeRow &row, const ArrayProperty &property,
 
 } // namespace
 
+void FinalizeArrayStatements()
+{
+    for (SideStatements &statements : gSideStatements)
+    {
+        statements.insert.Finalize();
+        statements.select.Finalize();
+    }
+}
+
 void InsertArrays(const ObjTypeRow &row, const DataObjHeader *pDOH)
 {
     for (const ArrayProperty &property : row.table->arrays)
@@ -247,7 +293,7 @@ void InsertArrays(const ObjTypeRow &row, const DataObjHeader *pDOH)
 }
 
 int AddArrays(const ObjTypeRow &row, uint32_t oid, int readStatus,
-              const RowReading &reading)
+              RowReading *pReading)
 {
     QDB_LOG(kLogTrace, "%s: [%s]get row function returns status = %d",
             row.suffix, readStatus);
@@ -257,16 +303,15 @@ int AddArrays(const ObjTypeRow &row, uint32_t oid, int readStatus,
     }
     for (const ArrayProperty &property : row.table->arrays)
     {
-        JsonPtr elements;
+        std::string elements;
         const int status = ReadArray(row, property, oid, &elements);
         if (status != SQLITE_OK)
         {
             return status;
         }
-        if (elements != nullptr)
+        if (!elements.empty())
         {
-            json_object_set_new(reading.Json(), property.name,
-                                elements.release());
+            pReading->SetArray(property.name, elements);
         }
     }
     return SQLITE_OK;

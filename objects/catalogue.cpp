@@ -1,6 +1,7 @@
 #include "objects/catalogue.h"
 
 #include "events/queues/fail_queue.h"
+#include "objects/array_tables.h"
 #include "objects/handlers.h"
 #include "objects/predicates.h"
 #include "objects/schema/rows.h"
@@ -113,6 +114,7 @@ void FinalizeHandlerStatements()
         state.UpdateStmt.Finalize();
         state.SelectStmt.Finalize();
     }
+    FinalizeArrayStatements();
 }
 
 } // namespace qdb

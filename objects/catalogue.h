@@ -60,7 +60,7 @@ struct ObjRowState
     StatementSlot UpdateStmt; // under RefreshObjMutex
 
     pthread_mutex_t SelectObjMutex = PTHREAD_MUTEX_INITIALIZER;
-    StatementSlot SelectStmt; // under SelectObjMutex; not for SELECT * rows
+    StatementSlot SelectStmt; // under SelectObjMutex
 
     pthread_mutex_t DeleteObjMutex = PTHREAD_MUTEX_INITIALIZER;
 

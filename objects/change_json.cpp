@@ -115,7 +115,8 @@ JsonText RenderWholeRow(const ObjTypeRow &row, RowReading reading)
 JsonText RenderDifference(const ObjTypeRow &row, RowReading before,
                           RowReading after, int *pCount)
 {
-    if (before.Plain() != nullptr && after.Plain() != nullptr)
+    const bool arrays = !row.table->arrays.empty();
+    if (!arrays && before.Plain() != nullptr && after.Plain() != nullptr)
     {
         return SpliceDifference(row, *before.Plain(), *after.Plain(), pCount);
     }

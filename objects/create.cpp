@@ -235,7 +235,7 @@ int FinishRow(const Create &create, RowReading *pRow)
     {
         status = kFailed;
     }
-    status = AddArrays(create.row, create.Oid(), status, *pRow);
+    status = AddArrays(create.row, create.Oid(), status, pRow);
     if (InsertInTblEtag(create.row.table->name) != SQLITE_OK)
     {
         QDB_LOG(kLogError, "%s: TblEtag could not be updated for %s",

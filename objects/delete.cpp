@@ -77,7 +77,7 @@ int RemoveRow(const ObjTypeRow &row, uint32_t oid)
     DbTurn turn;
     RowReading reading;
     int read = ReadRow(row, oid, &reading);
-    read = AddArrays(row, oid, read, reading);
+    read = AddArrays(row, oid, read, &reading);
     if (read != SQLITE_OK || reading.IsEmpty())
     {
         QDB_LOG(kLogWarning,

@@ -125,4 +125,33 @@ size_t PlainValueSize(std::string_view text)
     return last == nullptr ? 0 : static_cast<size_t>(last - begin);
 }
 
+bool AppendPlainObject(std::string_view text, std::string *pTo)
+{
+    const size_t sizeBefore = pTo->size();
+    std::string_view rest = text;
+    std::string_view separator = "{";
+    do
+    {
+        const bool isMember = rest.starts_with(separator.front());
+        const size_t key = isMember && rest.substr(1).starts_with('"')
+                               ? 1 + PlainValueSize(rest.substr(1))
+                               : rest.size();
+        const std::string_view behindKey = rest.substr(key);
+        const size_t value = behindKey.starts_with(':')
+                                 ? PlainValueSize(behindKey.substr(1))
+                                 : 0;
+        if (value == 0)
+        {
+            pTo->resize(sizeBefore);
+            return false;
+        }
+        pTo->append(separator).append(rest, 1, key - 1).append(": ");
+        pTo->append(behindKey, 1, value);
+        rest = behindKey.substr(1 + value);
+        separator = ", ";
+    } while (rest != "}");
+    pTo->append(rest);
+    return true;
+}
+
 } // namespace qdb

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace qdb
@@ -16,5 +17,9 @@ namespace qdb
 // The size of the plain value that the text begins with; 0 if it begins with
 // none.
 size_t PlainValueSize(std::string_view text);
+
+// Appends an object of plain values, which SQLite wrote, as json_dumps prints
+// it. False, with nothing appended, if the text is anything else.
+bool AppendPlainObject(std::string_view text, std::string *pTo);
 
 } // namespace qdb

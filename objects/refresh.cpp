@@ -72,7 +72,7 @@ int ReadBefore(const Refresh &refresh, RowReading *pBefore)
     {
         status = KeepForLater(refresh);
     }
-    return AddArrays(refresh.row, refresh.Oid(), status, *pBefore);
+    return AddArrays(refresh.row, refresh.Oid(), status, pBefore);
 }
 
 int PrepareUpdate(const Refresh &refresh)
@@ -165,7 +165,7 @@ int ReadAfter(const Refresh &refresh, RowReading *pAfter)
     {
         status = kFailed;
     }
-    return AddArrays(refresh.row, refresh.Oid(), status, *pAfter);
+    return AddArrays(refresh.row, refresh.Oid(), status, pAfter);
 }
 
 // Announces what changed, if more than the tag did.

@@ -109,10 +109,6 @@ int GetRowData(const ObjTypeRow &row, uint32_t oid, RowReading *pRow)
 
 bool RowReading::ReadPlain(const Table &table, std::string_view text)
 {
-    if (!table.arrays.empty())
-    {
-        return false;
-    }
     RowTextPtr plain = TakeRowText();
     if (!plain->Split(table, text))
     {
@@ -139,6 +135,20 @@ bool RowReading::Read(const Table &table, const char *text,
     return true;
 }
 
+void RowReading::SetArray(const char *name, const std::string &elements)
+{
+    if (text_ != nullptr && text_->SetValue(name, elements))
+    {
+        return;
+    }
+    if (text_ != nullptr)
+    {
+        json_ = TakeJson();
+    }
+    json_object_set_new(json_.get(), name,
+                        json_loads(elements.c_str(), 0, nullptr));
+}
+
 JsonPtr RowReading::TakeJson()
 {
     if (const RowTextPtr text = std::move(text_))
@@ -146,12 +156,6 @@ JsonPtr RowReading::TakeJson()
         return JsonPtr(json_loads(text->Text().c_str(), 0, nullptr));
     }
     return std::move(json_);
-}
-
-JsonPtr ParseColumn(sqlite3_stmt *statement, json_error_t *pError)
-{
-    const char *text = ColumnText(statement);
-    return JsonPtr(text == nullptr ? nullptr : json_loads(text, 0, pError));
 }
 
 int ReadRow(const ObjTypeRow &row, uint32_t oid, RowReading *pRow)

@@ -24,14 +24,17 @@ class RowReading
     {
     }
 
-    // Takes a copy of the JSON text of a row of the table. A row with array
-    // properties is parsed, so that they can be set. False, with *pError set
-    // and the reading as it was, when the text isn't JSON.
+    // Takes a copy of the JSON text of a row of the table. False, with *pError
+    // set and the reading as it was, when the text isn't JSON.
     bool Read(const Table &table, const char *text, json_error_t *pError);
 
-    // Takes a copy of such a text if it is plain and the row has no array
-    // properties. False, with the reading as it was, otherwise.
+    // Takes a copy of such a text if it is plain. False, with the reading as it
+    // was, otherwise.
     bool ReadPlain(const Table &table, std::string_view text);
+
+    // Sets a property to an array, given as json_dumps prints it. The reading
+    // isn't empty.
+    void SetArray(const char *name, const std::string &elements);
 
     bool IsEmpty() const
     {
@@ -42,12 +45,6 @@ class RowReading
     const RowText *Plain() const
     {
         return text_.get();
-    }
-
-    // The object, the reading's own; NULL while it is empty or plain.
-    json_t *Json() const
-    {
-        return json_.get();
     }
 
     // Gives the row away as an object, parsed if need be; NULL when empty or
@@ -64,9 +61,5 @@ class RowReading
 // is a failure. *pRow stays untouched unless a row was read. Takes the row's
 // SelectObjMutex.
 int ReadRow(const ObjTypeRow &row, uint32_t oid, RowReading *pRow);
-
-// Column 0 of a statement's row, parsed; NULL, with *pError set, when it isn't
-// JSON, and NULL with an empty error when the column is NULL.
-JsonPtr ParseColumn(sqlite3_stmt *statement, json_error_t *pError);
 
 } // namespace qdb

@@ -70,6 +70,34 @@ bool RowText::Split(const Table &table, std::string_view text)
     return true;
 }
 
+bool RowText::SetValue(std::string_view name, std::string_view value)
+{
+    Field *end = fields_.data() + count_;
+    Field *field =
+        std::find_if(fields_.data(), end,
+                     [&](const Field &candidate)
+                     {
+                         const std::string_view key = Key(candidate);
+                         return key.substr(1, key.size() - 2) == name;
+                     });
+    if (field == end)
+    {
+        return false;
+    }
+    text_.replace(field->value, field->end - field->value, value);
+    // Modulo 2^32, and so right also where the text becomes shorter.
+    const uint32_t shift =
+        field->value + static_cast<uint32_t>(value.size()) - field->end;
+    field->end += shift;
+    for (Field *later = field + 1; later != end; ++later)
+    {
+        later->key += shift;
+        later->value += shift;
+        later->end += shift;
+    }
+    return true;
+}
+
 FieldSet RowText::DifferentFrom(const RowText &other) const
 {
     FieldSet different = 0;

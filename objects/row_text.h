@@ -46,11 +46,15 @@ class RowText
     // the content lost, if the text isn't plain. The buffer is used again.
     bool Split(const Table &table, std::string_view text);
 
-    // The text as it was given.
+    // The row's JSON.
     const std::string &Text() const
     {
         return text_;
     }
+
+    // Gives a field another value: JSON as json_dumps prints it. False without
+    // such a field.
+    bool SetValue(std::string_view name, std::string_view value);
 
     FieldSet AllFields() const
     {

@@ -8,8 +8,12 @@
 #include "tests/support/wait.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <iterator>
+#include <span>
 
 namespace qdb::test
 {
@@ -144,6 +148,51 @@ TEST_F(Detach, GoesOnWhenAPartFails)
                        "-1"),
               1);
     EXPECT_EQ(Mapped(), (Lines{"2304", "2304", "16465"}));
+}
+
+// Bytes in use; sanitizers don't tell.
+size_t HeapInUse()
+{
+    const struct mallinfo2 heap = mallinfo2();
+    return heap.uordblks + heap.hblkhd;
+}
+
+TEST_F(Detach, GivesBackWhatThousandsOfObjectsTook)
+{
+    constexpr uint16_t kTypes[] = {0x15, 0x16, 0x40, 0x41, 0xE1, 0x304, 0x1200};
+    constexpr uint32_t kObjects = 5000;
+    std::vector<uint32_t> oids;
+    for (uint32_t i = 0; i < kObjects; ++i)
+    {
+        oids.push_back(PutObject(kTypes[i % std::size(kTypes)], 0x10000 + i));
+    }
+    size_t heap[2] = {};
+    for (size_t cycle = 0; cycle < std::size(heap); ++cycle)
+    {
+        SCOPED_TRACE(cycle);
+        // An event takes 4,000.
+        const std::span all(oids);
+        standin::SendObjectList(7, all.first(kObjects / 2));
+        standin::SendObjectList(7, all.last(kObjects / 2));
+        mirror_.Settle();
+        EXPECT_EQ(mirror_.Value("SELECT count(*) FROM ActiveOIDMapping WHERE "
+                                "OID BETWEEN 65536 AND 70535"),
+                  std::to_string(kObjects));
+        pipe_.Take();
+        Run(kCompleted);
+        EXPECT_EQ(pipe_.Take(), DetachRecords({"TbllmRootDataObj|1|18",
+                                               "TbllmRootDataObj|2|18",
+                                               "TblIntAttribute|1|18"}));
+        EXPECT_EQ(mirror_.Value("SELECT count(*) FROM ActiveOIDMapping"), "3");
+        // The test's own records.
+        CaptureLog(0);
+        ClearSqliteFaults();
+        heap[cycle] = HeapInUse();
+    }
+    std::printf("heap behind the first and the second detach: %zu, %zu bytes\n",
+                heap[0], heap[1]);
+    constexpr size_t kBytesPerObject = 10;
+    EXPECT_LT(heap[1], heap[0] + kBytesPerObject * kObjects);
 }
 
 } // namespace
