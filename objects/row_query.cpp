@@ -8,8 +8,8 @@
 #include "db/execute.h"
 #include "db/mapping.h"
 
-#include <charconv>
 #include <cstring>
+#include <string>
 
 namespace qdb
 {
@@ -72,13 +72,8 @@ bool AppendValue(sqlite3_stmt *statement, int column, std::string *pText)
     switch (sqlite3_column_type(statement, column))
     {
     case SQLITE_INTEGER:
-    {
-        char digits[16];
-        const auto end = std::to_chars(digits, std::end(digits),
-                                       sqlite3_column_int(statement, column));
-        pText->append(digits, static_cast<size_t>(end.ptr - digits));
+        pText->append(std::to_string(sqlite3_column_int(statement, column)));
         return true;
-    }
     case SQLITE_TEXT:
     {
         const char *text = TextOf(statement, column);
