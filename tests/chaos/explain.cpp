@@ -1,6 +1,8 @@
-// To add a rule: a predicate, and a line in kRules. The first that holds names
-// the difference.
+// To add a rule: a line in kRules, and one in docs/chaos.md. The first that
+// holds names the difference.
 #include "tests/chaos/explain.h"
+
+#include "tests/chaos/fate.h"
 
 #include <algorithm>
 #include <set>
@@ -13,7 +15,13 @@ namespace
 using audit::Difference;
 using audit::Kind;
 
-constexpr char kNewestFailNode[] = "newest-fail-node";
+// What the objects of a type and the rows of its table have in common.
+struct Type
+{
+    size_t living = 0;
+    std::set<int64_t> missing = {}; // objects without a row
+    std::set<int64_t> extra = {};   // rows without an object
+};
 
 // Everything about one difference.
 struct Case
@@ -21,58 +29,58 @@ struct Case
     const Difference &difference;
     const Slot &slot;
     const Fate &fate;
-    const Journal &journal;
     const World &world;
+    const Type &type;
     bool afterPasses;
-    bool rowIsMissing;  // the whole of it
-    size_t missingRows; // objects of this type without a row
-    size_t extraRows;   // rows of this type without an object
-    bool isLastKept;    // nothing was put in the fail queue after it
-    bool isEmptyType;   // there are no objects of this type
-};
+    bool isLastKept; // nothing was put in the fail queue after it
+    Cause cause = Cause::None;
 
-bool IsAny(const Difference &difference, std::initializer_list<Kind> kinds)
-{
-    return std::ranges::find(kinds, difference.kind) != kinds.end();
-}
+    bool IsAny(std::initializer_list<Kind> kinds) const
+    {
+        return std::ranges::find(kinds, difference.kind) != kinds.end();
+    }
+    bool IsRowMissing() const
+    {
+        return type.missing.contains(difference.oid);
+    }
+};
 
 // Of a row that should be there, with all that hangs on it.
 bool IsMissing(const Case &c)
 {
-    return c.fate.alive && c.rowIsMissing &&
-           IsAny(c.difference, {Kind::MissingMapping, Kind::MissingRow,
-                                Kind::MissingElement, Kind::MissingLink});
+    return c.fate.alive && c.IsRowMissing() &&
+           c.IsAny({Kind::MissingMapping, Kind::MissingRow,
+                    Kind::MissingElement, Kind::MissingLink});
 }
 
 // Of a row that should have gone, with all that hangs on it.
 bool IsExtra(const Case &c)
 {
-    return !c.fate.alive &&
-           IsAny(c.difference, {Kind::ExtraMapping, Kind::ExtraRow,
-                                Kind::ExtraElement, Kind::ExtraLink});
+    return !c.fate.alive && c.IsAny({Kind::ExtraMapping, Kind::ExtraRow,
+                                     Kind::ExtraElement, Kind::ExtraLink});
 }
 
 // Of the contents that a refresh writes.
 bool IsContent(const Case &c)
 {
-    return c.fate.alive && !c.rowIsMissing &&
-           IsAny(c.difference, {Kind::Column, Kind::Element,
-                                Kind::MissingElement, Kind::ExtraElement});
+    return c.fate.alive && !c.IsRowMissing() &&
+           c.IsAny({Kind::Column, Kind::Element, Kind::MissingElement,
+                    Kind::ExtraElement});
 }
 
 // Of what only the making of the row writes.
 bool IsCreation(const Case &c)
 {
-    return c.fate.alive && !c.rowIsMissing &&
-           IsAny(c.difference, {Kind::CreationColumn, Kind::MissingLink});
+    return c.fate.alive && !c.IsRowMissing() &&
+           c.IsAny({Kind::CreationColumn, Kind::MissingLink});
 }
 
 // Passes bring the counts of these types together, unless there are no objects
 // or as many rows too many as too few.
 bool IsCounted(const Case &c)
 {
-    return c.afterPasses && c.slot.Has(kCounted) && !c.isEmptyType &&
-           c.missingRows != c.extraRows;
+    return c.afterPasses && c.slot.Has(kCounted) && c.type.living != 0 &&
+           c.type.missing.size() != c.type.extra.size();
 }
 
 // Passes make these rows whatever has happened, but for types whose reload
@@ -83,43 +91,58 @@ bool IsMade(const Case &c)
            !(c.slot.Has(kReloaded) && c.fate.taken >= c.fate.changed);
 }
 
-bool Lacks(const Case &c, Cause cause)
+// What of the object's fate allows for the difference.
+Cause CauseOf(const Case &c)
 {
-    return IsMissing(c) && c.fate.row != Held::Yes &&
-           c.fate.rowCause == cause && !IsMade(c) && !IsCounted(c);
-}
-
-bool Keeps(const Case &c, Cause cause)
-{
-    return IsExtra(c) && c.fate.row != Held::No && c.fate.rowCause == cause &&
-           !IsCounted(c);
-}
-
-bool IsOlder(const Case &c, Cause cause)
-{
-    return IsContent(c) && c.fate.StaleCause(c.difference.column) == cause;
-}
-
-bool IsUnwatchedOlder(const Case &c, Cause cause)
-{
-    return IsOlder(c, cause) &&
-           !(c.afterPasses && c.slot.Watches(c.difference.column));
+    if (IsMissing(c) && c.fate.row != Held::Yes && !IsMade(c) && !IsCounted(c))
+    {
+        return c.fate.rowCause;
+    }
+    if (IsExtra(c) && c.fate.row != Held::No && !IsCounted(c))
+    {
+        return c.fate.rowCause;
+    }
+    if (!IsContent(c))
+    {
+        return Cause::None;
+    }
+    const Cause cause = c.fate.StaleCause(c.difference.column);
+    const bool isSeen = c.afterPasses && c.slot.Watches(c.difference.column);
+    return isSeen && cause != Cause::Crowd ? Cause::None : cause;
 }
 
 // Some epoch from the given one on for which `condition` holds.
 template <typename Condition>
 bool SinceThen(const Case &c, size_t epoch, Condition condition)
 {
-    const std::vector<Epoch> &epochs = c.journal.Epochs();
+    const std::vector<Epoch> &epochs = c.world.epochs;
     return std::any_of(epochs.begin() + static_cast<ptrdiff_t>(epoch),
                        epochs.end(), condition);
 }
 
 // --- The rules ---------------------------------------------------------------
 
+template <Cause cause>
+bool Has(const Case &c)
+{
+    return c.cause == cause;
+}
+
+bool IsRawDataKept(const Case &c)
+{
+    return IsContent(c) && c.fate.isRaw &&
+           c.fate.StaleCause(c.difference.column) != Cause::None;
+}
+
+bool IsNewestFailNode(const Case &c)
+{
+    return c.cause == Cause::Kept && (c.isLastKept || !c.afterPasses);
+}
+
 bool IsNodeForgotten(const Case &c)
 {
-    return SinceThen(c, c.fate.kept,
+    return c.cause == Cause::Kept &&
+           SinceThen(c, c.fate.kept,
                      [](const Epoch &epoch)
                      {
                          return epoch.passRan &&
@@ -129,7 +152,7 @@ bool IsNodeForgotten(const Case &c)
 
 bool IsReloadBusy(const Case &c)
 {
-    return c.slot.Has(kMade) && c.slot.Has(kReloaded) &&
+    return IsContent(c) && c.slot.Has(kMade) && c.slot.Has(kReloaded) &&
            SinceThen(c, c.fate.changed,
                      [](const Epoch &epoch)
                      {
@@ -146,21 +169,23 @@ bool IsPastEnd(const Case &c)
 
 bool HasParentChanged(const Case &c)
 {
-    const auto parent =
-        std::ranges::find(c.world.slots, c.slot.Parent(), &Slot::oid);
-    const auto changes = [&](const Entry &entry)
-    {
-        return entry.epoch >= c.fate.born &&
-               (entry.what == What::Appear || entry.what == What::Disappear ||
-                entry.column == "Key");
-    };
-    return parent != c.world.slots.end() &&
-           std::ranges::any_of(c.journal.Of(*parent), changes);
+    const std::vector<Slot> &slots = c.world.slots;
+    const auto parent = std::ranges::find(slots, c.slot.Parent(), &Slot::oid);
+    return IsCreation(c) && parent != slots.end() &&
+           std::ranges::any_of(parent->journal,
+                               [&](const Entry &entry)
+                               {
+                                   return entry.epoch >= c.fate.born &&
+                                          (entry.what == What::Appear ||
+                                           entry.what == What::Disappear ||
+                                           entry.column == "Key");
+                               });
 }
 
-bool WasLostSinceBorn(const Case &c)
+bool WasLostWhileMade(const Case &c)
 {
-    return std::ranges::any_of(c.journal.Of(c.slot),
+    return IsCreation(c) &&
+           std::ranges::any_of(c.slot.journal,
                                [&](const Entry &entry)
                                {
                                    return entry.epoch >= c.fate.born &&
@@ -174,7 +199,8 @@ bool WasParentNotHad(const Case &c)
         "CfgGroup_get_object", "ZOILDOGetObjKeyUTF8",     "ZOILGetObjByOID",
         "ZOILListParentOID",   "client_get_obj_body_ptr", "client_get_objects",
     };
-    return SinceThen(c, c.fate.born,
+    return IsCreation(c) &&
+           SinceThen(c, c.fate.born,
                      [&](const Epoch &epoch)
                      {
                          return std::ranges::find(kCalls, epoch.fault) !=
@@ -190,157 +216,125 @@ struct Rule
 
 // clang-format off
 constexpr Rule kRules[] = {
-    // A clearing takes all rows; events, passes and a load bring some back.
-    {"detach-not-restored", [](const Case &c) { return Lacks(c, Cause::Cleared); }},
-    // What nobody announces isn't found.
-    {"never-announced", [](const Case &c) { return Lacks(c, Cause::Silent); }},
-    // What goes unannounced leaves its row.
-    {"gone-unannounced", [](const Case &c) { return Keeps(c, Cause::Silent) && !c.isEmptyType; }},
-    // A list without objects changes nothing.
-    {"empty-list", [](const Case &c) { return Keeps(c, Cause::Silent) && c.isEmptyType; }},
-    // The newest node stays in the fail queue until the next failure.
-    {kNewestFailNode, [](const Case &c) { return Lacks(c, Cause::Kept) && (c.isLastKept || !c.afterPasses); }},
-    // A node whose object can't be had when its turn comes is forgotten.
-    {"forgotten-fail-node", [](const Case &c) { return Lacks(c, Cause::Kept) && IsNodeForgotten(c); }},
     // A row of raw data isn't written from its attribute any more.
-    {"raw-data-kept", [](const Case &c) { return c.fate.isRaw && IsContent(c) && c.fate.StaleCause(c.difference.column) != Cause::None; }},
-    // A change that nobody announces isn't seen, but for watched columns.
-    {"silent-change", [](const Case &c) { return IsUnwatchedOlder(c, Cause::Silent); }},
+    {"raw-data-kept", IsRawDataKept},
+    // What appears, changes or goes without a word isn't seen.
+    {"unannounced", Has<Cause::Silent>},
     // A create of an object whose row is there leaves the row as it is.
-    {"known-object-keeps-row", [](const Case &c) { return IsUnwatchedOlder(c, Cause::Known); }},
+    {"known-object-keeps-row", Has<Cause::Known>},
+    // Records of one object that are under way together are done in any order.
+    {"unordered-events", Has<Cause::Crowd>},
+    // What meets a failing platform call is lost, unless a pass looks again.
+    {"failed-call", Has<Cause::Fault>},
+    // A create that finds no room for its mapping, or a destroy that can't
+    // read its row for a second, isn't done.
+    {"busy-database", Has<Cause::Busy>},
+    // A clearing takes all rows; events, passes and a load bring some back.
+    {"detach-not-restored", Has<Cause::Cleared>},
     // A status change of some types has their reload run, and isn't written.
-    {"status-not-written", [](const Case &c) { return IsUnwatchedOlder(c, Cause::NotReread); }},
+    {"status-not-written", Has<Cause::NotReread>},
+    // The newest node stays in the fail queue until the next failure.
+    {"newest-fail-node", IsNewestFailNode},
+    // A node whose object can't be had when its turn comes is forgotten.
+    {"forgotten-fail-node", IsNodeForgotten},
+    // A reload can't replace a row while the database is held, and has seen
+    // the change.
+    {"busy-reload", IsReloadBusy},
     // Elements past the end stay when an array becomes shorter.
     {"shorter-array", IsPastEnd},
     // The parent's key and the link are as the parent was when the row was made.
-    {"parent-at-creation", [](const Case &c) { return IsCreation(c) && HasParentChanged(c); }},
+    {"parent-at-creation", HasParentChanged},
     // A parent that can't be had then leaves no trace in the row.
-    {"parent-not-had", [](const Case &c) { return IsCreation(c) && WasParentNotHad(c); }},
+    {"parent-not-had", WasParentNotHad},
     // Nor has an object parents that is lost while its row is made.
-    {"lost-while-made", [](const Case &c) { return IsCreation(c) && WasLostSinceBorn(c); }},
-    // Records of one object that are under way together are done in any order.
-    {"unordered-events", [](const Case &c) { return Lacks(c, Cause::Crowd) || Keeps(c, Cause::Crowd) || IsOlder(c, Cause::Crowd); }},
-    // What meets a failing platform call is lost, unless a pass looks again.
-    {"failed-call", [](const Case &c) { return Lacks(c, Cause::Fault) || Keeps(c, Cause::Fault) || IsUnwatchedOlder(c, Cause::Fault); }},
-    // A mapping that isn't free at once isn't waited for.
-    {"busy-create", [](const Case &c) { return Lacks(c, Cause::Busy); }},
-    // A destroy that can't read the row for a second leaves it.
-    {"busy-destroy", [](const Case &c) { return Keeps(c, Cause::Busy); }},
-    // Nor can a reload then replace a row, and it has seen the change.
-    {"busy-reload", [](const Case &c) { return IsContent(c) && IsReloadBusy(c); }},
+    {"lost-while-made", WasLostWhileMade},
 };
 // clang-format on
 
 // --- The report --------------------------------------------------------------
 
-class Explanation
+struct Known
 {
-  public:
-    Explanation(const audit::Report &report, const World &world,
-                const Journal &journal, bool afterPasses)
-        : report_(report), world_(world), journal_(journal),
-          afterPasses_(afterPasses)
-    {
-        for (const Slot &slot : world.slots)
-        {
-            fates_[slot.Stored()] = {&slot, FateOf(slot, journal)};
-            lastKept_ =
-                std::max(lastKept_, fates_[slot.Stored()].fate.surelyKept);
-            living_[slot.kind->type] += slot.alive ? 1u : 0u;
-        }
-        for (const Difference &difference : report.differences)
-        {
-            if (difference.kind == Kind::MissingRow)
-            {
-                missing_[difference.type].insert(difference.oid);
-            }
-            if (difference.kind == Kind::ExtraRow)
-            {
-                extra_[difference.type].insert(difference.oid);
-            }
-        }
-    }
-
-    Explained Run()
-    {
-        Explained result;
-        for (const Difference &difference : report_.differences)
-        {
-            const char *rule = RuleOf(difference);
-            if (rule == nullptr)
-            {
-                result.unexplained.push_back(difference);
-            }
-            else
-            {
-                result.counts[rule] +=
-                    told_.insert({difference.oid, rule}).second;
-            }
-        }
-        return result;
-    }
-
-  private:
-    struct Known
-    {
-        const Slot *slot;
-        Fate fate;
-    };
-
-    const char *RuleOf(const Difference &difference)
-    {
-        const auto found = fates_.find(difference.oid);
-        if (found == fates_.end())
-        {
-            return nullptr;
-        }
-        const auto &[slot, fate] = found->second;
-        const uint16_t type = slot->kind->type;
-        const bool isLast = fate.kept >= lastKept_ &&
-                            (newest_ == 0 || newest_ == difference.oid);
-        const Case c = {difference,
-                        *slot,
-                        fate,
-                        journal_,
-                        world_,
-                        afterPasses_,
-                        missing_[type].contains(difference.oid),
-                        missing_[type].size(),
-                        extra_[type].size(),
-                        isLast,
-                        living_[type] == 0};
-        for (const Rule &rule : kRules)
-        {
-            if (rule.explains(c))
-            {
-                // There is but one newest.
-                newest_ =
-                    rule.name == kNewestFailNode ? difference.oid : newest_;
-                return rule.name;
-            }
-        }
-        return nullptr;
-    }
-
-    const audit::Report &report_;
-    const World &world_;
-    const Journal &journal_;
-    const bool afterPasses_;
-    std::map<int64_t, Known> fates_;
-    std::map<uint32_t, std::set<int64_t>> missing_; // by type
-    std::map<uint32_t, std::set<int64_t>> extra_;
-    std::map<uint32_t, size_t> living_; // by type
-    size_t lastKept_ = 0;
-    int64_t newest_ = 0;
-    std::set<std::pair<int64_t, std::string>> told_; // OID and rule
+    const Slot *slot;
+    Fate fate;
 };
+
+const char *RuleOf(Case c)
+{
+    c.cause = CauseOf(c);
+    const auto rule = std::ranges::find_if(kRules,
+                                           [&](const Rule &candidate)
+                                           {
+                                               return candidate.explains(c);
+                                           });
+    return rule == std::end(kRules) ? nullptr : rule->name;
+}
+
+std::map<uint32_t, Type> TypesOf(const audit::Report &report,
+                                 const World &world)
+{
+    std::map<uint32_t, Type> types;
+    for (const Slot &slot : world.slots)
+    {
+        types[slot.kind->type].living += slot.alive ? 1u : 0u;
+    }
+    for (const Difference &difference : report.differences)
+    {
+        Type &type = types[difference.type];
+        if (difference.kind == Kind::MissingRow)
+        {
+            type.missing.insert(difference.oid);
+        }
+        if (difference.kind == Kind::ExtraRow)
+        {
+            type.extra.insert(difference.oid);
+        }
+    }
+    return types;
+}
 
 } // namespace
 
 Explained Explain(const audit::Report &report, const World &world,
-                  const Journal &journal, bool afterPasses)
+                  bool afterPasses)
 {
-    return Explanation(report, world, journal, afterPasses).Run();
+    std::map<uint32_t, Type> types = TypesOf(report, world);
+    std::map<int64_t, Known> known; // by OID
+    size_t lastKept = 0;
+    for (const Slot &slot : world.slots)
+    {
+        const Fate fate = FateOf(slot, world.epochs);
+        lastKept = std::max(lastKept, fate.surelyKept);
+        known[slot.Stored()] = {&slot, fate};
+    }
+    Explained result;
+    std::set<std::pair<int64_t, std::string>> counted; // OID and rule
+    int64_t newest = 0; // there is but one newest fail node
+    for (const Difference &difference : report.differences)
+    {
+        const auto found = known.find(difference.oid);
+        if (found == known.end())
+        {
+            result.unexplained.push_back(difference);
+            continue;
+        }
+        const auto &[slot, fate] = found->second;
+        const bool isLastKept =
+            fate.kept >= lastKept && (newest == 0 || newest == difference.oid);
+        const char *rule =
+            RuleOf({difference, *slot, fate, world, types[slot->kind->type],
+                    afterPasses, isLastKept});
+        if (rule == nullptr)
+        {
+            result.unexplained.push_back(difference);
+            continue;
+        }
+        newest = std::string(rule) == "newest-fail-node" && afterPasses
+                     ? difference.oid
+                     : newest;
+        result.counts[rule] += counted.insert({difference.oid, rule}).second;
+    }
+    return result;
 }
 
 } // namespace qdb::chaos
