@@ -12,36 +12,6 @@ namespace qdb::chaos
 namespace
 {
 
-bool IsAlive(const Slot &slot)
-{
-    return slot.alive;
-}
-
-bool IsAbsent(const Slot &slot)
-{
-    return !slot.alive;
-}
-
-bool IsAliveObject(const Slot &slot)
-{
-    return slot.alive && !slot.IsAttribute();
-}
-
-bool IsRemovable(const Slot &slot)
-{
-    return slot.alive && !slot.Has(kFixed);
-}
-
-bool IsWatched(const Slot &slot)
-{
-    return slot.alive && *slot.kind->watched != '\0';
-}
-
-bool GetsRawData(const Slot &slot)
-{
-    return slot.Has(kRaw);
-}
-
 // --- Everything at once ------------------------------------------------------
 
 // Objects of one event, which the service then deals with at once.
@@ -50,16 +20,23 @@ void DeleteBunch(Chaos &chaos)
     std::vector<uint32_t> oids;
     for (int i = 0; i < 3; ++i)
     {
-        Slot *slot = chaos.Pick(
-            [](const Slot &candidate)
-            {
-                return IsRemovable(candidate) && IsAliveObject(candidate);
-            });
+        Slot *slot = chaos.Pick(kRemovable | kObject);
         Step(chaos, *slot, 'd');
         chaos.world.Note(*slot, What::ToldDestroy);
         oids.push_back(slot->oid);
     }
     SendList(chaos, 8, oids);
+}
+
+void NoteAll(Chaos &chaos, unsigned traits, What what)
+{
+    for (Slot &slot : chaos.world.slots)
+    {
+        if (slot.Is(traits))
+        {
+            chaos.world.Note(slot, what);
+        }
+    }
 }
 
 void CommitOne(Chaos &chaos, const std::string &name)
@@ -84,21 +61,9 @@ void Restart(Chaos &chaos)
 {
     for (const char step : {'d', 'c', 'd', 'c'})
     {
-        Step(chaos,
-             *chaos.Pick(
-                 [](const Slot &slot)
-                 {
-                     return slot.alive && slot.IsAttribute();
-                 }),
-             step);
+        Step(chaos, *chaos.Pick(kAlive | kAttribute), step);
     }
-    for (Slot &slot : chaos.world.slots)
-    {
-        if (slot.IsAttribute())
-        {
-            chaos.world.Note(slot, What::Cleared);
-        }
-    }
+    NoteAll(chaos, kAttribute, What::Cleared);
     chaos.driver.Bus().TakeName();
     chaos.driver.Bus().GiveUpName();
     if (chaos.Below(2) == 0)
@@ -111,29 +76,17 @@ void Restart(Chaos &chaos)
     }
 }
 
-void TellDetach(Chaos &chaos)
+void NoteDetach(Chaos &chaos)
 {
-    for (Slot &slot : chaos.world.slots)
-    {
-        chaos.world.Note(slot, What::Cleared);
-        if (slot.Has(kRestored))
-        {
-            chaos.world.Note(slot, What::Restored);
-        }
-    }
+    NoteAll(chaos, 0, What::Cleared);
+    NoteAll(chaos, kRestored, What::Restored);
     chaos.driver.NoteDetach();
 }
 
 void Attach(Chaos &chaos)
 {
     chaos.Settle(); // or all that comes back is told together with the clearing
-    for (Slot &slot : chaos.world.slots)
-    {
-        if (IsAliveObject(slot))
-        {
-            chaos.world.Note(slot, What::ToldCreate);
-        }
-    }
+    NoteAll(chaos, kAlive | kObject, What::ToldCreate);
     chaos.driver.Do(R"({"op":"attach"})");
     chaos.isDetached = false;
 }
@@ -145,7 +98,7 @@ void DetachOrAttach(Chaos &chaos)
     {
         return Attach(chaos);
     }
-    TellDetach(chaos);
+    NoteDetach(chaos);
     chaos.driver.Do(R"({"op":"detach"})");
     chaos.isDetached = true;
 }
@@ -153,7 +106,7 @@ void DetachOrAttach(Chaos &chaos)
 // It goes and is back before anybody knows; nobody announces its objects.
 void DetachAlone(Chaos &chaos)
 {
-    TellDetach(chaos);
+    NoteDetach(chaos);
     chaos.driver.Do(R"({"op":"event","hex":"10000000)"
                     R"(0c0000000000000000000000"})");
 }
@@ -170,35 +123,35 @@ void HoldDatabase(Chaos &chaos)
 struct Action
 {
     uint32_t weight;
-    bool (*fits)(const Slot &);
+    unsigned fits; // traits
     const char *steps;
     void (*run)(Chaos &) = nullptr;
 };
 
 // clang-format off
 constexpr Action kActions[] = {
-    { 85, IsAbsent,      "A"},
-    { 14, IsAbsent,      "a"},
-    {140, IsAlive,       "C"},
-    { 25, IsAlive,       "c"},
-    { 15, IsWatched,     "w"},
-    {  5, IsAlive,       "CCCC"}, // refreshes of one object overlap
-    { 37, IsRemovable,   "D"},
-    { 12, IsRemovable,   "d"},
-    {  5, IsRemovable,   "DA"},
-    {  5, IsRemovable,   "Cd"}, // lost before the service looks, or between looks
-    { 15, IsAliveObject, "3"},
-    {  8, IsAliveObject, "7"},
-    { 25, IsAliveObject, "s"},
-    {  8, GetsRawData,   "r"},
-    {  6, nullptr,       "", DeleteBunch},
-    {  8, nullptr,       "", Commit},
-    {  4, nullptr,       "", Restart},
-    {  3, nullptr,       "", DetachOrAttach},
-    {  1, nullptr,       "", DetachAlone},
-    {  5, nullptr,       "", HoldDatabase},
-    {  6, nullptr,       "", [](Chaos &c) { c.driver.OpenPipe(); }},
-    {  3, nullptr,       "", [](Chaos &c) { c.driver.ClosePipe(); }},
+    { 85, kAbsent,          "A"},
+    { 14, kAbsent,          "a"},
+    {140, kAlive,           "C"},
+    { 25, kAlive,           "c"},
+    { 15, kWatched,         "w"},
+    {  5, kAlive,           "CCCC"}, // refreshes of one object overlap
+    { 37, kRemovable,       "D"},
+    { 12, kRemovable,       "d"},
+    {  5, kRemovable,       "DA"},
+    {  5, kRemovable,       "Cd"}, // lost before a look, or between two
+    { 15, kAlive | kObject, "3"},
+    {  8, kAlive | kObject, "7"},
+    { 25, kAlive | kObject, "s"},
+    {  8, kRaw,             "r"},
+    {  6, 0, "", DeleteBunch},
+    {  8, 0, "", Commit},
+    {  4, 0, "", Restart},
+    {  3, 0, "", DetachOrAttach},
+    {  1, 0, "", DetachAlone},
+    {  5, 0, "", HoldDatabase},
+    {  6, 0, "", [](Chaos &c) { c.driver.OpenPipe(); }},
+    {  3, 0, "", [](Chaos &c) { c.driver.ClosePipe(); }},
 };
 
 // Platform calls that fail now and then.
@@ -261,11 +214,7 @@ void LeaveToFailQueue(Chaos &chaos)
 {
     for (int i = 0; i < 5; ++i)
     {
-        Slot *slot = chaos.Pick(
-            [](const Slot &candidate)
-            {
-                return IsRemovable(candidate) && candidate.Has(kKept);
-            });
+        Slot *slot = chaos.Pick(kRemovable | kKept);
         Step(chaos, *slot, 'D');
         chaos.Settle();
         Step(chaos, *slot, 'a');
@@ -283,7 +232,7 @@ void LeaveToReloads(Chaos &chaos)
         {
             Step(chaos, slot, slot.alive ? 'd' : 'a');
         }
-        if (IsWatched(slot))
+        if (slot.Is(kWatched))
         {
             Step(chaos, slot, 'w');
         }
@@ -298,12 +247,12 @@ uint32_t Chaos::Below(uint32_t limit)
     return static_cast<uint32_t>(engine() % limit);
 }
 
-Slot *Chaos::Pick(const std::function<bool(const Slot &)> &fits)
+Slot *Chaos::Pick(unsigned traits)
 {
     std::vector<Slot *> fitting;
     for (Slot &slot : world.slots)
     {
-        if (fits(slot))
+        if (slot.Is(traits))
         {
             fitting.push_back(&slot);
         }

@@ -7,7 +7,6 @@
 #include "tests/chaos/driver.h"
 #include "tests/chaos/world.h"
 
-#include <functional>
 #include <random>
 
 namespace qdb::chaos
@@ -23,8 +22,8 @@ struct Chaos
     // A number below `limit`.
     uint32_t Below(uint32_t limit);
 
-    // A slot that fits, or NULL.
-    Slot *Pick(const std::function<bool(const Slot &)> &fits);
+    // A slot of which all that is true, or NULL.
+    Slot *Pick(unsigned traits);
 
     // Ends the epoch. False when the service is stuck.
     bool Settle();

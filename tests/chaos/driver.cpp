@@ -98,15 +98,15 @@ bool Driver::Settle(bool *pPassRan)
             return log_.hasFence && log_.IsIdle() && log_.reloads == detaches_;
         },
         kStuckMs);
-    *pPassRan = log_.passRan || log_.passRuns;
+    *pPassRan = log_.passRan;
     log_.passRan = log_.passRuns;
     return settled;
 }
 
-bool Driver::PassRuns()
+bool Driver::HasPassRun()
 {
     log_.Read();
-    return log_.passRuns;
+    return log_.passRan;
 }
 
 bool Driver::WaitPasses(size_t count)

@@ -44,8 +44,8 @@ class Driver
     // doesn't within the deadline. *pPassRan: a pass was under way meanwhile.
     bool Settle(bool *pPassRan);
 
-    // A pass is under way, as far as the log tells.
-    bool PassRuns();
+    // A pass was under way since the last Settle(), as far as the log tells.
+    bool HasPassRun();
 
     // Waits for so many whole passes.
     bool WaitPasses(size_t count);

@@ -18,6 +18,14 @@ enum Trait : unsigned
     kRestored = 1 << 4, // comes back at once after a detach
     kRaw = 1 << 5,      // gets raw data, too
     kFixed = 1 << 6,    // is never removed: others hang on it
+
+    // Of a slot at a moment.
+    kAlive = 1 << 16,
+    kAbsent = 1 << 17,
+    kObject = 1 << 18,
+    kAttribute = 1 << 19,
+    kRemovable = 1 << 20, // there, and not fixed
+    kWatched = 1 << 21,   // there, and passes compare a column
 };
 
 struct Kind

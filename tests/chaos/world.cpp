@@ -1,6 +1,7 @@
 #include "tests/chaos/world.h"
 
 #include <algorithm>
+#include <cstdio>
 
 namespace qdb::chaos
 {
@@ -21,6 +22,24 @@ std::string NameOf(const char *column)
 {
     const std::string name = *column == '#' ? column + 1 : column;
     return name.substr(0, name.find(':'));
+}
+
+unsigned Slot::Traits() const
+{
+    return kind->traits | (IsAttribute() ? kAttribute : kObject) |
+           (alive ? kAlive : kAbsent) |
+           (alive && (kind->traits & kFixed) == 0 ? kRemovable : 0u) |
+           (alive && *kind->watched != '\0' ? kWatched : 0u);
+}
+
+bool Slot::Has(unsigned traits) const
+{
+    return (Traits() & traits) != 0;
+}
+
+bool Slot::Is(unsigned traits) const
+{
+    return (Traits() & traits) == traits;
 }
 
 std::string Slot::Command(const char *forObject, const char *forAttribute) const
@@ -66,19 +85,26 @@ void World::Note(Slot &slot, What what, const std::string &column,
     slot.journal.push_back({epochs.size() - 1, what, column, length});
 }
 
-std::string World::PrintJournal(const Slot &slot) const
+std::string World::PrintJournal(int64_t storedOid) const
 {
-    constexpr size_t kPrinted = 40;
+    constexpr size_t kPrinted = 30;
     constexpr const char *kNames[] = {
         "appears",     "changes",      "disappears",    "told: create",
         "told: dirty", "told: status", "told: destroy", "told: raw data",
         "cleared",     "restored",
     };
-    std::string text;
-    const size_t count = slot.journal.size();
+    const auto slot = std::ranges::find(slots, storedOid, &Slot::Stored);
+    if (slot == slots.end())
+    {
+        return "no such object: " + std::to_string(storedOid) + "\n";
+    }
+    char head[32];
+    std::snprintf(head, sizeof(head), "journal of 0x%08X:\n", slot->oid);
+    std::string text = head;
+    const size_t count = slot->journal.size();
     for (size_t i = count - std::min(count, kPrinted); i < count; ++i)
     {
-        const Entry &entry = slot.journal[i];
+        const Entry &entry = slot->journal[i];
         const Epoch &epoch = epochs[entry.epoch];
         text += "  epoch " + std::to_string(entry.epoch) + ": " +
                 kNames[static_cast<size_t>(entry.what)] + " " + entry.column +

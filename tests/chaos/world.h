@@ -64,10 +64,9 @@ struct Slot
     {
         return kind->interface != nullptr;
     }
-    bool Has(unsigned traits) const
-    {
-        return (kind->traits & traits) != 0;
-    }
+    bool Has(unsigned traits) const; // any of them
+    bool Is(unsigned traits) const;  // all of them
+    unsigned Traits() const;
     int64_t Stored() const
     {
         return audit::StoredOid(oid);
@@ -90,8 +89,8 @@ class World
     void Note(Slot &slot, What what, const std::string &column = "",
               size_t length = 0);
 
-    // The last entries of a slot's journal, a line each.
-    std::string PrintJournal(const Slot &slot) const;
+    // The last entries of an object's journal, a line each.
+    std::string PrintJournal(int64_t storedOid) const;
 
     // The command that makes the slot's object or attribute with new values,
     // and the JSON file that makes all.
