@@ -120,6 +120,16 @@ bool SinceThen(const Case &c, size_t epoch, Condition condition)
                        epochs.end(), condition);
 }
 
+bool WasIn(const Slot &slot, size_t epoch, What what)
+{
+    return std::ranges::any_of(slot.journal,
+                               [=](const Entry &entry)
+                               {
+                                   return entry.epoch == epoch &&
+                                          entry.what == what;
+                               });
+}
+
 // --- The rules ---------------------------------------------------------------
 
 template <Cause cause>
@@ -182,15 +192,33 @@ bool HasParentChanged(const Case &c)
                                });
 }
 
+// Whether `condition` holds for an epoch in which the row may have been made.
+template <typename Condition>
+bool WhileMade(const Case &c, Condition condition)
+{
+    const bool isMadeByPasses =
+        c.slot.Has(kCounted | kMade | kReloaded) || c.fate.kept != 0;
+    for (size_t epoch = c.fate.born; epoch < c.world.epochs.size(); ++epoch)
+    {
+        const bool isTold = WasIn(c.slot, epoch, What::ToldCreate) ||
+                            WasIn(c.slot, epoch, What::Restored);
+        const bool isPass = c.world.epochs[epoch].passRan && isMadeByPasses;
+        if ((isTold || isPass) && condition(epoch))
+        {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool WasLostWhileMade(const Case &c)
 {
     return IsCreation(c) &&
-           std::ranges::any_of(c.slot.journal,
-                               [&](const Entry &entry)
-                               {
-                                   return entry.epoch >= c.fate.born &&
-                                          entry.what == What::Disappear;
-                               });
+           WhileMade(c,
+                     [&](size_t epoch)
+                     {
+                         return WasIn(c.slot, epoch, What::Disappear);
+                     });
 }
 
 bool WasParentNotHad(const Case &c)
@@ -200,10 +228,11 @@ bool WasParentNotHad(const Case &c)
         "ZOILListParentOID",   "client_get_obj_body_ptr", "client_get_objects",
     };
     return IsCreation(c) &&
-           SinceThen(c, c.fate.born,
-                     [&](const Epoch &epoch)
+           WhileMade(c,
+                     [&](size_t epoch)
                      {
-                         return std::ranges::find(kCalls, epoch.fault) !=
+                         return std::ranges::find(
+                                    kCalls, c.world.epochs[epoch].fault) !=
                                 std::end(kCalls);
                      });
 }

@@ -19,16 +19,10 @@ std::string Announce(bool announce)
 // An attribute as the configuration manager's signals tell of it.
 Json Told(const Slot &slot)
 {
-    std::string path = "/com/vexo/tarnu/Config/Attributes/";
-    for (const char letter : slot.key)
-    {
-        path += letter == '.'   ? '_'
-                : letter == '#' ? '/'
-                                : static_cast<char>(std::tolower(letter));
-    }
     return Json(json_pack("{s:s,s:s,s:s,s:I}", "interface",
                           slot.kind->interface, "key", slot.key.c_str(), "path",
-                          path.c_str(), "oid", json_int_t{slot.oid}));
+                          standin::AttributePath(slot.key).c_str(), "oid",
+                          json_int_t{slot.oid}));
 }
 
 void Appear(Chaos &chaos, Slot &slot, bool announce)
