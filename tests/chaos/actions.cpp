@@ -76,39 +76,25 @@ void Restart(Chaos &chaos)
     }
 }
 
-void NoteDetach(Chaos &chaos)
+// The Data Manager goes, and is back before anybody knows; all is cleared, and
+// some comes back at once.
+void Detach(Chaos &chaos)
 {
     NoteAll(chaos, 0, What::Cleared);
     NoteAll(chaos, kRestored, What::Restored);
     chaos.driver.NoteDetach();
+    chaos.driver.Do(R"({"op":"event","hex":"10000000)"
+                    R"(0c0000000000000000000000"})");
+    chaos.isCleared = true;
 }
 
+// It announces its objects.
 void Attach(Chaos &chaos)
 {
     chaos.Settle(); // or all that comes back is told together with the clearing
     NoteAll(chaos, kAlive | kObject, What::ToldCreate);
     chaos.driver.Do(R"({"op":"attach"})");
-    chaos.isDetached = false;
-}
-
-// The Data Manager goes, or comes back.
-void DetachOrAttach(Chaos &chaos)
-{
-    if (chaos.isDetached)
-    {
-        return Attach(chaos);
-    }
-    NoteDetach(chaos);
-    chaos.driver.Do(R"({"op":"detach"})");
-    chaos.isDetached = true;
-}
-
-// It goes and is back before anybody knows; nobody announces its objects.
-void DetachAlone(Chaos &chaos)
-{
-    NoteDetach(chaos);
-    chaos.driver.Do(R"({"op":"event","hex":"10000000)"
-                    R"(0c0000000000000000000000"})");
+    chaos.isCleared = false;
 }
 
 void HoldDatabase(Chaos &chaos)
@@ -130,28 +116,27 @@ struct Action
 
 // clang-format off
 constexpr Action kActions[] = {
-    { 85, kAbsent,          "A"},
-    { 14, kAbsent,          "a"},
-    {140, kAlive,           "C"},
-    { 25, kAlive,           "c"},
-    { 15, kWatched,         "w"},
-    {  5, kAlive,           "CCCC"}, // refreshes of one object overlap
-    { 37, kRemovable,       "D"},
-    { 12, kRemovable,       "d"},
-    {  5, kRemovable,       "DA"},
-    {  5, kRemovable,       "Cd"}, // lost before a look, or between two
-    { 15, kAlive | kObject, "3"},
-    {  8, kAlive | kObject, "7"},
-    { 25, kAlive | kObject, "s"},
-    {  8, kRaw,             "r"},
-    {  6, 0, "", DeleteBunch},
-    {  8, 0, "", Commit},
-    {  4, 0, "", Restart},
-    {  3, 0, "", DetachOrAttach},
-    {  1, 0, "", DetachAlone},
-    {  5, 0, "", HoldDatabase},
-    {  6, 0, "", [](Chaos &c) { c.driver.OpenPipe(); }},
-    {  3, 0, "", [](Chaos &c) { c.driver.ClosePipe(); }},
+    {250, kAbsent,          "A"},
+    { 40, kAbsent,          "a"},
+    {420, kAlive,           "C"},
+    { 75, kAlive,           "c"},
+    { 45, kWatched,         "w"},
+    { 15, kAlive,           "CCCC"}, // refreshes of one object overlap
+    {110, kRemovable,       "D"},
+    { 35, kRemovable,       "d"},
+    { 15, kRemovable,       "DA"},
+    { 15, kRemovable,       "Cd"}, // lost before a look, or between two
+    { 45, kAlive | kObject, "3"},
+    { 25, kAlive | kObject, "7"},
+    { 75, kAlive | kObject, "s"},
+    { 25, kRaw,             "r"},
+    { 18, 0, "", DeleteBunch},
+    { 24, 0, "", Commit},
+    {  8, 0, "", Restart},
+    {  5, 0, "", Detach},
+    { 15, 0, "", HoldDatabase},
+    { 18, 0, "", [](Chaos &c) { c.driver.OpenPipe(); }},
+    {  9, 0, "", [](Chaos &c) { c.driver.ClosePipe(); }},
 };
 
 // Platform calls that fail now and then.
@@ -273,6 +258,10 @@ bool Chaos::Settle()
 
 bool RunEpoch(Chaos &chaos)
 {
+    if (chaos.isCleared && chaos.Below(4) == 0)
+    {
+        Attach(chaos);
+    }
     const bool fails = chaos.Below(8) == 0;
     const uint32_t actions = 1 + chaos.Below(fails ? 6 : 30);
     const char *call = kCalls[chaos.Below(std::size(kCalls))];
@@ -296,10 +285,7 @@ bool RunEpoch(Chaos &chaos)
 bool Quieten(Chaos &chaos)
 {
     constexpr size_t kPromisedPasses = 2;
-    if (chaos.isDetached || chaos.Below(4) > 0)
-    {
-        Attach(chaos);
-    }
+    Attach(chaos);
     if (!chaos.Settle())
     {
         return false;

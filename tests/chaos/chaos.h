@@ -31,7 +31,7 @@ struct Chaos
     World &world;
     Driver &driver;
     std::mt19937 engine;
-    bool isDetached = false;
+    bool isCleared = false; // and not attached since
 };
 
 } // namespace qdb::chaos

@@ -89,7 +89,7 @@ void Judge(const audit::Report &report, const World &world, bool afterPasses)
 // way, nothing stands still.
 void JudgeAmidst(Chaos &chaos)
 {
-    if (chaos.isDetached || chaos.driver.HasPassRun())
+    if (chaos.driver.HasPassRun())
     {
         return;
     }

@@ -363,6 +363,16 @@ Explained Explain(const audit::Report &report, const World &world,
                      : newest;
         result.counts[rule] += counted.insert({difference.oid, rule}).second;
     }
+    for (const auto &[oid, object] : known)
+    {
+        const uint32_t type = object.slot->kind->type;
+        if (object.slot->alive && object.fate.row == Held::No &&
+            !types[type].missing.contains(oid))
+        {
+            result.unexplained.push_back({oid, audit::Kind::ExtraRow, type, "",
+                                          "", -1, "", "no row yet", "a row"});
+        }
+    }
     return result;
 }
 

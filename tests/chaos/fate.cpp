@@ -109,9 +109,21 @@ void Take(const Group &group, Cause cause, Fate *pFate)
     pFate->longest = pFate->length;
 }
 
+// Whether the object may be there, or surely is, whenever the service looks for
+// it within the epoch.
+bool MayBeFound(const Group &group, const Fate &fate)
+{
+    return fate.alive || group.Has(What::Appear);
+}
+
+bool IsSurelyFound(const Group &group, const Fate &fate)
+{
+    return fate.alive && !group.Has(What::Disappear);
+}
+
 void Make(const Group &group, Fate *pFate)
 {
-    if (!pFate->alive || pFate->row == Held::Yes)
+    if (!MayBeFound(group, *pFate) || pFate->row == Held::Yes)
     {
         return;
     }
@@ -120,8 +132,7 @@ void Make(const Group &group, Fate *pFate)
         pFate->stale.clear();
         pFate->born = group.number;
     }
-    // An object that is lost before it is read makes no row.
-    pFate->row = group.Has(What::Disappear) ? Held::Maybe : Held::Yes;
+    pFate->row = IsSurelyFound(group, *pFate) ? Held::Yes : Held::Maybe;
     pFate->rowCause = Cause::Silent;
     // A mapping isn't waited for that isn't free at once.
     if (group.epoch.heldMs != 0)
@@ -149,6 +160,20 @@ void Write(const Group &group, Fate *pFate)
     }
 }
 
+void Refresh(const Group &group, Fate *pFate)
+{
+    if (IsSurelyFound(group, *pFate))
+    {
+        return Write(group, pFate);
+    }
+    if (MayBeFound(group, *pFate) && pFate->row == Held::No &&
+        group.slot.Has(kKept))
+    {
+        pFate->row = Held::Maybe;
+        pFate->kept = group.number;
+    }
+}
+
 void Destroy(const Group &group, Fate *pFate)
 {
     if (group.epoch.heldMs < kLongHoldMs)
@@ -171,12 +196,7 @@ void Tell(const Group &group, What what, Fate *pFate)
     case What::Restored:
         return Make(group, pFate);
     case What::ToldDirty:
-        // An object that is lost before it is read is left alone.
-        if (pFate->alive && !group.Has(What::Disappear))
-        {
-            Write(group, pFate);
-        }
-        return;
+        return Refresh(group, pFate);
     case What::ToldStatus:
         if (group.slot.Has(kReloaded))
         {
