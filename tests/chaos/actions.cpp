@@ -100,7 +100,7 @@ void Attach(Chaos &chaos)
 void HoldDatabase(Chaos &chaos)
 {
     chaos.driver.Hold(static_cast<int>(
-        chaos.Below(3) > 0 ? 20 + chaos.Below(400) : 1050 + chaos.Below(400)));
+        chaos.Below(6) > 0 ? 20 + chaos.Below(300) : 1050 + chaos.Below(1500)));
 }
 
 // --- The choice --------------------------------------------------------------
@@ -251,20 +251,22 @@ bool Chaos::Settle()
 {
     Epoch &epoch = world.epochs.back();
     epoch.heldMs = driver.Release();
-    const bool settled = driver.Settle(&epoch.passRan);
+    bool passRan = false;
+    const bool settled = driver.Settle(&passRan);
+    epoch.passRan = epoch.passRan || passRan;
     world.epochs.emplace_back();
     return settled;
 }
 
 bool RunEpoch(Chaos &chaos)
 {
-    if (chaos.isCleared && chaos.Below(4) == 0)
-    {
-        Attach(chaos);
-    }
     const bool fails = chaos.Below(8) == 0;
     const uint32_t actions = 1 + chaos.Below(fails ? 6 : 30);
     const char *call = kCalls[chaos.Below(std::size(kCalls))];
+    if (!fails && chaos.isCleared && chaos.Below(4) == 0)
+    {
+        Attach(chaos);
+    }
     if (fails)
     {
         chaos.world.epochs.back().fault = call;

@@ -95,6 +95,10 @@ void ChangeStatus(Chaos &chaos, Slot &slot)
 {
     chaos.world.Note(slot, What::Change, "DOH_ObjStatus");
     chaos.world.Note(slot, What::ToldStatus);
+    if (slot.Has(kReloaded))
+    {
+        chaos.world.epochs.back().passRan = true;
+    }
     chaos.driver.Do(slot.Command("status", "") + R"(,"status":)" +
                     std::to_string(chaos.Below(250)) + "}");
 }

@@ -47,7 +47,7 @@ struct Entry
 
 struct Epoch
 {
-    bool passRan = false; // a pass of the service was under way in it
+    bool passRan = false; // a pass was under way in it, or one of its reloads
     int heldMs = 0;       // another process kept the database so long
     std::string fault;    // the platform call that failed now and then
 };
