@@ -126,6 +126,25 @@ bool IsNodeForgotten(const Case &c)
                      });
 }
 
+// One of the last passes took the row and couldn't make it again.
+bool IsPassCutShort(const Case &c)
+{
+    constexpr int kLastEpochs = 4; // with something of a pass in them
+    if (c.afterPasses || !IsMissing(c) || !c.slot.Has(kCounted | kMade))
+    {
+        return false;
+    }
+    int seen = 0;
+    const auto isCutShort = [&](const Epoch &epoch)
+    {
+        return epoch.passRan && ++seen <= kLastEpochs &&
+               (epoch.heldMs != 0 || epoch.fault == "ZOILGetObjByOID" ||
+                epoch.fault == "ZOILListChildOIDByType");
+    };
+    return std::any_of(c.world.epochs.rbegin(), c.world.epochs.rend(),
+                       isCutShort);
+}
+
 bool IsReloadBusy(const Case &c)
 {
     return IsContent(c) && c.slot.Has(kMade) && c.slot.Has(kReloaded) &&
@@ -223,6 +242,9 @@ constexpr Rule kRules[] = {
     {"newest-fail-node", IsNewestFailNode},
     // A node whose object can't be had when its turn comes is forgotten.
     {"forgotten-fail-node", IsNodeForgotten},
+    // A pass that takes rows to make them anew, and then meets a failing call or
+    // a busy database, leaves them to the next pass.
+    {"pass-cut-short", IsPassCutShort},
     // A reload can't replace a row while the database is held, and has seen
     // the change.
     {"busy-reload", IsReloadBusy},
