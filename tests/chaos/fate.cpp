@@ -263,7 +263,9 @@ void ReplayCrowd(const Group &group, Cause cause, Fate *pFate)
     {
         const bool isOnlyKept = !makes && !takes && cause == Cause::Crowd;
         pFate->row = Held::Maybe;
-        pFate->rowCause = isOnlyKept ? Cause::Kept : cause;
+        pFate->rowCause = !isOnlyKept    ? cause
+                          : pFate->alive ? Cause::Kept
+                                         : Cause::Silent;
     }
 }
 
