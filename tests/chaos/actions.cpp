@@ -1,270 +1,53 @@
-// To add an action: a function and a line in kActions. It tells the journal of
-// everything that it does and says, in its order.
+// To add an action: a line in kActions, and a function unless it consists of
+// steps of one object.
 #include "tests/chaos/actions.h"
 
-#include "tests/support/event_records.h"
+#include "tests/chaos/steps.h"
 
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
+#include <algorithm>
 #include <iterator>
-#include <numeric>
 
 namespace qdb::chaos
 {
 namespace
 {
 
-bool IsAlive(const Slot &slot)
-{
-    return slot.alive;
-}
-
-bool IsAbsent(const Slot &slot)
-{
-    return !slot.alive;
-}
-
-bool IsAliveObject(const Slot &slot)
-{
-    return slot.alive && !slot.IsAttribute();
-}
-
-bool IsAttribute(const Slot &slot)
-{
-    return slot.IsAttribute();
-}
-
-bool IsAliveAttribute(const Slot &slot)
-{
-    return slot.alive && slot.IsAttribute();
-}
-
-bool IsRemovable(const Slot &slot)
-{
-    return slot.alive && !slot.Has(kFixed);
-}
-
-bool IsWatched(const Slot &slot)
-{
-    return slot.alive && *slot.kind->watched != '\0';
-}
-
-bool GetsRawData(const Slot &slot)
-{
-    return slot.Has(kRaw);
-}
-
-// --- One object or attribute -------------------------------------------------
-
-std::string Announce(bool announce)
-{
-    return std::string(R"(,"announce":)") + (announce ? "true" : "false");
-}
-
-// As signals tell of an attribute.
-Json Told(const Slot &slot)
-{
-    return Driver::Attribute(slot.kind->interface, slot.key, slot.oid);
-}
-
-void Appear(Chaos &chaos, Slot &slot, bool announce)
-{
-    slot.alive = true;
-    chaos.journal.Add(slot, What::Appear);
-    std::string command = chaos.world.Creation(slot);
-    command.insert(command.size() - 1, Announce(announce));
-    chaos.driver.Do(command);
-    if (announce)
-    {
-        chaos.journal.Add(slot, What::ToldCreate);
-        if (slot.IsAttribute())
-        {
-            chaos.driver.Bus().SendAdded(Told(slot).get());
-        }
-    }
-}
-
-void Change(Chaos &chaos, Slot &slot, const char *column, bool announce)
-{
-    const std::string name = NameOf(column);
-    const std::string array = slot.kind->array;
-    const bool isArray =
-        !array.empty() && array.substr(0, array.find(':')) == name;
-    const size_t length = isArray ? 1 + chaos.Below(8) : 0;
-    const std::string values = "{" +
-                               (isArray ? chaos.world.FreshArray(slot, length)
-                                        : chaos.world.Fresh(column)) +
-                               "}";
-    // An array brings its count along.
-    chaos.journal.Add(slot, What::Change, isArray ? "*" : name, length);
-    chaos.driver.Do(slot.Command("set", "attribute") + R"(,"values":)" +
-                    values + Announce(announce) + "}");
-    if (announce)
-    {
-        chaos.journal.Add(slot, What::ToldDirty);
-        if (slot.IsAttribute())
-        {
-            chaos.driver.Bus().SendChanged(
-                Told(slot).get(),
-                Json(json_loads(values.c_str(), 0, nullptr)).get());
-        }
-    }
-}
-
-void Disappear(Chaos &chaos, Slot &slot, bool announce)
-{
-    slot.alive = false;
-    chaos.journal.Add(slot, What::Disappear);
-    chaos.driver.Do(slot.Command("delete", "remove") + R"(,"oids":[)" +
-                    std::to_string(slot.oid) + "]" + Announce(announce) + "}");
-    if (announce)
-    {
-        chaos.journal.Add(slot, What::ToldDestroy);
-        if (slot.IsAttribute())
-        {
-            chaos.driver.Bus().SendRemoved(Told(slot).get());
-        }
-    }
-}
-
-template <bool announce>
-void Create(Chaos &chaos)
-{
-    if (Slot *slot = chaos.Pick(IsAbsent))
-    {
-        Appear(chaos, *slot, announce);
-    }
-}
-
-template <bool announce>
-void Set(Chaos &chaos)
-{
-    Slot *slot = chaos.Pick(IsAlive);
-    Change(chaos, *slot, slot->kind->columns[chaos.Below(2)], announce);
-}
-
-template <bool announce>
-void Delete(Chaos &chaos)
-{
-    Disappear(chaos, *chaos.Pick(IsRemovable), announce);
-}
-
-// Seen by passes alone.
-void ChangeWatched(Chaos &chaos, Slot &slot)
-{
-    const char *watched = slot.kind->watched;
-    Change(chaos, slot,
-           *watched == '*' ? slot.kind->columns[chaos.Below(2)] : watched,
-           false);
-}
-
-void SetWatched(Chaos &chaos)
-{
-    ChangeWatched(chaos, *chaos.Pick(IsWatched));
-}
-
-// The refreshes of one object overlap.
-void SetOften(Chaos &chaos)
-{
-    Slot *slot = chaos.Pick(IsAlive);
-    for (uint32_t i = 0; i < 4; ++i)
-    {
-        Change(chaos, *slot, slot->kind->columns[i % 2], true);
-    }
-}
-
-void Replace(Chaos &chaos)
-{
-    Slot *slot = chaos.Pick(IsRemovable);
-    Disappear(chaos, *slot, true);
-    Appear(chaos, *slot, true);
-}
-
-// The service is told of a change, and the object is lost before it looks, or
-// between two of its looks.
-void SetAndVanish(Chaos &chaos)
-{
-    Slot *slot = chaos.Pick(IsRemovable);
-    Change(chaos, *slot, slot->kind->columns[0], true);
-    Disappear(chaos, *slot, false);
-}
+// --- Everything at once ------------------------------------------------------
 
 // Objects of one event, which the service then deals with at once.
 void DeleteBunch(Chaos &chaos)
 {
-    std::vector<Slot *> slots;
+    std::vector<uint32_t> oids;
     for (int i = 0; i < 3; ++i)
     {
-        slots.push_back(chaos.Pick(
-            [](const Slot &slot)
-            {
-                return IsRemovable(slot) && IsAliveObject(slot);
-            }));
-        Disappear(chaos, *slots.back(), false);
-        chaos.journal.Add(*slots.back(), What::ToldDestroy);
+        Slot *slot = chaos.Pick(kRemovable | kObject);
+        Step(chaos, *slot, 'd');
+        chaos.world.Note(*slot, What::ToldDestroy);
+        oids.push_back(slot->oid);
     }
-    chaos.SendList(8, slots);
+    SendList(chaos, 8, oids);
 }
 
-// A list about an object that nothing has happened to.
-template <int type, What what>
-void SendAgain(Chaos &chaos)
+void NoteAll(Chaos &chaos, unsigned traits, What what)
 {
-    Slot *slot = chaos.Pick(IsAliveObject);
-    chaos.journal.Add(*slot, what);
-    chaos.SendList(type, {slot});
-}
-
-void Status(Chaos &chaos)
-{
-    Slot *slot = chaos.Pick(IsAliveObject);
-    chaos.journal.Add(*slot, What::Change, "DOH_ObjStatus");
-    chaos.journal.Add(*slot, What::ToldStatus);
-    chaos.driver.Do(slot->Command("status", "") + R"(,"status":)" +
-                    std::to_string(chaos.Below(250)) + "}");
-}
-
-// A file comes, changes, is empty or is gone.
-void RawData(Chaos &chaos)
-{
-    Slot *slot = chaos.Pick(GetsRawData);
-    const std::string path = chaos.driver.Service().Root().Path() + "/raw" +
-                             std::to_string(slot->oid);
-    if (const uint32_t size = chaos.Below(200); size < 20)
+    for (Slot &slot : chaos.world.slots)
     {
-        std::filesystem::remove(path);
-    }
-    else
-    {
-        std::ofstream(path) << std::string(size - 20, 'r');
-    }
-    chaos.journal.Add(*slot, What::ToldRaw);
-    chaos.driver.Bus().SendRawData(slot->key, path);
-}
-
-// --- Everything at once ------------------------------------------------------
-
-template <typename Fits>
-void TellAll(Chaos &chaos, What what, Fits fits)
-{
-    for (const Slot &slot : chaos.world.slots)
-    {
-        if (fits(slot))
+        if (slot.Is(traits))
         {
-            chaos.journal.Add(slot, what);
+            chaos.world.Note(slot, what);
         }
     }
 }
 
 void CommitOne(Chaos &chaos, const std::string &name)
 {
-    TellAll(chaos, What::ToldCreate,
-            [&](const Slot &slot)
-            {
-                return slot.IsAttribute() &&
-                       name.ends_with(slot.kind->interface);
-            });
+    for (Slot &slot : chaos.world.slots)
+    {
+        if (slot.IsAttribute() && name.ends_with(slot.kind->interface))
+        {
+            chaos.world.Note(slot, What::ToldCreate);
+        }
+    }
     chaos.driver.Bus().SendCommit(name);
 }
 
@@ -276,13 +59,11 @@ void Commit(Chaos &chaos)
 // The manager comes back with other contents, and may announce them.
 void Restart(Chaos &chaos)
 {
-    for (int i = 0; i < 4; ++i)
+    for (const char step : {'d', 'c', 'd', 'c'})
     {
-        Slot *slot = chaos.Pick(IsAliveAttribute);
-        i % 2 == 0 ? Disappear(chaos, *slot, false)
-                   : Change(chaos, *slot, slot->kind->columns[1], false);
+        Step(chaos, *chaos.Pick(kAlive | kAttribute), step);
     }
-    TellAll(chaos, What::Cleared, IsAttribute);
+    NoteAll(chaos, kAttribute, What::Cleared);
     chaos.driver.Bus().TakeName();
     chaos.driver.Bus().GiveUpName();
     if (chaos.Below(2) == 0)
@@ -295,88 +76,68 @@ void Restart(Chaos &chaos)
     }
 }
 
-void TellDetach(Chaos &chaos)
+// The Data Manager goes, and is back before anybody knows; all is cleared, and
+// some comes back at once.
+void Detach(Chaos &chaos)
 {
-    for (const Slot &slot : chaos.world.slots)
-    {
-        chaos.journal.Add(slot, What::Cleared);
-        if (slot.Has(kRestored))
-        {
-            chaos.journal.Add(slot, What::Restored);
-        }
-    }
+    NoteAll(chaos, 0, What::Cleared);
+    NoteAll(chaos, kRestored, What::Restored);
     chaos.driver.NoteDetach();
-}
-
-void Attach(Chaos &chaos)
-{
-    TellAll(chaos, What::ToldCreate, IsAliveObject);
-    chaos.driver.Do(R"({"op":"attach"})");
-    chaos.isDetached = false;
-}
-
-// The Data Manager goes, or comes back.
-void DetachOrAttach(Chaos &chaos)
-{
-    if (chaos.isDetached)
-    {
-        return Attach(chaos);
-    }
-    TellDetach(chaos);
-    chaos.driver.Do(R"({"op":"detach"})");
-    chaos.isDetached = true;
-}
-
-// It goes and is back before anybody knows; nobody announces its objects.
-void DetachAlone(Chaos &chaos)
-{
-    TellDetach(chaos);
     chaos.driver.Do(R"({"op":"event","hex":"10000000)"
                     R"(0c0000000000000000000000"})");
+    chaos.isCleared = true;
 }
 
-// --- Around it ---------------------------------------------------------------
+// It announces its objects.
+void Attach(Chaos &chaos)
+{
+    chaos.Settle(); // or all that comes back is told together with the clearing
+    NoteAll(chaos, kAlive | kObject, What::ToldCreate);
+    chaos.driver.Do(R"({"op":"attach"})");
+    chaos.isCleared = false;
+}
 
-void Hold(Chaos &chaos)
+void HoldDatabase(Chaos &chaos)
 {
     chaos.driver.Hold(static_cast<int>(
-        chaos.Below(3) > 0 ? 20 + chaos.Below(400) : 1050 + chaos.Below(400)));
+        chaos.Below(6) > 0 ? 20 + chaos.Below(300) : 1050 + chaos.Below(1500)));
 }
 
+// --- The choice --------------------------------------------------------------
+
+// Either steps of one slot that fits, or a function.
 struct Action
 {
-    const char *name;
     uint32_t weight;
-    void (*run)(Chaos &);
-    bool isSmall; // tells the service of one thing, or of nothing
+    unsigned fits; // traits
+    const char *steps;
+    void (*run)(Chaos &) = nullptr;
 };
 
 // clang-format off
 constexpr Action kActions[] = {
-    {"create",           85, Create<true>,                        true},
-    {"create silently",  14, Create<false>,                       true},
-    {"set",             140, Set<true>,                           true},
-    {"set silently",     25, Set<false>,                          true},
-    {"set watched",      15, SetWatched,                          true},
-    {"set often",         5, SetOften,                            true},
-    {"delete",           37, Delete<true>,                        true},
-    {"vanish",           12, Delete<false>,                       true},
-    {"replace",           5, Replace,                             true},
-    {"set and vanish",    5, SetAndVanish,                        true},
-    {"delete bunch",      6, DeleteBunch,                         true},
-    {"dirty again",      15, SendAgain<3, What::ToldDirty>,       true},
-    {"create again",      8, SendAgain<7, What::ToldCreate>,      true},
-    {"status",           25, Status,                              true},
-    {"raw data",          8, RawData,                             true},
-    {"commit",            8, Commit,                              true},
-    {"restart",           4, Restart,                             false},
-    {"detach or attach",  3, DetachOrAttach,                      false},
-    {"detach alone",      1, DetachAlone,                         false},
-    {"hold database",     5, Hold,                                false},
-    {"open pipe",         6, [](Chaos &c) { c.driver.OpenPipe(); },  false},
-    {"close pipe",        3, [](Chaos &c) { c.driver.ClosePipe(); }, false},
+    {250, kAbsent,          "A"},
+    { 40, kAbsent,          "a"},
+    {420, kAlive,           "C"},
+    { 75, kAlive,           "c"},
+    { 45, kWatched,         "w"},
+    { 15, kAlive,           "CCCC"}, // refreshes of one object overlap
+    {110, kRemovable,       "D"},
+    { 35, kRemovable,       "d"},
+    { 15, kRemovable,       "DA"},
+    { 15, kRemovable,       "Cd"}, // lost before a look, or between two
+    { 45, kAlive | kObject, "3"},
+    { 25, kAlive | kObject, "7"},
+    { 75, kAlive | kObject, "s"},
+    { 25, kRaw,             "r"},
+    { 18, 0, "", DeleteBunch},
+    { 24, 0, "", Commit},
+    {  8, 0, "", Restart},
+    {  5, 0, "", Detach},
+    { 15, 0, "", HoldDatabase},
+    { 18, 0, "", [](Chaos &c) { c.driver.OpenPipe(); }},
+    {  9, 0, "", [](Chaos &c) { c.driver.ClosePipe(); }},
 };
-// clang-format on
 
 // Platform calls that fail now and then.
 constexpr const char *kCalls[] = {
@@ -394,24 +155,33 @@ constexpr const char *kCalls[] = {
     "client_get_obj_body_ptr",
     "client_get_objects",
 };
+// clang-format on
 
+// `isSmall`: what concerns one object alone.
 void RunAny(Chaos &chaos, bool isSmall)
 {
-    const auto weigh = [=](uint32_t sum, const Action &action)
+    const auto weigh = [=](const Action &action)
     {
-        return sum + (action.isSmall || !isSmall ? action.weight : 0);
+        return action.run == nullptr || !isSmall ? action.weight : 0;
     };
-    uint32_t at = chaos.Below(
-        std::accumulate(std::begin(kActions), std::end(kActions), 0u, weigh));
+    uint32_t sum = 0;
     for (const Action &action : kActions)
     {
-        const uint32_t weight = weigh(0, action);
-        if (at < weight)
-        {
-            chaos.Trace(action.name);
-            return action.run(chaos);
-        }
-        at -= weight;
+        sum += weigh(action);
+    }
+    const Action *action = kActions;
+    for (uint32_t at = chaos.Below(sum); at >= weigh(*action); ++action)
+    {
+        at -= weigh(*action);
+    }
+    if (action->run != nullptr)
+    {
+        return action->run(chaos);
+    }
+    Slot *slot = chaos.Pick(action->fits);
+    for (const char *step = action->steps; slot != nullptr && *step; ++step)
+    {
+        Step(chaos, *slot, *step);
     }
 }
 
@@ -422,128 +192,109 @@ std::string FaultCommand(const char *call, uint32_t times, uint32_t skip)
            std::to_string(skip) + "}";
 }
 
-} // namespace
-
-Chaos::Chaos(uint32_t seed, bool trace, World &theWorld, Journal &theJournal,
-             Driver &theDriver)
-    : world(theWorld), journal(theJournal), driver(theDriver), engine_(seed),
-      trace_(trace)
-{
-}
-
-// Not std::uniform_int_distribution, whose results differ between libraries.
-uint32_t Chaos::Below(uint32_t limit)
-{
-    return static_cast<uint32_t>(engine_() % limit);
-}
-
-void Chaos::Trace(const std::string &text) const
-{
-    if (trace_)
-    {
-        std::printf("%zu %s\n", journal.Number(), text.c_str());
-    }
-}
-
-void Chaos::SendList(int type, const std::vector<Slot *> &slots)
-{
-    std::vector<uint32_t> oids;
-    for (const Slot *slot : slots)
-    {
-        oids.push_back(slot->oid);
-    }
-    std::string hex;
-    for (const uint8_t byte : test::List(static_cast<uint16_t>(type), oids))
-    {
-        char digits[3];
-        std::snprintf(digits, sizeof(digits), "%02x", byte);
-        hex += digits;
-    }
-    driver.Do(R"({"op":"event","hex":")" + hex + R"("})");
-}
-
-bool Chaos::Settle()
-{
-    journal.Now().heldMs = driver.Release();
-    bool passRan = false;
-    const bool settled = driver.Settle(&passRan);
-    journal.Now().passRan = passRan;
-    journal.NextEpoch();
-    return settled;
-}
-
-bool Chaos::RunEpoch()
-{
-    const bool fails = Below(8) == 0;
-    const uint32_t actions = 1 + Below(fails ? 6 : 30);
-    const char *call = kCalls[Below(std::size(kCalls))];
-    if (fails)
-    {
-        Trace(std::string("fail ") + call);
-        journal.Now().fault = call;
-        driver.Do(FaultCommand(call, 1 + Below(3), Below(4)));
-    }
-    for (uint32_t i = 0; i < actions; ++i)
-    {
-        RunAny(*this, fails);
-    }
-    const bool settled = Settle();
-    if (fails)
-    {
-        driver.Do(FaultCommand(call, 0, 0));
-    }
-    return settled;
-}
-
-bool Chaos::Quieten()
-{
-    constexpr size_t kPromisedPasses = 2;
-    if (isDetached || Below(4) > 0)
-    {
-        Attach(*this);
-    }
-    if (!Settle())
-    {
-        return false;
-    }
-    LeaveToFailQueue();
-    LeaveToReloads();
-    return Settle() && driver.WaitPasses(kPromisedPasses);
-}
+// --- What is left to passes --------------------------------------------------
 
 // Objects that have no row change.
-void Chaos::LeaveToFailQueue()
+void LeaveToFailQueue(Chaos &chaos)
 {
     for (int i = 0; i < 5; ++i)
     {
-        Slot *slot = Pick(
-            [](const Slot &candidate)
-            {
-                return IsRemovable(candidate) && candidate.Has(kKept);
-            });
-        Disappear(*this, *slot, true);
-        Settle();
-        Appear(*this, *slot, false);
-        Change(*this, *slot, slot->kind->columns[1], true);
-        Settle();
+        Slot *slot = chaos.Pick(kRemovable | kKept);
+        Step(chaos, *slot, 'D');
+        chaos.Settle();
+        Step(chaos, *slot, 'a');
+        Step(chaos, *slot, 'C');
+        chaos.Settle();
     }
 }
 
 // What happens without a word.
-void Chaos::LeaveToReloads()
+void LeaveToReloads(Chaos &chaos)
 {
-    for (Slot &slot : world.slots)
+    for (Slot &slot : chaos.world.slots)
     {
-        if (slot.Has(kCounted) && Below(3) == 0)
+        if (slot.Has(kCounted) && chaos.Below(3) == 0)
         {
-            slot.alive ? Disappear(*this, slot, false)
-                       : Appear(*this, slot, false);
+            Step(chaos, slot, slot.alive ? 'd' : 'a');
         }
-        if (IsWatched(slot))
+        if (slot.Is(kWatched))
         {
-            ChangeWatched(*this, slot);
+            Step(chaos, slot, 'w');
         }
     }
+}
+
+} // namespace
+
+// Not std::uniform_int_distribution, whose results differ between libraries.
+uint32_t Chaos::Below(uint32_t limit)
+{
+    return static_cast<uint32_t>(engine() % limit);
+}
+
+Slot *Chaos::Pick(unsigned traits)
+{
+    std::vector<Slot *> fitting;
+    for (Slot &slot : world.slots)
+    {
+        if (slot.Is(traits))
+        {
+            fitting.push_back(&slot);
+        }
+    }
+    return fitting.empty()
+               ? nullptr
+               : fitting[Below(static_cast<uint32_t>(fitting.size()))];
+}
+
+bool Chaos::Settle()
+{
+    Epoch &epoch = world.epochs.back();
+    epoch.heldMs = driver.Release();
+    bool passRan = false;
+    const bool settled = driver.Settle(&passRan);
+    epoch.passRan = epoch.passRan || passRan;
+    world.epochs.emplace_back();
+    return settled;
+}
+
+bool RunEpoch(Chaos &chaos)
+{
+    const bool fails = chaos.Below(8) == 0;
+    const uint32_t actions = 1 + chaos.Below(fails ? 6 : 30);
+    const char *call = kCalls[chaos.Below(std::size(kCalls))];
+    if (!fails && chaos.isCleared && chaos.Below(4) == 0)
+    {
+        Attach(chaos);
+    }
+    if (fails)
+    {
+        chaos.world.epochs.back().fault = call;
+        chaos.driver.Do(FaultCommand(call, 1 + chaos.Below(3), chaos.Below(4)));
+    }
+    for (uint32_t i = 0; i < actions; ++i)
+    {
+        RunAny(chaos, fails);
+    }
+    const bool settled = chaos.Settle();
+    if (fails)
+    {
+        chaos.driver.Do(FaultCommand(call, 0, 0));
+    }
+    return settled;
+}
+
+bool Quieten(Chaos &chaos)
+{
+    constexpr size_t kPromisedPasses = 2;
+    Attach(chaos);
+    if (!chaos.Settle())
+    {
+        return false;
+    }
+    LeaveToFailQueue(chaos);
+    LeaveToReloads(chaos);
+    return chaos.Settle() && chaos.driver.WaitPasses(kPromisedPasses);
 }
 
 } // namespace qdb::chaos

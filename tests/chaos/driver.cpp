@@ -2,7 +2,6 @@
 
 #include "tests/support/wait.h"
 
-#include <filesystem>
 #include <thread>
 
 namespace qdb::chaos
@@ -14,85 +13,7 @@ namespace
 // pass for a slow one, nor a slow one for a stuck one.
 constexpr int kStuckMs = 180000;
 
-constexpr std::streamoff kLongLog = 64 << 20;
-
-bool Contains(const std::string &line, const char *text)
-{
-    return line.find(text) != std::string::npos;
-}
-
 } // namespace
-
-// --- The log -----------------------------------------------------------------
-
-void LogWatcher::Take(const std::string &line)
-{
-    const std::string thread = line.substr(0, line.find(']'));
-    if (Contains(line, "QdbenQueued for SeqNumber="))
-    {
-        ++queued_;
-    }
-    else if (Contains(line, "Dequeue SeqNo = "))
-    {
-        ++taken_;
-    }
-    else if (Contains(line, "Call QdbdeQueue for thID="))
-    {
-        ++waits_;
-    }
-    else if (Contains(line, "handle_QuillonDB_NC_Event_Request end of loop"))
-    {
-        passThread_ = thread;
-        passRuns_ = false;
-        ++passes_;
-    }
-    else if (thread == passThread_ &&
-             Contains(line, "Entering ReLoadNCObjects"))
-    {
-        passRuns_ = true;
-        passRan_ = true;
-    }
-    else if (Contains(line, "Reload Config Objects - "))
-    {
-        ++reloads_;
-    }
-    else if (!fence_.empty() && Contains(line, fence_.c_str()))
-    {
-        hasFence_ = true;
-    }
-}
-
-void LogWatcher::Read()
-{
-    std::ifstream file(path_, std::ios::binary);
-    file.seekg(at_);
-    const std::string text((std::istreambuf_iterator<char>(file)), {});
-    at_ += static_cast<std::streamoff>(text.size());
-    rest_ += text;
-    size_t begin = 0;
-    for (size_t end = 0; (end = rest_.find('\n', begin)) != std::string::npos;
-         begin = end + 1)
-    {
-        Take(rest_.substr(begin, end - begin));
-    }
-    rest_.erase(0, begin);
-}
-
-bool LogWatcher::TakePassRan()
-{
-    const bool ran = passRan_ || passRuns_;
-    passRan_ = passRuns_;
-    return ran;
-}
-
-void LogWatcher::AwaitFence(const std::string &path)
-{
-    // The line of the worker that takes the record.
-    fence_ = "path =  " + path;
-    hasFence_ = false;
-}
-
-// --- The system --------------------------------------------------------------
 
 Driver::Driver(const std::string &scenario)
     : service_({.scenario = scenario, .logLevel = 6, .pipe = true}),
@@ -113,21 +34,6 @@ Driver::Driver(const std::string &scenario)
 Json Driver::Do(const std::string &command)
 {
     return client_->Call(Json(json_loads(command.c_str(), 0, nullptr)));
-}
-
-Json Driver::Attribute(const std::string &interface, const std::string &key,
-                       uint32_t oid)
-{
-    std::string path = "/com/vexo/tarnu/Config/Attributes/";
-    for (const char letter : key)
-    {
-        path += letter == '.'   ? '_'
-                : letter == '#' ? '/'
-                                : static_cast<char>(std::tolower(letter));
-    }
-    return Json(json_pack("{s:s,s:s,s:s,s:I}", "interface", interface.c_str(),
-                          "key", key.c_str(), "path", path.c_str(), "oid",
-                          json_int_t{oid}));
 }
 
 void Driver::Hold(int milliseconds)
@@ -173,7 +79,9 @@ void Driver::ClosePipe()
 void Driver::Fence()
 {
     const std::string path = "/fence/" + std::to_string(++fences_);
-    log_.AwaitFence(path);
+    // The line of the worker that takes the record.
+    log_.fence = "path =  " + path;
+    log_.hasFence = false;
     bus_.SendAdded(Json(json_pack("{s:s,s:s,s:i}", "interface", "Fence", "path",
                                   path.c_str(), "oid", 1))
                        .get());
@@ -187,29 +95,29 @@ bool Driver::Settle(bool *pPassRan)
         [this]
         {
             log_.Read();
-            return log_.HasFence() && log_.IsIdle() &&
-                   log_.Reloads() == detaches_;
+            return log_.hasFence && log_.IsIdle() && log_.reloads == detaches_;
         },
         kStuckMs);
-    *pPassRan = log_.TakePassRan();
+    *pPassRan = log_.passRan;
+    log_.passRan = log_.passRuns;
     return settled;
 }
 
-bool Driver::PassRuns()
+bool Driver::HasPassRun()
 {
     log_.Read();
-    return log_.PassRuns();
+    return log_.passRan;
 }
 
 bool Driver::WaitPasses(size_t count)
 {
     log_.Read();
-    const size_t wanted = log_.Passes() + count + (log_.PassRuns() ? 1 : 0);
+    const size_t wanted = log_.passes + count + (log_.passRuns ? 1 : 0);
     return test::WaitUntil(
         [&]
         {
             log_.Read();
-            return log_.Passes() >= wanted;
+            return log_.passes >= wanted;
         },
         kStuckMs);
 }

@@ -4,7 +4,7 @@
 // happened to that very object. Everything else fails the run.
 #pragma once
 
-#include "tests/chaos/fate.h"
+#include "tests/chaos/world.h"
 #include "tools/audit/audit.h"
 
 #include <map>
@@ -23,6 +23,6 @@ struct Explained
 // `report` is of a service that has done all that it was told; `afterPasses`:
 // and has made the passes that it promises since.
 Explained Explain(const audit::Report &report, const World &world,
-                  const Journal &journal, bool afterPasses);
+                  bool afterPasses);
 
 } // namespace qdb::chaos

@@ -15,6 +15,7 @@ namespace
 {
 
 constexpr char kAll[] = "*";
+constexpr char kStatus[] = "DOH_ObjStatus";
 
 // The entries of one object in one epoch.
 struct Group
@@ -48,16 +49,16 @@ bool Breaks(const std::string &call, What what, bool isAttribute)
            (what == What::ToldStatus && call == "ZOILGetObjByKey");
 }
 
-// Whether passes may work on the object.
+// Whether passes may work on the object. What was once put in the fail queue
+// may still be there, whatever has become of its row since.
 bool IsTouchedByPasses(const Slot &slot, const Fate &fate)
 {
     return slot.Has(kCounted | kMade | kReloaded) ||
            *slot.kind->watched != '\0' ||
-           (slot.Has(kKept) && fate.row != Held::Yes);
+           (slot.Has(kKept) && fate.row != Held::Yes) || fate.kept != 0;
 }
 
-// Whether passes may make a row at any time, promised or not: what was once put
-// in the fail queue may still be there.
+// Whether passes may make a row at any time, promised or not.
 bool IsMadeByPasses(const Slot &slot, const Fate &fate)
 {
     return slot.Has(kCounted | kMade) || fate.kept != 0 ||
@@ -66,58 +67,33 @@ bool IsMadeByPasses(const Slot &slot, const Fate &fate)
 
 // --- What happens to the object ----------------------------------------------
 
-void Come(const Group &group, Fate *pFate)
-{
-    pFate->alive = true;
-    pFate->changed = group.number;
-    pFate->length = kFirstLength;
-    pFate->longest = std::max(pFate->longest, pFate->length);
-    if (pFate->row == Held::No)
-    {
-        pFate->rowCause = Cause::Silent;
-    }
-    else
-    {
-        pFate->stale[kAll] = Cause::Known;
-    }
-}
-
-void ChangeColumn(const Group &group, const Entry &entry, Fate *pFate)
-{
-    pFate->changed = group.number;
-    pFate->length = entry.number != 0 ? entry.number : pFate->length;
-    pFate->longest = std::max(pFate->longest, pFate->length);
-    if (pFate->row != Held::No)
-    {
-        pFate->stale[entry.column] = pFate->isRaw ? Cause::Raw : Cause::Silent;
-    }
-}
-
-void Go(Fate *pFate)
-{
-    pFate->alive = false;
-    if (pFate->row != Held::No)
-    {
-        pFate->rowCause = Cause::Silent;
-    }
-}
-
-bool HappensToObject(const Group &group, const Entry &entry, Fate *pFate)
+// `cause`: of columns that become older by it.
+void Happen(const Group &group, const Entry &entry, Cause cause, Fate *pFate)
 {
     switch (entry.what)
     {
     case What::Appear:
-        Come(group, pFate);
-        return true;
+        pFate->alive = true;
+        pFate->changed = group.number;
+        pFate->length = kFirstLength;
+        pFate->rowCause =
+            pFate->row == Held::No ? Cause::Silent : pFate->rowCause;
+        pFate->stale[kAll] = cause == Cause::Silent ? Cause::Known : cause;
+        break;
     case What::Change:
-        ChangeColumn(group, entry, pFate);
-        return true;
+        pFate->changed = group.number;
+        pFate->length = entry.length != 0 ? entry.length : pFate->length;
+        pFate->stale[entry.column] = cause;
+        break;
     case What::Disappear:
-        Go(pFate);
-        return true;
+        pFate->alive = false;
+        pFate->rowCause =
+            pFate->row == Held::No ? pFate->rowCause : Cause::Silent;
+        break;
     default:
-        return false;
+        break;
     }
+    pFate->longest = std::max(pFate->longest, pFate->length);
 }
 
 // --- What the service was told, alone ----------------------------------------
@@ -133,11 +109,21 @@ void Take(const Group &group, Cause cause, Fate *pFate)
     pFate->longest = pFate->length;
 }
 
+// Whether the object may be there, or surely is, whenever the service looks for
+// it within the epoch.
+bool MayBeFound(const Group &group, const Fate &fate)
+{
+    return fate.alive || group.Has(What::Appear);
+}
+
+bool IsSurelyFound(const Group &group, const Fate &fate)
+{
+    return fate.alive && !group.Has(What::Disappear);
+}
+
 void Make(const Group &group, Fate *pFate)
 {
-    // An object that is lost before it is read makes no row.
-    const bool isLost = group.Has(What::Disappear);
-    if (!pFate->alive || pFate->row == Held::Yes)
+    if (!MayBeFound(group, *pFate) || pFate->row == Held::Yes)
     {
         return;
     }
@@ -146,7 +132,7 @@ void Make(const Group &group, Fate *pFate)
         pFate->stale.clear();
         pFate->born = group.number;
     }
-    pFate->row = isLost ? Held::Maybe : Held::Yes;
+    pFate->row = IsSurelyFound(group, *pFate) ? Held::Yes : Held::Maybe;
     pFate->rowCause = Cause::Silent;
     // A mapping isn't waited for that isn't free at once.
     if (group.epoch.heldMs != 0)
@@ -158,12 +144,8 @@ void Make(const Group &group, Fate *pFate)
 }
 
 // A refresh from an object that is as new as the last change.
-void Write(const Group &group, bool fetches, Fate *pFate)
+void Write(const Group &group, Fate *pFate)
 {
-    if (!pFate->alive || (fetches && group.Has(What::Disappear)))
-    {
-        return;
-    }
     if (pFate->row != Held::Yes && group.slot.Has(kKept))
     {
         pFate->surelyKept =
@@ -178,15 +160,17 @@ void Write(const Group &group, bool fetches, Fate *pFate)
     }
 }
 
-void TellStatus(const Group &group, Fate *pFate)
+void Refresh(const Group &group, Fate *pFate)
 {
-    if (!group.slot.Has(kReloaded))
+    if (IsSurelyFound(group, *pFate))
     {
-        Write(group, false, pFate);
+        return Write(group, pFate);
     }
-    else if (pFate->row != Held::No)
+    if (MayBeFound(group, *pFate) && pFate->row == Held::No &&
+        group.slot.Has(kKept))
     {
-        pFate->stale["DOH_ObjStatus"] = Cause::NotReread;
+        pFate->row = Held::Maybe;
+        pFate->kept = group.number;
     }
 }
 
@@ -212,9 +196,14 @@ void Tell(const Group &group, What what, Fate *pFate)
     case What::Restored:
         return Make(group, pFate);
     case What::ToldDirty:
-        return Write(group, true, pFate);
+        return Refresh(group, pFate);
     case What::ToldStatus:
-        return TellStatus(group, pFate);
+        if (group.slot.Has(kReloaded))
+        {
+            pFate->stale[kStatus] = Cause::NotReread;
+            return;
+        }
+        return Write(group, pFate);
     case What::ToldDestroy:
         return Destroy(group, pFate);
     case What::ToldRaw:
@@ -231,65 +220,41 @@ void ReplayAlone(const Group &group, Fate *pFate)
 {
     for (const Entry &entry : group.entries)
     {
-        if (!HappensToObject(group, entry, pFate))
-        {
-            Tell(group, entry.what, pFate);
-        }
+        Happen(group, entry, Cause::Silent, pFate);
+        Tell(group, entry.what, pFate);
     }
 }
 
 // --- What the service was told at once, or while a call failed ---------------
 
-// Columns that the group touches, and older ones that no full refresh mended.
-void AgeColumns(const Group &group, bool isMended, Cause cause, Fate *pFate)
-{
-    if (isMended)
-    {
-        pFate->stale.clear();
-    }
-    for (const Entry &entry : group.entries)
-    {
-        HappensToObject(group, entry, pFate);
-        if (entry.what == What::Change || entry.what == What::Appear)
-        {
-            pFate->stale[entry.what == What::Change ? entry.column : kAll] =
-                cause;
-        }
-        else if (entry.what == What::ToldRaw)
-        {
-            pFate->isRaw = true;
-        }
-        else if (entry.what == What::ToldStatus && group.slot.Has(kReloaded))
-        {
-            pFate->stale["DOH_ObjStatus"] = Cause::NotReread;
-        }
-    }
-}
-
 void ReplayCrowd(const Group &group, Cause cause, Fate *pFate)
 {
     const bool makes = group.Has(What::ToldCreate) || group.Has(What::Restored);
     const bool takes = group.Has(What::ToldDestroy) || group.Has(What::Cleared);
-    const bool writes =
-        group.Has(What::ToldDirty) ||
-        (group.Has(What::ToldStatus) && !group.slot.Has(kReloaded));
+    const bool isStatusWritten =
+        group.Has(What::ToldStatus) && !group.slot.Has(kReloaded);
+    const bool writes = group.Has(What::ToldDirty) || isStatusWritten;
     const bool isCertain = pFate->alive && !group.Has(What::Disappear) &&
                            !takes && cause == Cause::Crowd;
     const Held before = pFate->row;
-    AgeColumns(group,
-               isCertain && writes && before == Held::Yes && !pFate->isRaw,
-               cause, pFate);
-    if (takes)
+    if (isCertain && writes && before == Held::Yes && !pFate->isRaw)
     {
-        pFate->taken = group.number;
+        pFate->stale.clear(); // of what was before
     }
+    for (const Entry &entry : group.entries)
+    {
+        Happen(group, entry, cause, pFate);
+    }
+    if (group.Has(What::ToldStatus) && !isStatusWritten)
+    {
+        pFate->stale[kStatus] = Cause::NotReread;
+    }
+    pFate->isRaw = pFate->isRaw || group.Has(What::ToldRaw);
+    pFate->taken = takes ? group.number : pFate->taken;
     pFate->born = before == Held::No ? group.number : pFate->born;
     const bool isKept =
         writes && group.slot.Has(kKept) && (takes || before != Held::Yes);
-    if (isKept)
-    {
-        pFate->kept = group.number;
-    }
+    pFate->kept = isKept ? group.number : pFate->kept;
     if (isCertain && makes)
     {
         pFate->row = Held::Yes;
@@ -298,7 +263,9 @@ void ReplayCrowd(const Group &group, Cause cause, Fate *pFate)
     {
         const bool isOnlyKept = !makes && !takes && cause == Cause::Crowd;
         pFate->row = Held::Maybe;
-        pFate->rowCause = isOnlyKept ? Cause::Kept : cause;
+        pFate->rowCause = !isOnlyKept    ? cause
+                          : pFate->alive ? Cause::Kept
+                                         : Cause::Silent;
     }
 }
 
@@ -322,18 +289,22 @@ void ReplayPasses(const Group &group, Fate *pFate)
 
 void Replay(const Group &group, Fate *pFate)
 {
-    const bool isTouched = IsTouchedByPasses(group.slot, *pFate);
-    size_t told = 0;
-    bool isBroken = false;
-    for (const Entry &entry : group.entries)
+    if (pFate->row == Held::No)
     {
-        told += IsTold(entry.what) ? 1u : 0u;
-        isBroken = isBroken || Breaks(group.epoch.fault, entry.what,
-                                      group.slot.IsAttribute());
+        pFate->stale.clear(); // whoever makes it sees what is there now
     }
-    const bool isCrowd =
-        told + (isTouched && group.epoch.passRan ? 1u : 0u) > 1;
-    if (told > 0 && (isCrowd || isBroken))
+    const auto told = std::ranges::count_if(group.entries, &Entry::IsTold);
+    const bool isBroken =
+        std::ranges::any_of(group.entries,
+                            [&](const Entry &entry)
+                            {
+                                return Breaks(group.epoch.fault, entry.what,
+                                              group.slot.IsAttribute());
+                            });
+    const bool meetsPass =
+        group.epoch.passRan && IsTouchedByPasses(group.slot, *pFate);
+    const bool isCrowd = told > 1 || (told == 1 && meetsPass);
+    if (isCrowd || isBroken)
     {
         ReplayCrowd(group, isBroken ? Cause::Fault : Cause::Crowd, pFate);
     }
@@ -358,40 +329,20 @@ Cause Fate::StaleCause(const std::string &column) const
     return Cause::None;
 }
 
-// Records that come after a detach are queued after its clearing; so it ends a
-// group, unless something was under way before.
-static size_t EndOfGroup(const Slot &slot, std::span<const Entry> entries,
-                         size_t begin)
+Fate FateOf(const Slot &slot, const std::vector<Epoch> &epochs)
 {
-    size_t told = 0;
-    size_t end = begin;
-    while (end < entries.size() && entries[end].epoch == entries[begin].epoch)
-    {
-        told += IsTold(entries[end].what) ? 1u : 0u;
-        const bool isClearing = entries[end].what == What::Cleared;
-        ++end;
-        if (isClearing && told == 1 && !slot.IsAttribute())
-        {
-            const bool isRestored =
-                end < entries.size() && entries[end].what == What::Restored;
-            return isRestored ? end + 1 : end;
-        }
-    }
-    return end;
-}
-
-Fate FateOf(const Slot &slot, const Journal &journal)
-{
-    const std::span<const Entry> entries = journal.Of(slot);
     Fate fate;
-    for (size_t begin = 0; begin < entries.size();)
+    const std::span<const Entry> entries = slot.journal;
+    for (size_t begin = 0, end = 0; begin < entries.size(); begin = end)
     {
         const size_t number = entries[begin].epoch;
-        const size_t end = EndOfGroup(slot, entries, begin);
-        Replay({slot, journal.Epochs()[number], number,
-                entries.subspan(begin, end - begin)},
-               &fate);
-        begin = end;
+        while (end < entries.size() && entries[end].epoch == number)
+        {
+            ++end;
+        }
+        Replay(
+            {slot, epochs[number], number, entries.subspan(begin, end - begin)},
+            &fate);
     }
     return fate;
 }

@@ -3,7 +3,7 @@
 // cause of each.
 #pragma once
 
-#include "tests/chaos/journal.h"
+#include "tests/chaos/world.h"
 
 #include <map>
 #include <string>
@@ -28,7 +28,6 @@ enum class Cause
     Busy,      // told while another process kept the database
     Cleared,   // went with all others, and was not told since
     Kept,      // told as changed without a row: it waits in the fail queue
-    Raw,       // holds raw data
     NotReread, // told as a status change that only starts a reload
 };
 
@@ -48,13 +47,16 @@ struct Fate
     size_t kept = 0;    // last put in the fail queue, as it may be
     size_t surelyKept = 0;
 
-    bool isRaw = false;
+    bool isRaw = false; // the row may hold raw data
     size_t length = 0;  // of the array
     size_t longest = 0; // since the row was born
 
     Cause StaleCause(const std::string &column) const;
 };
 
-Fate FateOf(const Slot &slot, const Journal &journal);
+Fate FateOf(const Slot &slot, const std::vector<Epoch> &epochs);
+
+// A row is asked for a second in vain before its reader gives up.
+inline constexpr int kLongHoldMs = 1000;
 
 } // namespace qdb::chaos

@@ -1,58 +1,12 @@
 #include "tests/chaos/world.h"
 
-#include <cstring>
+#include <algorithm>
+#include <cstdio>
 
 namespace qdb::chaos
 {
 namespace
 {
-
-constexpr char kInt[] = "CfgIntAttribute";
-constexpr char kStr[] = "CfgStrAttribute";
-constexpr char kEnum[] = "CfgEnumAttribute";
-constexpr char kPasswd[] = "CfgPasswdAttribute";
-
-// clang-format off
-constexpr Kind kKinds[] = {
-    {0x91, nullptr, 0x910001, 1, 0, 0, R"("Key":"91||System.Embedded.1")", {"SysProductName", "#EnabledState"}, "", "*", kReloaded | kFixed},
-    {0x5E, nullptr, 0x5E0001, 1, 0, 0, R"("Key":"Tarnu.Embedded.1#SubSystem.1#Battery")", {"SubSystemName", "SubSystemFQDD"}, "", "", kKept | kFixed},
-    {0x40, nullptr, 0x400001, 4, 0, 0, R"("FQDD":"Fan{n}")", {"Key", "#VariableSpeed"}, "", "", kKept},
-    {0x17, nullptr, 0x170001, 12, 0x400001, 4, R"("Key":"Speed{n}")", {"#probeReading", "FriendlyFQDD"}, "", "", kKept},
-    {0x16, nullptr, 0x160001, 16, 0, 0, R"("Key":"Temp{n}")", {"#probeReading", "ProbeLocation"}, "", "", kKept},
-    {0x18, nullptr, 0x180001, 8, 0x910001, 1, R"("Key":"Volt{n}")", {"#probeReading", "ProbeLocation"}, "", "", 0},
-    {0x15, nullptr, 0x150001, 3, 0, 0, R"("PSLocation":"Bay{n}")", {"fwVer", "#inputVolts"}, "", "", kKept},
-    {0xA03, nullptr, 0xA030001, 4, 0, 0, R"("jobInfo_DOT_Key":"Job{n}")", {"jobInfo_DOT_Message", "#jobInfo_DOT_percentComplete"}, "", "", kKept},
-    {0xE1, nullptr, 0xE10001, 4, 0, 0, R"("Key":"DIMM{n}")", {"#Speed", "SerialNumber"}, "", "", kKept | kReloaded},
-    {0xE1, nullptr, 0xE10101, 4, 0, 0, R"("Key":"NVDIMM{n}","TypeDetail":4224)", {"#Speed", "SerialNumber"}, "", "#RemainingRatedWriteEndurance", kKept | kReloaded},
-    {0x42, nullptr, 0x420001, 2, 0, 0, R"("Key":"Board{n}")", {"SerialNumber", "ProductName"}, "", "", kReloaded},
-    {0x42, nullptr, 0x420101, 4, 0, 0, R"("Key":"Disk.Bay.{n}")", {"PartNumber", "ProductName"}, "", "SerialNumber", kReloaded},
-    {0x36, nullptr, 0x360001, 1, 0x910001, 1, R"("Key":"Power{n}")", {"#powerControl", "#powerControl"}, "", "#powerState", kMade},
-    {0xEB, nullptr, 0xEB0001, 1, 0, 0, R"("key":"Bezel{n}")", {"fwVersion", "productName"}, "", "*", kMade | kReloaded},
-    {0xEC, nullptr, 0xEC0001, 1, 0x910001, 1, R"("key":"Stick{n}")", {"serialNumber", "#presence"}, "", "*", kMade | kReloaded},
-    {0x1001, nullptr, 0x10010001, 5, 0, 0, R"("key":"Populator{n}")", {"popName", "popName"}, "", "#popStatus", kCounted},
-    {0x1B, nullptr, 0x1B0001, 3, 0x5E0001, 1, R"("FriendlyFQDD":"Cell{n}")", {"#probeReading", "ProbeLocation"}, "", "Key", kKept | kCounted},
-    {0x220, nullptr, 0x2200001, 3, 0x910001, 1, R"("Key":"GPU{n}")", {"MarketingName", "#GpuTargetTemp"}, "", "", kKept | kCounted},
-    {0x900, nullptr, 0x9000001, 2, 0, 0, R"("rootBody_DOT_Key":"Root{n}")", {"#rootBody_DOT_popID", "#rootBody_DOT_popID"}, "", "", kRestored},
-    {0x5D, nullptr, 0x5D0001, 3, 0, 0, R"("Key":"Health{n}")", {"HealthStatusArray", "HealthStatusArray"}, "HealthStatusArray", "", kKept},
-    {0x41, nullptr, 0x410001, 3, 0x400001, 4, R"("Key":"History{n}")", {"#peakTempDay", "tempDataLastDay"}, "tempDataLastDay:avgValue", "", 0},
-    {0x801, nullptr, 0x8010001, 4, 0, 0, R"("DOH_ObjStatus":{n})", {"ObjTypeList", "ObjTypeList"}, "ObjTypeList", "", 0},
-    {0x1200, nullptr, 0x12000001, 4, 0, 0, R"("ifName":"eth{n}")", {"IpV6Address", "#ifStatus"}, "IpV6Address:prefixLen", "", 0},
-    {0x45, nullptr, 0x450001, 3, 0, 0, R"("Key":"Slot{n}")", {"slotNumStr", "#slotNum"}, "", "", 0},
-    {0x45, nullptr, 0x450101, 3, 0, 0, R"("emptySlotObj_DOT_Key":"Raid{n}","emptySlotObj_DOT_slotType":7)", {"fqdd", "emptySlotObj_DOT_slotNumStr"}, "", "", 0},
-    {0x31B, nullptr, 0x31B0001, 3, 0, 0, R"("key":"Smart{n}","protocol":64,"attributes":2)", {"friendlyFQDD", "fqdd"}, "", "", 0},
-    {0xC003, nullptr, 0xC0030001, 6, 0x5E0001, 1, R"("key":"Port{n}")", {"uniqueKey", "FQDD"}, "", "", 0},
-    {0x4051, kInt, 0x40510001, 6, 0, 0, "Tarnu.Embedded.1#Chaos.1#Int{n}", {"#currentValue", "DisplayName"}, "", "", kRestored},
-    {0x4052, kStr, 0x40520001, 4, 0, 0, "Tarnu.Embedded.1#Chaos.1#Str{n}", {"CurrentValue", "DisplayName"}, "", "", kRestored},
-    {0x4052, kStr, 0x40520101, 3, 0, 0, "Tarnu.Embedded.1#Chaos.2#AppRawData{n}", {"CurrentValue", "DisplayName"}, "", "", kRestored | kRaw},
-    {0x4053, kEnum, 0x40530001, 4, 0, 0, "Tarnu.Embedded.1#Chaos.10#Enum{n}", {"CurrentValue", "DisplayName"}, "", "", kRestored},
-    {0x4054, kPasswd, 0x40540001, 4, 0, 0, "Tarnu.Embedded.1#Chaos.1#Passwd{n}", {"CurrentValue", "DisplayName"}, "", "", kRestored},
-    {0x4051, kInt, 0x40510201, 1, 0, 0, "Tarnu.Embedded.1#SerialCapture.1#SerialDataSize", {"#currentValue", "DisplayName"}, "", "*", kRestored | kMade},
-    {0x4051, kInt, 0x40510301, 1, 0, 0, "System.Embedded.1#ServerOS.1#ServerPoweredOnTime", {"#currentValue", "DisplayName"}, "", "*", kRestored | kMade},
-    {0x4052, kStr, 0x40520201, 1, 0, 0, "System.Embedded.1#Diagnostics.1#OSAppCollectionTime", {"CurrentValue", "DisplayName"}, "", "*", kRestored | kMade},
-    {0x4052, kStr, 0x40520301, 1, 0, 0, "System.Embedded.1#SystemInfo.1#BootTime", {"CurrentValue", "DisplayName"}, "", "*", kRestored | kMade},
-    {0x4052, kStr, 0x40520401, 1, 0, 0, "System.Embedded.1#SystemInfo.1#SysTime", {"CurrentValue", "DisplayName"}, "", "*", kRestored | kMade},
-};
-// clang-format on
 
 std::string Numbered(std::string text, uint32_t number)
 {
@@ -66,7 +20,26 @@ std::string Numbered(std::string text, uint32_t number)
 
 std::string NameOf(const char *column)
 {
-    return *column == '#' ? column + 1 : column;
+    const std::string name = *column == '#' ? column + 1 : column;
+    return name.substr(0, name.find(':'));
+}
+
+unsigned Slot::Traits() const
+{
+    return kind->traits | (IsAttribute() ? kAttribute : kObject) |
+           (alive ? kAlive : kAbsent) |
+           (alive && (kind->traits & kFixed) == 0 ? kRemovable : 0u) |
+           (alive && *kind->watched != '\0' ? kWatched : 0u);
+}
+
+bool Slot::Has(unsigned traits) const
+{
+    return (Traits() & traits) != 0;
+}
+
+bool Slot::Is(unsigned traits) const
+{
+    return (Traits() & traits) == traits;
 }
 
 std::string Slot::Command(const char *forObject, const char *forAttribute) const
@@ -100,8 +73,49 @@ World::World()
             const bool isAttribute = kind.interface != nullptr;
             slots.push_back({&kind, kind.first + i,
                              isAttribute ? Numbered(kind.values, i + 1) : ""});
+            Note(slots.back(), What::Appear);
+            Note(slots.back(), What::ToldCreate);
         }
     }
+}
+
+void World::Note(Slot &slot, What what, const std::string &column,
+                 size_t length)
+{
+    slot.journal.push_back({epochs.size() - 1, what, column, length});
+}
+
+std::string World::PrintJournal(int64_t storedOid) const
+{
+    constexpr size_t kPrinted = 30;
+    constexpr const char *kNames[] = {
+        "appears",     "changes",      "disappears",    "told: create",
+        "told: dirty", "told: status", "told: destroy", "told: raw data",
+        "cleared",     "restored",
+    };
+    const auto slot = std::ranges::find(slots, storedOid, &Slot::Stored);
+    if (slot == slots.end())
+    {
+        return "no such object: " + std::to_string(storedOid) + "\n";
+    }
+    char head[32];
+    std::snprintf(head, sizeof(head), "journal of 0x%08X:\n", slot->oid);
+    std::string text = head;
+    const size_t count = slot->journal.size();
+    for (size_t i = count - std::min(count, kPrinted); i < count; ++i)
+    {
+        const Entry &entry = slot->journal[i];
+        const Epoch &epoch = epochs[entry.epoch];
+        text += "  epoch " + std::to_string(entry.epoch) + ": " +
+                kNames[static_cast<size_t>(entry.what)] + " " + entry.column +
+                (epoch.passRan ? " [pass]" : "") +
+                (epoch.fault.empty() ? "" : " [" + epoch.fault + " fails]") +
+                (epoch.heldMs == 0
+                     ? ""
+                     : " [held " + std::to_string(epoch.heldMs) + " ms]") +
+                "\n";
+    }
+    return text;
 }
 
 std::string World::Fresh(const char *column)
@@ -127,7 +141,7 @@ std::string World::FreshArray(const Slot &slot, size_t length)
                     ? number
                     : "{\"" + array.substr(colon + 1) + "\":" + number + '}';
     }
-    return '"' + array.substr(0, colon) + "\":[" + list + ']';
+    return '"' + NameOf(slot.kind->array) + "\":[" + list + ']';
 }
 
 std::string World::Values(const Slot &slot)
@@ -138,7 +152,7 @@ std::string World::Values(const Slot &slot)
                              : Numbered(kind.values, slot.oid - kind.first + 1);
     for (const char *column : kind.columns)
     {
-        if (std::strncmp(column, kind.array, std::strlen(column)) != 0)
+        if (NameOf(column) != NameOf(kind.array))
         {
             values += "," + Fresh(column);
         }

@@ -1,44 +1,55 @@
-// The objects and attributes that a chaos run plays with: slots that come and
-// go and come back, always under the same OID, key and parent.
+// The objects and attributes of a chaos run, and the journal of what was done
+// to each and what of it the service was told. Slots come and go and come back,
+// always under the same OID, key and parent.
 //
-// To add a type: a line in kKinds. What passes of the service do for a type by
-// themselves is said there, by hand, so that the service's own tables aren't
-// asked whether they are right.
+// Time is counted in epochs: an epoch begins and ends with a service that has
+// worked off everything it was told. What is told of an object alone in its
+// epoch has its whole effect; what is told together has it in no order.
 #pragma once
 
+#include "tests/chaos/kinds.h"
 #include "tools/audit/content.h"
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
 namespace qdb::chaos
 {
 
-enum Trait : unsigned
+enum class What
 {
-    kKept = 1 << 0,     // a refresh that finds no row waits in the fail queue
-    kCounted = 1 << 1,  // passes compare counts, and fill the table anew
-    kMade = 1 << 2,     // passes make a missing row
-    kReloaded = 1 << 3, // a status change starts the passes' reload, no more
-    kRestored = 1 << 4, // comes back at once after a detach
-    kRaw = 1 << 5,      // gets raw data, too
-    kFixed = 1 << 6,    // is never removed: others hang on it
+    // To the object, at its owner.
+    Appear,
+    Change, // `column`; `length`: the new one of an array
+    Disappear,
+    // To the service.
+    ToldCreate,
+    ToldDirty,
+    ToldStatus,
+    ToldDestroy,
+    ToldRaw,
+    Cleared,  // everything, or all attributes
+    Restored, // by the service itself, after it has cleared
 };
 
-struct Kind
+struct Entry
 {
-    uint16_t type;
-    const char *interface; // of an attribute; NULL: an object
-    uint32_t first;        // OIDs are first, first + 1, ...
-    uint32_t count;
-    uint32_t parent;        // the first of `parentCount` OIDs
-    uint32_t parentCount;   // 0: the root
-    const char *values;     // that never change; {n} is the slot's number
-    const char *columns[2]; // that change; '#' marks a number
-    const char *array;      // of numbers, or of one field behind a ':'
-    const char *watched;    // column that passes compare; "*": all
-    unsigned traits;
+    size_t epoch;
+    What what;
+    std::string column;
+    size_t length;
+
+    bool IsTold() const
+    {
+        return what >= What::ToldCreate && what <= What::Cleared;
+    }
+};
+
+struct Epoch
+{
+    bool passRan = false; // a pass was under way in it, or one of its reloads
+    int heldMs = 0;       // another process kept the database so long
+    std::string fault;    // the platform call that failed now and then
 };
 
 struct Slot
@@ -47,32 +58,39 @@ struct Slot
     uint32_t oid;
     std::string key; // of an attribute
     bool alive = true;
+    std::vector<Entry> journal = {};
 
     bool IsAttribute() const
     {
         return kind->interface != nullptr;
     }
-    bool Has(unsigned traits) const
-    {
-        return (kind->traits & traits) != 0;
-    }
+    bool Has(unsigned traits) const; // any of them
+    bool Is(unsigned traits) const;  // all of them
+    unsigned Traits() const;
     int64_t Stored() const
     {
         return audit::StoredOid(oid);
     }
-    // An unfinished command for the object, or for the attribute.
-    std::string Command(const char *forObject, const char *forAttribute) const;
     // The OID of the parent; 0: the root, or a group.
     uint32_t Parent() const;
     bool Watches(const std::string &column) const;
+    // An unfinished command for the object, or for the attribute.
+    std::string Command(const char *forObject, const char *forAttribute) const;
 };
 
 class World
 {
   public:
-    World(); // everything is there
+    World(); // everything is there and stored, in epoch 0
 
     std::vector<Slot> slots;
+    std::vector<Epoch> epochs = std::vector<Epoch>(1);
+
+    void Note(Slot &slot, What what, const std::string &column = "",
+              size_t length = 0);
+
+    // The last entries of an object's journal, a line each.
+    std::string PrintJournal(int64_t storedOid) const;
 
     // The command that makes the slot's object or attribute with new values,
     // and the JSON file that makes all.
@@ -92,7 +110,7 @@ class World
     bool begun_ = false;
 };
 
-// A column's name in kKinds without its mark.
+// A column's name in kKinds without its mark, and an array's without its field.
 std::string NameOf(const char *column);
 
 // How long the array is when an object appears.
