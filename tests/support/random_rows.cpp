@@ -65,11 +65,6 @@ uint32_t RandomRows::Below(uint32_t limit)
     return static_cast<uint32_t>(engine_()) % limit;
 }
 
-const RowData &RandomRows::Row()
-{
-    return kRowData[Below(std::size(kRowData))];
-}
-
 json_t *RandomRows::Integer(unsigned bits, bool isSigned)
 {
     const uint64_t greatest = UINT64_MAX >> (64 - bits + (isSigned ? 1 : 0));
