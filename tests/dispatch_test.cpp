@@ -271,10 +271,11 @@ TEST_F(Dispatch, GoesOnWithoutAListOfParents)
 {
     PutObject(kStatus, 80);
     Put(MakeObject(kStatus, 16), {80});
-    standin::SetFault("ZOILListParentOID", 0, 1);
+    standin::SetFault("ZOILListParentOID", 0, 2); // for the key, for the links
     EXPECT_EQ(Notify(kCreate, {16}), 0);
     EXPECT_EQ(CountLog("Error: ZOILListParentOID returned NULL \n"), 1);
     EXPECT_EQ(Rows(), Lines{"16"});
+    EXPECT_EQ(mirror_.Rows("SELECT * FROM ParentChildMapping"), Lines{});
 }
 
 } // namespace
