@@ -182,26 +182,6 @@ TEST(Watch, ShortensLongValuesBetweenCharacters)
               "TIME T 1 Changed: v -> \"" + text.substr(1, 98) + "...\n");
 }
 
-TEST(Watch, ColoursWhatIsForATerminal)
-{
-    EXPECT_EQ(Watched({.json = false, .colour = true, .table = ""},
-                      {{Kind::Changed,
-                        R"({"TableName": "T", "RowDetails": {"OID": 1},
-                            "PropertiesChanged": {"v": 2},
-                            "PreviousPropertyValues": {"v": 1}})"}}),
-              "\x1b[2mTIME\x1b[0m \x1b[36mT\x1b[0m 1 \x1b[33mChanged\x1b[0m: "
-              "v \x1b[31m1\x1b[0m -> \x1b[32m2\x1b[0m\n");
-}
-
-TEST(Watch, KnowsTheMembersOfChangeSignals)
-{
-    EXPECT_EQ(KindOfMember("Vexo_qdb_Resource_Added"), Kind::Added);
-    EXPECT_EQ(KindOfMember("Vexo_qdb_Resource_Changed"), Kind::Changed);
-    EXPECT_EQ(KindOfMember("Vexo_qdb_Resource_Removed"), Kind::Removed);
-    EXPECT_EQ(KindOfMember("Vexo_shmdb_Resource_Added"), std::nullopt);
-    EXPECT_EQ(KindOfMember(""), std::nullopt);
-}
-
 TEST(Watch, KeepsTheRowsUsedLast)
 {
     RowCache cache(2);
