@@ -16,6 +16,7 @@
 #include "events/dispatch.h"
 #include "events/listener.h"
 #include "reconcile/population.h"
+#include "tests/stream_reloads.h"
 #include "tests/support/config_bytes.h"
 #include "tests/support/handler_fixture.h"
 #include "tests/support/row_values.h"
@@ -99,22 +100,6 @@ constexpr char kUnmap[] = "DELETE FROM ActiveOIDMapping";
 
 const Faults kMappingBusy = {{{kMapping, {5, kForever}}}, {}};
 const Faults kMappingBusyAtFirst = {{{kMapping, {5, 100}}}, {}};
-
-Faults Failing(const std::string &sql, int status, int times)
-{
-    return {{{sql, {status, times}}}, {}};
-}
-
-// First one status, then another.
-Faults Failing(const std::string &sql, const Fault &first, const Fault &second)
-{
-    return {{{sql, first}, {sql, second}}, {}};
-}
-
-Faults Unprepared(const std::string &sql, int status)
-{
-    return {{}, {{sql, {status, 1}}}};
-}
 
 // The first reading of a handler, and the second.
 Faults Unread(int status)
@@ -481,6 +466,41 @@ class StreamTest : public ::testing::Test
             });
     }
 
+    void TellReloads()
+    {
+        static const std::set<uint32_t> kTypes = {
+            0xE1, 0x36,   0x42, 0x91,  0x4051, 0x4052, 0xEB,
+            0xEC, 0x1001, 0x1B, 0x220, 0x40,   0xA03,  0x31B};
+        recorder_.KeepWhole(false);
+        for (const ReloadStep &step : ReloadSteps())
+        {
+            if (step.afresh)
+            {
+                standin::Reset();
+                PutObject(0x1100, kParentOid);
+                PutObject(0x1100, kOtherParentOid);
+                mirror_.Rows("DELETE FROM ActiveOIDMapping;"
+                             "UPDATE TblEtag SET MultiRecordEtag = NULL");
+            }
+            DbusEventsEnabled = 0;
+            step.prepare();
+            DbusEventsEnabled = 1;
+            if (step.sql != nullptr)
+            {
+                mirror_.Rows(step.sql);
+            }
+            if (!step.faults.prepares.empty())
+            {
+                ForgetStatements();
+            }
+            recorder_.Forget();
+            step.faults.Arm();
+            recorder_.RecordAll(std::string("reload: ") + step.name,
+                                step.reload, kTypes);
+            ClearSqliteFaults();
+        }
+    }
+
     // Writes the recording, or tells how it differs.
     void Compare()
     {
@@ -528,6 +548,7 @@ TEST_F(StreamTest, IsTheRecordedOne)
     }
     TellRecords();
     TellPopulationAndDetach();
+    TellReloads();
     Compare();
 }
 
