@@ -1,7 +1,6 @@
 // From the bus's records to the handlers of configuration attributes.
 
 #include "core/json.h"
-#include "db/clearing.h"
 #include "events/bus_dispatch.h"
 #include "objects/catalogue.h"
 #include "platform/standin/state.h"
@@ -18,7 +17,6 @@ namespace
 constexpr uint16_t kDirty = 3;
 constexpr uint16_t kCreate = 7;
 constexpr uint16_t kDestroy = 8;
-constexpr uint16_t kRestarted = 23;
 
 const std::string kInt = "com.vexo.tarnu.Config.CfgIntAttribute";
 const std::string kKey = "Test.1#Group.1#Name";
@@ -198,64 +196,6 @@ TEST_F(BusDispatch, TellsOfAttributesThatVanish)
     EXPECT_EQ(Notify(kCreate), 0);
     notify(kDirty);
     EXPECT_EQ(CountLog("ZO_STATUS_NO_SUCH_OBJECT"), 0);
-}
-
-TEST_F(BusDispatch, TriesABusyDatabaseAgainAtOnce)
-{
-    const struct
-    {
-        int status;
-        int times;
-        int result;
-        int retries;
-    } cases[] = {
-        {SQLITE_BUSY, 100, -1, 100},
-        {SQLITE_LOCKED, 99, 0, 99},
-        {SQLITE_CORRUPT, 1, 11, 0},
-        {SQLITE_ERROR, 1, -1, 0},
-    };
-    Put("{}");
-    EXPECT_EQ(Notify(kCreate), 0);
-    for (const auto &test : cases)
-    {
-        SCOPED_TRACE(test.status);
-        FinalizeHandlerStatements();
-        Restart();
-        FailPrepares("UPDATE TblIntAttribute", test.status, test.times);
-        EXPECT_EQ(Notify(kDirty), test.result);
-        EXPECT_EQ(CountLog(kRetry), test.retries);
-        EXPECT_EQ(SleepCount(), 0);
-    }
-}
-
-TEST_F(BusDispatch, GivesADestroysOwnResult)
-{
-    Put("{}");
-    EXPECT_EQ(Notify(kCreate), 0);
-    for (const auto &[status, result] : {std::pair(11, 11), {1, -1}})
-    {
-        ClearSqliteFaults();
-        FailSteps("DELETE FROM ActiveOIDMapping", status, 2);
-        EXPECT_EQ(Notify(kDestroy), result);
-    }
-    EXPECT_EQ(Notify(kDestroy, 17), -1);
-    EXPECT_EQ(Mapped(), "1");
-}
-
-TEST_F(BusDispatch, GoesOnWithoutAGroupAndTellsOfTablesNotEmptied)
-{
-    Put("{}");
-    standin::SetFault("CfgGroup_get_object", 5, 1);
-    CaptureLog(1);
-    EXPECT_EQ(Notify(kCreate), 0);
-    EXPECT_EQ(LogLines(), Lines{"Parent not found: " + kPath + "\n"});
-    EXPECT_EQ(mirror_.Value("SELECT ParentObjectKey FROM TblIntAttribute"),
-              "NULL");
-    Restart(3);
-    FailPrepares("INNER JOIN TblEnumAttribute", SQLITE_ERROR, 1);
-    EXPECT_EQ(Notify(Record(65533, {kRestarted, 0, 0, 0})), -1);
-    EXPECT_EQ(LogLines().back(), "Failed to clear on of the tables.\n");
-    EXPECT_EQ(Mapped(), "0");
 }
 
 } // namespace

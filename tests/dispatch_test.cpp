@@ -14,7 +14,6 @@ namespace
 
 constexpr uint16_t kStatus = 0x1001;
 constexpr char kLookUp[] = "select ObjType from ActiveOIDMapping";
-constexpr char kMapping[] = "insert into ActiveOIDMapping";
 constexpr uint16_t kDirty = 3;
 constexpr uint16_t kCreate = 7;
 constexpr uint16_t kDestroy = 8;
@@ -42,15 +41,7 @@ void Remove(uint32_t oid)
     EXPECT_EQ(standin::DeleteObjects(Words{oid}, false), "");
 }
 
-class Dispatch : public DbTest
-{
-  protected:
-    Lines Rows()
-    {
-        return mirror_.Rows(
-            "SELECT OID FROM TblDMStatus_Child_Obj ORDER BY OID");
-    }
-};
+using Dispatch = DbTest;
 
 TEST_F(Dispatch, RefusesWhatIsNoList)
 {
@@ -94,56 +85,6 @@ TEST_F(Dispatch, RefusesWhatIsNoList)
     EXPECT_EQ(ObjectNotification(nullptr, kCreate), 2);
     EXPECT_EQ(LogLines(),
               Lines{"Invalid Argument, notification not processed\n"});
-}
-
-// Every OID is tried, and the last failure decides.
-TEST_F(Dispatch, GoesThroughAllObjects)
-{
-    struct Case
-    {
-        const char *name;
-        uint16_t kind;
-        Words oids; // 99 is gone
-        const char *faulty;
-        std::vector<Fault> faults;
-        int result;
-        Lines rows; // 16 has one before
-    };
-    // clang-format off
-    const Case cases[] = {
-        {"create", kCreate, {1001, 1002}, "", {}, 0, {"16", "1001", "1002"}},
-        {"gone first", kCreate, {99, 1001}, "", {}, 256, {"16", "1001"}},
-        {"gone last", kCreate, {1001, 99}, "", {}, 256, {"16", "1001"}},
-        {"gone in between", kDirty, {99, 16, 99}, "", {}, 256, {"16"}},
-        {"dirty without row", kDirty, {1001}, "", {}, 0, {"16"}},
-        {"create of a row", kCreate, {16, 1001}, "", {}, -1, {"16", "1001"}},
-        {"fails, then gone", kCreate, {1001, 99}, kMapping, {{1, 1}}, 256, {"16"}},
-        {"gone, then fails", kCreate, {99, 1001}, kMapping, {{1, 1}}, -1, {"16"}},
-        {"corrupt, then good", kCreate, {1001, 1002}, kMapping, {{11, 1}}, 11, {"16", "1002"}},
-        {"corrupt, then gone", kCreate, {1001, 99}, kMapping, {{11, 1}}, 256, {"16"}},
-        {"corrupt, then fails", kCreate, {1001, 1002}, kMapping, {{11, 1}, {1, 1}}, -1, {"16"}},
-        {"fails, then corrupt", kCreate, {1001, 1002}, kMapping, {{1, 1}, {11, 1}}, 11, {"16"}},
-        {"unknown destroyed", kDestroy, {99, 16}, "", {}, 0, {}},
-        {"destroy fails", kDestroy, {16}, "DELETE FROM Active", {{1, 2}}, -1, {"16"}},
-        {"destroy corrupt", kDestroy, {16}, "DELETE FROM Active", {{11, 2}}, 11, {"16"}},
-    };
-    // clang-format on
-    for (const Case &test : cases)
-    {
-        SCOPED_TRACE(test.name);
-        standin::Reset();
-        mirror_.Rows("DELETE FROM ActiveOIDMapping");
-        for (const uint32_t oid : {16u, 1001u, 1002u})
-        {
-            PutObject(kStatus, oid);
-        }
-        EXPECT_EQ(Notify(kCreate, {16}), 0);
-        Restart();
-        FailSteps(test.faulty, test.faults);
-        EXPECT_EQ(Notify(test.kind, test.oids), test.result);
-        ClearSqliteFaults();
-        EXPECT_EQ(Rows(), test.rows);
-    }
 }
 
 TEST_F(Dispatch, FetchesUnreadableObjectsAgain)
@@ -208,23 +149,6 @@ TEST_F(Dispatch, FetchesUnreadableObjectsAgain)
     }
 }
 
-TEST_F(Dispatch, WaitsForABusyDatabase)
-{
-    PutObject(kStatus, 16);
-    EXPECT_EQ(Notify(kCreate, {16}), 0);
-    for (const int busy : {100, 99, 1})
-    {
-        SCOPED_TRACE(busy);
-        FinalizeHandlerStatements();
-        Restart();
-        FailPrepares("UPDATE TblDMStatus_Child_Obj", SQLITE_LOCKED, busy);
-        EXPECT_EQ(Notify(kDirty, {16}), busy == 100 ? -1 : 0);
-        EXPECT_EQ(SleptMicroseconds(), busy * 110000LL);
-        EXPECT_EQ(CountLog(kRetry), busy);
-        EXPECT_EQ(CountLog(kUsedUp), busy == 100 ? 1 : 0);
-    }
-}
-
 TEST_F(Dispatch, LeavesAttributesToTheBus)
 {
     const struct
@@ -265,17 +189,6 @@ TEST_F(Dispatch, LeavesAttributesToTheBus)
         EXPECT_EQ(CountLog(line), test.skipped ? 2 : 0);
         EXPECT_EQ(mirror_.Rows("SELECT * FROM ActiveOIDMapping"), Lines{});
     }
-}
-
-TEST_F(Dispatch, GoesOnWithoutAListOfParents)
-{
-    PutObject(kStatus, 80);
-    Put(MakeObject(kStatus, 16), {80});
-    standin::SetFault("ZOILListParentOID", 0, 2); // for the key, for the links
-    EXPECT_EQ(Notify(kCreate, {16}), 0);
-    EXPECT_EQ(CountLog("Error: ZOILListParentOID returned NULL \n"), 1);
-    EXPECT_EQ(Rows(), Lines{"16"});
-    EXPECT_EQ(mirror_.Rows("SELECT * FROM ParentChildMapping"), Lines{});
 }
 
 } // namespace

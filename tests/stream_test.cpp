@@ -16,7 +16,7 @@
 #include "events/dispatch.h"
 #include "events/listener.h"
 #include "reconcile/population.h"
-#include "tests/stream_reloads.h"
+#include "tests/stream_steps.h"
 #include "tests/support/config_bytes.h"
 #include "tests/support/handler_fixture.h"
 #include "tests/support/row_values.h"
@@ -466,13 +466,13 @@ class StreamTest : public ::testing::Test
             });
     }
 
-    void TellReloads()
+    void TellWideSteps()
     {
         static const std::set<uint32_t> kTypes = {
             0xE1, 0x36,   0x42, 0x91,  0x4051, 0x4052, 0xEB,
             0xEC, 0x1001, 0x1B, 0x220, 0x40,   0xA03,  0x31B};
         recorder_.KeepWhole(false);
-        for (const ReloadStep &step : ReloadSteps())
+        for (const WideStep &step : WideSteps())
         {
             if (step.afresh)
             {
@@ -493,10 +493,14 @@ class StreamTest : public ::testing::Test
             {
                 ForgetStatements();
             }
+            if (step.lost != nullptr)
+            {
+                standin::SetFault(step.lost, 5, 1, step.lostAfter);
+            }
             recorder_.Forget();
             step.faults.Arm();
-            recorder_.RecordAll(std::string("reload: ") + step.name,
-                                step.reload, kTypes);
+            recorder_.RecordAll(std::string("step: ") + step.name, step.act,
+                                kTypes);
             ClearSqliteFaults();
         }
     }
@@ -548,7 +552,7 @@ TEST_F(StreamTest, IsTheRecordedOne)
     }
     TellRecords();
     TellPopulationAndDetach();
-    TellReloads();
+    TellWideSteps();
     Compare();
 }
 

@@ -1,5 +1,7 @@
-// The reloads, step by step: what there is in the Data Manager, in the tables
-// and on the fail queue, and what is made of it.
+// What concerns several objects or tables, step by step: events with several
+// objects, population, the reloads, the count check. A step says what there is
+// in the Data Manager, in the tables and on the fail queue, and what is made of
+// it.
 #pragma once
 
 #include "tests/support/handler_fixture.h"
@@ -27,16 +29,18 @@ inline Faults Unprepared(const std::string &sql, int status)
     return {{}, {{sql, {status, 1}}}};
 }
 
-struct ReloadStep
+struct WideStep
 {
     const char *name;
     void (*prepare)();
-    int (*reload)();
+    int (*act)();
     Faults faults = {};
-    bool afresh = false;       // nothing is left of the steps before
-    const char *sql = nullptr; // another process's work on the tables before
+    bool afresh = false;        // nothing is left of the steps before
+    const char *sql = nullptr;  // another process's work on the tables before
+    const char *lost = nullptr; // a call that gives nothing, once
+    int lostAfter = 0;
 };
 
-const std::vector<ReloadStep> &ReloadSteps();
+const std::vector<WideStep> &WideSteps();
 
 } // namespace qdb::test

@@ -1,13 +1,16 @@
-#include "tests/stream_reloads.h"
+#include "tests/stream_steps.h"
 
 #include "config/key_reload.h"
 #include "core/json.h"
+#include "events/bus_dispatch.h"
+#include "events/dispatch.h"
 #include "events/queues/fail_queue.h"
 #include "events/status_change.h"
 #include "reconcile/count_check.h"
 #include "reconcile/fru_reload.h"
 #include "reconcile/key_reload.h"
 #include "reconcile/memory_reload.h"
+#include "reconcile/population.h"
 #include "reconcile/type_reload.h"
 #include "tests/support/config_bytes.h"
 #include "tests/support/handler_fixture.h"
@@ -134,7 +137,54 @@ void Failed(uint32_t oid, FailedOperation operation, int type)
     QdbFailenQueue(gFailQueue, oid, operation, QdbFailObjTypeIndex(type));
 }
 
-// --- The reloads -------------------------------------------------------------
+// Three objects, of which one has a row.
+void Three()
+{
+    for (const uint32_t oid : {16u, 31u, 32u})
+    {
+        PutObject(kStatus, oid);
+    }
+    EXPECT_EQ(Create(MakeObject(kStatus, 16)), 0);
+}
+
+constexpr char kKey[] = "Test.1#Group.1#Name";
+
+void Attribute()
+{
+    standin::PutAttribute("CfgIntAttribute", kKey, nullptr, 17);
+}
+
+// One or two objects of several types, two attributes and root data.
+void Several()
+{
+    Three();
+    Attribute();
+    standin::PutAttribute("CfgPasswdAttribute", "A.1#B.1#D", nullptr, 18);
+    PutObject(0x31B, 21, R"({"protocol": 64})");
+    PutObject(0x31B, 22, R"({"protocol": 32})"); // a hard disk
+    PutObject(0xE1, 23);
+    PutObject(0x900, 14);
+    PutObject(0x900, 15);
+    Bytes unknown = MakeObject(kStatus, 61);
+    unknown[8] = unknown[9] = 0x77;
+    Object(unknown);
+}
+
+// --- What is carried out -----------------------------------------------------
+
+int Notify(uint16_t kind, const Words &oids)
+{
+    return ObjectNotification(EventOf(List(kind, oids)), kind);
+}
+
+int NotifyBus(uint16_t kind, uint32_t oid = 17)
+{
+    constexpr uint16_t kFromBus = 65533;
+    return ObjectNotificationDbus(
+        EventOf(BusRecord(kind, oid, standin::AttributePath(kKey),
+                          "com.vexo.tarnu.Config.CfgIntAttribute")),
+        kFromBus);
+}
 
 int Status(const Bytes &object)
 {
@@ -142,6 +192,7 @@ int Status(const Bytes &object)
         EventOf(Record(4, {0}, {object.begin(), object.end()})));
 }
 
+constexpr auto kEverything = OnLoadObjectsCreation;
 constexpr auto kMemory = ReLoadNCObjects;
 constexpr auto kFrus = ReLoadFRUNCObjects;
 constexpr auto kKeyed = ReLoadKeyBasedNCObjects;
@@ -149,14 +200,66 @@ constexpr auto kSettings = ReLoadCfgKeyBasedNCObjects;
 constexpr auto kDevices = ObjTypeBasedNCObjects;
 constexpr auto kCounts = CheckDMObjCountandReCreateEntries;
 
+constexpr char kUnmap[] = "DELETE FROM ActiveOIDMapping";
 const std::string kRemove = "DELETE FROM ActiveOIDMapping WHERE Oid";
 
 } // namespace
 
 // clang-format off
-const std::vector<ReloadStep> &ReloadSteps()
+const std::vector<WideStep> &WideSteps()
 {
-    static const std::vector<ReloadStep> kSteps = {
+    static const std::vector<WideStep> kSteps = {
+        {"create of two", Three, [] { return Notify(kCreate, {31, 32}); }, {}, true},
+        {"gone first", Three, [] { return Notify(kCreate, {99, 31}); }, {}, true},
+        {"gone last", Three, [] { return Notify(kCreate, {31, 99}); }, {}, true},
+        {"refresh, gone in between", [] {}, [] { return Notify(kDirty, {99, 16, 99}); }},
+        {"refresh without a row", [] {}, [] { return Notify(kDirty, {32}); }},
+        {"create of a row", [] {}, [] { return Notify(kCreate, {16, 32}); }},
+        {"fails, then gone", Three, [] { return Notify(kCreate, {31, 99}); }, Failing(kMapping, 1, 1), true},
+        {"gone, then fails", [] {}, [] { return Notify(kCreate, {99, 31}); }, Failing(kMapping, 1, 1)},
+        {"corrupt, then gone", [] {}, [] { return Notify(kCreate, {31, 99}); }, Failing(kMapping, 11, 1)},
+        {"corrupt, then fails", [] {}, [] { return Notify(kCreate, {31, 32}); }, Failing(kMapping, {11, 1}, {1, 1})},
+        {"fails, then corrupt", [] {}, [] { return Notify(kCreate, {31, 32}); }, Failing(kMapping, {1, 1}, {11, 1})},
+        {"corrupt, then good", [] {}, [] { return Notify(kCreate, {31, 32}); }, Failing(kMapping, 11, 1)},
+        {"refresh locked", [] {}, [] { return Notify(kDirty, {16}); }, {{}, {{"UPDATE TblDMStatus", {6, 99}}}}},
+        {"refresh locked for ever", [] {}, [] { return Notify(kDirty, {16}); }, {{}, {{"UPDATE TblDMStatus", {6, 100}}}}},
+        {"destroy fails", [] {}, [] { return Notify(kDestroy, {16}); }, Failing("DELETE FROM Active", 1, 2)},
+        {"destroy corrupt", [] {}, [] { return Notify(kDestroy, {16}); }, Failing("DELETE FROM Active", 11, 2)},
+        {"destroy of one that is unknown", [] {}, [] { return Notify(kDestroy, {99, 16}); }},
+        {"create without a list of parents", [] { standin::SetFault("ZOILListParentOID", 0, 2); }, [] { return Notify(kCreate, {31}); }},
+
+        {"attribute without a group", [] { Attribute(); standin::SetFault("CfgGroup_get_object", 5, 1); }, [] { return NotifyBus(kCreate); }, {}, true},
+        {"attribute busy", [] {}, [] { return NotifyBus(kDirty); }, {{}, {{"UPDATE TblInt", {6, 99}}}}},
+        {"attribute busy for ever", [] {}, [] { return NotifyBus(kDirty); }, {{}, {{"UPDATE TblInt", {5, 100}}}}},
+        {"attribute corrupt", [] {}, [] { return NotifyBus(kDirty); }, Unprepared("UPDATE TblInt", 11)},
+        {"attribute fails", [] {}, [] { return NotifyBus(kDirty); }, Unprepared("UPDATE TblInt", 1)},
+        {"attribute not destroyed, corrupt", [] {}, [] { return NotifyBus(kDestroy); }, Failing("DELETE FROM Active", 11, 2)},
+        {"attribute not destroyed", [] {}, [] { return NotifyBus(kDestroy); }, Failing("DELETE FROM Active", 1, 2)},
+        {"unknown attribute destroyed", [] {}, [] { return NotifyBus(kDestroy, 19); }},
+        {"tables not emptied", [] {}, [] { return ObjectNotificationDbus(EventOf(Record(65533, {23, 0, 0, 0})), 65533); }, Unprepared("INNER JOIN TblEnum", 1)},
+
+        {"everything", Several, kEverything, {}, true, kUnmap},
+        {"groups missing", Several, kEverything, {}, true, kUnmap, "client_get_objects"},
+        {"interface missing", Several, kEverything, {}, true, kUnmap, "client_get_objects", 1},
+        {"list of the first type missing", Several, kEverything, {}, true, kUnmap, "ZOILListChildOIDByType"},
+        {"list of the last type missing", Several, kEverything, {}, true, kUnmap, "ZOILListChildOIDByType", 156},
+        {"first object missing", Several, kEverything, {}, true, kUnmap, "ZOILGetObjByOID"},
+        {"parents missing", Several, kEverything, {}, true, kUnmap, "ZOILListParentOID"},
+        {"fails", Three, kEverything, Failing(kMapping, 1, 1), true, kUnmap},
+        {"fails, corrupt", Three, kEverything, Failing(kMapping, {1, 1}, {11, 1}), true, kUnmap},
+        {"corrupt, fails", Three, kEverything, Failing(kMapping, {11, 1}, {1, 1}), true, kUnmap},
+        {"corrupt, good", Three, kEverything, Failing(kMapping, 11, 1), true, kUnmap},
+        {"corrupt, gone", Three, kEverything, Failing(kMapping, 11, 1), true, kUnmap, "ZOILGetObjByOID", 2},
+        {"gone, corrupt", Three, kEverything, Failing(kMapping, 11, 1), true, kUnmap, "ZOILGetObjByOID"},
+        {"one type", Several, [] { return InsertObjBasedOnObjType(0x900); }, {}, true, kUnmap},
+        {"one type fails, corrupt", [] {}, [] { return InsertObjBasedOnObjType(0x900); }, Failing(kMapping, {1, 1}, {11, 1}), false, kUnmap},
+        {"one type corrupt, fails", [] {}, [] { return InsertObjBasedOnObjType(0x900); }, Failing(kMapping, {11, 1}, {1, 1}), false, kUnmap},
+        {"one type unlisted", [] {}, [] { return InsertObjBasedOnObjType(0x900); }, {}, false, kUnmap, "ZOILListChildOIDByType"},
+        {"first row of two", [] {}, [] { return InsertObjBasedOnObjType(0x31B); }, {}, false, kUnmap},
+        {"no objects", [] {}, [] { return InsertObjBasedOnObjType(0x1C); }, {}, false, kUnmap},
+        {"unknown type", [] {}, [] { return InsertObjBasedOnObjType(0x7777); }, {}, false, kUnmap},
+        {"attributes, not from here", [] {}, [] { return InsertObjBasedOnObjType(0x4051); }, {}, false, kUnmap},
+
         {"memory with a valid key", [] { Row(Memory("DIMM.A1"), Memory("DIMM.A1")); }, kMemory, {}, true},
         {"memory without a row", [] { Object(Memory("DIMM.A1")); }, kMemory, {}, true},
         {"memory with an invalid key", [] { Row(Memory("DIM.A1"), Memory("DIMM.A1")); }, kMemory, {}, true},
