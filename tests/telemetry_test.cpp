@@ -31,36 +31,6 @@ struct PipeTest : ::testing::Test
     Mirror mirror_;
 };
 
-// The bytes that are in the pipe.
-std::string ReadAll(int fd)
-{
-    std::string bytes;
-    char block[8192];
-    for (ssize_t n = read(fd, block, sizeof(block)); n > 0;
-         n = read(fd, block, sizeof(block)))
-    {
-        bytes.append(block, static_cast<size_t>(n));
-    }
-    return bytes;
-}
-
-struct Reader
-{
-    explicit Reader(const std::string &path)
-        : fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC))
-    {
-        EXPECT_GE(fd, 0);
-    }
-    ~Reader()
-    {
-        close(fd);
-    }
-    Reader(const Reader &) = delete;
-    Reader &operator=(const Reader &) = delete;
-
-    int fd;
-};
-
 TEST_F(PipeTest, SomeChangesHaveARecord)
 {
     const Lines kRefused = {"One or some of the input parameters are "
@@ -114,17 +84,17 @@ TEST_F(PipeTest, SomeChangesHaveARecord)
 
 TEST_F(PipeTest, RecordsAreBytesWithoutEnd)
 {
-    const Reader reader(mirror_.Root().Pipe());
+    PipeReader reader(mirror_.Root().Pipe());
     FormatTelemetryLine(23, "TblProbeObj", 17);
     PublishTableGone("TblProbeObj");
-    EXPECT_EQ(ReadAll(reader.fd),
+    EXPECT_EQ(reader.TakeBytes(),
               "||DMLiveObjectDatabase.db|TblProbeObj|17|23||"
               "||DMLiveObjectDatabase.db|TblProbeObj|0|9||");
 
     // A table name of any length; the record is cut.
     const std::string longName(5000, 'x');
     FormatTelemetryLine(23, longName.c_str(), 17);
-    const std::string cut = ReadAll(reader.fd);
+    const std::string cut = reader.TakeBytes();
     EXPECT_EQ(cut, "||DMLiveObjectDatabase.db|" +
                        longName.substr(0, cut.size() - 26));
     EXPECT_EQ(cut.size(), 4095U);
@@ -208,8 +178,8 @@ TEST_F(PipeTest, ThePipeFollowsItsReader)
 
 TEST_F(PipeTest, AFullPipeDropsRecordsAndStaysOpen)
 {
-    const Reader reader(mirror_.Root().Pipe());
-    ASSERT_EQ(fcntl(reader.fd, F_SETPIPE_SZ, 4096), 4096);
+    PipeReader reader(mirror_.Root().Pipe());
+    reader.Limit(4096);
     CaptureLog();
     size_t written = 0;
     while (CountLog("Write to pipe failed\n") == 0 && written < 4096)
@@ -230,11 +200,11 @@ TEST_F(PipeTest, AFullPipeDropsRecordsAndStaysOpen)
     {
         expected += kRecord;
     }
-    EXPECT_EQ(ReadAll(reader.fd), expected);
+    EXPECT_EQ(reader.TakeBytes(), expected);
     CaptureLog();
     Publish("TblProbeObj");
     EXPECT_EQ(PipeLines(), Lines());
-    EXPECT_EQ(ReadAll(reader.fd), kRecord);
+    EXPECT_EQ(reader.TakeBytes(), kRecord);
 }
 
 TEST_F(PipeTest, AnotherErrorLeavesThePipeAsItIs)
