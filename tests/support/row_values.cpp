@@ -1,5 +1,6 @@
 #include "tests/support/row_values.h"
 
+#include "platform/standin/layout.h"
 #include "tests/support/temp_root.h"
 #include "tools/audit/expected.h"
 
@@ -8,7 +9,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 #include <memory>
 
 namespace qdb::test
@@ -18,7 +18,7 @@ namespace
 
 // Counts, sizes, offsets and kinds that the object's structure needs as they
 // are; the builder sets them from the lists and arrays.
-constexpr const char *kStructural[] = {
+constexpr std::string_view kStructural[] = {
     "ObjTypeCount",        "entry_count",     "entry_size",
     "display_entry_size",  "numDNSServer",    "numGatewayAddr",
     "numIPv4Addrs",        "numIPv6Addrs",    "numPhysicalNetFQDDs",
@@ -27,11 +27,8 @@ constexpr const char *kStructural[] = {
 
 bool IsStructural(const Column &column)
 {
-    return std::ranges::find_if(kStructural,
-                                [&](const char *name)
-                                {
-                                    return std::strcmp(name, column.name) == 0;
-                                }) != std::end(kStructural);
+    return std::ranges::find(kStructural, std::string_view(column.name)) !=
+           std::end(kStructural);
 }
 
 size_t End(const Source &source)
@@ -80,21 +77,7 @@ bool IsShared(const Table &table, const Column &column)
         });
 }
 
-// Characters that an inline text can hold in front of its NUL.
-size_t TextRoom(const Table &table, const Column &column)
-{
-    size_t room = 12;
-    for (const Column &other : table.columns)
-    {
-        if (HasField(other.source) &&
-            other.source.offset > column.source.offset)
-        {
-            room = std::min<size_t>(room, other.source.offset -
-                                              column.source.offset - 1u);
-        }
-    }
-    return room;
-}
+constexpr size_t kLongestText = 12;
 
 std::string TextOf(size_t index, ValueSet set, size_t room)
 {
@@ -180,12 +163,16 @@ json_t *ColumnValue(const Table &table, size_t index, ValueSet set)
                          (set == ValueSet::First ? 0.5 : 0.25));
     case Form::Text:
     case Form::TextOrNull:
-        return json_string(TextOf(index, set, TextRoom(table, column)).c_str());
+        return json_string(
+            TextOf(index, set,
+                   std::min(kLongestText,
+                            standin::TextRoom(table, source.offset) - 1))
+                .c_str());
     case Form::OffsetText:
     case Form::OffsetText16:
     case Form::OffsetTextIf:
     case Form::BodyText:
-        return json_string(TextOf(index, set, 12).c_str());
+        return json_string(TextOf(index, set, kLongestText).c_str());
     case Form::Joined:
         return ListOf(source.join, set);
     default:
