@@ -1,6 +1,8 @@
 #include "tests/stream_steps.h"
 
+#include "config/config_load.h"
 #include "config/key_reload.h"
+#include "core/gate.h"
 #include "core/json.h"
 #include "events/bus_dispatch.h"
 #include "events/dispatch.h"
@@ -200,6 +202,49 @@ constexpr auto kSettings = ReLoadCfgKeyBasedNCObjects;
 constexpr auto kDevices = ObjTypeBasedNCObjects;
 constexpr auto kCounts = CheckDMObjCountandReCreateEntries;
 
+int ClearAll()
+{
+    return ClearTableData("ActiveOIDMapping");
+}
+
+int ClearType()
+{
+    return ClearTblDatabyObjType(kStatus);
+}
+
+int ReloadSettings()
+{
+    EXPECT_TRUE(EnterGate());
+    EXPECT_EQ(ReloadConfigObjectsThread(nullptr), nullptr);
+    return 0;
+}
+
+constexpr uint32_t kMappedOid = 0x80000010;
+constexpr char kMapped[] =
+    "DELETE FROM ActiveOIDMapping;"
+    "INSERT INTO ActiveOIDMapping VALUES(-2147483632, 9)";
+
+template <uint32_t kType>
+int Map()
+{
+    return insertinActiveOIDMapping(kMappedOid, kType);
+}
+
+template <uint32_t kType>
+int MapInBacklog()
+{
+    gSkipConstraintCheck = 1;
+    const int result = insertinActiveOIDMapping(kMappedOid, kType);
+    gSkipConstraintCheck = 0;
+    return result;
+}
+
+int TypeOfMapped()
+{
+    return static_cast<int>(GetObjType(kMappedOid));
+}
+
+const std::string kClear = "delete from ActiveOIDMapping";
 constexpr char kUnmap[] = "DELETE FROM ActiveOIDMapping";
 const std::string kRemove = "DELETE FROM ActiveOIDMapping WHERE Oid";
 
@@ -251,6 +296,48 @@ const std::vector<WideStep> &WideSteps()
         {"corrupt, good", Three, kEverything, Failing(kMapping, 11, 1), true, kUnmap},
         {"corrupt, gone", Three, kEverything, Failing(kMapping, 11, 1), true, kUnmap, "ZOILGetObjByOID", 2},
         {"gone, corrupt", Three, kEverything, Failing(kMapping, 11, 1), true, kUnmap, "ZOILGetObjByOID"},
+        {"cleared", Several, ClearAll, {}, true},
+        {"clearing busy", Three, ClearAll, {{}, {{kClear, {5, 99}}}}, true},
+        {"clearing busy for ever", Three, ClearAll, {{}, {{kClear, {5, 100}}}}, true},
+        {"clearing invalid for ever", [] {}, ClearAll, {{}, {{kClear, {8216, 100}}}}},
+        {"clearing unprepared", [] {}, ClearAll, Unprepared(kClear, 1)},
+        {"clearing fails", [] {}, ClearAll, Failing(kClear, 19, 1)},
+        {"clearing prepared with another status", [] {}, ClearAll, Unprepared(kClear, 101)},
+        {"type's clearing fails", Several, ClearType, Failing(kClear, 19, 1), true},
+        {"type's clearing unprepared", [] {}, ClearType, Unprepared(kClear, 1)},
+        {"type cleared", [] {}, ClearType},
+        {"settings' clearing fails", [] { Settings(); OnLoadObjectsCreation(); }, ClearCfgMgrData, Failing("INNER JOIN TblStr", 19, 1), true},
+        {"settings' clearing unprepared", [] { Settings(); OnLoadObjectsCreation(); }, ClearCfgMgrData, Unprepared("INNER JOIN TblStr", 1), true},
+        {"settings cleared", [] { Settings(); OnLoadObjectsCreation(); }, ClearCfgMgrData, {}, true},
+
+        {"settings reloaded", [] { Attribute(); Settings(); }, ReloadSettings, {}, true},
+        {"no groups", [] {}, ReloadSettings, {}, false, kUnmap, "client_get_objects"},
+        {"no list of groups", [] { standin::SetFault("client_get_objects", 0, 1); }, ReloadSettings, {}, false, kUnmap},
+        {"no strings", [] {}, ReloadSettings, {}, false, kUnmap, "client_get_objects", 2},
+        {"a row fails", [] {}, ReloadSettings, Failing("INTO TblStrAttribute", 1, 2), false, kUnmap},
+        {"no strings, and a row is corrupt", [] {}, ReloadSettings, Failing("INTO TblIntAttribute", 11, 2), false, kUnmap, "client_get_objects", 2},
+
+        {"mapped before", [] {}, Map<0x15>, {}, true, kMapped},
+        {"mapped before, paused", [] {}, Map<0x5E>, {}, false, kMapped},
+        {"mapped before, tolerant", [] {}, Map<0x42>, {}, false, kMapped},
+        {"free in time", [] {}, Map<0x801>, Failing(kMapping, 19, 99), false, kUnmap},
+        {"mapping busy", [] {}, Map<0x15>, Failing(kMapping, 5, 100), false, kUnmap},
+        {"mapping corrupt", [] {}, Map<0x42>, Failing(kMapping, 11, 1), false, kUnmap},
+        {"mapping gives a row", [] {}, Map<0x15>, Failing(kMapping, 100, 1), false, kUnmap},
+        {"mapping invalid", [] {}, Map<0x15>, Failing(kMapping, 8216, 1), false, kUnmap},
+        {"backlog, mapped before", [] {}, MapInBacklog<0x15>, {}, false, kMapped},
+        {"backlog, mapped before, paused", [] {}, MapInBacklog<0x801>, {}, false, kMapped},
+        {"backlog, mapped before, tolerant", [] {}, MapInBacklog<0x42>, {}, false, kMapped},
+        {"backlog, busy", [] {}, MapInBacklog<0x15>, Failing(kMapping, 5, 100), false, kUnmap},
+        {"backlog, free in time", [] {}, MapInBacklog<0x16>, Failing(kMapping, 6, 99), false, kUnmap},
+        {"backlog, corrupt later", [] {}, MapInBacklog<0x15>, Failing(kMapping, {5, 2}, {11, 1}), false, kUnmap},
+        {"type of an OID", [] {}, TypeOfMapped, {}, false, "DELETE FROM ActiveOIDMapping; INSERT INTO ActiveOIDMapping VALUES (-2147483632, 225)"},
+        {"type unprepared", [] {}, TypeOfMapped, Unprepared("select ObjType", 1)},
+        {"type unread", [] {}, TypeOfMapped, Failing("select ObjType", 1, 1)},
+        {"type that is a real", [] {}, TypeOfMapped, {}, false, "UPDATE ActiveOIDMapping SET ObjType = 2.5"},
+        {"type that is a text", [] {}, TypeOfMapped, {}, false, "UPDATE ActiveOIDMapping SET ObjType = 'abc'"},
+        {"type of an OID that isn't mapped", [] {}, TypeOfMapped, {}, false, kUnmap},
+
         {"one type", Several, [] { return InsertObjBasedOnObjType(0x900); }, {}, true, kUnmap},
         {"one type fails, corrupt", [] {}, [] { return InsertObjBasedOnObjType(0x900); }, Failing(kMapping, {1, 1}, {11, 1}), false, kUnmap},
         {"one type corrupt, fails", [] {}, [] { return InsertObjBasedOnObjType(0x900); }, Failing(kMapping, {11, 1}, {1, 1}), false, kUnmap},
