@@ -1,4 +1,4 @@
-// Configuration objects: fetching them, and finding their groups.
+// Finding the groups of attributes. How they are fetched is in the stream.
 #include "config/config_objects.h"
 #include "tests/support/config_bytes.h"
 #include "tests/support/db_fixture.h"
@@ -11,73 +11,6 @@ namespace
 {
 
 using ConfigTest = DbTest;
-
-TEST_F(ConfigTest, AFailedFetchSaysWhy)
-{
-    DataObjHeader *pDOH = nullptr;
-    const struct
-    {
-        const char *name;
-        uint32_t type;
-        DataObjHeader **ppDOH;
-        int faults;
-        const char *line;
-    } kCases[] = {
-        {"nowhere to put it", 0x4051, nullptr, 0,
-         "ERROR: Invalid parameter pDOH.\n"},
-        {"a group", 0x4050, &pDOH, 0, "Unknown objType=0x4050\n"},
-        {"one too high", 0x4055, &pDOH, 0, "Unknown objType=0x4055\n"},
-        {"not there", 0x4051, &pDOH, 0,
-         "ERROR: get_object failed: /no/such/path\n"},
-        {"no object", 0x4051, &pDOH, 1,
-         "ERROR: get_object returned pDOH == NULL\n"},
-    };
-    for (const auto &c : kCases)
-    {
-        SCOPED_TRACE(c.name);
-        // Gives 0 and leaves the pointer alone.
-        standin::SetFault("CfgIntAttribute_get_object", 0, c.faults);
-        CaptureLog();
-        EXPECT_EQ(dbus_get_data_obj_hdr(c.type, "/no/such/path", c.ppDOH), 1);
-        EXPECT_EQ(LogLines(), Lines{c.line});
-    }
-}
-
-TEST_F(ConfigTest, AGroupIsFetchedByTheAttributesPath)
-{
-    PutAttribute(kIntInterface, "A.1#B.1#C");
-    const struct
-    {
-        const char *name;
-        const char *path;
-        int result;
-        const char *line;
-    } kCases[] = {
-        {"there", "/com/vexo/tarnu/Config/Attributes/a_1/b_1/c", 0,
-         "get_object path = /com/vexo/tarnu/Config/Attributes/a_1/b_1, *pPDOH "
-         "= 0x"},
-        {"not there", "/com/vexo/tarnu/Config/Attributes/a_1/b_10/c", 256,
-         "get_object FAILED for path = "
-         "/com/vexo/tarnu/Config/Attributes/a_1/b_10"},
-        {"no slash", "c", 256, "get_object FAILED for path = ."},
-        {"no path", nullptr, -1, "Error: objPath is NULL.\n"},
-    };
-    for (const auto &c : kCases)
-    {
-        SCOPED_TRACE(c.name);
-        Restart();
-        DataObjHeader *pGroup = nullptr;
-        EXPECT_EQ(GetCfgGroupByPath(c.path, &pGroup), c.result);
-        const ConfigObjectPtr owner(pGroup);
-        ASSERT_EQ(LogLines().size(), 1U);
-        EXPECT_EQ(LogLines()[0].rfind(c.line, 0), 0U) << LogLines()[0];
-        ASSERT_EQ(pGroup != nullptr, c.result == 0);
-        if (pGroup != nullptr)
-        {
-            EXPECT_STREQ(GetCfgObjectKey(pGroup), "A.1#B.1");
-        }
-    }
-}
 
 TEST_F(ConfigTest, AGroupIsFoundByItsWholeKey)
 {

@@ -219,6 +219,25 @@ int ReloadSettings()
     return 0;
 }
 
+int Fetch(uint32_t type)
+{
+    DataObjHeader *fetched = nullptr;
+    const int status = dbus_get_data_obj_hdr(
+        type, standin::AttributePath(kKey).c_str(), &fetched);
+    EXPECT_EQ(fetched, nullptr);
+    return status;
+}
+
+int FetchGroup(const char *path)
+{
+    DataObjHeader *fetched = nullptr;
+    const int status = GetCfgGroupByPath(path, &fetched);
+    const ConfigObjectPtr owner(fetched);
+    EXPECT_STREQ(fetched == nullptr ? "none" : GetCfgObjectKey(fetched),
+                 status == 0 ? "Test.1#Group.1" : "none");
+    return status;
+}
+
 constexpr uint32_t kMappedOid = 0x80000010;
 constexpr char kMapped[] =
     "DELETE FROM ActiveOIDMapping;"
@@ -316,6 +335,16 @@ const std::vector<WideStep> &WideSteps()
         {"no strings", [] {}, ReloadSettings, {}, false, kUnmap, "client_get_objects", 2},
         {"a row fails", [] {}, ReloadSettings, Failing("INTO TblStrAttribute", 1, 2), false, kUnmap},
         {"no strings, and a row is corrupt", [] {}, ReloadSettings, Failing("INTO TblIntAttribute", 11, 2), false, kUnmap, "client_get_objects", 2},
+
+        {"attribute of a group's type", Attribute, [] { return Fetch(0x4050); }, {}, true},
+        {"attribute of a type too high", [] {}, [] { return Fetch(0x4055); }},
+        {"attribute of another type", [] {}, [] { return Fetch(0x4052); }},
+        {"attribute that is no object", [] { standin::SetFault("CfgIntAttribute_get_object", 0, 1); }, [] { return Fetch(0x4051); }},
+        {"attribute to be put nowhere", [] {}, [] { return dbus_get_data_obj_hdr(0x4051, "/x", nullptr); }},
+        {"group of an attribute", [] {}, [] { return FetchGroup("/com/vexo/tarnu/Config/Attributes/test_1/group_1/name"); }},
+        {"group that isn't there", [] {}, [] { return FetchGroup("/com/vexo/tarnu/Config/Attributes/test_1/group_10/name"); }},
+        {"group of no path's end", [] {}, [] { return FetchGroup("name"); }},
+        {"group of no path", [] {}, [] { return FetchGroup(nullptr); }},
 
         {"mapped before", [] {}, Map<0x15>, {}, true, kMapped},
         {"mapped before, paused", [] {}, Map<0x5E>, {}, false, kMapped},
@@ -437,6 +466,7 @@ const std::vector<WideStep> &WideSteps()
         {"counts agree", [] { Row(Counted(0x1001, 11, "a", 1), Counted(0x1001, 11, "a", 1)); }, kCounts, {}, true},
         {"one status differs", [] { Object(Counted(0x1001, 11, "a", 2)); }, kCounts},
         {"status above a byte", [] { Object(Counted(0x1001, 11, "a", 0x101)); }, kCounts},
+        {"status still above a byte", [] {}, kCounts},
         {"status unread", [] { Object(Counted(0x1001, 11, "a", 3)); }, kCounts, Failing("select popStatus", 1, 1)},
         {"a row is busy", [] { Object(Counted(0x1001, 11, "a", 4)); }, kCounts, Failing("UPDATE \"TblDMStatus", 5, 1)},
         {"count fails", [] { Object(Counted(0x1001, 12, "b", 1)); }, kCounts, Failing("SELECT count(*)", 1, 1)},
