@@ -1,5 +1,6 @@
 // Raw data files as attribute values: rows, signals, telemetry records and the
-// lines of failures of each kind of file, record and database fault.
+// lines of failures of each kind of file and record. Faults of the database are
+// recorded in the stream.
 
 #include "config/raw_data.h"
 #include "config/raw_file.h"
@@ -22,8 +23,6 @@ namespace fs = std::filesystem;
 
 constexpr char kPlain[] = "Certs.1#Plain";
 constexpr char kMarked[] = "Apps.1#myapprawdata1";
-const std::string kSelect = "SELECT json_object('accessType'";
-const std::string kUpdate = "UPDATE TblStrAttribute SET 'SingleRecordEtag'";
 
 // clang-format off
 const std::string kMissing = "RefreshObj_4052_RawData: file does not present\n";
@@ -31,7 +30,6 @@ const std::string kNoBytes = "RefreshObj_4052_RawData: file present with size 0\
 const std::string kUnreadable = "RefreshObj_4052_RawData: file present with valid size but file read fails\n";
 const std::string kNoRow = "[4052] NO row selected from TblStrAttribute Table.";
 const std::string kNoBind = "[4052]Bind failed for AppRaw Error: 18";
-const std::string kNotWritten = "[4052]Entry for AppRaw could not updated in TblStrAttribute Table. Error: ";
 const std::string kUnread = "[4052] Failed to select Json Obj. Error: ";
 
 // The attribute's row as the signals show it; the value is JSON.
@@ -191,61 +189,24 @@ TEST_F(RawData, TakesWhatAFileHolds)
     }
 }
 
-TEST_F(RawData, SurvivesTheDatabase)
+TEST_F(RawData, SurvivesLimitsAndAMissingDatabase)
 {
     const std::string path = Write("text", "new");
-    const std::string invalid = Write("invalid", "\xFF");
     const std::string longer = Write("longer", std::string(3000, 'x'));
     const std::string longKey(3000, 'k');
-    const std::string kNoPrepare = "[4052]sqlite3_prepare_v2 Error: ";
-    const Lines kKept = {"'old'|0|0"};
-    const Lines kNew = {"'new'|1|1"};
-    const auto nothing = [] {};
-    const auto shorten = []
-    {
-        sqlite3_limit(QDVdbHandle, SQLITE_LIMIT_LENGTH, 2000);
-    };
-    // clang-format off
-    const struct
-    {
-        const char *name;
-        std::string key;
-        std::string path;
-        std::function<void()> arm;
-        Lines row;
-        bool announced;
-        Lines lines;
-    } cases[] = {
-        {"key in another case", "CERTS.1#pLAIN", path, nothing, kNew, true, {}},
-        {"no row", "Nobody", path, nothing, {}, false, {kNoRow, kNoRow, kUnread + "101"}},
-        {"first prepare", kPlain, path, [] { FailPrepares(kSelect, SQLITE_ERROR, 1); }, kNew, false, {kUnread + "1"}},
-        {"prepare of the update", kPlain, path, [] { FailPrepares(kUpdate, SQLITE_NOMEM, 1); }, kKept, false, {kNotWritten + "7"}},
-        {"second prepare", kPlain, path, [] { FailPrepares(kSelect, SQLITE_ERROR, 1, 1); }, kNew, false, {kUnread + "1"}},
-        {"first step", kPlain, path, [] { FailSteps(kSelect, SQLITE_BUSY, 1); }, kNew, false, {kNoRow, kUnread + "5"}},
-        {"row without text", kPlain, path, [] { FailSteps(kSelect, SQLITE_ROW, 1); }, kNew, false, {kUnread + "-1"}},
-        {"step of the update", kPlain, path, [] { FailSteps(kUpdate, SQLITE_CORRUPT, 1); }, kKept, false, {kNotWritten + "-1"}},
-        {"update that waits", kPlain, path, [] { FailSteps(kUpdate, SQLITE_BUSY, 2); }, kNew, true, {}},
-        {"update that waits in vain", kPlain, path, [] { FailSteps(kUpdate, SQLITE_LOCKED, 100); }, kKept, false, {kNotWritten + "-1"}},
-        {"second step", kPlain, path, [] { FailSteps(kSelect, SQLITE_DONE, 1, 1); }, kNew, false, {kNoRow, kUnread + "101"}},
-        {"content that is no text", kPlain, invalid, nothing, {"'\xFF'|1|1"}, false, {kUnread + "-1"}},
-        {"value too long", kPlain, longer, shorten, {"NULL|1|1"}, true, {kNoBind}},
-        {"key too long", longKey, path, shorten, {}, false, {"Bind failed Error: 18", kNoRow, kNoBind, "Bind failed Error: 18", kNoRow, kUnread + "101"}},
-    };
-    // clang-format on
-    const int length = sqlite3_limit(QDVdbHandle, SQLITE_LIMIT_LENGTH, -1);
-    for (const auto &test : cases)
-    {
-        SCOPED_TRACE(test.name);
-        Restore();
-        test.arm();
-        Check(test.key, test.path, test.row, test.announced, test.lines);
-        sqlite3_limit(QDVdbHandle, SQLITE_LIMIT_LENGTH, length);
-    }
+    const int length = sqlite3_limit(QDVdbHandle, SQLITE_LIMIT_LENGTH, 2000);
+    Restore();
+    Check(kPlain, longer, {"NULL|1|1"}, true, {kNoBind});
+    Restore();
+    Check(longKey, path, {}, false,
+          {"Bind failed Error: 18", kNoRow, kNoBind, "Bind failed Error: 18",
+           kNoRow, kUnread + "101"});
+    sqlite3_limit(QDVdbHandle, SQLITE_LIMIT_LENGTH, length);
     Restore();
     sqlite3 *handle = QDVdbHandle.exchange(nullptr);
     EXPECT_EQ(Import(kPlain, path), 0);
     QDVdbHandle = handle;
-    EXPECT_EQ(Row(kPlain), kKept);
+    EXPECT_EQ(Row(kPlain), Lines{"'old'|0|0"});
     EXPECT_EQ(Announced(), Lines{});
 }
 

@@ -2,6 +2,7 @@
 
 #include "config/config_load.h"
 #include "config/key_reload.h"
+#include "config/raw_data.h"
 #include "core/gate.h"
 #include "core/json.h"
 #include "events/bus_dispatch.h"
@@ -17,6 +18,9 @@
 #include "tests/support/config_bytes.h"
 #include "tests/support/handler_fixture.h"
 #include "tests/support/stream_driver.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace qdb::test
 {
@@ -238,6 +242,29 @@ int FetchGroup(const char *path)
     return status;
 }
 
+// The file that is imported; a descriptor has the same path in every run.
+void RawFile(const std::string &content)
+{
+    constexpr int kDescriptor = 99;
+    const int made = memfd_create("raw", MFD_CLOEXEC);
+    EXPECT_EQ(write(made, content.data(), content.size()),
+              static_cast<ssize_t>(content.size()));
+    EXPECT_EQ(dup2(made, kDescriptor), kDescriptor);
+    close(made);
+}
+
+int ImportRaw()
+{
+    const std::string texts("certs.1#PLAIN\0/proc/self/fd/99\0", 31);
+    return ObjectNotificationRawData(EventOf(Record(1130, {24, 38}, texts)),
+                                     1130);
+}
+
+const std::string kRawSelect = "SELECT json_object('accessType'";
+const std::string kRawUpdate = "UPDATE TblStrAttribute SET 'SingleRecordEtag'";
+constexpr char kRestoreRaw[] =
+    "UPDATE TblStrAttribute SET CurrentValue = 'old', isRawData = 0";
+
 constexpr uint32_t kMappedOid = 0x80000010;
 constexpr char kMapped[] =
     "DELETE FROM ActiveOIDMapping;"
@@ -345,6 +372,19 @@ const std::vector<WideStep> &WideSteps()
         {"group that isn't there", [] {}, [] { return FetchGroup("/com/vexo/tarnu/Config/Attributes/test_1/group_10/name"); }},
         {"group of no path's end", [] {}, [] { return FetchGroup("name"); }},
         {"group of no path", [] {}, [] { return FetchGroup(nullptr); }},
+
+        {"raw data", [] { RawFile("new"); EXPECT_EQ(Create(MakeObject(0x4052, 19, R"({"Key": "Certs.1#Plain"})")), 0); }, ImportRaw, {}, true},
+        {"first prepare", [] {}, ImportRaw, Unprepared(kRawSelect, 1), false, kRestoreRaw},
+        {"prepare of the update", [] {}, ImportRaw, Unprepared(kRawUpdate, 7), false, kRestoreRaw},
+        {"first step", [] {}, ImportRaw, Failing(kRawSelect, 5, 1), false, kRestoreRaw},
+        {"row without text", [] {}, ImportRaw, Failing(kRawSelect, 100, 1), false, kRestoreRaw},
+        {"step of the update", [] {}, ImportRaw, Failing(kRawUpdate, 11, 1), false, kRestoreRaw},
+        {"update that waits", [] {}, ImportRaw, Failing(kRawUpdate, 5, 2), false, kRestoreRaw},
+        {"update that waits in vain", [] {}, ImportRaw, Failing(kRawUpdate, 6, 100), false, kRestoreRaw},
+        {"second step", [] {}, ImportRaw, {{{kRawSelect, {101, 1}}}, {}, 1}, false, kRestoreRaw},
+        {"content that is no text", [] { RawFile("\xFF"); }, ImportRaw, {}, false, kRestoreRaw},
+        {"behind such content", [] { RawFile("new"); }, ImportRaw},
+        {"no row", [] {}, ImportRaw, {}, false, kUnmap},
 
         {"mapped before", [] {}, Map<0x15>, {}, true, kMapped},
         {"mapped before, paused", [] {}, Map<0x5E>, {}, false, kMapped},

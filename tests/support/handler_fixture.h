@@ -23,7 +23,6 @@ using Bytes = std::vector<uint8_t>;
 
 // A small table that nobody keeps failures of.
 inline constexpr uint16_t kStatus = 0x1001;
-inline constexpr char kStatusTable[] = "TblDMStatus_Child_Obj";
 inline constexpr std::string_view kMemberPrefix = "Vexo_qdb_Resource_";
 // A table with an array.
 inline constexpr uint16_t kList = 0x801;
@@ -138,27 +137,6 @@ class Handler : public DbTest
             kind.erase(kind.find(' '));
         }
         return kinds;
-    }
-
-    // Lines up to the captured level, without line numbers and SQLite's texts.
-    static Lines Logged()
-    {
-        static const std::regex kNumber("(LINE:|line=)\\d+");
-        static const std::regex kMessage("errormsg: [^:]*?( ret:-?\\d+)?$");
-        Lines lines;
-        for (const std::string &line : LogLines())
-        {
-            lines.push_back(std::regex_replace(
-                std::regex_replace(Timeless(line), kNumber, "$1"), kMessage,
-                "errormsg:$1"));
-        }
-        return lines;
-    }
-
-    // A row's tag as it was long ago, so that a new one differs.
-    void Age(const std::string &table)
-    {
-        mirror_.Rows("UPDATE " + table + " SET SingleRecordEtag = '1'");
     }
 
     std::string Count(const std::string &table, uint32_t oid)
