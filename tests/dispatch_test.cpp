@@ -13,7 +13,6 @@ namespace
 {
 
 constexpr uint16_t kStatus = 0x1001;
-constexpr char kLookUp[] = "select ObjType from ActiveOIDMapping";
 constexpr uint16_t kDirty = 3;
 constexpr uint16_t kCreate = 7;
 constexpr uint16_t kDestroy = 8;
@@ -42,50 +41,6 @@ void Remove(uint32_t oid)
 }
 
 using Dispatch = DbTest;
-
-TEST_F(Dispatch, RefusesWhatIsNoList)
-{
-    Words many = {4001};
-    many.resize(1 + 4001, 5);
-    const Bytes tooMany = Record(kDestroy, many);
-    many.resize(1 + 4000);
-    many[0] = 4000;
-    const std::string invalid = "Invalid Obj Count in ObjList, notification "
-                                "not processed pOL->objCount=";
-    // clang-format off
-    const struct
-    {
-        const char *name;
-        Bytes record;
-        int result;
-        int lookUps;
-        Lines lines;
-    } cases[] = {
-        {"empty", List(kDestroy, {}), 0, 0, {}},
-        {"greatest", Record(kDestroy, many), 0, 8000, {}},
-        {"one more", tooMany, 257, 0, {invalid + "4001\n"}},
-        {"absurd", Record(kDestroy, {0xFFFFFFFF, 5}), 257, 0, {invalid + "4294967295\n"}},
-        {"cut off", Record(kDestroy, {2, 5, 5}, "", 27), 257, 0, {invalid + "2\n"}},
-        {"without OIDs", Record(kDestroy, {1}), 257, 0, {invalid + "1\n"}},
-    };
-    // clang-format on
-    for (const auto &test : cases)
-    {
-        SCOPED_TRACE(test.name);
-        Restart();
-        EXPECT_EQ(ObjectNotification(EventOf(test.record), kDestroy),
-                  test.result);
-        EXPECT_EQ(StepCount(kLookUp), test.lookUps);
-        if (test.lookUps == 0)
-        {
-            EXPECT_EQ(LogLines(), test.lines);
-        }
-    }
-    Restart();
-    EXPECT_EQ(ObjectNotification(nullptr, kCreate), 2);
-    EXPECT_EQ(LogLines(),
-              Lines{"Invalid Argument, notification not processed\n"});
-}
 
 TEST_F(Dispatch, FetchesUnreadableObjectsAgain)
 {

@@ -1,6 +1,6 @@
 // Raw data files as attribute values: rows, signals, telemetry records and the
-// lines of failures of each kind of file and record. Faults of the database are
-// recorded in the stream.
+// lines of failures of each kind of file. Faults of the database are recorded
+// in the stream.
 
 #include "config/raw_data.h"
 #include "config/raw_file.h"
@@ -248,40 +248,6 @@ TEST_F(RawData, TakesTenMegabytes)
     const char *sent = json_string_value(json_object_get(
         json_object_get(json.get(), "RowDetails"), "CurrentValue"));
     EXPECT_TRUE(sent != nullptr && sent == encoded);
-}
-
-TEST_F(RawData, RefusesBadRecords)
-{
-    const std::string texts("key\0/path\0", 10);
-    // clang-format off
-    const std::pair<const char *, Bytes> kCases[] = {
-        {"header alone", Record(1130, {})},
-        {"no path", Record(1130, {24})},
-        {"path cut off", Record(1130, {24, 28}, texts, 23)},
-        {"key at the end", Record(1130, {34, 28}, texts)},
-        {"path at the end", Record(1130, {24, 34}, texts)},
-        {"key far away", Record(1130, {0xFFFFFFFF, 28}, texts)},
-        {"path far away", Record(1130, {24, 0x80000018}, texts)},
-        {"endless path", Record(1130, {24, 28}, texts, 33)},
-        {"endless key", Record(1130, {24, 24}, texts, 27)},
-        {"of no size", Record(1130, {24, 28}, texts, 0)},
-    };
-    // clang-format on
-    EXPECT_EQ(ObjectNotificationRawData(nullptr, 1130), 2);
-    for (const auto &[name, record] : kCases)
-    {
-        SCOPED_TRACE(name);
-        Restart();
-        EXPECT_EQ(ObjectNotificationRawData(EventOf(record), 1130), 2);
-        EXPECT_EQ(LogLines().back(),
-                  "ObjectNotificationRawData: Invalid Argument, notification "
-                  "not processed\n");
-    }
-    Restart();
-    const Bytes other = RawRecord(kPlain, "/none");
-    EXPECT_EQ(ObjectNotificationRawData(EventOf(other), 7), 0);
-    EXPECT_EQ(LogLines().back(), "Event received : 7 is not supported");
-    EXPECT_EQ(Row(kPlain), Lines{"'old'|0|0"});
 }
 
 // What the path named when it was looked at may be another thing by now.

@@ -1,11 +1,10 @@
-// Records of status changes that are none, and the order of the NC thread's
-// passes. What becomes of whole ones is recorded in the stream.
+// Status changes on their way to the row, and the order of the NC thread's
+// passes. What becomes of single ones is recorded in the stream.
 
 #include "core/cancel.h"
 #include "core/sleep.h"
 #include "events/status_change.h"
 #include "reconcile/nc_thread.h"
-#include "tests/support/config_bytes.h"
 #include "tests/support/reload_fixture.h"
 
 namespace qdb::test
@@ -13,39 +12,14 @@ namespace qdb::test
 namespace
 {
 
-// The record of an object.
-Bytes Changed(const Bytes &object, size_t cut = 0)
-{
-    std::string text(object.begin(), object.end());
-    text.resize(text.size() - cut);
-    return Record(4, {0}, text);
-}
-
 using StatusChanges = NcReload;
 
-TEST_F(StatusChanges, RefusesWhatIsNoObject)
+TEST_F(StatusChanges, EndsWithoutMemory)
 {
     const Bytes object = Status(7, "x", 1);
-    const std::pair<const char *, Bytes> kCases[] = {
-        {"nothing behind the head", Record(4, {})},
-        {"no object", Record(4, {0})},
-        {"cut off", Changed(object, 1)},
-        {"too small", Changed(With(object, kSizeWord, 15))},
-        {"too large", Changed(With(object, kSizeWord, 0xFFFFFFF0))},
-    };
-    for (const auto &[name, bytes] : kCases)
-    {
-        SCOPED_TRACE(name);
-        Restart(2);
-        EXPECT_EQ(ObjectNotificationStChg(EventOf(bytes)), 2);
-        EXPECT_EQ(LogLines(), Lines{"event dropped: type: 4 size: " +
-                                    std::to_string(bytes.size()) +
-                                    " is too short or badly formed\n"});
-    }
+    const Bytes record =
+        Record(4, {0}, std::string(object.begin(), object.end()));
     Restart();
-    EXPECT_EQ(ObjectNotificationStChg(nullptr), 2);
-    Restart();
-    const Bytes record = Changed(object);
     tNoMemory = true;
     EXPECT_EQ(ObjectNotificationStChg(EventOf(record)), 272);
     tNoMemory = false;
