@@ -319,6 +319,13 @@ const std::vector<WideStep> &WideSteps()
         {"destroy of one that is unknown", [] {}, [] { return Notify(kDestroy, {99, 16}); }},
         {"create without a list of parents", [] { standin::SetFault("ZOILListParentOID", 0, 2); }, [] { return Notify(kCreate, {31}); }},
 
+        {"create of what is mapped as an attribute", [] {}, [] { return Notify(kCreate, {16}); }, {}, true, "INSERT INTO ActiveOIDMapping VALUES (16, 0x4051)"},
+        {"change of it", [] {}, [] { return Notify(kDirty, {16}); }, {}, false, "UPDATE ActiveOIDMapping SET ObjType = 0x4054"},
+        {"destroy of it", [] {}, [] { return Notify(kDestroy, {16}); }},
+        {"change of what is mapped as a group", [] {}, [] { return Notify(kDirty, {16}); }, {}, false, "UPDATE ActiveOIDMapping SET ObjType = 0x4050"},
+        {"create of an attribute's object", [] { Object(MakeObject(0x4051, 16)); }, [] { return Notify(kCreate, {16}); }, {}, false, kUnmap},
+        {"change of it", [] {}, [] { return Notify(kDirty, {16}); }},
+
         {"attribute without a group", [] { Attribute(); standin::SetFault("CfgGroup_get_object", 5, 1); }, [] { return NotifyBus(kCreate); }, {}, true},
         {"attribute busy", [] {}, [] { return NotifyBus(kDirty); }, {{}, {{"UPDATE TblInt", {6, 99}}}}},
         {"attribute busy for ever", [] {}, [] { return NotifyBus(kDirty); }, {{}, {{"UPDATE TblInt", {5, 100}}}}},
