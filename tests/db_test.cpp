@@ -18,42 +18,35 @@ namespace qdb::test
 namespace
 {
 
-// --- One call of each function --------------------------------------------
-
 int Map()
 {
     return insertinActiveOIDMapping(5, 0x15);
-}
-
-int Tag()
-{
-    return InsertInTblEtag("TblProbeObj");
-}
-
-int Link()
-{
-    return InsertInParentChildMappingTable(5, 2);
-}
-
-int Type()
-{
-    return static_cast<int>(GetObjType(5));
-}
-
-int ClearType()
-{
-    return ClearTblDatabyObjType(0x16);
-}
-
-int ClearAll()
-{
-    return ClearTableData("ActiveOIDMapping");
 }
 
 int Delete()
 {
     return DeleteObjectByOID(5);
 }
+
+// A call of each function, and what it gives without a handle and when the OID
+// is mapped.
+const struct
+{
+    const char *sql;
+    int (*call)();
+    int without;
+    int mapped;
+} kCalls[] = {
+    // clang-format off
+    {"insert into ActiveOIDMapping", Map, -1, SQLITE_CONSTRAINT},
+    {"INTO ParentChildMapping", [] { return InsertInParentChildMappingTable(5, 2); }, -1, 0},
+    {"UPDATE TblEtag", [] { return InsertInTblEtag("TblProbeObj"); }, -1, 0},
+    {"select ObjType", [] { return static_cast<int>(GetObjType(5)); }, 0, 0x15},
+    {"WHERE Oid", Delete, -1, 0},
+    {"where ObjType=22", [] { return ClearTblDatabyObjType(0x16); }, -1, 0},
+    {"INNER JOIN TblIntAttribute", ClearCfgMgrData, -1, 0},
+    // clang-format on
+};
 
 // The value that a statement gives on the service's own connection.
 std::string OwnValue(const char *sql)
@@ -113,8 +106,8 @@ TEST(ConnectionTest, OpenDependsOnWhatIsThere)
         EXPECT_EQ(LogLines(), Lines{"Opening DB."} + c.lines);
         EXPECT_TRUE(std::filesystem::exists(root.Database()));
         // There are no tables, and each function fails for itself.
-        EXPECT_EQ(ClearAll(), -1);
-        EXPECT_EQ(Type(), 0);
+        EXPECT_EQ(ClearTableData("ActiveOIDMapping"), -1);
+        EXPECT_EQ(GetObjType(5), 0U);
         EXPECT_EQ(CloseDatabase(), 0);
         EXPECT_EQ(QDVdbHandle, nullptr);
     }
@@ -138,27 +131,12 @@ TEST_F(DbTest, CloseWaitsForStatements)
 
 TEST_F(DbTest, NothingRunsWithoutAHandle)
 {
-    const struct
-    {
-        const char *name;
-        int (*call)();
-        int result;
-    } kCases[] = {
-        {"insertinActiveOIDMapping", Map, -1},
-        {"InsertInTblEtag", Tag, -1},
-        {"InsertInParentChildMappingTable", Link, -1},
-        {"GetObjType", Type, 0},
-        {"ClearCfgMgrData", ClearCfgMgrData, -1},
-        {"ClearTblDatabyObjType", ClearType, -1},
-        {"ClearTableData", ClearAll, -1},
-        {"DeleteObjectByOID", Delete, -1},
-    };
     sqlite3 *handle = QDVdbHandle.exchange(nullptr);
-    for (const auto &c : kCases)
+    for (const auto &c : kCalls)
     {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.sql);
         Restart();
-        EXPECT_EQ(c.call(), c.result);
+        EXPECT_EQ(c.call(), c.without);
         EXPECT_EQ(CountLog("Error: DB handle not available"), 1);
         EXPECT_EQ(PrepareCount(""), 0);
     }
@@ -254,21 +232,8 @@ int LookAtStepMutex()
 
 TEST_F(DbTest, TheStepMutexIsHeldInStepsAndNotInSleeps)
 {
-    const struct
-    {
-        const char *sql;
-        int (*call)();
-    } kCases[] = {
-        {"insert into ActiveOIDMapping", Map},
-        {"INTO ParentChildMapping", Link},
-        {"UPDATE TblEtag", Tag},
-        {"select ObjType", Type},
-        {"WHERE Oid", Delete},
-        {"where ObjType=22", ClearType},
-        {"INNER JOIN TblIntAttribute", ClearCfgMgrData},
-    };
     gSkipConstraintCheck = 1;
-    for (const auto &c : kCases)
+    for (const auto &c : kCalls)
     {
         SCOPED_TRACE(c.sql);
         Restart();
@@ -293,9 +258,7 @@ TEST_F(DbTest, TheStepMutexIsHeldInStepsAndNotInSleeps)
             },
             nullptr);
         gLooks = gHeld = 0;
-        EXPECT_EQ(c.call(), c.call == Map    ? SQLITE_CONSTRAINT
-                            : c.call == Type ? 0x15
-                                             : 0);
+        EXPECT_EQ(c.call(), c.mapped);
         sqlite3_progress_handler(QDVdbHandle, 0, nullptr, nullptr);
         EXPECT_GT(gLooks, 0);
         EXPECT_EQ(gHeld, gLooks);
