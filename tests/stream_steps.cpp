@@ -115,6 +115,14 @@ void Settings()
     }
 }
 
+// With one of a later table.
+void SettingsWithRows()
+{
+    Settings();
+    standin::PutAttribute("CfgEnumAttribute", "A.1#B.1#E", nullptr, 20);
+    OnLoadObjectsCreation();
+}
+
 // What the count check compares: a populator's status, a battery, a GPU.
 Bytes Counted(uint16_t type, uint32_t oid, const std::string &key, int value)
 {
@@ -359,9 +367,9 @@ const std::vector<WideStep> &WideSteps()
         {"type's clearing fails", Several, ClearType, Failing(kClear, 19, 1), true},
         {"type's clearing unprepared", [] {}, ClearType, Unprepared(kClear, 1)},
         {"type cleared", [] {}, ClearType},
-        {"settings' clearing fails", [] { Settings(); OnLoadObjectsCreation(); }, ClearCfgMgrData, Failing("INNER JOIN TblStr", 19, 1), true},
-        {"settings' clearing unprepared", [] { Settings(); OnLoadObjectsCreation(); }, ClearCfgMgrData, Unprepared("INNER JOIN TblStr", 1), true},
-        {"settings cleared", [] { Settings(); OnLoadObjectsCreation(); }, ClearCfgMgrData, {}, true},
+        {"settings' clearing fails", SettingsWithRows, ClearCfgMgrData, Failing("INNER JOIN TblStr", 19, 1), true},
+        {"settings' clearing unprepared", SettingsWithRows, ClearCfgMgrData, Unprepared("INNER JOIN TblStr", 1), true},
+        {"settings cleared", SettingsWithRows, ClearCfgMgrData, {}, true},
 
         {"settings reloaded", [] { Attribute(); Settings(); }, ReloadSettings, {}, true},
         {"no groups", [] {}, ReloadSettings, {}, false, kUnmap, "client_get_objects"},
