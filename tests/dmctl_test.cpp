@@ -4,12 +4,12 @@
 // is the real one, reached over its control socket.
 #include "platform/standin/standin.h"
 #include "tests/support/standin_socket.h"
+#include "tests/support/temp_root.h"
 #include "tools/dmctl/client.h"
 #include "tools/dmctl/commands.h"
 #include "tools/dmctl/host_mirror.h"
 #include "tools/dmctl/host_objects.h"
 #include "tools/dmctl/host_usage.h"
-#include "tools/schema_sql.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -32,192 +32,91 @@ std::string Sorted(const json_t *value)
                             : Dump(value, JSON_COMPACT | JSON_SORT_KEYS);
 }
 
-// A machine of files, removed at the end.
-class FakeMachine
+// A machine of files.
+class FakeMachine : public test::TempRoot
 {
   public:
-    FakeMachine()
-    {
-        char path[] = "/tmp/dmctl_test.XXXXXX";
-        mRoot = mkdtemp(path);
-    }
-    FakeMachine(const FakeMachine &) = delete;
-    FakeMachine &operator=(const FakeMachine &) = delete;
-    ~FakeMachine()
-    {
-        std::filesystem::remove_all(mRoot);
-    }
-
     void Write(const std::string &path, const std::string &content) const
     {
-        const std::filesystem::path file = mRoot + path;
+        const std::filesystem::path file = Path() + path;
         std::filesystem::create_directories(file.parent_path());
         std::ofstream(file, std::ios::binary) << content;
     }
 
     void Remove(const std::string &path) const
     {
-        std::filesystem::remove_all(mRoot + path);
+        std::filesystem::remove_all(Path() + path);
     }
-
-    const std::string &Root() const
-    {
-        return mRoot;
-    }
-
-  private:
-    std::string mRoot;
 };
 
-// "key values" of each object, one per line.
-std::string Listing(const HostView &view)
+TEST(HostView, HoldsWhatTheMachineShows)
 {
-    std::string listing;
-    for (const HostObject &object : view.Objects())
+    const std::string pci = "/sys/bus/pci/devices/0000:3b:00.1/";
+    const std::string odd = std::string(30, 'm') + "\u00e4";
+    const struct
     {
-        listing += object.key + ' ' + Sorted(object.values.get()) + '\n';
+        const char *name;
+        std::vector<std::pair<std::string, std::string>> files;
+        void (*collect)(HostView &);
+        std::string expected;
+    } cases[] = {
+        // clang-format off
+        {"two threads of one core",
+         {{"/proc/cpuinfo", "processor\t: 0\nphysical id\t: 1\ncore id\t: 7\nflags\t\t: fpu ht nx\n\n"
+                            "processor\t: 1\nphysical id\t: 1\ncore id\t: 7\n\n"}},
+         CollectProcessors,
+         R"(D2||Host.CPU.2 {"Key":"D2||Host.CPU.2","NumberOfProcessorCores":1,"NumberofEnabledCores":1,)"
+         R"("NumberofEnabledThreads":2,"executeDisableCapable":1,"executeDisableEnabled":1,"fqdd":"Host.CPU.2",)"
+         R"("friendlyFQDD":"CPU 2","hyperThreadingCapable":1,"hyperThreadingEnabled":1,"virtualizationTechCapable":0})"},
+        {"garbage for processors",
+         {{"/proc/cpuinfo", ":\n: x\n\n\nprocessor\n\n\xff\xfe:"}}, CollectProcessors, ""},
+        {"PCI device",
+         {{pci + "vendor", "0x1af4\n"}, {pci + "class", "0x010802\n"}, {pci + "revision", "no number"},
+          {"/sys/bus/pci/devices/strange/vendor", "0x1\n"}},
+         CollectPciDevices,
+         R"(E6||Host.PCI.0000:3b:00.1 {"Key":"E6||Host.PCI.0000:3b:00.1","busNum":59,"classCode":1,)"
+         R"("description":"Mass storage controller","deviceNum":0,"fqdd":"Host.PCI.0000:3b:00.1",)"
+         R"("friendlyFQDD":"PCI device 0000:3b:00.1","functionNum":1,"progIF":2,"subclass":8,"vendorID":6900})"},
+        {"disk with odd texts",
+         {{"/sys/block/sda/size", "9223372036854775807\n"}, {"/sys/block/sda/device/model", odd + "xyz"},
+          {"/sys/block/sda/device/serial", "A\xff" "B"}, {"/sys/block/zram0/size", "8\n"}, {"/sys/block/loop3/size", "8\n"}},
+         CollectDisks,
+         R"(304||Host.Disk.sda {"fqdd":"Host.Disk.sda","hdr_DOT_objName":"sda","modelName":")" + odd +
+         R"(","serialNumber":"A?B","size":9223372036854775296,"uSiObj_DOT_sbSiObj_DOT_BSInfo_DOT_FQDD":"Host.Disk.sda",)"
+         R"("uSiObj_DOT_sbSiObj_DOT_BSInfo_DOT_Key":"304||Host.Disk.sda"})"},
+        {"chips before zones",
+         {{"/sys/class/hwmon/hwmon0/name", "coretemp\n"}, {"/sys/class/hwmon/hwmon0/temp1_input", "-45300\n"},
+          {"/sys/class/hwmon/hwmon0/temp1_crit", "100000\n"}, {"/sys/class/hwmon/hwmon0/temp2_input", ""},
+          {"/sys/class/thermal/thermal_zone0/temp", "45000\n"}},
+         CollectTemperatures,
+         R"(16||Host.Temp.hwmon0.temp1 {"FriendlyFQDD":"Host.Temp.hwmon0.temp1","Key":"16||Host.Temp.hwmon0.temp1",)"
+         R"("ProbeLocation":"coretemp temp1","probeReading":-453,"probeThresholds_DOT_ucThreshold":1000,"unitModifier":1})"},
+        {"zones without chips",
+         {{"/sys/class/thermal/thermal_zone0/temp", "45000\n"}, {"/sys/class/thermal/thermal_zone0/type", "acpitz\n"},
+          {"/sys/class/thermal/cooling_device0/type", "Fan\n"}},
+         CollectTemperatures,
+         R"(16||Host.Temp.thermal_zone0 {"FriendlyFQDD":"Host.Temp.thermal_zone0","Key":"16||Host.Temp.thermal_zone0",)"
+         R"("ProbeLocation":"acpitz","probeReading":450,"unitModifier":1})"},
+        // clang-format on
+    };
+    for (const auto &test : cases)
+    {
+        SCOPED_TRACE(test.name);
+        const FakeMachine machine;
+        for (const auto &[path, content] : test.files)
+        {
+            machine.Write(path, content);
+        }
+        const HostFiles files(machine.Path());
+        HostView view(files);
+        test.collect(view);
+        std::string listing;
+        for (const HostObject &object : view.Objects())
+        {
+            listing += object.key + ' ' + Sorted(object.values.get());
+        }
+        EXPECT_EQ(listing, test.expected);
     }
-    return listing;
-}
-
-struct MachineCase
-{
-    const char *name;
-    std::vector<std::pair<std::string, std::string>> files;
-    void (*collect)(HostView &);
-    std::string expected;
-};
-
-void PrintTo(const MachineCase &machine, std::ostream *stream)
-{
-    *stream << machine.name;
-}
-
-class MachineTest : public testing::TestWithParam<MachineCase>
-{
-};
-
-TEST_P(MachineTest, GivesItsObjects)
-{
-    const FakeMachine machine;
-    for (const auto &[path, content] : GetParam().files)
-    {
-        machine.Write(path, content);
-    }
-    const HostFiles files(machine.Root());
-    HostView view(files);
-    GetParam().collect(view);
-    EXPECT_EQ(Listing(view), GetParam().expected);
-}
-
-const std::string kPci = "/sys/bus/pci/devices/0000:3b:00.1/";
-
-INSTANTIATE_TEST_SUITE_P(
-    Kinds, MachineTest,
-    testing::Values(
-        MachineCase{"NothingAtAll",
-                    {},
-                    [](HostView &view)
-                    {
-                        CollectProcessors(view);
-                        CollectPciDevices(view);
-                        CollectDisks(view);
-                        CollectTemperatures(view);
-                    },
-                    ""},
-        MachineCase{
-            "TwoThreadsOfOneCore",
-            {{"/proc/cpuinfo",
-              "processor\t: 0\nphysical id\t: 1\ncore id\t: 7\n"
-              "flags\t\t: fpu ht nx\n\n"
-              "processor\t: 1\nphysical id\t: 1\n"
-              "core id\t: 7\n\n"}},
-            CollectProcessors,
-            "D2||Host.CPU.2 {\"Key\":\"D2||Host.CPU.2\","
-            "\"NumberOfProcessorCores\":1,\"NumberofEnabledCores\":1,"
-            "\"NumberofEnabledThreads\":2,\"executeDisableCapable\":1,"
-            "\"executeDisableEnabled\":1,\"fqdd\":\"Host.CPU.2\","
-            "\"friendlyFQDD\":\"CPU 2\",\"hyperThreadingCapable\":1,"
-            "\"hyperThreadingEnabled\":1,\"virtualizationTechCapable\":0}\n"},
-        MachineCase{"GarbageForProcessors",
-                    {{"/proc/cpuinfo", ":\n: x\n\n\nprocessor\n\n\xff\xfe:"}},
-                    CollectProcessors,
-                    ""},
-        MachineCase{
-            "PciDevice",
-            {{kPci + "vendor", "0x1af4\n"},
-             {kPci + "class", "0x010802\n"},
-             {kPci + "revision", "no number"},
-             {"/sys/bus/pci/devices/strange/vendor", "0x1\n"}},
-            CollectPciDevices,
-            "E6||Host.PCI.0000:3b:00.1 {\"Key\":\"E6||Host.PCI.0000:3b:00.1\","
-            "\"busNum\":59,\"classCode\":1,"
-            "\"description\":\"Mass storage controller\",\"deviceNum\":0,"
-            "\"fqdd\":\"Host.PCI.0000:3b:00.1\","
-            "\"friendlyFQDD\":\"PCI device 0000:3b:00.1\",\"functionNum\":1,"
-            "\"progIF\":2,\"subclass\":8,\"vendorID\":6900}\n"},
-        MachineCase{
-            "DiskWithOddTexts",
-            {{"/sys/block/sda/size", "9223372036854775807\n"},
-             {"/sys/block/sda/device/model",
-              std::string(30, 'm') + "\u00e4xyz"},
-             {"/sys/block/sda/device/serial", "A\xff"
-                                              "B"},
-             {"/sys/block/zram0/size", "8\n"},
-             {"/sys/block/loop3/size", "8\n"}},
-            CollectDisks,
-            "304||Host.Disk.sda {\"fqdd\":\"Host.Disk.sda\","
-            "\"hdr_DOT_objName\":\"sda\",\"modelName\":\"" +
-                std::string(30, 'm') +
-                "\u00e4\",\"serialNumber\":\"A?B\","
-                "\"size\":9223372036854775296,"
-                "\"uSiObj_DOT_sbSiObj_DOT_BSInfo_DOT_FQDD\":\"Host.Disk.sda\","
-                "\"uSiObj_DOT_sbSiObj_DOT_BSInfo_DOT_Key\":"
-                "\"304||Host.Disk.sda\"}\n"},
-        MachineCase{
-            "ChipsBeforeZones",
-            {{"/sys/class/hwmon/hwmon0/name", "coretemp\n"},
-             {"/sys/class/hwmon/hwmon0/temp1_input", "-45300\n"},
-             {"/sys/class/hwmon/hwmon0/temp1_crit", "100000\n"},
-             {"/sys/class/hwmon/hwmon0/temp2_input", ""},
-             {"/sys/class/thermal/thermal_zone0/temp", "45000\n"}},
-            CollectTemperatures,
-            "16||Host.Temp.hwmon0.temp1 {"
-            "\"FriendlyFQDD\":\"Host.Temp.hwmon0.temp1\","
-            "\"Key\":\"16||Host.Temp.hwmon0.temp1\","
-            "\"ProbeLocation\":\"coretemp temp1\",\"probeReading\":-453,"
-            "\"probeThresholds_DOT_ucThreshold\":1000,\"unitModifier\":1}\n"},
-        MachineCase{"ZonesWithoutChips",
-                    {{"/sys/class/thermal/thermal_zone0/temp", "45000\n"},
-                     {"/sys/class/thermal/thermal_zone0/type", "acpitz\n"},
-                     {"/sys/class/thermal/cooling_device0/type", "Fan\n"}},
-                    CollectTemperatures,
-                    "16||Host.Temp.thermal_zone0 {"
-                    "\"FriendlyFQDD\":\"Host.Temp.thermal_zone0\","
-                    "\"Key\":\"16||Host.Temp.thermal_zone0\","
-                    "\"ProbeLocation\":\"acpitz\",\"probeReading\":450,"
-                    "\"unitModifier\":1}\n"}),
-    [](const testing::TestParamInfo<MachineCase> &machine)
-    {
-        return machine.param.name;
-    });
-
-TEST(HostView, KeepsAnOidWhileOthersComeAndGo)
-{
-    const FakeMachine machine;
-    machine.Write("/sys/block/sda/size", "1");
-    machine.Write("/sys/block/sdb/size", "1");
-    const HostFiles files(machine.Root());
-    HostView view(files);
-    CollectDisks(view);
-    ASSERT_EQ(view.Objects().size(), 2u);
-    const uint32_t oid = view.Objects()[1].oid;
-
-    machine.Remove("/sys/block/sda");
-    view.Begin();
-    CollectDisks(view);
-    ASSERT_EQ(view.Objects().size(), 1u);
-    EXPECT_EQ(view.Objects()[0].oid, oid);
 }
 
 TEST(UsageWindow, ForgetsWhatHasLeftIt)
@@ -293,7 +192,7 @@ TEST_F(MirrorTest, TheScenarioIsAcceptedWhole)
 TEST_F(MirrorTest, FollowsTheMachine)
 {
     const FakeMachine machine;
-    const HostFiles files(machine.Root());
+    const HostFiles files(machine.Path());
     HostView view(files);
     Client client(Socket());
     HostMirror mirror(client);
@@ -367,35 +266,34 @@ TEST_F(MirrorTest, ThisMachineIsAccepted)
 TEST_F(MirrorTest, AuditsWhatItCanRead)
 {
     const FakeMachine folder;
-    const auto audit = [](const std::string &database)
-    {
-        CLI::App app;
-        Invocation invocation;
-        AddAuditCommand(app, &invocation);
-        app.parse("audit --database " + database);
-        Client client(Socket());
-        testing::internal::CaptureStdout();
-        EXPECT_NO_THROW(invocation.run(client, invocation));
-        return testing::internal::GetCapturedStdout();
-    };
-    const std::string database = folder.Root() + "/audited.db";
-    std::string error;
-    ASSERT_TRUE(CreateDatabase(database, false, &error)) << error;
-    EXPECT_EQ(audit(database), "0 differences in 0 objects\n");
-    // A Data Manager that isn't ready has nothing to mirror.
-    EXPECT_EQ(standin::GenerateObjects(1, {}, false), "");
-    standin::Detach();
-    EXPECT_EQ(audit(database), "0 differences in 0 objects\n");
-
+    folder.MakeDatabase();
+    folder.Write("/text.db", std::string(5000, 'x'));
     Client client(Socket());
     Invocation invocation;
     CLI::App app;
     AddAuditCommand(app, &invocation);
-    folder.Write("/text.db", std::string(5000, 'x'));
+    const auto audit = [&](const std::string &database)
+    {
+        app.parse("audit --database " + database);
+        testing::internal::CaptureStdout();
+        try
+        {
+            invocation.run(client, invocation);
+        }
+        catch (const CannotLook &)
+        {
+            return testing::internal::GetCapturedStdout() + "can't look";
+        }
+        return testing::internal::GetCapturedStdout();
+    };
+    EXPECT_EQ(audit(folder.Database()), "0 differences in 0 objects\n");
+    // A Data Manager that isn't ready has nothing to mirror.
+    EXPECT_EQ(standin::GenerateObjects(1, {}, false), "");
+    standin::Detach();
+    EXPECT_EQ(audit(folder.Database()), "0 differences in 0 objects\n");
     for (const char *path : {"/missing.db", "/text.db"})
     {
-        app.parse("audit --database " + folder.Root() + path);
-        EXPECT_THROW(invocation.run(client, invocation), CannotLook) << path;
+        EXPECT_EQ(audit(folder.Path() + path), "can't look");
     }
 }
 

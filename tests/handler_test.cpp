@@ -1,12 +1,12 @@
-// The delete handler, and what the three handlers owe each other: order,
-// silence, clean statements after every failure.
+// What the three handlers owe each other: order, silence without a database,
+// clean statements after every failure. What single failures leave behind and
+// log is recorded in the stream.
 
 #include "core/lock.h"
 #include "tests/support/handler_fixture.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 #include <thread>
 
@@ -15,201 +15,36 @@ namespace qdb::test
 namespace
 {
 
-TEST_F(Handler, DeleteAnnouncesTheLastRow)
-{
-    EXPECT_EQ(Create(Status(256, "p", 1)), 0);
-    EXPECT_EQ(Create(Status(257, "q", 2)), 0);
-    Announced();
-    Restart(9);
-    // Only the OID and the type count.
-    EXPECT_EQ(Delete(MakeObject(kStatus, 256)), 0);
-    const Lines lines = Logged();
-    const std::string change =
-        StatusChange("Removed", StatusRow("256", "p", 1));
-    EXPECT_EQ(Announced(), Lines{change});
-    EXPECT_EQ(mirror_.Rows("SELECT OID FROM ActiveOIDMapping"), Lines{"257"});
-    EXPECT_EQ(mirror_.Rows("SELECT OID FROM TblDMStatus_Child_Obj"),
-              Lines{"257"});
-    const std::string json = change.substr(8);
-    const auto at = [&](const std::string &line)
-    {
-        return std::ranges::find(lines, line) - lines.begin();
-    };
-    const auto end = static_cast<long>(lines.size());
-    EXPECT_EQ(at("DeleteObj_1001 Entry!!!\n"), 0);
-    EXPECT_EQ(at("[1001] DeleteObj_1001 Entry for OID: 256"), 1);
-    EXPECT_LT(at("[1001]get row function returns status = 0"), end);
-    EXPECT_LT(at("Json_Out_Str = " + json), end);
-    EXPECT_EQ(at("[1001] DeleteObj_1001 Exit for OID: 256,status:0"), end - 2);
-    EXPECT_EQ(at("DeleteObj_1001 Exit!!!\n"), end - 1);
-}
-
-TEST_F(Handler, DeleteThatFailsChangesNothing)
-{
-    struct Case
-    {
-        const char *name;
-        bool row;
-        Faults faults;
-        int result;
-        Lines lines; // up to level 3
-    };
-    const std::string kDelete = "DELETE FROM ActiveOIDMapping WHERE Oid";
-    const std::string kNotDeleted =
-        "DeleteObjectByOID: Entry for 256 100 could not deleted. Error: -1";
-    const Lines kUnread = {"DEL[1001] Error in sending dbus signal on delete "
-                           "row for OID: 256"};
-    const Lines kTwice = {
-        kNotDeleted,
-        "First Attempt  got failed to for 100 try  delete....Let  Try...\n",
-        kNotDeleted, "Retry 2nd attempt  got failed to delete for 100...\n"};
-    // clang-format off
-    const Case cases[] = {
-        {"no row", false, {{}, {}}, -1, kUnread},
-        {"not readable", true, {{{kRead, {1, 1}}}, {}}, -1, kUnread},
-        {"read corrupt", true, {{{kRead, {11, 1}}}, {}}, 11, kUnread},
-        {"not prepared", true, {{}, {{kDelete, {1, 1}}}}, -1, {}},
-        {"not prepared, corrupt", true, {{}, {{kDelete, {11, 1}}}}, 11, {}},
-        {"fails twice", true, {{{kDelete, {1, 2}}}, {}}, -1, kTwice},
-        {"corrupt at last", true, {{{kDelete, {1, 1}}, {kDelete, {11, 1}}}, {}}, 11, kTwice},
-        {"busy 200 times", true, {{{kDelete, {5, 200}}}, {}}, -1, kTwice},
-    };
-    // clang-format on
-    for (const Case &test : cases)
-    {
-        SCOPED_TRACE(test.name);
-        mirror_.Rows("DELETE FROM ActiveOIDMapping");
-        if (test.row)
-        {
-            EXPECT_EQ(Create(Status(256, "p", 1)), 0);
-        }
-        else
-        {
-            mirror_.Rows("INSERT INTO ActiveOIDMapping VALUES (256, 4097)");
-        }
-        ForgetStatements();
-        Announced();
-        Restart(3);
-        test.faults.Arm();
-        EXPECT_EQ(Delete(MakeObject(kStatus, 256)), test.result);
-        EXPECT_EQ(LogLines(), test.lines);
-        ClearSqliteFaults();
-        EXPECT_EQ(Count("ActiveOIDMapping", 256), "1");
-        EXPECT_EQ(Count(kStatusTable, 256), test.row ? "1" : "0");
-        EXPECT_EQ(Announced(), Lines{});
-        // A create of the OID isn't held up by it, and finds it mapped.
-        EXPECT_EQ(Create(Status(256, "p", 2)), -1);
-        EXPECT_EQ(Delete(MakeObject(kStatus, 256)), test.row ? 0 : -1);
-        Announced();
-    }
-}
-
-// The line that ends a delete is for those that got as far as the row.
-TEST_F(Handler, DeleteThatFailsLogsNoEnd)
-{
-    EXPECT_EQ(Create(Status(256, "p", 1)), 0);
-    Restart();
-    FailSteps("DELETE FROM ActiveOIDMapping", SQLITE_ERROR, 2);
-    EXPECT_EQ(Delete(MakeObject(kStatus, 256)), -1);
-    EXPECT_EQ(CountLog("Delete_[1001]: DeleteObjectByOID failed with return "
-                       "status -1"),
-              1);
-    EXPECT_EQ(CountLog("DeleteObj_1001 Exit for OID"), 0);
-    EXPECT_EQ(Delete(MakeObject(kStatus, 257)), -1);
-    EXPECT_EQ(CountLog("[1001] DeleteObj_1001 Exit for OID: 257,status:-1"), 1);
-}
-
-// The reader's own status is logged before the arrays are read.
-TEST_F(Handler, AnArrayThatCannotBeReadFailsAfterTheRow)
-{
-    const std::string elements = "SELECT json_object('ARR_INDEX'";
-    const struct
-    {
-        const char *name;
-        int (*run)(const Bytes &object);
-    } cases[] = {
-        {"refresh",
-         [](const Bytes &object)
-         {
-             return Refresh(object);
-         }},
-        {"delete",
-         [](const Bytes &object)
-         {
-             return Delete(object);
-         }},
-    };
-    EXPECT_EQ(Create(List(256, "1, 2")), 0);
-    for (const auto &c : cases)
-    {
-        SCOPED_TRACE(c.name);
-        Restart();
-        FailSteps(elements, SQLITE_ERROR, 1);
-        EXPECT_NE(c.run(List(256, "1, 2")), 0);
-        EXPECT_EQ(CountLog("[801]get row function returns status = 0"), 1);
-        EXPECT_EQ(CountLog("get row function returns status"), 1);
-        EXPECT_EQ(CountLog("[801] Get of array data failed with ret = 1"), 1);
-    }
-    EXPECT_EQ(Count("TblSoftwareInventoryMetaDataObject", 256), "1");
-}
-
 TEST_F(Handler, NothingHappensWithoutADatabase)
 {
     const Bytes object = Status(256, "p", 1);
     EXPECT_EQ(Create(object), 0);
     Announced();
-    Restart();
-    const ObjTypeRow &row = *FindRow(kStatus);
-    EXPECT_EQ(row.DeleteObjFP(nullptr), -1);
+    Restart(3);
+    EXPECT_EQ(FindRow(kStatus)->DeleteObjFP(nullptr), -1);
     sqlite3 *const handle = QDVdbHandle.exchange(nullptr);
     EXPECT_EQ(Create(object), -1);
     EXPECT_EQ(Refresh(object), -1);
     EXPECT_EQ(Delete(object), -1);
     QDVdbHandle = handle;
-    EXPECT_EQ(Logged(),
-              (Lines{
-                  "[1001]Invalid input parameters. Exiting:",
-                  "[1001] CreateObj_1001 Entry for OID: 256",
-                  "[1001]Error: DB handle not available 256",
-                  "[1001] CreateObj_1001 Exit for OID: 256,status:-1 ret:-1",
-                  "[1001] RefreshObj_1001 Entry for OID: 256",
-                  "[1001]Error: DB handle not available oID:256",
-                  " RefreshObj_1001 sqlite errormsg:",
-                  "[1001] RefreshObj_1001 Exit for OID: 256,status:-1 ret:0",
-                  "[1001]Invalid input parameters. Exiting:",
-              }));
+    EXPECT_EQ(CountLog("[1001]Invalid input parameters. Exiting:"), 2);
+    EXPECT_EQ(CountLog("[1001]Error: DB handle not available"), 2);
     EXPECT_EQ(StepCount("") + PrepareCount(""), 0);
     EXPECT_EQ(Announced(), Lines{});
     EXPECT_EQ(Delete(object), 0);
 }
 
-TEST_F(Handler, SilentUntilReady)
-{
-    DbusEventsEnabled = 0;
-    EXPECT_EQ(Create(Status(256, "p", 1)), 0);
-    EXPECT_EQ(Refresh(Status(256, "p", 2)), 0);
-    EXPECT_EQ(Count(kStatusTable, 256), "1");
-    EXPECT_EQ(Delete(Status(256, "p", 2)), 0);
-    EXPECT_EQ(Count(kStatusTable, 256), "0");
-    DbusEventsEnabled = 1;
-    EXPECT_EQ(Announced(), Lines{});
-}
-
-// The greatest OID, whose stored form is that of no OID.
+// Its stored form is that of no OID.
 TEST_F(Handler, HandlesTheGreatestOid)
 {
-    constexpr uint32_t kOid = 0xFFFFFFFF;
-    EXPECT_EQ(Create(Status(kOid, "p", 1)), 0);
-    EXPECT_EQ(Refresh(Status(kOid, "q", 1)), 0);
-    EXPECT_EQ(mirror_.Rows("SELECT OID, popName FROM TblDMStatus_Child_Obj"),
-              Lines{"-1|q"});
-    EXPECT_EQ(GetObjType(kOid), kStatus);
-    EXPECT_EQ(Delete(Status(kOid, "", 0)), 0);
-    EXPECT_EQ(Create(Status(kOid, "p", 1)), 0);
-    const Lines changes = Announced();
-    ASSERT_EQ(changes.size(), 4U);
-    EXPECT_EQ(changes[2], StatusChange("Removed", StatusRow("-1", "q", 1)));
-    EXPECT_EQ(changes[3], StatusChange("Added", StatusRow("-1", "p", 1)));
+    const Bytes object = Status(0xFFFFFFFF, "p", 1);
+    EXPECT_EQ(Create(object), 0);
+    EXPECT_EQ(mirror_.Rows("SELECT OID FROM TblDMStatus_Child_Obj"),
+              Lines{"-1"});
+    EXPECT_EQ(GetObjType(0xFFFFFFFF), kStatus);
+    EXPECT_EQ(Delete(object), 0);
+    EXPECT_EQ(Create(object), 0);
+    EXPECT_EQ(Kinds(), (Lines{"Added", "Removed", "Added"}));
 }
 
 TEST_F(Handler, CreateWaitsForTheDeleteOfItsOid)
@@ -228,29 +63,17 @@ TEST_F(Handler, CreateWaitsForTheDeleteOfItsOid)
             {
                 EXPECT_EQ(Delete(object), 0);
             });
-        EXPECT_TRUE(WaitUntil(
-            []
-            {
-                return CountLog("[1001] GetRowData_1001 Entry for OID: 256") >
-                       0;
-            }));
+        WaitForLog("[1001] GetRowData_1001 Entry for OID: 256");
         creator = std::thread(
             [&]
             {
                 EXPECT_EQ(Create(object), 0);
             });
-        EXPECT_TRUE(WaitUntil(
-            []
-            {
-                return CountLog("[1001]Inside CreateObj_1001 sleeping till "
-                                "delete complete ") > 0;
-            }));
+        WaitForLog("[1001]Inside CreateObj_1001 sleeping till delete complete");
     }
     remover.join();
     creator.join();
-    const std::string row = StatusRow("256", "p", 1);
-    EXPECT_EQ(Announced(), (Lines{StatusChange("Removed", row),
-                                  StatusChange("Added", row)}));
+    EXPECT_EQ(Kinds(), (Lines{"Removed", "Added"}));
     // It went straight in: the delete was over.
     EXPECT_EQ(StepCount(kMapping), 1);
 }
@@ -299,9 +122,8 @@ class Sweep : public Handler
         PutObject(0x1100, 0x50);
         for (const uint32_t oid : {256u, 257u})
         {
-            const Bytes object = List(oid, "1, 2");
             const uint32_t parents[] = {0x50};
-            EXPECT_EQ(standin::PutRawObject(object, parents), "");
+            EXPECT_EQ(standin::PutRawObject(List(oid, "1, 2"), parents), "");
         }
         mirror_.Rows("DELETE FROM ActiveOIDMapping");
         EXPECT_EQ(Create(List(256, "1, 2")), 0);
@@ -311,7 +133,7 @@ class Sweep : public Handler
 
     void Check(int result, int fault)
     {
-        EXPECT_TRUE(result == 0 || (result != 0 && fault != 0)) << result;
+        EXPECT_TRUE(result == 0 || fault != 0) << result;
         EXPECT_TRUE(result != SQLITE_CORRUPT || fault == SQLITE_CORRUPT);
         EXPECT_EQ(Announced().size(), result == 0 ? 1U : 0U);
         // A row has its mapping; the schema sees to the rest.
@@ -321,32 +143,24 @@ class Sweep : public Handler
                   "0");
         mirror_.Rows("DELETE FROM ActiveOIDMapping");
         EXPECT_EQ(Create(List(300, "7")), 0);
-        Age("TblSoftwareInventoryMetaDataObject");
         EXPECT_EQ(Refresh(List(300, "8")), 0);
+        EXPECT_EQ(mirror_.Rows("SELECT OID, VAL FROM "
+                               "INTEGERARR_TblSoftwareInventoryMetaDataObject"),
+                  Lines{"300|8"});
         EXPECT_EQ(Delete(List(300, "")), 0);
-        const std::string table = "TblSoftwareInventoryMetaDataObject";
-        EXPECT_EQ(
-            Announced(),
-            (Lines{Announcement("Added", table, ListRow(300, 1, Elements({7}))),
-                   Announcement(
-                       "Changed", table, ListRow(300, 1, Elements({8})),
-                       R"(, "PropertiesChanged": {"ObjTypeList": )" +
-                           Elements({8}) + R"(, "SingleRecordEtag": "T"})"),
-                   Announcement("Removed", table,
-                                ListRow(300, 1, Elements({8})))}));
+        EXPECT_EQ(Kinds(), (Lines{"Added", "Changed", "Removed"}));
     }
 };
 
 TEST_F(Sweep, EveryStatementFailsOnce)
 {
-    struct Operation
+    const struct
     {
         const char *name;
         std::function<int()> run;
         int steps;
         int prepares;
-    };
-    const Operation operations[] = {
+    } operations[] = {
         {"create",
          []
          {
@@ -366,7 +180,7 @@ TEST_F(Sweep, EveryStatementFailsOnce)
          },
          5, 3},
     };
-    for (const Operation &operation : operations)
+    for (const auto &operation : operations)
     {
         SCOPED_TRACE(operation.name);
         for (const int status : {SQLITE_ERROR, SQLITE_BUSY, SQLITE_CORRUPT,

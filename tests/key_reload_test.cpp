@@ -1,10 +1,10 @@
-// The reloads that compare whole objects with the last ones: the keyed object,
-// the keyed attributes, and the devices of two types.
+// The reloads that compare whole objects with the last ones (the keyed object,
+// the keyed attributes, the devices of two types) at their bounds and without
+// memory. What they make of ordinary objects and of failures is recorded in the
+// stream.
 
 #include "config/key_reload.h"
-#include "config/presence_check.h"
 #include "core/json.h"
-#include "db/connection.h"
 #include "reconcile/key_reload.h"
 #include "reconcile/type_reload.h"
 #include "tests/support/config_bytes.h"
@@ -35,370 +35,44 @@ void PutSystem(const std::string &host)
               "");
 }
 
-class KeyReload : public NcReload
+// The copy that can't be made is made the next time.
+TEST_F(NcReload, KeyedObjectOutlivesWantOfMemory)
 {
-  protected:
-    // Leaves the reload of the keyed object without a copy; the object's row
-    // says "row".
-    void ForgetSystem()
+    Clear();
+    for (const char *host : {"one", "other"}) // one of them differs
     {
-        Clear();
-        for (const char *host : {"one", "other"}) // one of them differs
-        {
-            PutSystem(host);
-            const OutOfMemoryAt here(kFind);
-            static_cast<void>(ReLoadKeyBasedNCObjects());
-        }
-        MakeRow(MakeObject(kSystem, kSystemOid, SystemValues("row")));
-        ForgetStatements();
-        Restart();
+        PutSystem(host);
+        const OutOfMemoryAt here(kFind);
+        static_cast<void>(ReLoadKeyBasedNCObjects());
     }
-
-    std::string Host()
-    {
-        return mirror_.Value("SELECT HostName FROM TblSystemInfo");
-    }
-};
-
-TEST_F(KeyReload, RefreshesTheKeyedObjectWhenItDiffers)
-{
-    const std::string refresh = "Refresh " + Text(kSystemOid);
-    const std::string tag = "ReLoadKeyBasedNCObjects: ";
-    const struct
-    {
-        const char *name;
-        const char *host;
-        bool noMemory;
-        int fault; // of the update's preparation
-        int result;
-        Lines calls;
-        const char *line;
-        const char *row;
-    } kSteps[] = {
-        // clang-format off
-        {"first", "a", false, 0, 0, {refresh}, "No previous record. Add entry. Refresh Obj.\n", "a"},
-        {"same", "a", false, 0, 0, {}, "", "a"},
-        {"changed", "b", false, 0, 0, {refresh}, "memcmp mismatch. Update entry. Refresh Obj. \n", "b"},
-        {"fails", "c", false, 1, -1, {refresh}, "memcmp mismatch. Update entry. Refresh Obj. \n", "b"},
-        {"isn't tried again", "c", false, 0, 0, {}, "", "b"},
-        {"corrupt", "d", false, 11, 11, {refresh}, "memcmp mismatch. Update entry. Refresh Obj. \n", "b"},
-        {"gone", nullptr, false, 0, 256, {}, "", "b"},
-        {"no memory", "e", true, 0, 272, {}, "", "b"},
-        {"no copy", "e", false, 0, 0, {refresh}, "No previous record. Add entry. Refresh Obj.\n", "e"},
-        // clang-format on
-    };
-    ForgetSystem();
-    for (const auto &step : kSteps)
-    {
-        SCOPED_TRACE(step.name);
-        standin::DeleteObjects(Words{kSystemOid}, false);
-        if (step.host != nullptr)
-        {
-            PutSystem(step.host);
-        }
-        ForgetStatements();
-        Restart();
-        FailPrepares("UPDATE TblSystemInfo", step.fault, step.fault != 0);
-        if (step.noMemory)
-        {
-            const OutOfMemoryAt here(kFind);
-            EXPECT_EQ(ReLoadKeyBasedNCObjects(), step.result);
-        }
-        else
-        {
-            EXPECT_EQ(ReLoadKeyBasedNCObjects(), step.result);
-            EXPECT_EQ(LinesWith({kFind}),
-                      *step.line == '\0' ? Lines{} : Lines{tag + step.line});
-        }
-        EXPECT_EQ(Calls(), step.calls);
-        EXPECT_EQ(Host(), step.row);
-    }
+    Restart();
+    EXPECT_NE(ReLoadKeyBasedNCObjects(), 272);
+    EXPECT_EQ(Calls(), Lines{"Refresh " + Text(kSystemOid)});
 }
 
-TEST_F(KeyReload, WritesTheKeyedObjectUntilItWorks)
+TEST_F(NcReload, KeyedAttributesEndWithoutMemory)
 {
-    const struct
+    const char *key = "Tarnu.Embedded.1#SerialCapture.1#SerialDataSize";
+    for (const char *name : {"1", "other"}) // one of them differs
     {
-        const char *name;
-        bool insert;
-        std::vector<Fault> faults; // of the statement's preparation
-        bool vanishes;
-        int result;
-        int sleeps;
-        unsigned fetches;
-        const char *row;
-    } kCases[] = {
-        {"insert", true, {}, false, 0, 0, 0, "new"},
-        {"refresh", false, {}, false, 0, 0, 0, "new"},
-        {"busy", false, {{5, 1}, {6, 98}}, false, 0, 99, 0, "new"},
-        {"unreadable", false, {{8216, 99}}, false, 0, 0, 99, "newer"},
-        {"for ever", false, {{8216, 100}}, false, -1, 0, 100, "row"},
-        {"vanishes", false, {{8216, 100}}, true, 256, 0, 1, "row"},
-    };
-    KeyedRow row = {"91||System.Embedded.1", "", kSystem};
-    for (const auto &test : kCases)
-    {
-        SCOPED_TRACE(test.name);
-        ForgetSystem();
-        if (test.insert)
-        {
-            mirror_.Rows("DELETE FROM ActiveOIDMapping");
-        }
-        PutObject(0x1100, 80);
-        PutSystem("new");
-        ObjectPtr object = FetchObject(kSystemOid);
-        PutSystem("newer");
-        if (test.vanishes)
-        {
-            Remove(kSystemOid);
-        }
-        FailPrepares("UPDATE TblSystemInfo", test.faults);
-        const uint64_t before = standin::CallCount("ZOILGetObjByKey");
-        EXPECT_EQ(ReLoadKeyBasedNCObject(std::move(object), row,
-                                         test.insert ? RowWrite::Insert
-                                                     : RowWrite::Refresh),
-                  test.result);
-        EXPECT_EQ(standin::CallCount("ZOILGetObjByKey") - before, test.fetches);
-        EXPECT_EQ(CountLog("ReLoadKeyBasedNCObjects: ZO_STATUS_INVALID_VALUE "
-                           "returned\n"),
-                  static_cast<int>(test.fetches));
-        EXPECT_EQ(CountLog("Insert the row\n"), test.insert ? 1 : 0);
-        EXPECT_EQ(SleptMicroseconds(), test.sleeps * 110000LL);
-        EXPECT_EQ(Host(), test.row);
-        EXPECT_EQ(mirror_.Value("SELECT ParentObjectKey FROM TblSystemInfo"),
-                  test.insert ? "1100||Object.80" : "NULL");
-    }
-    row.cached.Clear();
-}
-
-// The five attributes, in order.
-constexpr struct
-{
-    const char *key;
-    const char *interfaceName;
-} kAttributes[] = {
-    // clang-format off
-        {"Tarnu.Embedded.1#SerialCapture.1#SerialDataSize", kIntInterface},
-        {"System.Embedded.1#ServerOS.1#ServerPoweredOnTime", kIntInterface},
-        {"System.Embedded.1#Diagnostics.1#OSAppCollectionTime", kStrInterface},
-        {"System.Embedded.1#SystemInfo.1#BootTime", kStrInterface},
-        {"System.Embedded.1#SystemInfo.1#SysTime", kStrInterface},
-    // clang-format on
-};
-
-class CfgKeyReload : public NcReload
-{
-  protected:
-    static constexpr uint32_t kFirst = 0x4050;
-
-    static void SetName(size_t index, const std::string &name)
-    {
-        const JsonPtr values(json_pack("{s:s}", "Name", name.c_str()));
-        EXPECT_EQ(standin::PutAttribute(kAttributes[index].interfaceName,
-                                        kAttributes[index].key, values.get(),
-                                        kFirst + static_cast<uint32_t>(index)),
+        const JsonPtr values(json_pack("{s:s}", "Name", name));
+        EXPECT_EQ(standin::PutAttribute(kIntInterface, key, values.get(), 0x11),
                   "");
+        const OutOfMemoryAt here("Refresh Obj.");
+        static_cast<void>(ReLoadCfgKeyBasedNCObjects());
     }
-
-    static ConfigObjectPtr Fetch(size_t index)
+    const uint64_t before = standin::CallCount("CfgIntAttribute_get_object");
     {
-        DataObjHeader *object = nullptr;
-        EXPECT_EQ(dbus_get_data_obj_hdr(
-                      index < 2 ? TYPE_CFGINT : TYPE_CFGSTR,
-                      standin::AttributePath(kAttributes[index].key).c_str(),
-                      &object),
-                  0);
-        return ConfigObjectPtr(object);
-    }
-
-    // All five exist, with rows and without copies.
-    void SetUp() override
-    {
-        Clear();
-        for (size_t i = 0; i < std::size(kAttributes); ++i)
-        {
-            SetName(i, "0");
-            ConfigObjectPtr object = Fetch(i);
-            EXPECT_EQ(
-                FindRow(object->objType)->CreateObjFP(object.get(), nullptr),
-                0);
-            tNoMemory = true;
-            EXPECT_EQ(
-                CfgKeyBasedNCObjRefreshHandling(&object, i, RowWrite::Refresh),
-                272);
-            tNoMemory = false;
-        }
-        ForgetStatements();
-        Restart();
-    }
-
-    Lines Names()
-    {
-        return mirror_.Rows("SELECT OID - 16464, Name FROM TblIntAttribute "
-                            "UNION SELECT OID - 16464, Name FROM "
-                            "TblStrAttribute ORDER BY 1");
-    }
-};
-
-TEST_F(CfgKeyReload, WritesWhatDiffersOrIsMissing)
-{
-    const auto refresh = [](size_t index)
-    {
-        return "Refresh " + Text(kFirst + static_cast<uint32_t>(index));
-    };
-    const std::string tag = "ReLoadCfgKeyBasedNCObjects: ";
-    EXPECT_EQ(ReLoadCfgKeyBasedNCObjects(), 0);
-    EXPECT_EQ(Calls(), (Lines{refresh(0), refresh(1), refresh(2), refresh(3),
-                              refresh(4)}));
-    EXPECT_EQ(CountLog(tag + "No previous record. Add entry. Refresh Obj.\n"),
-              5);
-    for (const auto &attribute : kAttributes)
-    {
-        EXPECT_EQ(CountLog(tag + "key=" + attribute.key + "\n"), 1);
-        EXPECT_EQ(CountLog(tag + "path=" +
-                           standin::AttributePath(attribute.key) + "\n"),
-                  1);
-    }
-    Restart();
-    EXPECT_EQ(ReLoadCfgKeyBasedNCObjects(), 0);
-    EXPECT_EQ(Calls(), Lines{});
-    // A size, bytes, and two missing rows, of which one has no group.
-    SetName(0, "longer");
-    SetName(2, "1");
-    mirror_.Rows("DELETE FROM ActiveOIDMapping WHERE OID IN (" +
-                 Text(kFirst + 1) + "," + Text(kFirst + 4) + ")");
-    standin::SetFault("CfgGroup_get_object", 5, 1, 1);
-    Restart();
-    EXPECT_EQ(ReLoadCfgKeyBasedNCObjects(), 0);
-    EXPECT_EQ(Calls(), (Lines{refresh(0), "Create " + Text(kFirst + 1),
-                              refresh(2), "Create " + Text(kFirst + 4)}));
-    const std::string handling = "CfgKeyBasedNCObjRefreshHandling: Parent "
-                                 "Object ";
-    const Lines lines = LinesWith({"ROw", "mismatch", handling, "Insert"});
-    ASSERT_EQ(lines.size(), 8U);
-    EXPECT_EQ(lines[0],
-              tag + "Data size mismatch. Update entry. Refresh Obj.\n");
-    EXPECT_EQ(lines[1], tag + "ROw is not present. Insert the row. \n");
-    EXPECT_EQ(lines[2].rfind(handling + "found pParentDOH=", 0), 0U);
-    EXPECT_EQ(lines[3], "Insert the row\n");
-    EXPECT_EQ(lines[4], tag + "memcmp mismatch. Update entry. Refresh Obj. \n");
-    EXPECT_EQ(lines[6], handling + "not found\n");
-    EXPECT_EQ(Names(), (Lines{"0|longer", "1|0", "2|1", "3|0", "4|0"}));
-    EXPECT_EQ(mirror_.Value("SELECT ParentObjectKey FROM TblIntAttribute WHERE "
-                            "OID = " +
-                            Text(kFirst + 1)),
-              "System.Embedded.1#ServerOS.1");
-}
-
-TEST_F(CfgKeyReload, ReportsTheLastRow)
-{
-    const struct
-    {
-        const char *name;
-        size_t gone;        // attribute
-        size_t changed;     // another one
-        const char *faulty; // preparation
-        std::vector<Fault> faults;
-        int lostLater; // gets of strings until one fails; -1: none does
-        int result;
-        size_t calls;
-    } kCases[] = {
-        // clang-format off
-        {"first gone", 0, 9, "", {}, -1, 0, 0},
-        {"last gone", 4, 9, "", {}, -1, 256, 0},
-        {"fails", 9, 4, "UPDATE TblStr", {{1, 1}}, -1, -1, 1},
-        {"corrupt", 9, 4, "UPDATE TblStr", {{11, 1}}, -1, 11, 1},
-        {"earlier one corrupt", 9, 2, "UPDATE TblStr", {{11, 1}}, -1, 0, 1},
-        {"busy", 9, 4, "UPDATE TblStr", {{5, 99}}, -1, 0, 100},
-        {"busy for ever", 9, 4, "UPDATE TblStr", {{6, 100}}, -1, -1, 100},
-        {"unreadable", 9, 4, "UPDATE TblStr", {{8216, 1}}, -1, 0, 1},
-        {"unreadable, then gone", 9, 4, "UPDATE TblStr", {{8216, 1}}, 3, -1, 1},
-        // clang-format on
-    };
-    for (const auto &test : kCases)
-    {
-        SCOPED_TRACE(test.name);
-        SetUp();
-        EXPECT_EQ(ReLoadCfgKeyBasedNCObjects(), 0);
-        if (test.gone < 5)
-        {
-            EXPECT_EQ(standin::RemoveAttribute(kAttributes[test.gone].key), "");
-        }
-        if (test.changed < 5)
-        {
-            SetName(test.changed, "1");
-        }
-        ForgetStatements();
-        Restart();
-        FailPrepares(test.faulty, test.faults);
-        standin::SetFault("CfgStrAttribute_get_object", 5,
-                          test.lostLater < 0 ? 0 : 1, test.lostLater);
-        EXPECT_EQ(ReLoadCfgKeyBasedNCObjects(), test.result);
-        EXPECT_EQ(Calls().size(), test.calls);
-        EXPECT_EQ(SleepCount(), 0);
-        // What was seen is kept even so.
-        ForgetStatements();
-        Restart();
-        EXPECT_EQ(ReLoadCfgKeyBasedNCObjects(), test.gone == 4 ? 256 : 0);
-        EXPECT_EQ(Calls(), Lines{});
-    }
-}
-
-TEST_F(CfgKeyReload, EndsWithoutMemoryAndRefusesNothing)
-{
-    {
-        const uint64_t before =
-            standin::CallCount("CfgIntAttribute_get_object");
         const OutOfMemoryAt here("No previous record");
         EXPECT_EQ(ReLoadCfgKeyBasedNCObjects(), 272);
-        EXPECT_EQ(standin::CallCount("CfgIntAttribute_get_object") - before,
-                  1U);
     }
+    EXPECT_EQ(standin::CallCount("CfgIntAttribute_get_object") - before, 1U);
     ConfigObjectPtr none;
     for (ConfigObjectPtr *pointer :
          {&none, static_cast<decltype(&none)>(nullptr)})
     {
-        Restart(1);
         EXPECT_EQ(CfgKeyBasedNCObjRefreshHandling(pointer, 0, RowWrite::Insert),
                   8216);
-        EXPECT_EQ(LogLines(),
-                  Lines{"CfgKeyBasedNCObjRefreshHandling: Invalid Parameter "
-                        "pDOH=NULL\n"});
-    }
-}
-
-// A check that fails tells nothing, so that nothing is inserted.
-TEST_F(CfgKeyReload, TakesUncheckedRowsForPresent)
-{
-    EXPECT_EQ(ReLoadCfgKeyBasedNCObjects(), 0);
-    mirror_.Rows("DELETE FROM ActiveOIDMapping");
-    const struct
-    {
-        const char *name;
-        int prepare; // status
-        int step;
-        Lines lines; // of the first check
-    } kCases[] = {
-        {"unprepared", 1, 0, {"sqlite3_prepare_v2 Error: 1"}},
-        {"busy", 0, 5, {"No data found\n"}},
-        {"no row", 0, 101, {"Using prepared statement", "No data found\n"}},
-    };
-    for (const auto &test : kCases)
-    {
-        SCOPED_TRACE(test.name);
-        Restart();
-        FailPrepares("SELECT EXISTS", test.prepare, 5 * (test.prepare != 0));
-        FailSteps("SELECT EXISTS", test.step, 5 * (test.step != 0));
-        EXPECT_EQ(ReLoadCfgKeyBasedNCObjects(), 0);
-        EXPECT_EQ(Calls(), Lines{});
-        EXPECT_EQ(SleepCount(), 0);
-        Restart();
-        FailPrepares("SELECT EXISTS", test.prepare, test.prepare != 0);
-        FailSteps("SELECT EXISTS", test.step, test.step != 0);
-        int count = 7;
-        EXPECT_NE(CheckCfgNCIntObjPresenceInDB(kAttributes[0].key, &count), 0);
-        EXPECT_EQ(count, 7);
-        EXPECT_EQ(LinesWith(test.lines), test.lines);
     }
 }
 
@@ -427,101 +101,7 @@ class TypeReload : public NcReload
     {
         return MakeObject(type, oid, R"({"productName": ")" + name + R"("})");
     }
-
-    Lines Names()
-    {
-        return mirror_.Rows("SELECT OID, productName FROM TblDevBLT UNION "
-                            "SELECT OID, productName FROM TblDevUSB");
-    }
 };
-
-TEST_F(TypeReload, ReplacesWhatDiffers)
-{
-    Put(Device(kBlt, 5, "a"));
-    Put(Device(kUsb, 6, "u"));
-    const struct
-    {
-        const char *name;
-        const char *device; // 5; NULL: gone
-        bool unlisted;
-        std::vector<Fault> faults; // of the mapping's inserts
-        int result;
-        Lines calls;
-        Lines rows;
-    } kSteps[] = {
-        // clang-format off
-        {"first", "a", false, {}, 0, {"Create 5", "Create 6"}, {"5|a", "6|u"}},
-        {"same", "a", false, {}, 0, {}, {"5|a", "6|u"}},
-        {"bytes", "b", false, {}, 0, {"Delete 5", "Create 5"}, {"5|b", "6|u"}},
-        {"size", "bb", false, {}, 0, {"Delete 5", "Create 5"}, {"5|bb", "6|u"}},
-        {"fails", "c", false, {{1, 1}}, -1, {"Delete 5", "Create 5"}, {"6|u"}},
-        {"isn't tried again", "c", false, {}, 0, {}, {"6|u"}},
-        {"no row to delete", "d", false, {}, -1, {"Delete 5", "Create 5"}, {"5|d", "6|u"}},
-        {"corrupt", "e", false, {{11, 1}}, 11, {"Delete 5", "Create 5"}, {"6|u"}},
-        {"no list", "e", true, {}, 256, {}, {"6|u"}},
-        {"new again", "e", false, {}, 0, {"Create 5"}, {"5|e", "6|u"}},
-        {"empty list", nullptr, false, {}, 0, {}, {"5|e", "6|u"}},
-        {"as before", "e", false, {}, 0, {}, {"5|e", "6|u"}},
-        {"list lost", "e", true, {}, 256, {}, {"6|u"}},
-        // clang-format on
-    };
-    for (const auto &step : kSteps)
-    {
-        SCOPED_TRACE(step.name);
-        standin::DeleteObjects(Words{5}, false);
-        if (step.device != nullptr)
-        {
-            Put(Device(kBlt, 5, step.device));
-        }
-        Announced();
-        Restart();
-        FailSteps(kMapping, step.faults);
-        standin::SetFault("ZOILListChildOIDByType", 0, step.unlisted);
-        EXPECT_EQ(ObjTypeBasedNCObjects(), step.result);
-        EXPECT_EQ(Calls(), step.calls);
-        EXPECT_EQ(Names(), step.rows);
-        if (step.unlisted)
-        {
-            EXPECT_EQ(Announced(), Lines{});
-        }
-    }
-}
-
-// They are compared with one copy, and the later one hides the earlier's
-// failure.
-TEST_F(TypeReload, LetsTwoObjectsReplaceEachOther)
-{
-    Put(Device(kBlt, 5, "a"));
-    Put(Device(kBlt, 6, "b"));
-    // The second's row can't be deleted, as there is none yet.
-    EXPECT_EQ(ObjTypeBasedNCObjects(), -1);
-    EXPECT_EQ(Calls(), (Lines{"Create 5", "Delete 6", "Create 6"}));
-    for (int pass = 0; pass < 2; ++pass)
-    {
-        Restart();
-        EXPECT_EQ(ObjTypeBasedNCObjects(), 0);
-        EXPECT_EQ(Calls(),
-                  (Lines{"Delete 5", "Create 5", "Delete 6", "Create 6"}));
-    }
-    // The first is gone when it is fetched: the copy goes, and its row, which
-    // is the second's.
-    Restart();
-    standin::SetFault("ZOILGetObjByOID", 0, 1);
-    EXPECT_EQ(ObjTypeBasedNCObjects(), 0);
-    EXPECT_EQ(Calls(), Lines{"Create 6"});
-    EXPECT_EQ(LinesWith({"RefreshHandling", "NCObjsBasedOnOID", "previous"}),
-              (Lines{"ObjTypeBasedNCObjRefreshHandling: ZOILGetObjByOID failed "
-                     "for objid=5\n",
-                     "ObjTypeBasedNCObjRefreshHandling: Previous record "
-                     "found\n",
-                     "DeleteNCObjsBasedOnOID: 0################################"
-                     "####################",
-                     "ObjTypeBasedNCObjRefreshHandling: Cleared previous "
-                     "record\n",
-                     "ObjTypeBasedNCObjects: No previous record. Add "
-                     "entry.\n"}));
-    EXPECT_EQ(Names(), (Lines{"5|a", "6|b"}));
-}
 
 // Its size is kept in 16 bits, so that it differs from its own copy.
 TEST_F(TypeReload, ReplacesHugeObjectsEachTime)
@@ -556,26 +136,6 @@ TEST_F(TypeReload, GivesUp)
     EXPECT_EQ(CountLog(kInvalid), 100);
     EXPECT_EQ(CountLog(kUsedUp), 1);
     EXPECT_EQ(SleepCount(), 0);
-}
-
-TEST_F(TypeReload, CountsAFailedRemovalAsDone)
-{
-    const std::string tag = "DeleteNCObjsBasedOnOID: ";
-    const std::string end(52, '#');
-    MakeRow(Device(kBlt, 0xFFFFFFFE, "a"));
-    Restart();
-    FailPrepares("WHERE Oid", SQLITE_ERROR, 1);
-    EXPECT_EQ(DeleteNCObjsBasedOnOID(0xFFFFFFFE), SQLITE_ERROR);
-    FailSteps("WHERE Oid", SQLITE_CONSTRAINT, 1);
-    EXPECT_EQ(DeleteNCObjsBasedOnOID(0xFFFFFFFE), 0);
-    EXPECT_EQ(Names().size(), 1U);
-    EXPECT_EQ(DeleteNCObjsBasedOnOID(0xFFFFFFFE), 0);
-    EXPECT_EQ(Names(), Lines{});
-    EXPECT_EQ(LinesWith({tag}),
-              (Lines{tag + "sqlite3_prepare_v2 Error: 1", tag + "1" + end,
-                     tag + "Entry for -2 could not deleted. Error: -1",
-                     tag + "0" + end, tag + "Using prepared statement",
-                     tag + "0" + end}));
 }
 
 } // namespace

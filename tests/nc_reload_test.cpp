@@ -1,5 +1,6 @@
-// The reloads of memory, host power and FRUs: what each reads, writes and
-// leaves alone.
+// The reloads of memory, host power and FRUs: their bounds, and objects that
+// change under their hands. What they make of ordinary ones and of failures is
+// recorded in the stream.
 //
 // What the reloads keep lives as long as the process. A test therefore brings
 // it to a known state first, or uses OIDs of its own.
@@ -44,127 +45,6 @@ Bytes Fru(uint32_t oid, const std::string &serial,
                           serial + R"("})");
 }
 
-TEST_F(NcReload, ChoosesByKeyAndPower)
-{
-    struct Case
-    {
-        const char *name;
-        const char *memoryKey; // in the row of memory 5; NULL: no row
-        int powerRows;         // the first is of power object 7, state 1
-        int powerState;        // in the Data Manager; -1: no object
-        size_t parents;
-        const char *faulty; // statement
-        Fault fault;
-        const char *lost; // call that gives NULL once
-        int result;
-        Lines calls;
-    };
-    const std::string remove = "DELETE FROM ActiveOIDMapping WHERE Oid";
-    const std::string count = "SELECT count(*) FROM TblHostPower";
-    // clang-format off
-    const Case cases[] = {
-        {"valid key", "DIMM.A1", 0, -1, 0, "", {}, "", 0, {}},
-        {"no row", nullptr, 0, -1, 0, "", {}, "", 0, {}},
-        {"invalid key", "DIM.A1", 0, -1, 0, "", {}, "", 0, {"Delete 5", "Create 5"}},
-        {"delete fails", "DIM.A1", 0, -1, 0, remove.c_str(), {1, 2}, "", -1, {"Delete 5"}},
-        {"delete corrupt", "DIM.A1", 0, -1, 0, remove.c_str(), {11, 2}, "", 11, {"Delete 5"}},
-        {"create corrupt", "DIM.A1", 0, -1, 0, kMapping.c_str(), {11, 1}, "", 11, {"Delete 5", "Create 5"}},
-        {"memory unlisted", "DIM.A1", 1, 2, 1, "", {}, "ZOILListChildOIDByType", 256, {"Delete 7", "Create 7"}},
-        {"memory gone", "DIM.A1", 1, 2, 1, "", {}, "ZOILGetObjByOID", 256, {"Delete 7", "Create 7"}},
-        {"gone, then fails", "DIM.A1", 1, 2, 1, remove.c_str(), {1, 2}, "ZOILGetObjByOID", -1, {"Delete 7"}},
-        {"same power", nullptr, 1, 1, 1, "", {}, "", 0, {}},
-        {"another state", nullptr, 1, 0, 1, "", {}, "", 0, {"Delete 7", "Create 7"}},
-        {"another count", nullptr, 1, 1, 2, "", {}, "", -1, {"Create 7"}},
-        {"both differ", nullptr, 2, 0, 1, "", {}, "", -1, {"Create 7"}},
-        {"first row", nullptr, 0, 0, 1, "", {}, "", 0, {"Create 7"}},
-        {"no parents", nullptr, 1, 0, 0, "", {}, "", -1, {"Create 7"}},
-        {"parents unlisted", nullptr, 1, 0, 1, "", {}, "ZOILListParentOID", 0, {}},
-        {"count unread", nullptr, 1, 1, 0, count.c_str(), {1, 1}, "", 0, {}},
-        {"invalid memory first", "DIM.A1", 1, 1, 2, "", {}, "", -1, {"Delete 5", "Create 5", "Create 7"}},
-    };
-    // clang-format on
-    for (const Case &test : cases)
-    {
-        SCOPED_TRACE(test.name);
-        Clear();
-        Put(Memory(5, "DIMM.A1"));
-        if (test.memoryKey != nullptr)
-        {
-            MakeRow(Memory(5, test.memoryKey));
-        }
-        for (int i = 0; i < test.powerRows; ++i)
-        {
-            MakeRow(Power(7 + static_cast<uint32_t>(i), 1));
-        }
-        if (test.powerState >= 0)
-        {
-            Words parents = {80, 81};
-            parents.resize(test.parents);
-            Put(Power(7, test.powerState), parents);
-        }
-        ForgetStatements();
-        Restart();
-        FailSteps(test.faulty, {test.fault});
-        // The parents of memory 5 are listed first.
-        standin::SetFault(test.lost, 0, *test.lost == '\0' ? 0 : 1,
-                          std::string(test.lost) == "ZOILListParentOID");
-        EXPECT_EQ(ReLoadNCObjects(), test.result);
-        EXPECT_EQ(Calls(), test.calls);
-        if (test.result == 0)
-        {
-            EXPECT_EQ(mirror_.Rows("SELECT Key FROM TblMemoryInfo"),
-                      test.memoryKey == nullptr ? Lines{} : Lines{"DIMM.A1"});
-        }
-    }
-}
-
-// The errors, at the level of errors. What memory needed is remembered when the
-// power object is judged.
-TEST_F(NcReload, TellsOfInvalidMemoryAndPower)
-{
-    Put(Memory(0xFFFFFFFE, "DIMM.A1"));
-    MakeRow(Memory(0xFFFFFFFE, "A1"));
-    Put(Power(7, 2), {80});
-    MakeRow(Power(7, 1));
-    Restart(1);
-    EXPECT_EQ(ReLoadNCObjects(), 0);
-    const std::string recreating =
-        "ReLoadNCObjects: deleting and recreating the object with invalid "
-        "data \n";
-    EXPECT_EQ(
-        LogLines(),
-        (Lines{"ReLoadNCObjects: pDOH->objType=e1, OID = fffffffe "
-               "memorytype = DIMM, Key is invalid need refresh\n",
-               recreating, "Mem refresh:1, power refresh:0, created:0 \n",
-               "ReLoadNCObjects: pDOH->objType=36, OID = 7 DM powerstate "
-               "= 2 db and dm powerstae not same,need refresh\n",
-               recreating, "Mem refresh:1, power refresh:1, created:0 \n"}));
-    Restart();
-    EXPECT_EQ(ReLoadNCObjects(), 0);
-    EXPECT_EQ(LinesWith({"memorytype", "value is same", "powerstate", "count",
-                         "created"}),
-              (Lines{"ReLoadNCObjects: pDOH->objType=e1, OID = fffffffe "
-                     "memorytype = DIMM\n",
-                     "ReLoadNCObjects: pDOH->objType=e1, OID = fffffffe "
-                     "memorytype = DIMM, Key is valid no need to refresh\n",
-                     "ReLoadNCObjects: OID = fffffffe Refresh skipped for E1 "
-                     "objtype since value is same\n",
-                     "GetHostPowerSate: fpowerstate = 2",
-                     "row count for TblHostPowerOnStatusObj = 1\n",
-                     "dbpowerstate = 2\n", "DM Power obj count = 1\n",
-                     "DM rowCount obj count = 1\n",
-                     "ReLoadNCObjects: OID = 7 Refresh skipped for 0x36 "
-                     "objtype since value is same\n",
-                     "ReLoadNCObjects total objects created: 2 \n"}));
-    // Its parents alone are enough.
-    Put(Power(7, 2), {80, 81});
-    Restart(1);
-    EXPECT_EQ(ReLoadNCObjects(), -1);
-    EXPECT_EQ(LinesWith({"db and dm powerstae not same", "Mem refresh"}).size(),
-              2U);
-    EXPECT_EQ(CountLog("Mem refresh:0, power refresh:1, created:1 \n"), 1);
-}
-
 // A column that isn't there is an error of the connection, which another thread
 // may be about to log as its own.
 TEST_F(NcReload, ReadsNoColumnWithoutARow)
@@ -202,9 +82,9 @@ TEST_F(NcReload, RefreshesWornNvdimms)
         Lines calls;
         const char *row;
     } kSteps[] = {
-        {"first", 50, {}, "50"},       {"same", 50, {}, "50"},
-        {"changed", 49, both, "49"},   {"still changed", 49, both, "49"},
-        {"as at first", 50, {}, "49"}, {"of 8 bits", 255, both, "255"},
+        {"first", 50, {}, "50"},
+        {"changed", 49, both, "49"},
+        {"of 8 bits", 255, both, "255"},
     };
     for (const auto &step : kSteps)
     {
@@ -243,7 +123,7 @@ TEST_F(NcReload, RefreshesWornNvdimms)
 
 TEST_F(NcReload, FetchesUnreadableMemoryAgain)
 {
-    struct Case
+    const struct
     {
         const char *name;
         bool refresh; // a changed NVDIMM; else a create
@@ -252,15 +132,14 @@ TEST_F(NcReload, FetchesUnreadableMemoryAgain)
         int lines;
         int result;
         unsigned fetches;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"refresh, mended", true, 0, 3, 3, 0, 4},
         {"refresh, never", true, 0, 0, 100, -1, 101},
         {"refresh, vanishes", true, 2, 0, 2, -1, 3},
         {"create, never", false, 0, 3, 100, -1, 1},
     };
     constexpr uint32_t kWorn = 0xE1001;
-    for (const Case &test : cases)
+    for (const auto &test : cases)
     {
         SCOPED_TRACE(test.name);
         Clear();
@@ -274,18 +153,16 @@ TEST_F(NcReload, FetchesUnreadableMemoryAgain)
         const Bytes changed = Memory(kWorn, "DIMM.A1", typeDetail, 49);
         Put(Broken(changed, 0x18));
         const uint64_t before = standin::CallCount("ZOILGetObjByOID");
-        const LineHook hook(
-            "ReLoadNCObjects: ZO_STATUS_INVALID_VALUE returned\n",
-            [&](int count)
+        const FateHook hook(
+            "ReLoadNCObjects: ZO_STATUS_INVALID_VALUE returned\n", test.goneAt,
+            []
             {
-                if (count == test.goneAt)
-                {
-                    Remove(kWorn);
-                }
-                if (count == test.mendedAt)
-                {
-                    Put(changed);
-                }
+                Remove(kWorn);
+            },
+            test.mendedAt,
+            [&]
+            {
+                Put(changed);
             });
         EXPECT_EQ(ReLoadNCObjects(), test.result);
         EXPECT_EQ(hook.Count(), test.lines);
@@ -329,6 +206,14 @@ class FruReload : public NcReload
         Forget();
     }
 
+    // By an event, which a cached object notices.
+    static void Destroy(uint32_t oid)
+    {
+        MakeRow(Fru(oid, "A"));
+        Remove(oid);
+        EXPECT_EQ(ObjectNotification(EventOf(List(8, Words{oid})), 8), 0);
+    }
+
     static void Forget()
     {
         for (uint32_t i = 0; i < kMany; ++i)
@@ -337,73 +222,6 @@ class FruReload : public NcReload
         }
     }
 };
-
-TEST_F(FruReload, RefreshesWhatIsNewOrChanged)
-{
-    const std::string longSerial(100, 'x');
-    const std::string oid = "ReLoadFRUNCObjects: OID = 42000 ";
-    const std::string refresh = "Refresh " + Text(kFirst);
-    const std::string unchanged =
-        oid + "found and cache not changed, refresh skipped\n";
-    const std::string skipped =
-        oid + "Refresh skipped as cached data is same\n";
-    const std::string cache =
-        "Cache: g_FRUCacheCount=1, OID=" + Text(kFirst) + ", SerialNum=";
-    const auto added = [&](const std::string &serial)
-    {
-        return oid +
-               "not found in cache adding in cache SerialNum = " + serial +
-               "\n";
-    };
-    const auto changed = [&](const std::string &now, const std::string &kept)
-    {
-        return Lines{
-            oid + "found in cache SerialNum value changed refresh initiated\n",
-            "Object SerialNum = " + now + " Cache SerialNum=" + kept + "\n",
-            unchanged};
-    };
-    const struct
-    {
-        const char *name;
-        Bytes object;
-        Lines calls;
-        Lines lines;
-    } kSteps[] = {
-        // clang-format off
-        {"no disk", Fru(kFirst, "A", "Disk.Ba.1"), {}, {}},
-        {"no key", With(Fru(kFirst, "A"), 0x14, 0), {}, {}},
-        {"key outside", With(Fru(kFirst, "A"), 0x14, 4000), {}, {}},
-        {"new", Fru(kFirst, "A"), {refresh}, {added("A"), cache + "A"}},
-        {"same", Fru(kFirst, "A"), {}, {unchanged, skipped, cache + "A"}},
-        {"changed", Fru(kFirst, "AB"), {refresh}, changed("AB", "A") + Lines{cache + "A"}},
-        {"still changed", Fru(kFirst, "AB"), {refresh}, changed("AB", "A") + Lines{cache + "A"}},
-        {"destroyed", {}, {}, {}},
-        {"new and too long", Fru(kFirst, longSerial), {refresh}, {added(longSerial), cache + longSerial.substr(0, 63)}},
-        {"never the same", Fru(kFirst, longSerial), {refresh}, changed(longSerial, longSerial.substr(0, 63)) + Lines{cache + longSerial.substr(0, 63)}},
-        // clang-format on
-    };
-    for (const auto &step : kSteps)
-    {
-        SCOPED_TRACE(step.name);
-        if (step.object.empty())
-        {
-            MakeRow(Fru(kFirst, "A"));
-            Remove(kFirst);
-            Restart();
-            EXPECT_EQ(ObjectNotification(EventOf(List(8, Words{kFirst})), 8),
-                      0);
-            EXPECT_EQ(CountLog("FRU PCISSD with OID: 42000 deleted. Clear "
-                               "cached data \n"),
-                      1);
-            continue;
-        }
-        Put(step.object);
-        Restart();
-        EXPECT_EQ(ReLoadFRUNCObjects(), 0);
-        EXPECT_EQ(Calls(), step.calls);
-        EXPECT_EQ(LinesWith({"in cache", "SerialNum", "skipped"}), step.lines);
-    }
-}
 
 TEST_F(FruReload, WatchesThirtySix)
 {
@@ -416,81 +234,46 @@ TEST_F(FruReload, WatchesThirtySix)
     EXPECT_EQ(CountLog("Cache: g_FRUCacheCount=36, OID="), 36);
     EXPECT_EQ(CountLog("Refresh skipped as cached data is same"), 4);
     // A slot that becomes free is the next one's.
-    MakeRow(Fru(kFirst + 3, "A"));
-    Remove(kFirst + 3);
-    EXPECT_EQ(ObjectNotification(EventOf(List(8, Words{kFirst + 3})), 8), 0);
+    Destroy(kFirst + 3);
     Restart();
     EXPECT_EQ(ReLoadFRUNCObjects(), 0);
     EXPECT_EQ(Calls(), Lines{"Refresh " + Text(kFirst + 36)});
     EXPECT_EQ(CountLog("Cache: g_FRUCacheCount=36, OID="), 36);
 }
 
-TEST_F(FruReload, ReportsFailures)
+// A refresh that had no object to run on has no result to tell.
+TEST_F(FruReload, FetchesWhatVanishesAgain)
 {
-    struct Case
+    const struct
     {
-        const char *name;
-        std::vector<Fault> faults; // of the update's preparation
-        const char *lost;
-        int goneAt;
-        int backAt;
+        int backAt; // 0: never
         int result;
-        int sleeps;
         const char *row;
-    };
-    const Case cases[] = {
-        {"unlisted", {}, "ZOILListChildOIDByType", 0, 0, 256, 0, "A"},
-        {"gone", {}, "ZOILGetObjByOID", 0, 0, 256, 0, "A"},
-        {"fails", {{1, 1}}, "", 0, 0, -1, 0, "A"},
-        {"corrupt", {{11, 1}}, "", 0, 0, -1, 0, "A"},
-        {"busy", {{5, 1}, {6, 98}}, "", 0, 0, 0, 99, "B"},
-        {"busy for ever", {{5, 100}}, "", 0, 0, -1, 100, "A"},
-        {"unreadable", {{8216, 99}}, "", 0, 0, 0, 0, "B"},
-        {"unreadable for ever", {{8216, 100}}, "", 0, 0, -1, 0, "A"},
-        {"comes back", {{8216, 1}}, "", 1, 4, 256, 0, "B"},
-        {"vanishes", {{8216, 1}}, "", 1, 0, -1, 0, "A"},
-    };
-    for (const Case &test : cases)
+    } cases[] = {{4, 256, "B"}, {0, -1, "A"}};
+    for (const auto &test : cases)
     {
-        SCOPED_TRACE(test.name);
+        SCOPED_TRACE(test.backAt);
         Clear();
         Forget();
         MakeRow(Fru(kFirst, "A"));
-        const Bytes object = Fru(kFirst, "B");
-        Put(object);
+        Put(Fru(kFirst, "B"));
         ForgetStatements();
-        FailPrepares("UPDATE TblFRUObj", test.faults);
-        standin::SetFault(test.lost, 0, *test.lost == '\0' ? 0 : 1);
-        {
-            const LineHook hook(
-                "ReLoadFRUNCObjects: ZO_STATUS_INVALID_VALUE returned\n",
-                [&](int count)
-                {
-                    if (count == test.goneAt)
-                    {
-                        Remove(kFirst);
-                    }
-                    if (count == test.backAt)
-                    {
-                        Put(object);
-                    }
-                });
-            EXPECT_EQ(ReLoadFRUNCObjects(), test.result);
-        }
-        EXPECT_EQ(SleptMicroseconds(), test.sleeps * 110000LL);
+        FailPrepares("UPDATE TblFRUObj", {{8216, 1}});
+        const FateHook hook(
+            "ReLoadFRUNCObjects: ZO_STATUS_INVALID_VALUE returned\n", 1,
+            []
+            {
+                Remove(kFirst);
+            },
+            test.backAt,
+            []
+            {
+                Put(Fru(kFirst, "B"));
+            });
+        EXPECT_EQ(ReLoadFRUNCObjects(), test.result);
         EXPECT_EQ(mirror_.Value("SELECT SerialNumber FROM TblFRUObj"),
                   test.row);
     }
-    // A refresh that had no object to run on has no result to tell.
-    Forget();
-    ForgetStatements();
-    Restart();
-    FailPrepares("UPDATE TblFRUObj", {{8216, 1}});
-    Put(Fru(kFirst, "B"));
-    standin::SetFault("ZOILGetObjByOID", 0, 100, 1);
-    EXPECT_EQ(ReLoadFRUNCObjects(), -1);
-    EXPECT_EQ(LinesWith({"RefreshObjFP retval="}),
-              Lines{"ReLoadFRUNCObjects: RefreshObjFP retval=8216 \n"});
 }
 
 } // namespace

@@ -259,32 +259,28 @@ TEST(Process, GoesOnWithoutTheBus)
 
 // --- Stops -------------------------------------------------------------------
 
-// Runs that each take a new random moment; the environment asks for more.
-int RandomStops()
+// What the environment asks for, or the usual.
+int Asked(const char *variable, int usual)
 {
-    const char *runs = std::getenv("QDB_TEST_STOPS");
-    return runs == nullptr ? 16 : std::atoi(runs);
+    const char *asked = std::getenv(variable);
+    return asked == nullptr ? usual : std::atoi(asked);
 }
 
-// From the first log line to some time after readiness.
-void StopAtRandom(int run)
-{
-    ServiceProcess service({.scenario = Scenario(400), .logLevel = 6});
-    service.Start();
-    ASSERT_TRUE(service.WaitForLog("QDB is getting ready"));
-    const int delay = RandomMilliseconds(1600);
-    SCOPED_TRACE("run " + std::to_string(run) + ", SIGTERM after " +
-                 std::to_string(delay) + " ms");
-    std::this_thread::sleep_for(std::chrono::milliseconds(delay));
-    ExpectOrderlyEnd(service, service.Stop());
-}
-
+// Each run takes a new random moment, from the first log line to some time
+// after readiness.
 TEST(Stop, AtAnyMomentEndsInOrder)
 {
-    const int runs = RandomStops();
+    const int runs = Asked("QDB_TEST_STOPS", 16);
     for (int run = 0; run < runs && !::testing::Test::HasFailure(); ++run)
     {
-        StopAtRandom(run);
+        ServiceProcess service({.scenario = Scenario(400), .logLevel = 6});
+        service.Start();
+        ASSERT_TRUE(service.WaitForLog("QDB is getting ready"));
+        const int delay = RandomMilliseconds(1600);
+        SCOPED_TRACE("run " + std::to_string(run) + ", SIGTERM after " +
+                     std::to_string(delay) + " ms");
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        ExpectOrderlyEnd(service, service.Stop());
     }
 }
 
@@ -366,8 +362,7 @@ TEST(Memory, StaysFlatUnderChanges)
     {
         GTEST_SKIP() << "a sanitizer keeps freed memory of its own";
     }
-    const char *asked = std::getenv("QDB_TEST_CHANGES");
-    const int changes = asked == nullptr ? 6000 : std::atoi(asked);
+    const int changes = Asked("QDB_TEST_CHANGES", 6000);
     ServiceProcess service({.scenario = Scenario(100), .logLevel = 0});
     service.Start();
     ASSERT_TRUE(service.WaitReady());

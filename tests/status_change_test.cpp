@@ -1,11 +1,10 @@
-// Status changes, and the order of the NC thread's passes.
+// Status changes on their way to the row, and the order of the NC thread's
+// passes. What becomes of single ones is recorded in the stream.
 
 #include "core/cancel.h"
 #include "core/sleep.h"
-#include "core/status.h"
 #include "events/status_change.h"
 #include "reconcile/nc_thread.h"
-#include "tests/support/config_bytes.h"
 #include "tests/support/reload_fixture.h"
 
 namespace qdb::test
@@ -13,142 +12,14 @@ namespace qdb::test
 namespace
 {
 
-// The record of an object.
-Bytes Changed(const Bytes &object, size_t cut = 0)
-{
-    std::string text(object.begin(), object.end());
-    text.resize(text.size() - cut);
-    return Record(4, {0}, text);
-}
-
 using StatusChanges = NcReload;
 
-TEST_F(StatusChanges, RunsAReloadOrRefreshesRows)
-{
-    const Bytes status = Status(7, "new", 3);
-    const Bytes nvme =
-        MakeObject(0x31B, 7, R"({"protocol": 256, "attributes": 2})");
-    const auto object = [](uint16_t type)
-    {
-        return MakeObject(type, 7);
-    };
-    const std::string tag = "DATA_EVENT_OBJ_STATUS_CHG calling ";
-    const struct
-    {
-        const char *name;
-        Bytes object;
-        uint32_t keyed;            // OID of the keyed object; 0: none
-        std::vector<Fault> faults; // of the preparation of updates
-        int result;
-        size_t refreshes;
-        Lines lines; // of the dispatch and the reloads
-    } kCases[] = {
-        // clang-format off
-        {"memory", object(0xE1), 0, {}, 0, 0, {tag + "ReLoadNCObjects for OID:7\n", "Entering ReLoadNCObjects \n"}},
-        {"FRU", object(0x42), 0, {}, 0, 0, {tag + "ReLoadNCObjects for OID:7\n", "Entering ReLoadFRUNCObjects \n"}},
-        {"bluetooth", object(0xEB), 0, {}, 0, 0, {tag + "ObjTypeBasedNCObjects for OID:7\n", "ObjTypeBasedNCObjects failed with status 0\n"}},
-        {"USB", object(0xEC), 0, {}, 0, 0, {tag + "ObjTypeBasedNCObjects for OID:7\n", "ObjTypeBasedNCObjects failed with status 0\n"}},
-        {"keyed", object(0x91), 7, {{1, 1}}, -1, 1, {tag + "ReLoadKeyBasedNCObjects for OID:7\n", "Entering ReLoadKeyBasedNCObjects \n"}},
-        {"keyed by OID alone", status, 7, {{1, 1}}, -1, 1, {tag + "ReLoadKeyBasedNCObjects for OID:7\n", "Entering ReLoadKeyBasedNCObjects \n"}},
-        {"another", status, 8, {}, 0, 1, {"Request:DATA_EVENT_OBJ_STATUS_CHG Update: OID: 7"}},
-        {"no keyed object", status, 0, {}, 0, 0, {"ObjectNotificationStChg: pDOHkey is NULL\n"}},
-        {"two rows", nvme, 8, {}, 0, 2, {"Request:DATA_EVENT_OBJ_STATUS_CHG Update: OID: 7", "Request:DATA_EVENT_OBJ_STATUS_CHG Update: OID: 7"}},
-        {"first of two fails", nvme, 8, {{1, 1}}, -1, 1, {"Request:DATA_EVENT_OBJ_STATUS_CHG Update: OID: 7"}},
-        {"corrupt", status, 8, {{11, 1}}, 11, 1, {"Request:DATA_EVENT_OBJ_STATUS_CHG Update: OID: 7"}},
-        {"unknown type", With(status, kTypeWord, 0x9999), 8, {}, 0, 0, {}},
-        {"type 0", With(status, kTypeWord, 0), 8, {}, 0, 0, {}},
-        // clang-format on
-    };
-    for (const auto &test : kCases)
-    {
-        SCOPED_TRACE(test.name);
-        Clear();
-        if (test.keyed != 0)
-        {
-            static int pass = 0; // each time another object
-            PutObject(0x91, test.keyed,
-                      R"({"Key": "91||System.Embedded.1", "HostName": ")" +
-                          std::to_string(++pass) + R"("})");
-        }
-        Restart();
-        FailPrepares("UPDATE ", test.faults);
-        EXPECT_EQ(ObjectNotificationStChg(EventOf(Changed(test.object))),
-                  test.result);
-        EXPECT_EQ(LinesWith({"DATA_EVENT", "pDOHkey", "Entering Re",
-                             "failed with status"}),
-                  test.lines);
-        EXPECT_EQ(Calls(), Lines(test.refreshes, "Refresh 7"));
-        EXPECT_EQ(LogLines().front(), "ObjectNotificationStChg: Entry\n");
-    }
-}
-
-TEST_F(StatusChanges, RefreshesFromTheRecord)
-{
-    const struct
-    {
-        const char *name;
-        std::vector<Fault> faults;
-        int result;
-        int sleeps;
-        const char *row;
-    } kCases[] = {
-        {"at once", {}, 0, 0, "new"},
-        {"busy", {{5, 1}, {6, 98}}, 0, 99, "new"},
-        {"unreadable for ever", {{8216, 100}}, -1, 0, "old"},
-    };
-    for (const auto &test : kCases)
-    {
-        SCOPED_TRACE(test.name);
-        Clear();
-        PutObject(0x91, 8, R"({"Key": "91||System.Embedded.1"})");
-        MakeRow(Status(7, "old", 1));
-        Announced();
-        ForgetStatements();
-        Restart();
-        FailPrepares("UPDATE Tbl", test.faults);
-        EXPECT_EQ(
-            ObjectNotificationStChg(EventOf(Changed(Status(7, "new", 2)))),
-            test.result);
-        EXPECT_EQ(LogLines().back(), "ObjectNotificationStChg: Exit: " +
-                                         std::to_string(test.result));
-        EXPECT_EQ(SleptMicroseconds(), test.sleeps * 110000LL);
-        EXPECT_EQ(mirror_.Value("SELECT popName FROM TblDMStatus_Child_Obj"),
-                  test.row);
-        EXPECT_EQ(Announced().size(), test.result == 0 ? 1U : 0U);
-    }
-}
-
-TEST_F(StatusChanges, RefusesWhatIsNoObject)
+TEST_F(StatusChanges, EndsWithoutMemory)
 {
     const Bytes object = Status(7, "x", 1);
-    const struct
-    {
-        const char *name;
-        Bytes record;
-    } kCases[] = {
-        {"nothing behind the head", Record(4, {})},
-        {"no object", Record(4, {0})},
-        {"cut off", Changed(object, 1)},
-        {"too small", Changed(With(object, kSizeWord, 15))},
-        {"too large", Changed(With(object, kSizeWord, 0xFFFFFFF0))},
-    };
-    for (const auto &test : kCases)
-    {
-        SCOPED_TRACE(test.name);
-        Restart(2);
-        EXPECT_EQ(ObjectNotificationStChg(EventOf(test.record)), 2);
-        EXPECT_EQ(LogLines(), Lines{"event dropped: type: 4 size: " +
-                                    std::to_string(test.record.size()) +
-                                    " is too short or badly formed\n"});
-    }
+    const Bytes record =
+        Record(4, {0}, std::string(object.begin(), object.end()));
     Restart();
-    EXPECT_EQ(ObjectNotificationStChg(nullptr), 2);
-    EXPECT_EQ(LogLines(),
-              (Lines{"ObjectNotificationStChg: Entry\n",
-                     "ObjectNotificationStChg: Invalid Argument, notification "
-                     "not processed\n"}));
-    Restart();
-    const Bytes record = Changed(object);
     tNoMemory = true;
     EXPECT_EQ(ObjectNotificationStChg(EventOf(record)), 272);
     tNoMemory = false;

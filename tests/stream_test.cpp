@@ -16,6 +16,7 @@
 #include "events/dispatch.h"
 #include "events/listener.h"
 #include "reconcile/population.h"
+#include "tests/stream_steps.h"
 #include "tests/support/config_bytes.h"
 #include "tests/support/handler_fixture.h"
 #include "tests/support/row_values.h"
@@ -90,14 +91,25 @@ Bytes AsItIs(Bytes object)
     return object;
 }
 
+const std::string kReader = "SELECT json_object(";
+const std::string kRow = "INTO TblDMStatus_Child_Obj";
+const std::string kUpdate = "UPDATE TblDMStatus_Child_Obj";
+const std::string kElements = "SELECT json_object('ARR_INDEX'";
+const std::string kRemove = "DELETE FROM ActiveOIDMapping";
+constexpr char kUnmap[] = "DELETE FROM ActiveOIDMapping";
+
 const Faults kMappingBusy = {{{kMapping, {5, kForever}}}, {}};
 const Faults kMappingBusyAtFirst = {{{kMapping, {5, 100}}}, {}};
-const Faults kReadFails = {{{"SELECT json_object(", {1, 1}}}, {}};
-const Faults kSecondReadFails = {{{"SELECT json_object(", {1, 1}}}, {}, 1};
 
-Faults Failing(const std::string &sql, int status, int times)
+// The first reading of a handler, and the second.
+Faults Unread(int status)
 {
-    return {{{sql, {status, times}}}, {}};
+    return Failing(kReader, status, 1);
+}
+
+Faults UnreadAgain(int status)
+{
+    return {{{kReader, {status, 1}}}, {}, 1};
 }
 
 const Story kStories[] = {
@@ -117,6 +129,7 @@ const Story kStories[] = {
         {"two parents", kCreate, "{}", {}, AsItIs, {kParentOid, kOtherParentOid}, "DELETE FROM ActiveOIDMapping"},
         {"no parent", kCreate, "{}", {}, AsItIs, {}, "DELETE FROM ActiveOIDMapping"},
         {"parent that is gone", kCreate, "{}", {}, AsItIs, {0x5FF}, "DELETE FROM ActiveOIDMapping"},
+        {"parent behind one that is gone", kCreate, "{}", {}, AsItIs, {0x5FF, kParentOid}, "DELETE FROM ActiveOIDMapping"},
         {"destroy", kDestroy},
         {"destroy what isn't mapped", kDestroy},
     }},
@@ -178,6 +191,8 @@ const Story kStories[] = {
     {"304", {
         {"parent", kCreate, "{}"},
         {"other parents", kDirty, nullptr, {}, AsItIs, {kParentOid, kOtherParentOid}},
+        {"no parents", kDirty, nullptr, Unprepared("UPDATE TblRAID_PhysicalDisk", 1), nullptr, {}, "DELETE FROM ParentChildMapping"},
+        {"no parents, corrupt", kDirty, nullptr, Unprepared("UPDATE TblRAID_PhysicalDisk", 11), nullptr, {}, "DELETE FROM ParentChildMapping"},
     }},
     {"4052", {
         {"from the bus", kCreate, R"({"CurrentValue": "bus"})"},
@@ -192,22 +207,74 @@ const Story kStories[] = {
         {"second attempt", kDirty, R"({"jobInfo_DOT_percentComplete": 50})", Failing("UPDATE TblJobControlInfoObj", 1, 1)},
         {"both attempts fail", kDirty, R"({"jobInfo_DOT_percentComplete": 60})", Failing("UPDATE TblJobControlInfoObj", 1, 2)},
         {"corrupt", kDirty, nullptr, Failing("UPDATE TblJobControlInfoObj", 11, 2)},
-        {"not read at first", kDirty, nullptr, kReadFails},
-        {"not read again", kDirty, nullptr, kSecondReadFails},
+        {"not read at first", kDirty, nullptr, Unread(1)},
+        {"not read again", kDirty, nullptr, UnreadAgain(1)},
         {"busy for ever", kDirty, nullptr, Failing("UPDATE TblJobControlInfoObj", 6, kForever)},
     }},
     {"E6", {
         {"mapping busy", kCreate, R"({"Key": "k"})", kMappingBusy},
         {"mapping busy at first", kCreate, nullptr, kMappingBusyAtFirst},
         {"not deleted", kDestroy, nullptr, Failing("DELETE FROM ActiveOIDMapping", 1, kForever)},
-        {"delete not read", kDestroy, nullptr, kReadFails},
+        {"delete not read", kDestroy, nullptr, Unread(1)},
         {"destroy", kDestroy},
         {"second attempt", kCreate, nullptr, Failing("INTO TblDevPCI", 1, 1)},
         {"both attempts fail", kCreate, nullptr, Failing("INTO TblDevPCI", 1, 2), nullptr, {}, "DELETE FROM ActiveOIDMapping"},
         {"mapped without a row", kCreate},
         {"tag fails", kCreate, nullptr, Failing("UPDATE TblEtag", 1, kForever), nullptr, {}, "DELETE FROM ActiveOIDMapping"},
-        {"not read", kCreate, nullptr, kReadFails, nullptr, {}, "DELETE FROM ActiveOIDMapping"},
+        {"not read", kCreate, nullptr, Unread(1), nullptr, {}, "DELETE FROM ActiveOIDMapping"},
         {"link fails", kCreate, nullptr, Failing("ParentChildMapping", 1, kForever), nullptr, {}, "DELETE FROM ActiveOIDMapping"},
+    }},
+    // Each finds nothing; what fails in one step must not meet the next.
+    {"1001", {
+        {"create", kCreateOnce, "{}"},
+        {.name = "insert unprepared", .kind = kCreateOnce, .faults = Unprepared(kRow, 1), .sql = kUnmap},
+        {.name = "insert unprepared, corrupt", .kind = kCreateOnce, .faults = Unprepared(kRow, 11), .sql = kUnmap},
+        {.name = "mapping unprepared", .kind = kCreateOnce, .faults = Unprepared(kMapping, 1), .sql = kUnmap},
+        {.name = "mapping unprepared, corrupt", .kind = kCreateOnce, .faults = Unprepared(kMapping, 11), .sql = kUnmap},
+        {.name = "mapping fails", .kind = kCreateOnce, .faults = Failing(kMapping, 1, 1), .sql = kUnmap},
+        {.name = "mapping corrupt", .kind = kCreateOnce, .faults = Failing(kMapping, 11, 1), .sql = kUnmap},
+        {.name = "mapping busy, then broken", .kind = kCreateOnce, .faults = Failing(kMapping, {6, 100}, {1, 1}), .sql = kUnmap},
+        {.name = "mapping busy, then corrupt", .kind = kCreateOnce, .faults = Failing(kMapping, {6, 100}, {11, 1}), .sql = kUnmap},
+        {.name = "mapping busy twice", .kind = kCreateOnce, .faults = Failing(kMapping, 6, 200), .sql = kUnmap},
+        {.name = "insert corrupt once", .kind = kCreateOnce, .faults = Failing(kRow, 11, 1), .sql = kUnmap},
+        {.name = "insert corrupt at last", .kind = kCreateOnce, .faults = Failing(kRow, {1, 1}, {11, 1}), .sql = kUnmap},
+        {.name = "insert corrupt at first", .kind = kCreateOnce, .faults = Failing(kRow, {11, 1}, {1, 1}), .sql = kUnmap},
+        {.name = "insert busy 199 times", .kind = kCreateOnce, .faults = Failing(kRow, 5, 199), .sql = kUnmap},
+        {.name = "insert busy 200 times", .kind = kCreateOnce, .faults = Failing(kRow, 5, 200), .sql = kUnmap},
+        {.name = "row gone", .kind = kCreateOnce, .faults = Unread(101), .sql = kUnmap},
+        {.name = "row corrupt", .kind = kCreateOnce, .faults = Unread(11), .sql = kUnmap},
+        {.name = "reader unprepared", .kind = kCreateOnce, .faults = Unprepared(kReader, 1), .sql = kUnmap},
+        {.name = "reader unprepared, corrupt", .kind = kCreateOnce, .faults = Unprepared(kReader, 11), .sql = kUnmap},
+        {.name = "tag unprepared", .kind = kCreateOnce, .faults = Unprepared("TblEtag", 11), .sql = kUnmap},
+        {.name = "create at last", .kind = kCreateOnce, .sql = kUnmap},
+    }},
+    {"1001", {
+        {"create", kCreate, R"({"popStatus": 1})"},
+        {"update unprepared", kRefreshOnce, R"({"popStatus": 2})", Unprepared(kUpdate, 1)},
+        {"update unprepared, busy", kRefreshOnce, nullptr, Unprepared(kUpdate, 5)},
+        {"update unprepared, corrupt", kRefreshOnce, nullptr, Unprepared(kUpdate, 11)},
+        {"update unprepared, no row", kRefreshOnce, nullptr, {{{kReader, {101, 1}}}, {{kUpdate, {1, 1}}}}},
+        {"read busy", kRefreshOnce, nullptr, Unread(5)},
+        {"read corrupt", kRefreshOnce, nullptr, Unread(11)},
+        {"no row", kRefreshOnce, nullptr, Unread(101)},
+        {"update corrupt once", kRefreshOnce, nullptr, Failing(kUpdate, 11, 1)},
+        {"update corrupt at last", kRefreshOnce, R"({"popStatus": 3})", Failing(kUpdate, {1, 1}, {11, 1})},
+        {"second reading corrupt", kRefreshOnce, nullptr, UnreadAgain(11)},
+        {"row gone meanwhile", kRefreshOnce, R"({"popStatus": 4})", UnreadAgain(101)},
+        {"refresh at last", kRefreshOnce, R"({"popStatus": 5})"},
+        {"delete unprepared", kDestroy, nullptr, Unprepared(kRemove, 1)},
+        {"delete unprepared, corrupt", kDestroy, nullptr, Unprepared(kRemove, 11)},
+        {"delete corrupt at last", kDestroy, nullptr, Failing(kRemove, {1, 1}, {11, 1})},
+        {"delete busy 200 times", kDestroy, nullptr, Failing(kRemove, 5, 200)},
+        {"delete reads corrupt", kDestroy, nullptr, Unread(11)},
+        {.name = "delete without a row", .kind = kDestroy, .sql = "DELETE FROM TblDMStatus_Child_Obj"},
+    }},
+    {"801", {
+        {"elements unprepared", kCreateOnce, R"({"ObjTypeList": [7, 8]})", Unprepared("INTO INTEGERARR", 1)},
+        {.name = "elements unread", .kind = kCreateOnce, .faults = Failing(kElements, 1, 1), .sql = kUnmap},
+        {.name = "elements corrupt", .kind = kCreateOnce, .faults = Unprepared(kElements, 11), .sql = kUnmap},
+        {"delete reads no elements", kDestroy, nullptr, Failing(kElements, 1, 1)},
+        {"destroy", kDestroy},
     }},
     // clang-format on
 };
@@ -298,6 +365,10 @@ class StreamTest : public ::testing::Test
         {
             mirror_.Rows(step.sql);
         }
+        if (!step.faults.prepares.empty())
+        {
+            ForgetStatements();
+        }
         step.faults.Arm();
         Event(step.name, subject, step.kind);
         ClearSqliteFaults();
@@ -372,6 +443,9 @@ class StreamTest : public ::testing::Test
         PutObject(0x31B, 0x24, R"({"protocol": 32})");
         PutObject(0x45, 0x25, R"({"slotType": 7})");
         PutAttribute("CfgPasswdAttribute", "Test.1#Group.1#Other", 0x26);
+        const Words parents = {0x5FF, kParentOid};
+        EXPECT_EQ(standin::PutRawObject(MakeObject(kStatus, 0x27), parents),
+                  "");
         DbusEventsEnabled = 0;
         recorder_.RecordAll("population", OnLoadObjectsCreation);
         DbusEventsEnabled = 1;
@@ -390,6 +464,45 @@ class StreamTest : public ::testing::Test
                     }));
                 return result;
             });
+    }
+
+    void TellWideSteps()
+    {
+        static const std::set<uint32_t> kTypes = {
+            0xE1, 0x36,   0x42, 0x91,  0x4051, 0x4052, 0xEB,
+            0xEC, 0x1001, 0x1B, 0x220, 0x40,   0xA03,  0x31B};
+        recorder_.KeepWhole(false);
+        for (const WideStep &step : WideSteps())
+        {
+            if (step.afresh)
+            {
+                standin::Reset();
+                PutObject(0x1100, kParentOid);
+                PutObject(0x1100, kOtherParentOid);
+                mirror_.Rows("DELETE FROM ActiveOIDMapping;"
+                             "UPDATE TblEtag SET MultiRecordEtag = NULL");
+            }
+            DbusEventsEnabled = 0;
+            step.prepare();
+            DbusEventsEnabled = 1;
+            if (step.sql != nullptr)
+            {
+                mirror_.Rows(step.sql);
+            }
+            if (!step.faults.prepares.empty())
+            {
+                ForgetStatements();
+            }
+            if (step.lost != nullptr)
+            {
+                standin::SetFault(step.lost, 5, 1, step.lostAfter);
+            }
+            recorder_.Forget();
+            step.faults.Arm();
+            recorder_.RecordAll(std::string("step: ") + step.name, step.act,
+                                kTypes);
+            ClearSqliteFaults();
+        }
     }
 
     // Writes the recording, or tells how it differs.
@@ -439,6 +552,7 @@ TEST_F(StreamTest, IsTheRecordedOne)
     }
     TellRecords();
     TellPopulationAndDetach();
+    TellWideSteps();
     Compare();
 }
 

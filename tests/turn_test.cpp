@@ -21,37 +21,13 @@ constexpr char kWrite[] = "UPDATE TblEtag SET MultiRecordEtag = 'x' WHERE "
                           "TableName = 'TblMemoryInfo'";
 constexpr char kRead[] = "SELECT TableName FROM TblEtag";
 
-// Another process, which doesn't wait for locks.
-class Outsider
+// Whether a writer would get in now.
+bool MayWrite(const OtherProcess &outsider)
 {
-  public:
-    explicit Outsider(const std::string &path)
-    {
-        EXPECT_EQ(sqlite3_open(path.c_str(), &connection_), SQLITE_OK);
-    }
-    ~Outsider()
-    {
-        sqlite3_close(connection_);
-    }
-    Outsider(const Outsider &) = delete;
-    Outsider &operator=(const Outsider &) = delete;
-
-    int Run(const char *sql) const
-    {
-        return sqlite3_exec(connection_, sql, nullptr, nullptr, nullptr);
-    }
-
-    // Whether a writer would get in now.
-    bool MayWrite() const
-    {
-        const bool may = Run("BEGIN EXCLUSIVE") == SQLITE_OK;
-        Run("ROLLBACK");
-        return may;
-    }
-
-  private:
-    sqlite3 *connection_ = nullptr;
-};
+    const bool may = outsider.Run("BEGIN EXCLUSIVE") == SQLITE_OK;
+    outsider.Run("ROLLBACK");
+    return may;
+}
 
 // Runs a statement as handlers do.
 int RunOnce(const char *sql)
@@ -64,19 +40,19 @@ int RunOnce(const char *sql)
 
 TEST_F(DbTest, ATurnKeepsItsReadAndGivesItUp)
 {
-    const Outsider outsider(mirror_.Root().Database());
+    const OtherProcess outsider(mirror_.Root().Database());
     const auto inTurn = [&](void (*end)())
     {
         DbTurn turn;
         EXPECT_EQ(RunOnce(kRead), SQLITE_ROW);
         EXPECT_TRUE(ReadIsKept());
-        EXPECT_FALSE(outsider.MayWrite());
+        EXPECT_FALSE(MayWrite(outsider));
         end();
         turn.End();
     };
     // Nothing waits: the end of the turn is the end of the read.
     inTurn([] {});
-    EXPECT_TRUE(outsider.MayWrite());
+    EXPECT_TRUE(MayWrite(outsider));
     // A repeat, a sleep and a busy database end it within the turn.
     inTurn(
         []
@@ -102,11 +78,11 @@ TEST_F(DbTest, ATurnKeepsItsReadAndGivesItUp)
         GiveUpIdleRead();
         EXPECT_TRUE(ReadIsKept()) << "in use";
         GiveUpIdleRead();
-        EXPECT_TRUE(outsider.MayWrite());
+        EXPECT_TRUE(MayWrite(outsider));
         inTurn([] {});
         EXPECT_TRUE(ReadIsKept());
     }
-    EXPECT_TRUE(outsider.MayWrite());
+    EXPECT_TRUE(MayWrite(outsider));
     ++QdbEventQSize;
     inTurn([] {});
     --QdbEventQSize;
@@ -135,7 +111,7 @@ TEST_F(DbTest, StepsOfATurnAreSeenAtOnce)
 // for the writer as if there had been no read, and isn't seen to repeat.
 TEST_F(DbTest, AWriterOutsideGetsInAtOurNextWrite)
 {
-    const Outsider outsider(mirror_.Root().Database());
+    const OtherProcess outsider(mirror_.Root().Database());
     DbTurn turn;
     EXPECT_EQ(RunOnce(kRead), SQLITE_ROW);
     ASSERT_EQ(outsider.Run("BEGIN IMMEDIATE"), SQLITE_OK);

@@ -1,5 +1,5 @@
-// The workers: they take the records off the queue, all of them, and tell of a
-// corrupt database.
+// The workers: they take the records off the queue, all of them, carry them out
+// by their kind, and tell of a corrupt database.
 
 #include "core/state.h"
 #include "core/stop.h"
@@ -8,7 +8,6 @@
 #include "events/workers.h"
 #include "tests/support/db_fixture.h"
 #include "tests/support/event_records.h"
-#include "tests/support/wait.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -105,58 +104,39 @@ TEST(Workers, ReportACorruptDatabase)
     FailSteps(kMapping, SQLITE_ERROR, 1);
     PutObject(kStatus, 16);
     PutObject(kStatus, 17);
+    constexpr char kKey[] = "A.1#B.1#C";
+    standin::PutAttribute("CfgStrAttribute", kKey, nullptr, 50);
     QdbWorkerArg argument = {7};
     pthread_t worker;
     ASSERT_EQ(pthread_create(&worker, nullptr, QdbWorkerThread, &argument), 0);
-    const auto posts = []
-    {
-        int value = -1;
-        sem_getvalue(&gSqliteCorruptSem, &value);
-        return value;
-    };
     // A post without a record, and a node without one, are passed over.
     sem_post(&gQdbEventSem);
-    EXPECT_TRUE(WaitUntil(
-        []
-        {
-            return CountLog("Call QdbdeQueue for thID=7") == 2;
-        }));
+    WaitForLog("Call QdbdeQueue for thID=7", 2);
     QdbenQueue(gQdbEventQueue, nullptr);
-    EXPECT_TRUE(WaitUntil(
-        []
-        {
-            return CountLog("Call QdbdeQueue for thID=7") == 3;
-        }));
+    WaitForLog("Call QdbdeQueue for thID=7", 3);
     CaptureLog();
     Enqueue(List(kCreate, {16})); // corrupt
     Enqueue(Record(3450, {}));    // has no status of its own
     Enqueue(List(kCreate, {17})); // fails otherwise
     Enqueue(Record(3450, {}));
     Enqueue(List(kCreate, {16}));
+    Enqueue(BusRecord(kCreate, 50, standin::AttributePath(kKey),
+                      "com.vexo.tarnu.Config.CfgStrAttribute"));
+    Enqueue(Record(1130, {24, 34}, std::string(kKey) + '\0' + "/none" + '\0'));
     static DataEventHeader stop = {};
     stop.evtType = 1001;
     QdbenQueue(gQdbEventQueue, &stop);
     pthread_join(worker, nullptr);
-    EXPECT_EQ(posts(), 2);
+    int posts = -1;
+    sem_getvalue(&gSqliteCorruptSem, &posts);
+    EXPECT_EQ(posts, 2);
     EXPECT_EQ(mirror.Rows("SELECT OID FROM TblDMStatus_Child_Obj"),
               Lines{"16"});
-    Lines lines = LogLines();
-    std::erase_if(lines,
-                  [](const std::string &line)
-                  {
-                      return line.find("thID") == std::string::npos &&
-                             line.find("ACCEPT") == std::string::npos;
-                  });
-    const std::string call = "Call QdbdeQueue for thID=7";
-    const auto taken = [](int number, int type)
-    {
-        return "Dequeue SeqNo = " + std::to_string(number) +
-               ", thID = 7, event=" + std::to_string(type);
-    };
-    EXPECT_EQ(lines,
-              (Lines{taken(1, 7), call, taken(2, 3450), call, taken(3, 7), call,
-                     taken(4, 3450), call, taken(5, 7), call, taken(6, 1001),
-                     "Dequeue SeqNo = 6, thID = 7 Exiting",
+    EXPECT_EQ(mirror.Rows("SELECT OID, CurrentValue, isRawData FROM "
+                          "TblStrAttribute"),
+              Lines{"50|NULL|1"});
+    EXPECT_EQ(LinesWith({"ACCEPT", "7 Exiting"}),
+              (Lines{"Dequeue SeqNo = 8, thID = 7 Exiting",
                      "ACCEPT THREAD 7 ENDED"}));
 }
 

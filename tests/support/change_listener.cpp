@@ -139,7 +139,7 @@ PipeReader::PipeReader(const std::string &path)
     : fd_(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC))
 {
     EXPECT_GE(fd_, 0);
-    fcntl(fd_, F_SETPIPE_SZ, 1 << 20);
+    Limit(1 << 20);
 }
 
 PipeReader::~PipeReader()
@@ -147,7 +147,12 @@ PipeReader::~PipeReader()
     close(fd_);
 }
 
-std::vector<std::string> PipeReader::Take()
+void PipeReader::Limit(int bytes)
+{
+    EXPECT_GE(fcntl(fd_, F_SETPIPE_SZ, bytes), bytes);
+}
+
+std::string PipeReader::TakeBytes()
 {
     std::string bytes;
     char block[65536];
@@ -156,6 +161,12 @@ std::vector<std::string> PipeReader::Take()
     {
         bytes.append(block, static_cast<size_t>(n));
     }
+    return bytes;
+}
+
+std::vector<std::string> PipeReader::Take()
+{
+    const std::string bytes = TakeBytes();
     static const std::string kHead = "||DMLiveObjectDatabase.db|";
     std::vector<std::string> records;
     size_t at = 0;

@@ -61,6 +61,12 @@ class PipeReader
     // malformed bytes are a record of their own.
     std::vector<std::string> Take();
 
+    // The bytes that are in the pipe, as they are.
+    std::string TakeBytes();
+
+    // How much the pipe holds at most.
+    void Limit(int bytes);
+
   private:
     int fd_;
 };

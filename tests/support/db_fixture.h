@@ -8,6 +8,8 @@
 #include "tests/support/mirror.h"
 #include "tests/support/sqlite_faults.h"
 
+#include <sqlite3.h>
+
 #include <string>
 #include <vector>
 
@@ -64,6 +66,31 @@ inline void Restart(int logLevel = 6)
     CountSleeps();
     CaptureLog(logLevel);
 }
+
+// A connection of another process, which can hold a lock, and doesn't wait for
+// those of others.
+class OtherProcess
+{
+  public:
+    explicit OtherProcess(const std::string &path)
+    {
+        EXPECT_EQ(sqlite3_open(path.c_str(), &connection_), SQLITE_OK);
+    }
+    ~OtherProcess()
+    {
+        sqlite3_close(connection_);
+    }
+    OtherProcess(const OtherProcess &) = delete;
+    OtherProcess &operator=(const OtherProcess &) = delete;
+
+    int Run(const char *sql) const
+    {
+        return sqlite3_exec(connection_, sql, nullptr, nullptr, nullptr);
+    }
+
+  private:
+    sqlite3 *connection_ = nullptr;
+};
 
 class DbTest : public ::testing::Test
 {

@@ -102,4 +102,28 @@ class LineHook
     int count_ = 0; // the lines of one thread
 };
 
+// While it lives, an object vanishes at one such line and is mended at another;
+// 0: at none.
+class FateHook : public LineHook
+{
+  public:
+    FateHook(const std::string &line, int goneAt,
+             const std::function<void()> &remove, int mendedAt,
+             const std::function<void()> &mend)
+        : LineHook(line,
+                   [=](int count)
+                   {
+                       if (count == goneAt)
+                       {
+                           remove();
+                       }
+                       if (count == mendedAt)
+                       {
+                           mend();
+                       }
+                   })
+    {
+    }
+};
+
 } // namespace qdb::test

@@ -23,7 +23,6 @@ using Bytes = std::vector<uint8_t>;
 
 // A small table that nobody keeps failures of.
 inline constexpr uint16_t kStatus = 0x1001;
-inline constexpr char kStatusTable[] = "TblDMStatus_Child_Obj";
 inline constexpr std::string_view kMemberPrefix = "Vexo_qdb_Resource_";
 // A table with an array.
 inline constexpr uint16_t kList = 0x801;
@@ -45,6 +44,14 @@ inline int Delete(const Bytes &object)
     return FindRow(HeaderOf(object)->objType)->DeleteObjFP(HeaderOf(object));
 }
 
+// The next calls prepare their statements anew.
+inline void ForgetStatements()
+{
+    FinalizeHandlerStatements();
+    FinalizeMappingStatements();
+    FinalizeClearingStatements();
+}
+
 inline Bytes Status(uint32_t oid, const std::string &name, int status)
 {
     return MakeObject(kStatus, oid,
@@ -52,56 +59,10 @@ inline Bytes Status(uint32_t oid, const std::string &name, int status)
                           R"(", "popStatus": )" + std::to_string(status) + "}");
 }
 
-// Its row as the signals show it.
-inline std::string StatusRow(const std::string &oid, const std::string &name,
-                             int status, const std::string &parent = "null")
-{
-    return R"({"DOH_ObjStatus": 0, "key": "k", "key_STR": null, )"
-           R"("objExtFlags": 0, "OID": )" +
-           oid + R"(, "ParentObjectKey": )" + parent + R"(, "popName": ")" +
-           name + R"(", "popStatus": )" + std::to_string(status) +
-           R"(, "SingleRecordEtag": "T"})";
-}
-
-inline std::string Announcement(const std::string &kind,
-                                const std::string &table,
-                                const std::string &row,
-                                const std::string &more = "")
-{
-    return kind + R"( {"TableName": ")" + table + R"(", "RowDetails": )" + row +
-           more + "}";
-}
-
-inline std::string StatusChange(const std::string &kind, const std::string &row,
-                                const std::string &more = "")
-{
-    return Announcement(kind, kStatusTable, row, more);
-}
-
-// An object with these array elements, and its row.
+// An object with these array elements.
 inline Bytes List(uint32_t oid, const std::string &elements)
 {
     return MakeObject(kList, oid, R"({"ObjTypeList": [)" + elements + "]}");
-}
-
-inline std::string ListRow(int oid, int count, const std::string &elements)
-{
-    return R"({"DOH_ObjStatus": 0, "ObjTypeCount": )" + std::to_string(count) +
-           R"(, "ObjTypeList": )" + elements + R"(, "OID": )" +
-           std::to_string(oid) +
-           R"(, "ParentObjectKey": null, "SingleRecordEtag": "T"})";
-}
-
-inline std::string Elements(const std::vector<int> &values, int first = 0)
-{
-    std::string text;
-    for (const int value : values)
-    {
-        text += (text.empty() ? R"([{"ARR_INDEX": )" : R"(, {"ARR_INDEX": )") +
-                std::to_string(first++) + R"(, "VAL": )" +
-                std::to_string(value) + "}";
-    }
-    return text + "]";
 }
 
 // "T" for a present time in a row's tag.
@@ -132,7 +93,6 @@ struct Faults
 };
 
 inline const std::string kMapping = "insert into ActiveOIDMapping";
-inline const std::string kRead = "SELECT json_object('DOH_ObjStatus'";
 
 // The kept failures, oldest first: "oid operation index".
 inline Lines Kept()
@@ -168,33 +128,15 @@ class Handler : public DbTest
         return lines;
     }
 
-    // Lines up to the captured level, without line numbers and SQLite's texts.
-    static Lines Logged()
+    // The same without rows, such as "Added".
+    Lines Kinds()
     {
-        static const std::regex kNumber("(LINE:|line=)\\d+");
-        static const std::regex kMessage("errormsg: [^:]*?( ret:-?\\d+)?$");
-        Lines lines;
-        for (const std::string &line : LogLines())
+        Lines kinds = Announced();
+        for (std::string &kind : kinds)
         {
-            lines.push_back(std::regex_replace(
-                std::regex_replace(Timeless(line), kNumber, "$1"), kMessage,
-                "errormsg:$1"));
+            kind.erase(kind.find(' '));
         }
-        return lines;
-    }
-
-    // A row's tag as it was long ago, so that a new one differs.
-    void Age(const std::string &table)
-    {
-        mirror_.Rows("UPDATE " + table + " SET SingleRecordEtag = '1'");
-    }
-
-    // The next calls prepare their statements anew.
-    static void ForgetStatements()
-    {
-        FinalizeHandlerStatements();
-        FinalizeMappingStatements();
-        FinalizeClearingStatements();
+        return kinds;
     }
 
     std::string Count(const std::string &table, uint32_t oid)

@@ -2,6 +2,9 @@
 
 #include "core/sleep.h"
 #include "platform/standin/standin.h"
+#include "tests/support/wait.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -73,6 +76,32 @@ int CountLog(const std::string &text)
         {
             return record.line.find(text) != std::string::npos;
         }));
+}
+
+void WaitForLog(const std::string &text, int count)
+{
+    EXPECT_TRUE(WaitUntil(
+        [&]
+        {
+            return CountLog(text) >= count;
+        }))
+        << text;
+}
+
+std::vector<std::string> LinesWith(const std::vector<std::string> &texts)
+{
+    std::vector<std::string> lines = LogLines();
+    std::erase_if(lines,
+                  [&](const std::string &line)
+                  {
+                      return std::ranges::none_of(texts,
+                                                  [&](const std::string &text)
+                                                  {
+                                                      return line.find(text) !=
+                                                             std::string::npos;
+                                                  });
+                  });
+    return lines;
 }
 
 void CountSleeps()

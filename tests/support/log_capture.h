@@ -26,6 +26,12 @@ std::vector<LogRecord> LogRecords();
 // Lines that contain the text.
 int CountLog(const std::string &text);
 
+// Waits until there are that many.
+void WaitForLog(const std::string &text, int count = 1);
+
+// The lines that contain one of the texts.
+std::vector<std::string> LinesWith(const std::vector<std::string> &texts);
+
 // From here on sleeps take no time and are counted instead.
 void CountSleeps();
 void RestoreSleeps();

@@ -41,10 +41,20 @@ const std::string kTexts[] = {"",
                               "\xEF\xBF\xBF",
                               "\xE2\x80\xA8",
                               "a#$#b@@@/4",
+                              "\b\f\r/",
+                              "\":,}{",
+                              "\xC2\x80\xDF\xBF",
+                              "\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80",
+                              "\xF0\x90\x80\x80\xF4\x8F\xBF\xBD",
                               "ends in \\"};
-const std::string kInvalidTexts[] = {
-    "\xFF",     "\xC3", "\xED\xA0\x80", "\xC0\x80", "\xF4\x90\x80\x80",
-    "a\xE2\x82"};
+const std::string kInvalidTexts[] = {"\xFF",
+                                     "\xC3",
+                                     "\xED\xA0\x80",
+                                     "\xC0\x80",
+                                     "\xF4\x90\x80\x80",
+                                     "a\xE2\x82",
+                                     "\xE2\x28\xA1",
+                                     "\xF0\x8F\xBF\xBF"};
 
 // Columns that tell to which of two tables an object belongs.
 bool IsKind(const std::string &name)
@@ -63,11 +73,6 @@ RandomRows::RandomRows(uint32_t seed) : engine_(seed)
 uint32_t RandomRows::Below(uint32_t limit)
 {
     return static_cast<uint32_t>(engine_()) % limit;
-}
-
-const RowData &RandomRows::Row()
-{
-    return kRowData[Below(std::size(kRowData))];
 }
 
 json_t *RandomRows::Integer(unsigned bits, bool isSigned)

@@ -1,6 +1,6 @@
-// Objects for properties that have to hold for all of them: any row of the
-// catalogue, any values that the object can hold, unusual ones above all. What
-// comes follows from the seed alone.
+// Objects for properties that have to hold for all of them: any values that the
+// object can hold, unusual ones above all. What comes follows from the seed
+// alone.
 #pragma once
 
 #include "core/json.h"
@@ -17,8 +17,6 @@ class RandomRows
 {
   public:
     explicit RandomRows(uint32_t seed);
-
-    const RowData &Row();
 
     // Values for the builder, for an object that takes the row.
     JsonPtr Values(const RowData &row);

@@ -81,23 +81,6 @@ class NcReload : public Handler
         }
         return calls;
     }
-
-    // Lines that contain one of the texts.
-    static Lines LinesWith(const Lines &texts)
-    {
-        Lines lines = LogLines();
-        std::erase_if(lines,
-                      [&](const std::string &line)
-                      {
-                          return std::ranges::none_of(
-                              texts,
-                              [&](const std::string &text)
-                              {
-                                  return line.find(text) != std::string::npos;
-                              });
-                      });
-        return lines;
-    }
 };
 
 } // namespace qdb::test

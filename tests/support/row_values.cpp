@@ -1,5 +1,6 @@
 #include "tests/support/row_values.h"
 
+#include "platform/standin/layout.h"
 #include "tests/support/temp_root.h"
 #include "tools/audit/expected.h"
 
@@ -8,7 +9,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 #include <memory>
 
 namespace qdb::test
@@ -18,7 +18,7 @@ namespace
 
 // Counts, sizes, offsets and kinds that the object's structure needs as they
 // are; the builder sets them from the lists and arrays.
-constexpr const char *kStructural[] = {
+constexpr std::string_view kStructural[] = {
     "ObjTypeCount",        "entry_count",     "entry_size",
     "display_entry_size",  "numDNSServer",    "numGatewayAddr",
     "numIPv4Addrs",        "numIPv6Addrs",    "numPhysicalNetFQDDs",
@@ -27,11 +27,8 @@ constexpr const char *kStructural[] = {
 
 bool IsStructural(const Column &column)
 {
-    return std::ranges::find_if(kStructural,
-                                [&](const char *name)
-                                {
-                                    return std::strcmp(name, column.name) == 0;
-                                }) != std::end(kStructural);
+    return std::ranges::find(kStructural, std::string_view(column.name)) !=
+           std::end(kStructural);
 }
 
 size_t End(const Source &source)
@@ -80,21 +77,7 @@ bool IsShared(const Table &table, const Column &column)
         });
 }
 
-// Characters that an inline text can hold in front of its NUL.
-size_t TextRoom(const Table &table, const Column &column)
-{
-    size_t room = 12;
-    for (const Column &other : table.columns)
-    {
-        if (HasField(other.source) &&
-            other.source.offset > column.source.offset)
-        {
-            room = std::min<size_t>(room, other.source.offset -
-                                              column.source.offset - 1u);
-        }
-    }
-    return room;
-}
+constexpr size_t kLongestText = 12;
 
 std::string TextOf(size_t index, ValueSet set, size_t room)
 {
@@ -180,12 +163,16 @@ json_t *ColumnValue(const Table &table, size_t index, ValueSet set)
                          (set == ValueSet::First ? 0.5 : 0.25));
     case Form::Text:
     case Form::TextOrNull:
-        return json_string(TextOf(index, set, TextRoom(table, column)).c_str());
+        return json_string(
+            TextOf(index, set,
+                   std::min(kLongestText,
+                            standin::TextRoom(table, source.offset) - 1))
+                .c_str());
     case Form::OffsetText:
     case Form::OffsetText16:
     case Form::OffsetTextIf:
     case Form::BodyText:
-        return json_string(TextOf(index, set, 12).c_str());
+        return json_string(TextOf(index, set, kLongestText).c_str());
     case Form::Joined:
         return ListOf(source.join, set);
     default:
@@ -255,7 +242,7 @@ void AddKind(const RowData &row, json_t *values)
     }
 }
 
-// --- What is expected -------------------------------------------------------
+// --- What is there -----------------------------------------------------------
 
 struct ToJson
 {
@@ -281,80 +268,6 @@ struct ToJson
     }
 };
 
-// The value of a column that was left to the bytes.
-json_t *ValueFromBytes(const RowData &row, const Column &column,
-                       const std::vector<uint8_t> &bytes)
-{
-    audit::Object object;
-    object.type = row.objType;
-    object.bytes = bytes;
-    const auto value = audit::ColumnOf(audit::ObjectBytes(object), row, column);
-    EXPECT_TRUE(value) << column.name;
-    return std::visit(ToJson(), value.value_or(audit::Value()));
-}
-
-json_t *JoinedText(const Column &column, const json_t *list)
-{
-    const auto item = [&](size_t i)
-    {
-        return std::string(json_string_value(json_array_get(list, i)));
-    };
-    const bool addresses = column.source.join == Join::DnsServers ||
-                           column.source.join == Join::Gateways;
-    const std::string joined = addresses
-                                   ? item(1) + "#$#" + item(2) + "@@@" + item(0)
-                                   : item(0) + "#$#" + item(1);
-    return json_string(joined.c_str());
-}
-
-// As readers of a signal see it.
-json_t *ExpectedArray(const json_t *elements)
-{
-    json_t *array = json_array();
-    size_t index = 0;
-    json_t *element = nullptr;
-    json_array_foreach(const_cast<json_t *>(elements), index, element)
-    {
-        json_t *expected = json_object();
-        json_object_set_new(expected, "ARR_INDEX",
-                            json_integer(static_cast<json_int_t>(index)));
-        if (json_is_object(element))
-        {
-            json_object_update(expected, element);
-        }
-        else
-        {
-            json_object_set(expected, "VAL", element);
-        }
-        json_array_append_new(array, expected);
-    }
-    return array;
-}
-
-json_t *ExpectedValue(const RowData &row, const Column &column,
-                      const json_t *values, const std::vector<uint8_t> &bytes,
-                      const char *parentKey)
-{
-    json_t *given = json_object_get(values, column.name);
-    if (column.source.form == Form::ParentKey)
-    {
-        return parentKey == nullptr ? json_null() : json_string(parentKey);
-    }
-    if (audit::IsWithheld(row, column))
-    {
-        return json_null();
-    }
-    if (given == nullptr)
-    {
-        return ValueFromBytes(row, column, bytes);
-    }
-    if (column.source.form == Form::Joined)
-    {
-        return JoinedText(column, given);
-    }
-    return json_is_array(given) ? ExpectedArray(given) : json_incref(given);
-}
-
 // The elements of an array that differ from those before, as many as those.
 json_t *DifferentElements(const json_t *before, const json_t *after)
 {
@@ -369,8 +282,6 @@ json_t *DifferentElements(const json_t *before, const json_t *after)
     }
     return changed;
 }
-
-// --- What is there -----------------------------------------------------------
 
 constexpr char kTag[] = "SingleRecordEtag";
 
@@ -418,43 +329,7 @@ struct CloseConnection
     }
 };
 
-} // namespace
-
-JsonPtr ValuesFor(const RowData &row, ValueSet set)
-{
-    const Table &table = *row.table;
-    JsonPtr values(json_object());
-    for (size_t i = 0; i < table.columns.size(); ++i)
-    {
-        const Column &column = table.columns[i];
-        if (std::strcmp(column.name, "OID") == 0 || IsStructural(column) ||
-            IsShared(table, column))
-        {
-            continue;
-        }
-        if (json_t *value = ColumnValue(table, i, set))
-        {
-            json_object_set_new(values.get(), column.name, value);
-        }
-    }
-    AddArrays(table, set, values.get());
-    AddKind(row, values.get());
-    return values;
-}
-
-JsonPtr ExpectedRow(const RowData &row, const json_t *values,
-                    const std::vector<uint8_t> &bytes, const char *parentKey)
-{
-    JsonPtr expected(json_object());
-    for (const Column &column : row.table->columns)
-    {
-        json_object_set_new(
-            expected.get(), column.name,
-            ExpectedValue(row, column, values, bytes, parentKey));
-    }
-    return expected;
-}
-
+// A row as its table holds it, without its tag; NULL when there is none.
 JsonPtr TableRow(const std::string &database, const Table &table, uint32_t oid)
 {
     sqlite3 *opened = nullptr;
@@ -486,6 +361,7 @@ JsonPtr TableRow(const std::string &database, const Table &table, uint32_t oid)
     return row;
 }
 
+// A row's integers as the reader of wide tables gives them: cut to 32 bits.
 JsonPtr AsSignalled(const Table &table, const json_t *row)
 {
     JsonPtr copy(json_deep_copy(row));
@@ -500,6 +376,30 @@ JsonPtr AsSignalled(const Table &table, const json_t *row)
         }
     }
     return copy;
+}
+
+} // namespace
+
+JsonPtr ValuesFor(const RowData &row, ValueSet set)
+{
+    const Table &table = *row.table;
+    JsonPtr values(json_object());
+    for (size_t i = 0; i < table.columns.size(); ++i)
+    {
+        const Column &column = table.columns[i];
+        if (std::strcmp(column.name, "OID") == 0 || IsStructural(column) ||
+            IsShared(table, column))
+        {
+            continue;
+        }
+        if (json_t *value = ColumnValue(table, i, set))
+        {
+            json_object_set_new(values.get(), column.name, value);
+        }
+    }
+    AddArrays(table, set, values.get());
+    AddKind(row, values.get());
+    return values;
 }
 
 JsonPtr SignalledRow(const std::string &database, const Table &table,

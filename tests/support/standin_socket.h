@@ -6,9 +6,9 @@
 #pragma once
 
 #include "platform/standin/standin.h"
+#include "tests/support/temp_root.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
@@ -41,7 +41,6 @@ class StandinSocketTest : public testing::Test
     {
         Standin()
         {
-            socket = mkdtemp(folder) + std::string("/socket");
             const char *scenario = getenv("QDB_TEST_SCENARIO");
             setenv("QDB_STANDIN_SOCKET", socket.c_str(), 1);
             setenv("QDB_STANDIN_SCENARIO", scenario == nullptr ? "" : scenario,
@@ -49,14 +48,8 @@ class StandinSocketTest : public testing::Test
             loaded = standin::ObjectIds().size(); // starts it
         }
 
-        ~Standin()
-        {
-            unlink(socket.c_str());
-            rmdir(folder);
-        }
-
-        char folder[32] = "/tmp/standin_socket.XXXXXX";
-        std::string socket;
+        const TempRoot root;
+        const std::string socket = root.Path() + "/socket";
         size_t loaded = 0;
     };
 

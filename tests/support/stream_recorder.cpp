@@ -161,6 +161,12 @@ void StreamRecorder::KeepWhole(bool whole)
     whole_ = whole;
 }
 
+void StreamRecorder::Forget()
+{
+    listener_.TakeAll();
+    pipe_.Take();
+}
+
 // All columns that the table has, also those that no object fills.
 std::string StreamRecorder::TableSql(const Table &table)
 {
@@ -254,14 +260,20 @@ void StreamRecorder::Record(const std::string &name, const Subject &subject,
 }
 
 void StreamRecorder::RecordAll(const std::string &name,
-                               const std::function<int()> &act)
+                               const std::function<int()> &act,
+                               const std::set<uint32_t> &types)
 {
     Operation operation = Watch(name, act);
+    if (!whole_)
+    {
+        operation.log = CutLog(std::move(operation.log));
+    }
     std::set<const Table *> tables;
     std::string sql;
     for (const RowData &row : kRowData)
     {
-        if (tables.insert(row.table).second)
+        if ((types.empty() || types.contains(row.objType)) &&
+            tables.insert(row.table).second)
         {
             sql += TableSql(*row.table);
         }

@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 
 namespace qdb::test
@@ -37,9 +38,14 @@ class StreamRecorder
     void Record(const std::string &name, const Subject &subject,
                 const std::function<int()> &act);
 
-    // The same for one that concerns several tables: all of them are shown.
+    // The same for one that concerns several tables: those of the types are
+    // shown, or all. A long log is cut, too.
     // What it starts on other threads has to be over when it returns.
-    void RecordAll(const std::string &name, const std::function<int()> &act);
+    void RecordAll(const std::string &name, const std::function<int()> &act,
+                   const std::set<uint32_t> &types = {});
+
+    // What has happened since the last operation isn't recorded.
+    void Forget();
 
     const Stream &Recorded() const
     {

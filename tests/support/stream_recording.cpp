@@ -120,6 +120,20 @@ std::string CompareOperations(const Operation &recorded,
 
 } // namespace
 
+Lines CutLog(Lines log)
+{
+    constexpr size_t kLongest = 80;
+    if (log.size() <= kLongest)
+    {
+        return log;
+    }
+    const std::string all =
+        std::to_string(log.size()) + " lines, " + Hash(Join(log, ""));
+    log.resize(kLongest / 2);
+    log.push_back(all);
+    return log;
+}
+
 std::string RenderStream(const Stream &stream, const std::string &comment,
                          bool cutNothing)
 {

@@ -24,6 +24,10 @@ struct Operation
 
 using Stream = std::vector<Operation>;
 
+// The first lines of a long log; one line tells how many there were, and the
+// hash of all.
+std::vector<std::string> CutLog(std::vector<std::string> log);
+
 // The text, `comment` in front of it; cutNothing keeps every line whole.
 std::string RenderStream(const Stream &stream, const std::string &comment,
                          bool cutNothing = false);
