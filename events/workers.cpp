@@ -9,6 +9,7 @@
 #include "events/dispatch.h"
 #include "events/queues/event_queue.h"
 #include "events/queues/event_record.h"
+#include "events/queues/lane.h"
 #include "events/status_change.h"
 
 namespace qdb
@@ -65,6 +66,7 @@ int Dispatch(const DataEventHeader &record, int thID, int status)
 // Takes and runs records until a stop record comes.
 void RunRecords(int thID)
 {
+    const LaneUser lane;
     int status = SQLITE_OK;
     while (true)
     {

@@ -172,7 +172,7 @@ TEST_F(Sweep, EveryStatementFailsOnce)
          {
              return Refresh(List(256, "3, 4, 5"));
          },
-         13, 5},
+         13, 4},
         {"delete",
          []
          {

@@ -1,6 +1,7 @@
 // The workers: they take the records off the queue, all of them, carry them out
 // by their kind, and tell of a corrupt database.
 
+#include "core/sleep.h"
 #include "core/state.h"
 #include "core/stop.h"
 #include "core/threads.h"
@@ -8,12 +9,14 @@
 #include "events/workers.h"
 #include "tests/support/db_fixture.h"
 #include "tests/support/event_records.h"
+#include "tests/support/wait.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
@@ -57,6 +60,44 @@ TEST(Workers, EndAfterAllThatWasQueued)
     EXPECT_EQ(QdbEventQSize, 0);
     Enqueue(List(kDestroy, {1000}));
     EXPECT_EQ(QdbEventQSize, 1);
+}
+
+std::atomic<int> gAsleep = 0;
+
+void SleepUntilAllDo(unsigned /*microseconds*/)
+{
+    ++gAsleep;
+    WaitUntil(
+        []
+        {
+            return gAsleep >= kWorkerCount;
+        },
+        kDeadlineMs);
+}
+
+// They take turns while records are short, but none waits for one that isn't.
+TEST(Workers, AreAllAtWorkWhenRecordsTakeLong)
+{
+    Mirror mirror({.threads = true});
+    Restart();
+    FailSteps("select ObjType", SQLITE_BUSY, kWorkerCount);
+    gAsleep = 0;
+    SetSleepFunction(SleepUntilAllDo);
+    for (uint32_t oid = 1000; oid < 1000 + kWorkerCount; ++oid)
+    {
+        PutObject(kStatus, oid);
+        Enqueue(List(kCreate, {oid}));
+    }
+    EXPECT_TRUE(WaitUntil(
+        []
+        {
+            return gAsleep == kWorkerCount;
+        },
+        kDeadlineMs / 2));
+    mirror.StopWorkers();
+    RestoreSleeps();
+    EXPECT_EQ(mirror.Value("SELECT count(*) FROM TblDMStatus_Child_Obj"),
+              std::to_string(kWorkerCount));
 }
 
 // A signal with a handler interrupts the wait for SIGTERM, and is none.

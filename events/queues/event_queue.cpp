@@ -5,6 +5,7 @@
 #include "core/state.h"
 #include "core/threads.h"
 #include "events/queues/event_record.h"
+#include "events/queues/lane.h"
 
 #include <array>
 #include <cstdlib>
@@ -116,7 +117,7 @@ void QdbenQueue(QdbEventQueue *queue, DataEventHeader *record)
 QdbEventNode *QdbdeQueue(QdbEventQueue *queue)
 {
     LogEntry("QdbdeQueue");
-    sem_wait(&gQdbEventSem);
+    AwaitRecord();
     QdbEventNode *node = nullptr;
     int sizeBefore = 0;
     {
