@@ -93,8 +93,11 @@ Sample Round::RunOn(Side &side, const Step &step, Work *pWork)
     {
         *pWork = work;
     }
-    return {Seconds(end - answer.cost.begin), Seconds(answer.cost.processor),
-            Seconds(answer.cost.eventThread), Seconds(answer.cost.store)};
+    // One thread walks and asks for the objects.
+    const int64_t store = isStart ? answer.cost.store : 0;
+    return {Seconds(end - answer.cost.begin - store),
+            Seconds(answer.cost.processor), Seconds(answer.cost.eventThread),
+            Seconds(answer.cost.store)};
 }
 
 Slice Round::RunOnAll(Step step)
