@@ -147,14 +147,23 @@ void Round::CheckRows(uint64_t objects) const
     }
 }
 
-// Refreshes on the service alone until it has sent that many signals.
+// Refreshes on the service alone until it has sent that many signals. The loops
+// only end with the same rows.
 void Round::ChangeService(uint64_t changes)
 {
+    if (changes_ >= changes)
+    {
+        return;
+    }
     while (changes_ < changes)
     {
         RunOn(service_.side, {Operation::RefreshChanged, Set::TwentyTypes, 0,
                               setSize_, ++value_});
     }
+    const Step last = {Operation::RefreshChanged, Set::TwentyTypes, 0, setSize_,
+                       value_};
+    RunOn(plain_.side, last);
+    RunOn(best_.side, last);
 }
 
 void Round::RunWorkloads(uint32_t refreshes, uint64_t changes)

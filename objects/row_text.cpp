@@ -3,6 +3,7 @@
 #include "objects/plain_value.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -140,19 +141,28 @@ size_t RowText::RenderedSize(const FieldSet &fields) const
 
 char *RowText::Render(const FieldSet &fields, char *to) const
 {
-    constexpr std::string_view kColon = ": ";
-    std::string_view separator;
+    const auto copy = [&](size_t begin, size_t end)
+    {
+        std::memcpy(to, text_.data() + begin, end - begin);
+        to += end - begin;
+    };
     *to++ = '{';
+    bool isFirst = true;
     for (size_t i = 0; i < count_; ++i)
     {
-        if (fields[i])
+        if (!fields[i])
         {
-            to = std::ranges::copy(separator, to).out;
-            to = std::ranges::copy(Key(fields_[i]), to).out;
-            to = std::ranges::copy(kColon, to).out;
-            to = std::ranges::copy(Value(fields_[i]), to).out;
-            separator = ", ";
+            continue;
         }
+        if (!isFirst)
+        {
+            *to++ = ',';
+            *to++ = ' ';
+        }
+        isFirst = false;
+        copy(fields_[i].key, fields_[i].value); // with the colon
+        *to++ = ' ';
+        copy(fields_[i].value, fields_[i].end);
     }
     *to++ = '}';
     return to;
