@@ -70,6 +70,7 @@ struct Idle
     double seconds;
     double processor;
     double store;
+    double wakeUps; // processor time of the wake-ups alone
 };
 
 struct Report

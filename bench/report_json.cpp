@@ -101,7 +101,7 @@ void PrintJson(const Report &report, const Settings &settings)
     }
     const JsonPtr whole(json_pack(
         "{s:I, s:I, s:b, s:i, s:f, s:f, s:b, s:o, s:o, s:{s:f, s:f, s:f, s:f, "
-        "s:b}, s:o, s:{s:f, s:f}}",
+        "s:f, s:b}, s:o, s:{s:f, s:f}}",
         "objects", static_cast<json_int_t>(settings.objects), "subscribers",
         static_cast<json_int_t>(settings.subscribers), "quick", settings.quick,
         "processors", static_cast<int>(std::thread::hardware_concurrency()),
@@ -109,7 +109,8 @@ void PrintJson(const Report &report, const Settings &settings)
         "tmpfs", Scratch::OnTmpfs(), "workloads", workloads.release(),
         "latency", LatencyJson(report).release(), "idle", "seconds",
         report.idle.seconds, "percent", IdlePercent(report), "objects_percent",
-        100 * report.idle.store / report.idle.seconds, "target_percent",
+        100 * report.idle.store / report.idle.seconds, "wakeups_percent",
+        100 * report.idle.wakeUps / report.idle.seconds, "target_percent",
         kIdlePercent, "met", IdlePercent(report) <= kIdlePercent, "memory",
         MemoryJson(report).release(), "start", "ready_s",
         static_cast<double>(report.startUp.ready) / 1e9, "population_s",

@@ -116,9 +116,11 @@ void PrintTable(const Report &report, const Settings &settings)
     PrintUncounted(report);
     PrintLatency(report);
     std::printf("idle for %.0f s: %.2f%% of one processor (at most %.1f%%: "
-                "%s); objects %.2f%%, not counted\n",
+                "%s); the same wake-ups in an empty process %.2f%%; objects "
+                "%.2f%%, not counted\n",
                 report.idle.seconds, IdlePercent(report), kIdlePercent,
                 Met(IdlePercent(report) <= kIdlePercent),
+                100 * report.idle.wakeUps / report.idle.seconds,
                 100 * report.idle.store / report.idle.seconds);
     PrintMemory(report);
     std::printf("start: ready %.2f s after the entry of main, of which %.2f s "

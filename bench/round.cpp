@@ -4,6 +4,7 @@
 #include "bench/loop.h"
 #include "bench/parsed_rows.h"
 #include "bench/spliced_rows.h"
+#include "bench/wakeups.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -244,9 +245,10 @@ void Round::MeasureLatency(int runs)
 
 void Round::MeasureIdle(int seconds)
 {
+    WakeUps wakeUps(seconds);
     const Cost cost = service_.side.Ask(Kind::Idle, {}, seconds).cost;
     report_.idle = {Seconds(cost.end - cost.begin), Seconds(cost.processor),
-                    Seconds(cost.store)};
+                    Seconds(cost.store), wakeUps.Processor()};
 }
 
 void Round::Stop()
