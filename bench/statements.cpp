@@ -34,7 +34,7 @@ bool IsNeverStored(const ObjTypeRow &row, const Column &column)
 
 std::string SelectSql(const Table &table)
 {
-    return ReadsWithSelectStar(table) ? SelectStarSql(table)
+    return ReadsWithSelectStar(table) ? std::string(SelectStarSql(table).text)
                                       : SelectJsonSql(table, false);
 }
 

@@ -9,6 +9,8 @@
 #include "objects/row_query.h"
 #include "objects/sql_text.h"
 
+#include <new>
+
 namespace qdb
 {
 namespace
@@ -23,11 +25,19 @@ int PrepareSelect(const ObjTypeRow &row, uint32_t oid, StatementSlot &slot)
         QDB_LOG(kLogTrace, "%s: [%s]Using prepared statement", row.suffix);
         return SQLITE_OK;
     }
-    // The tables of configuration attributes were written by another hand.
-    const std::string sql =
-        SelectJsonSql(*row.table, IsConfigType(row.objType));
-    bool wasReady = false;
-    const int status = slot.Prepare(sql.c_str(), -1, &wasReady);
+    int status = SQLITE_NOMEM;
+    try
+    {
+        // The tables of configuration attributes were written by another hand.
+        const std::string sql =
+            SelectJsonSql(*row.table, IsConfigType(row.objType));
+        bool wasReady = false;
+        status = slot.Prepare(sql.c_str(), -1, &wasReady);
+    }
+    catch (const std::bad_alloc &)
+    {
+        // As if SQLite had had none.
+    }
     if (status != SQLITE_OK)
     {
         QDB_LOG(kLogError, "%s: [%s]sqlite3_prepare_v2 Error: %d oID:%d",
@@ -110,7 +120,7 @@ int GetRowData(const ObjTypeRow &row, uint32_t oid, RowReading *pRow)
 bool RowReading::ReadPlain(const Table &table, std::string_view text)
 {
     RowTextPtr plain = TakeRowText();
-    if (!plain->Split(table, text))
+    if (plain == nullptr || !plain->Split(table, text))
     {
         return false;
     }
@@ -145,8 +155,11 @@ void RowReading::SetArray(const char *name, const std::string &elements)
     {
         json_ = TakeJson();
     }
-    json_object_set_new(json_.get(), name,
-                        json_loads(elements.c_str(), 0, nullptr));
+    if (json_object_set_new(json_.get(), name,
+                            json_loads(elements.c_str(), 0, nullptr)) != 0)
+    {
+        json_.reset();
+    }
 }
 
 JsonPtr RowReading::TakeJson()
@@ -160,10 +173,12 @@ JsonPtr RowReading::TakeJson()
 
 int ReadRow(const ObjTypeRow &row, uint32_t oid, RowReading *pRow)
 {
-    return ReadsWithSelectStar(*row.table)
-               ? GetJsonObjectFromQDBQuery(
-                     row, SelectStarSql(*row.table).c_str(), oid, pRow)
-               : GetRowData(row, oid, pRow);
+    if (!ReadsWithSelectStar(*row.table))
+    {
+        return GetRowData(row, oid, pRow);
+    }
+    const SelectStarSql sql(*row.table);
+    return GetJsonObjectFromQDBQuery(row, sql.text, oid, pRow);
 }
 
 } // namespace qdb

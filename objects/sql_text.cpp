@@ -1,5 +1,7 @@
 #include "objects/sql_text.h"
 
+#include <cstdio>
+
 namespace qdb
 {
 namespace
@@ -75,12 +77,10 @@ std::string SelectJsonSql(const Table &table, bool bareColumns)
     return sql;
 }
 
-std::string SelectStarSql(const Table &table)
+SelectStarSql::SelectStarSql(const Table &table)
 {
-    std::string sql = "SELECT * from ";
-    sql += table.name;
-    sql += " WHERE OID = ?";
-    return sql;
+    std::snprintf(text, sizeof(text), "SELECT * from %s WHERE OID = ?",
+                  table.name);
 }
 
 std::string InsertElementSql(const SideTable &table)

@@ -22,8 +22,13 @@ std::string UpdateSql(const Table &table, bool rawGuard);
 // quoted.
 std::string SelectJsonSql(const Table &table, bool bareColumns);
 
-// One row as columns.
-std::string SelectStarSql(const Table &table);
+// One row as columns. Needed at every reading, and so without memory.
+struct SelectStarSql
+{
+    char text[128]; // twice what the longest name needs
+
+    explicit SelectStarSql(const Table &table);
+};
 
 // One element of an array property, and all elements of one.
 std::string InsertElementSql(const SideTable &table);
