@@ -1,6 +1,7 @@
 #include "objects/change_json.h"
 
 #include "objects/array_tables.h"
+#include "objects/json_text.h"
 
 #include <algorithm>
 #include <cstring>
@@ -27,11 +28,6 @@ JsonPtr ChangeObject(const ObjTypeRow &row, JsonPtr rowJson)
     Set(&change, "TableName", JsonPtr(json_string(row.table->name)));
     Set(&change, "RowDetails", std::move(rowJson));
     return change;
-}
-
-JsonText Render(const JsonPtr &change)
-{
-    return JsonText(json_dumps(change.get(), 0));
 }
 
 // What goes into the change set for a column that differs.
@@ -110,7 +106,7 @@ JsonText RenderWholeRow(const ObjTypeRow &row, RowReading reading)
         const Member member = {kRowDetails, plain, plain->AllFields()};
         return Splice(row, std::span(&member, 1));
     }
-    return Render(ChangeObject(row, reading.TakeJson()));
+    return PrintJson(ChangeObject(row, reading.TakeJson()).get());
 }
 
 JsonText RenderDifference(const ObjTypeRow &row, RowReading before,
@@ -177,7 +173,7 @@ JsonText RenderChange(const ObjTypeRow &row, JsonPtr rowJson, ChangeSet changes)
     {
         Set(&change, "PreviousPropertyValues", std::move(changes.previous));
     }
-    return Render(change);
+    return PrintJson(change.get());
 }
 
 } // namespace qdb
