@@ -68,7 +68,7 @@ int PrepareInsert(const Create &create)
                 create.row.suffix);
         return SQLITE_OK;
     }
-    const std::string sql = InsertSql(*create.row.table);
+    const SqlText sql = InsertSql(*create.row.table);
     bool wasReady = false;
     const int status =
         slot.Prepare(sql.c_str(), static_cast<int>(sql.size()), &wasReady);

@@ -86,7 +86,7 @@ int PrepareUpdate(const Refresh &refresh)
                 refresh.row.suffix);
         return SQLITE_OK;
     }
-    const std::string sql =
+    const SqlText sql =
         UpdateSql(*refresh.row.table, refresh.row.objType == kStringAttribute);
     bool wasReady = false;
     const int status =

@@ -5,11 +5,10 @@
 #include "core/status.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "objects/json_text.h"
 #include "objects/row_log.h"
 #include "objects/row_query.h"
 #include "objects/sql_text.h"
-
-#include <new>
 
 namespace qdb
 {
@@ -25,19 +24,10 @@ int PrepareSelect(const ObjTypeRow &row, uint32_t oid, StatementSlot &slot)
         QDB_LOG(kLogTrace, "%s: [%s]Using prepared statement", row.suffix);
         return SQLITE_OK;
     }
-    int status = SQLITE_NOMEM;
-    try
-    {
-        // The tables of configuration attributes were written by another hand.
-        const std::string sql =
-            SelectJsonSql(*row.table, IsConfigType(row.objType));
-        bool wasReady = false;
-        status = slot.Prepare(sql.c_str(), -1, &wasReady);
-    }
-    catch (const std::bad_alloc &)
-    {
-        // As if SQLite had had none.
-    }
+    // The tables of configuration attributes were written by another hand.
+    const SqlText sql = SelectJsonSql(*row.table, IsConfigType(row.objType));
+    bool wasReady = false;
+    const int status = slot.Prepare(sql.c_str(), -1, &wasReady);
     if (status != SQLITE_OK)
     {
         QDB_LOG(kLogError, "%s: [%s]sqlite3_prepare_v2 Error: %d oID:%d",
@@ -136,7 +126,7 @@ bool RowReading::Read(const Table &table, const char *text,
     {
         return true;
     }
-    JsonPtr parsed(json_loads(text, 0, pError));
+    JsonPtr parsed = ParseJson(text, pError);
     if (parsed == nullptr)
     {
         return false;
@@ -156,7 +146,8 @@ void RowReading::SetArray(const char *name, const std::string &elements)
         json_ = TakeJson();
     }
     if (json_object_set_new(json_.get(), name,
-                            json_loads(elements.c_str(), 0, nullptr)) != 0)
+                            ParseJson(elements.c_str(), nullptr).release()) !=
+        0)
     {
         json_.reset();
     }
@@ -166,19 +157,17 @@ JsonPtr RowReading::TakeJson()
 {
     if (const RowTextPtr text = std::move(text_))
     {
-        return JsonPtr(json_loads(text->Text().c_str(), 0, nullptr));
+        return ParseJson(text->Text().c_str(), nullptr);
     }
     return std::move(json_);
 }
 
 int ReadRow(const ObjTypeRow &row, uint32_t oid, RowReading *pRow)
 {
-    if (!ReadsWithSelectStar(*row.table))
-    {
-        return GetRowData(row, oid, pRow);
-    }
-    const SelectStarSql sql(*row.table);
-    return GetJsonObjectFromQDBQuery(row, sql.text, oid, pRow);
+    return ReadsWithSelectStar(*row.table)
+               ? GetJsonObjectFromQDBQuery(
+                     row, SelectStarSql(*row.table).c_str(), oid, pRow)
+               : GetRowData(row, oid, pRow);
 }
 
 } // namespace qdb
