@@ -15,29 +15,6 @@
 #include <set>
 #include <thread>
 
-// Linked with --wrap=malloc and --wrap=calloc: the service's own allocations
-// come here.
-thread_local bool qdb::test::tNoMemory = false;
-using qdb::test::tNoMemory;
-
-extern "C"
-{
-    void *__real_malloc(size_t size);
-    void *__real_calloc(size_t count, size_t size);
-
-    void *__wrap_malloc(size_t size);
-    void *__wrap_malloc(size_t size)
-    {
-        return tNoMemory ? nullptr : __real_malloc(size);
-    }
-
-    void *__wrap_calloc(size_t count, size_t size);
-    void *__wrap_calloc(size_t count, size_t size)
-    {
-        return tNoMemory ? nullptr : __real_calloc(count, size);
-    }
-}
-
 namespace qdb::test
 {
 namespace
