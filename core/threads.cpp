@@ -1,5 +1,6 @@
 #include "core/threads.h"
 
+#include "core/guard.h"
 #include "core/lock.h"
 
 #include <signal.h>
@@ -33,7 +34,12 @@ void MarkEnded(ServiceThread &thread)
 void *RunThread(void *argument)
 {
     ServiceThread &thread = *static_cast<ServiceThread *>(argument);
-    void *result = thread.entry(thread.argument);
+    void *result = nullptr;
+    Guard("thread",
+          [&]
+          {
+              result = thread.entry(thread.argument);
+          });
     const MutexLock lock(gMutex);
     MarkEnded(thread);
     return result;
