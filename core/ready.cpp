@@ -1,6 +1,7 @@
 #include "core/ready.h"
 
 #include "core/log.h"
+#include "core/progress.h"
 #include "core/state.h"
 #include "platform/cfgclient.h"
 
@@ -20,6 +21,7 @@ void EnableSignals()
 int SetAttribute(int value, const char *caller)
 {
     const int status = CfgSetAttributeInt(kReadyKey, value, 0, 0);
+    NoteProgress();
     if (status != 0)
     {
         QDB_LOG(kLogWarning,
@@ -45,6 +47,7 @@ void ClearReadiness()
 void PublishReadiness()
 {
     const int status = CfgSetAttributeInt(kReadyKey, 1, 0, 0);
+    NoteProgress();
     if (status == 0)
     {
         EnableSignals();
