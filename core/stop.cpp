@@ -2,6 +2,7 @@
 
 #include "core/cancel.h"
 #include "core/gate.h"
+#include "core/lock.h"
 #include "core/log.h"
 #include "core/state.h"
 #include "core/threads.h"
@@ -23,6 +24,10 @@ sem_t gStopSem;
 std::atomic<bool> gFinish = false;
 pthread_t gStopThread;
 bool gStarted = false; // `main` alone
+
+// The steps may run on three threads: this file's, the watch, `main`.
+pthread_mutex_t gStepsMutex = PTHREAD_MUTEX_INITIALIZER;
+bool gIsClosing = false; // guarded by gStepsMutex
 
 void HandleSignal(int signalNumber)
 {
@@ -112,6 +117,11 @@ void StopService()
 
 void EndThreads()
 {
+    const MutexLock lock(gStepsMutex);
+    if (gIsClosing)
+    {
+        return;
+    }
     QueueStopRecords();
     SetCancelNCThread();
     CancelThread(gCorruptionThread);
@@ -128,6 +138,8 @@ void FinishStop()
         pthread_join(gStopThread, nullptr);
         gStarted = false;
     }
+    const MutexLock lock(gStepsMutex);
+    gIsClosing = true;
 }
 
 } // namespace qdb

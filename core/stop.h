@@ -28,11 +28,10 @@ void LetStopIn();
 void StopService();
 
 // The steps behind the removal of the listener. Steps that have been taken
-// already do no harm.
+// already do no harm; behind FinishStop does nothing.
 void EndThreads();
 
-// Ends the thread and waits for it, so that what its steps use can be freed.
-// Does nothing if LetStopIn was never called.
+// Ends the thread and waits for it, so that what the steps use can be freed.
 void FinishStop();
 
 } // namespace qdb
