@@ -1,6 +1,7 @@
 // Owners for what the platform libraries hand out.
 #pragma once
 
+#include "core/progress.h"
 #include "platform/zo_base.h"
 #include "platform/zoil.h"
 
@@ -16,6 +17,7 @@ struct FreeGeneric
     void operator()(void *memory) const
     {
         ZOILFreeGeneric(memory);
+        NoteProgress();
     }
 };
 
@@ -24,6 +26,7 @@ struct FreeMem
     void operator()(void *memory) const
     {
         ZOFreeMem(memory);
+        NoteProgress();
     }
 };
 
@@ -69,15 +72,19 @@ class OidList
 
 inline ObjectPtr FetchObject(uint32_t oid)
 {
-    return ObjectPtr(ZOILGetObjByOID(&oid));
+    ObjectPtr object(ZOILGetObjByOID(&oid));
+    NoteProgress();
+    return object;
 }
 
 // All objects of a type.
 inline OidList ListChildren(uint32_t objType)
 {
     constexpr uint32_t kRootOid = 1;
-    return OidList(
+    OidList list(
         ZOILListChildOIDByType(&kRootOid, static_cast<uint16_t>(objType)));
+    NoteProgress();
+    return list;
 }
 
 } // namespace qdb

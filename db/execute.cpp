@@ -2,6 +2,7 @@
 
 #include "core/lock.h"
 #include "core/log.h"
+#include "core/progress.h"
 #include "core/sleep.h"
 #include "core/state.h"
 #include "db/turn.h"
@@ -47,6 +48,7 @@ int StepOnce(sqlite3_stmt *statement)
         // waits for that one, and neither gets on.
         sqlite3_reset(statement);
     }
+    NoteProgress();
     return status;
 }
 
@@ -97,6 +99,7 @@ int execute_statement(sqlite3_stmt *statement)
 
 Verdict JudgeAttempt(int status, RetryRule rule, int returnStatus)
 {
+    NoteProgress();
     if (IsSuccess(status))
     {
         return Verdict::Done;
@@ -105,7 +108,7 @@ Verdict JudgeAttempt(int status, RetryRule rule, int returnStatus)
     {
         GiveUpTurn();
         QDB_LOG(kLogTrace, "%s: \nStatusCheck:Retry\n");
-        if (rule.pauseWhenBusy)
+        if (rule.pauseWhenBusy && !(rule.endsAtStop && StopPatienceIsOver()))
         {
             SleepMicroseconds(kBusyPauseMicroseconds);
         }

@@ -5,6 +5,7 @@
 #include "core/sleep.h"
 #include "core/state.h"
 #include "core/status.h"
+#include "core/threads.h"
 #include "db/connection.h"
 #include "db/execute.h"
 #include "db/mapping.h"
@@ -98,9 +99,10 @@ void WaitWhileBusy(const Insert &insert, bool lastAttempt)
 int StepInsert(const Insert &insert)
 {
     int status = SQLITE_OK;
-    for (int attempt = 1; attempt <= kAttempts; ++attempt)
+    bool lastAttempt = false;
+    for (int attempt = 1; !lastAttempt; ++attempt)
     {
-        const bool lastAttempt = attempt == kAttempts;
+        lastAttempt = attempt == kAttempts || StopPatienceIsOver();
         if (attempt > 1)
         {
             // Whoever holds the OID must get on.
