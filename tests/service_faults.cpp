@@ -1,6 +1,6 @@
 // Faults that no platform makes, for the service's process:
 //   QDB_TEST_NO_THREADS=A-B  its A-th to B-th threads can't be made
-//   QDB_TEST_CLOSE=N         sqlite3_close answers N
+//   QDB_TEST_CLOSE=N         sqlite3_close fails with N, unless it is 0
 //   SIGUSR1                  from then on no allocation succeeds
 // What the stand-in allocates, and the listener's callback on its thread,
 // succeeds: it is not what is tested. A sanitizer has the allocations for
@@ -75,7 +75,8 @@ int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes,
 int __wrap_sqlite3_close(sqlite3 *handle)
 {
     const char *asked = std::getenv("QDB_TEST_CLOSE");
-    return asked == nullptr ? __real_sqlite3_close(handle) : std::atoi(asked);
+    const int answer = asked == nullptr ? SQLITE_OK : std::atoi(asked);
+    return answer == SQLITE_OK ? __real_sqlite3_close(handle) : answer;
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
