@@ -1,7 +1,11 @@
-// Owners for what the platform libraries hand out.
+// Owners for what the platform libraries hand out, and the calls that give it.
+//
+// Another process answers these calls, and takes its time: none is made with
+// the turn at the database in hand.
 #pragma once
 
-#include "core/progress.h"
+#include "core/object_order.h"
+#include "core/waiting.h"
 #include "platform/zo_base.h"
 #include "platform/zoil.h"
 
@@ -16,8 +20,9 @@ struct FreeGeneric
 {
     void operator()(void *memory) const
     {
+        const Wait wait;
+        ForgetFetch(memory);
         ZOILFreeGeneric(memory);
-        NoteProgress();
     }
 };
 
@@ -25,8 +30,8 @@ struct FreeMem
 {
     void operator()(void *memory) const
     {
+        const Wait wait;
         ZOFreeMem(memory);
-        NoteProgress();
     }
 };
 
@@ -34,6 +39,7 @@ struct CFree
 {
     void operator()(void *memory) const
     {
+        ForgetFetch(memory);
         std::free(memory);
     }
 };
@@ -70,21 +76,43 @@ class OidList
     std::unique_ptr<uint32_t, FreeGeneric> list_;
 };
 
+// The object as the Data Manager has it now, NULL: not at all. Notes when it
+// was asked, for object_order.h.
 inline ObjectPtr FetchObject(uint32_t oid)
 {
+    const Wait wait;
+    const uint64_t asked = Tick();
     ObjectPtr object(ZOILGetObjByOID(&oid));
-    NoteProgress();
+    NoteFetch(object.get(), asked);
     return object;
+}
+
+// A relation of an object that is in hand: its parent, say.
+inline ObjectPtr FetchRelated(uint32_t oid)
+{
+    const Wait wait;
+    return ObjectPtr(ZOILGetObjByOID(&oid));
+}
+
+inline ObjectPtr FetchByKey(const char *key)
+{
+    const Wait wait;
+    return ObjectPtr(ZOILGetObjByKey(key));
+}
+
+inline OidList ListParents(uint32_t oid)
+{
+    const Wait wait;
+    return OidList(ZOILListParentOID(&oid));
 }
 
 // All objects of a type.
 inline OidList ListChildren(uint32_t objType)
 {
     constexpr uint32_t kRootOid = 1;
-    OidList list(
+    const Wait wait;
+    return OidList(
         ZOILListChildOIDByType(&kRootOid, static_cast<uint16_t>(objType)));
-    NoteProgress();
-    return list;
 }
 
 } // namespace qdb

@@ -3,6 +3,7 @@
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/progress.h"
+#include "core/waiting.h"
 
 #include <signal.h>
 
@@ -43,18 +44,11 @@ pthread_cond_t gThreadEnded = PTHREAD_COND_INITIALIZER;
 pthread_cond_t gStopCame = PTHREAD_COND_INITIALIZER;
 std::atomic<bool> gStopRequested = false;
 
-// By CLOCK_MONOTONIC in milliseconds; the end of time without a stop.
+// By NowNanoseconds(); the end of time without a stop.
 std::atomic<int64_t> gPatienceEnds = INT64_MAX;
 
-constexpr int kPatienceMs = 2000;
-constexpr int kMsPerSecond = 1000;
-constexpr long kNsPerMs = 1000000;
-constexpr long kNsPerSecond = kNsPerMs * kMsPerSecond;
-
-int64_t Milliseconds(const timespec &time)
-{
-    return int64_t{time.tv_sec} * kMsPerSecond + time.tv_nsec / kNsPerMs;
-}
+constexpr int64_t kPatienceNanoseconds = 2000000000;
+constexpr int64_t kNanosecondsPerMs = 1000000;
 
 // The caller holds gMutex.
 void MarkEnded(ServiceThread &thread)
@@ -102,7 +96,7 @@ bool RequestStop()
     {
         return false;
     }
-    gPatienceEnds = Milliseconds(DeadlineIn(kPatienceMs));
+    gPatienceEnds = NowNanoseconds() + kPatienceNanoseconds;
     gStopRequested = true;
     pthread_cond_broadcast(&gStopCame);
     return true;
@@ -110,7 +104,8 @@ bool RequestStop()
 
 bool AwaitStopRequest(int milliseconds)
 {
-    const timespec deadline = DeadlineIn(milliseconds);
+    const timespec deadline =
+        ToTimespec(NowNanoseconds() + milliseconds * kNanosecondsPerMs);
     const MutexLock lock(gMutex);
     int result = 0;
     while (!gStopRequested && result == 0)
@@ -125,21 +120,7 @@ bool AwaitStopRequest(int milliseconds)
 
 bool StopPatienceIsOver()
 {
-    return gStopRequested && Milliseconds(DeadlineIn(0)) > gPatienceEnds;
-}
-
-timespec DeadlineIn(int milliseconds)
-{
-    timespec time = {};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    time.tv_sec += milliseconds / kMsPerSecond;
-    time.tv_nsec += milliseconds % kMsPerSecond * kNsPerMs;
-    if (time.tv_nsec >= kNsPerSecond)
-    {
-        time.tv_nsec -= kNsPerSecond;
-        ++time.tv_sec;
-    }
-    return time;
+    return gStopRequested && NowNanoseconds() > gPatienceEnds;
 }
 
 int StartThread(ServiceThread &thread, ThreadEntry entry, void *argument,

@@ -13,8 +13,6 @@
 
 #include <pthread.h>
 
-#include <ctime>
-
 namespace qdb
 {
 
@@ -55,9 +53,6 @@ bool AwaitStopRequest(int milliseconds);
 // Whether a stop was requested more than two seconds ago. What others hold is
 // waited for no longer then, by anybody.
 bool StopPatienceIsOver();
-
-// The time of CLOCK_MONOTONIC in so many milliseconds.
-timespec DeadlineIn(int milliseconds);
 
 // Starts a thread with SIGTERM blocked, so that the signal meets `main`.
 // attributes may be NULL. Returns pthread_create's result, or ECANCELED when a

@@ -8,13 +8,13 @@
 #include "core/state.h"
 #include "core/stop.h"
 #include "core/threads.h"
+#include "core/waiting.h"
 #include "publish/bus_connection.h"
 
 #include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <ctime>
 
 namespace qdb
 {
@@ -22,6 +22,7 @@ namespace
 {
 
 constexpr int kTickMs = 100;
+constexpr int64_t kTickNanoseconds = kTickMs * int64_t{1000000};
 
 // Limits in ticks, not by the clock: on a machine that is too busy to run the
 // watch, what is watched has its time too.
@@ -42,7 +43,7 @@ bool gStarted = false; // `main` alone
 // Waits for the next tick. False when the watch has been ended.
 bool NextTick()
 {
-    const timespec deadline = DeadlineIn(kTickMs);
+    const timespec deadline = ToTimespec(NowNanoseconds() + kTickNanoseconds);
     const MutexLock lock(gMutex);
     while (!gEnded && pthread_cond_clockwait(&gWake, &gMutex, CLOCK_MONOTONIC,
                                              &deadline) == 0)

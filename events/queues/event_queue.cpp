@@ -2,11 +2,12 @@
 
 #include "core/lock.h"
 #include "core/log.h"
+#include "core/object_order.h"
 #include "core/progress.h"
 #include "core/state.h"
 #include "core/threads.h"
+#include "events/queues/admission.h"
 #include "events/queues/event_record.h"
-#include "events/queues/lane.h"
 
 #include <array>
 #include <cstdlib>
@@ -122,7 +123,7 @@ QdbEventNode *QdbnewNode(DataEventHeader *data, int seqNo)
         return nullptr;
     }
     LogEntry("QdbnewNode");
-    *node = {data, seqNo, nullptr};
+    *node = {data, seqNo, nullptr, 0};
     LogExit("QdbnewNode");
     return node;
 }
@@ -144,6 +145,7 @@ QdbEventNode *QdbdeQueue(QdbEventQueue *queue)
         if (queue->head != nullptr)
         {
             node = TakeHead(*queue);
+            node->taken = Tick();
             LogExit("QdbdeQueue");
             sizeBefore = QdbEventQSize.fetch_sub(1);
             if (sizeBefore - 1 <= kBacklogWorkedOff)
@@ -166,7 +168,7 @@ void QueueStopRecords()
     for (size_t i = 0; i < gStopNodes.size(); ++i)
     {
         LogEntry("QdbenQueue");
-        gStopNodes[i] = {&gStopRecords[i], gQdbSeqNumber, nullptr};
+        gStopNodes[i] = {&gStopRecords[i], gQdbSeqNumber, nullptr, 0};
         Enqueue(*gQdbEventQueue, &gStopNodes[i], &gStopRecords[i]);
     }
 }
