@@ -160,7 +160,7 @@ StatementPtr PrepareOnce(const char *sql, int *pStatus)
 int CloseDatabase()
 {
     FinalizeKeptRead();
-    const int status = RunStatusLoop({}, 0,
+    const int status = RunStatusLoop({.endsAtStop = false}, 0,
                                      []
                                      {
                                          return sqlite3_close(QDVdbHandle);
