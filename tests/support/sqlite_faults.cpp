@@ -44,8 +44,16 @@ bool MayBeOurRead(int status)
            status == SQLITE_ABORT;
 }
 
-// The status to give instead of running; SQLITE_OK to run.
-int Intercept(Plan &plan, const char *sql, bool kept)
+// A read that has given rows is given ABORT once, and would begin anew.
+bool IsCutShort(sqlite3_stmt *statement, int status)
+{
+    return status == SQLITE_ABORT && statement != nullptr &&
+           sqlite3_stmt_busy(statement) != 0;
+}
+
+// The status to give instead of running; SQLITE_OK to run. The statement is
+// NULL for a prepare.
+int Intercept(Plan &plan, const char *sql, sqlite3_stmt *statement, bool kept)
 {
     const std::lock_guard<std::mutex> lock(gMutex);
     if (!gWatching || sql == nullptr || std::strcmp(sql, kKeptRead) == 0)
@@ -65,7 +73,8 @@ int Intercept(Plan &plan, const char *sql, bool kept)
             --fault.skip;
             continue;
         }
-        if (kept && MayBeOurRead(fault.status))
+        if (kept && MayBeOurRead(fault.status) &&
+            !IsCutShort(statement, fault.status))
         {
             plan.calls.pop_back();
             return fault.status;
@@ -131,8 +140,9 @@ extern "C"
 
     int __wrap_sqlite3_step(sqlite3_stmt *statement)
     {
-        const int status = qdb::test::Intercept(
-            qdb::test::gSteps, sqlite3_sql(statement), qdb::ReadIsKept());
+        const int status =
+            qdb::test::Intercept(qdb::test::gSteps, sqlite3_sql(statement),
+                                 statement, qdb::ReadIsKept());
         return status == SQLITE_OK ? __real_sqlite3_step(statement) : status;
     }
 
@@ -141,7 +151,7 @@ extern "C"
                                   const char **pTail)
     {
         const int status =
-            qdb::test::Intercept(qdb::test::gPrepares, sql, false);
+            qdb::test::Intercept(qdb::test::gPrepares, sql, nullptr, false);
         if (status != SQLITE_OK && status != SQLITE_ROW &&
             status != SQLITE_DONE)
         {
