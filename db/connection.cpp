@@ -59,7 +59,7 @@ void StatementSlot::Finalize()
 int StatementPool::Take(const char *sql, StatementPtr *pStatement)
 {
     {
-        const MutexLock lock(mutex_);
+        const LeafLock lock(mutex_);
         if (count_ > 0)
         {
             pStatement->reset(waiting_[--count_]);
@@ -83,7 +83,7 @@ void StatementPool::Give(StatementPtr statement)
     }
     sqlite3_clear_bindings(statement.get());
     sqlite3_reset(statement.get());
-    const MutexLock lock(mutex_);
+    const LeafLock lock(mutex_);
     if (count_ < kCapacity)
     {
         waiting_[count_++] = statement.release();
@@ -92,7 +92,7 @@ void StatementPool::Give(StatementPtr statement)
 
 void StatementPool::Finalize()
 {
-    const MutexLock lock(mutex_);
+    const LeafLock lock(mutex_);
     while (count_ > 0)
     {
         sqlite3_finalize(waiting_[--count_]);

@@ -17,8 +17,9 @@ inline constexpr int kAttempts = 100;
 inline constexpr unsigned kBusyPauseMicroseconds = 110000;
 
 // sqlite3_step under SqliteStepMutex. A statement that finds the database busy
-// starts anew at the next step, with its bindings; one that another statement's
-// failure has aborted is stepped again for a second.
+// starts anew at the next step, with its bindings. One that another statement's
+// failure has aborted (status 4) is stepped again for a second, unless it has
+// given a row already: then that status is its failure.
 int StepStatement(sqlite3_stmt *statement);
 
 // Steps a bound statement in a status loop. Returns 0 when a step succeeded,

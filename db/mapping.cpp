@@ -1,6 +1,5 @@
 #include "db/mapping.h"
 
-#include "core/lock.h"
 #include "core/log.h"
 #include "core/platform_ptr.h"
 #include "core/state.h"
@@ -8,6 +7,8 @@
 #include "db/connection.h"
 #include "db/execute.h"
 #include "db/turn.h"
+
+#include <vector>
 
 namespace qdb
 {
@@ -98,6 +99,21 @@ uint32_t ReadObjType(sqlite3_stmt *statement, uint32_t oid)
     return objType;
 }
 
+void RecordLink(uint32_t oid, uint32_t parentOid, bool parentFound)
+{
+    if (!parentFound)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: ZOILGetObjByOID returned NULL!!! for OID = 0x%x\n",
+                parentOid);
+        return;
+    }
+    QDB_LOG(kLogTrace,
+            "%s: ZOILGetObjByOID success for OID = 0x%x and POID = 0x%x \n",
+            oid, parentOid);
+    InsertInParentChildMappingTable(oid, parentOid);
+}
+
 } // namespace
 
 int InsertInTblEtag(const char *tableName)
@@ -106,7 +122,7 @@ int InsertInTblEtag(const char *tableName)
     {
         return kFailed;
     }
-    const MutexLock lock(gEtagStmtMutex);
+    const StatementLock lock(gEtagStmtMutex);
     int status = PrepareSlot(gEtagUpdateStmt, kEtagSql);
     if (status != SQLITE_OK)
     {
@@ -135,7 +151,7 @@ int InsertInParentChildMappingTable(uint32_t oid, uint32_t parentOid)
     {
         return kFailed;
     }
-    const MutexLock lock(gParentChildStmtMutex);
+    const StatementLock lock(gParentChildStmtMutex);
     int status = PrepareSlot(gParentChildInsertStmt, kParentChildSql);
     if (status != SQLITE_OK)
     {
@@ -167,27 +183,21 @@ int InsertInParentChildMappingTable(uint32_t oid, uint32_t parentOid)
 
 void RefreshParentChildMapping(const DataObjHeader *pDOH, uint32_t oid)
 {
-    const OidList parents(ZOILListParentOID(&pDOH->objID));
+    const OidList parents = ListParents(pDOH->objID);
     if (parents.IsNull())
     {
         return;
     }
+    std::vector<bool> found;
+    found.reserve(parents.Oids().size());
     for (const uint32_t parentOid : parents.Oids())
     {
-        if (const ObjectPtr parent = FetchObject(parentOid))
-        {
-            QDB_LOG(kLogTrace,
-                    "%s: ZOILGetObjByOID success for OID = 0x%x and POID = "
-                    "0x%x \n",
-                    oid, parentOid);
-            InsertInParentChildMappingTable(oid, parentOid);
-        }
-        else
-        {
-            QDB_LOG(kLogTrace,
-                    "%s: ZOILGetObjByOID returned NULL!!! for OID = 0x%x\n",
-                    parentOid);
-        }
+        found.push_back(FetchRelated(parentOid) != nullptr);
+    }
+    const DbTurn turn;
+    for (size_t i = 0; i < found.size(); ++i)
+    {
+        RecordLink(oid, parents.Oids()[i], found[i]);
     }
 }
 

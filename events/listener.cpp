@@ -98,7 +98,7 @@ void DestroyBunch(const DataEventHeader &record)
 {
     QDB_LOG(kLogTrace, "%s: Delete has come in bunch objcount =%d\n",
             static_cast<int>(RecordWord(record, kObjCountAt).value_or(0)));
-    NotifyUntilStop(&record, DATA_EVENT_DATA_OBJ_DESTROY);
+    NotifyOnCallback(&record, DATA_EVENT_DATA_OBJ_DESTROY);
 }
 
 void TakeRecord(const DataEventHeader &record, bool retryReadiness)

@@ -1,12 +1,12 @@
 #include "objects/row_query.h"
 
-#include "core/lock.h"
 #include "core/log.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/connection.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "db/turn.h"
 
 #include <cstring>
 #include <string>
@@ -137,7 +137,7 @@ int RunQuery(const ObjTypeRow &row, const char *sqlText, uint32_t oid,
     }
     QDB_LOG(kLogTrace, "%s: Query: %s", sqlText);
     ObjRowState &state = StateOf(row);
-    const MutexLock lock(state.SelectObjMutex);
+    const StatementLock lock(state.SelectObjMutex);
     bool wasReady = false;
     int status = state.SelectStmt.Prepare(sqlText, -1, &wasReady);
     if (status != SQLITE_OK)

@@ -1,10 +1,10 @@
 #include "objects/row_reader.h"
 
-#include "core/lock.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "db/turn.h"
 #include "objects/row_log.h"
 #include "objects/row_query.h"
 #include "objects/sql_text.h"
@@ -66,7 +66,7 @@ int TakeRow(const ObjTypeRow &row, uint32_t oid, sqlite3_stmt *statement,
 int SelectRow(const ObjTypeRow &row, uint32_t oid, RowReading *pRow, int *pRet)
 {
     ObjRowState &state = StateOf(row);
-    const MutexLock lock(state.SelectObjMutex);
+    const StatementLock lock(state.SelectObjMutex);
     *pRet = PrepareSelect(row, oid, state.SelectStmt);
     if (*pRet != SQLITE_OK)
     {

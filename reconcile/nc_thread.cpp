@@ -5,7 +5,6 @@
 #include "core/sleep.h"
 #include "core/state.h"
 #include "core/status.h"
-#include "db/turn.h"
 #include "reconcile/count_check.h"
 #include "reconcile/reloads.h"
 
@@ -52,7 +51,6 @@ bool PauseBetweenPasses()
             return false;
         }
         SleepMicroseconds(kTurnMicroseconds);
-        GiveUpIdleRead();
     }
     return true;
 }

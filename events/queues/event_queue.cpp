@@ -2,10 +2,11 @@
 
 #include "core/lock.h"
 #include "core/log.h"
+#include "core/object_order.h"
 #include "core/state.h"
 #include "core/threads.h"
+#include "events/queues/admission.h"
 #include "events/queues/event_record.h"
-#include "events/queues/lane.h"
 
 #include <array>
 #include <cstdlib>
@@ -91,7 +92,7 @@ QdbEventNode *QdbnewNode(DataEventHeader *data, int seqNo)
         return nullptr;
     }
     LogEntry("QdbnewNode");
-    *node = {data, seqNo, nullptr};
+    *node = {data, seqNo, nullptr, 0};
     LogExit("QdbnewNode");
     return node;
 }
@@ -125,6 +126,7 @@ QdbEventNode *QdbdeQueue(QdbEventQueue *queue)
         if (queue->head != nullptr)
         {
             node = TakeHead(*queue);
+            node->taken = Tick();
             LogExit("QdbdeQueue");
             sizeBefore = QdbEventQSize.fetch_sub(1);
             if (sizeBefore - 1 <= kBacklogWorkedOff)

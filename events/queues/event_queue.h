@@ -19,6 +19,7 @@ struct QdbEventNode
     DataEventHeader *data;
     int seqNo; // for the log alone; two nodes may carry the same number
     QdbEventNode *next;
+    uint64_t taken; // the tick of core/object_order.h at which it was taken
 };
 
 // Guarded by gQdbDBMutex.
@@ -43,8 +44,8 @@ QdbEventNode *QdbnewNode(DataEventHeader *data, int seqNo);
 void QdbenQueue(QdbEventQueue *queue, DataEventHeader *record);
 
 // Waits for gQdbEventSem and takes the oldest node; NULL when the queue is
-// empty all the same. At 50 nodes or fewer clears gSkipConstraintCheck. Takes
-// gQdbDBMutex.
+// empty all the same. Ticks are in the order of taking. At 50 nodes or fewer
+// clears gSkipConstraintCheck. Takes gQdbDBMutex.
 QdbEventNode *QdbdeQueue(QdbEventQueue *queue);
 
 // Puts one stop record per worker on gQdbEventQueue.

@@ -36,24 +36,17 @@ Plan gPrepares;
 // Belongs to no operation, and is left alone.
 constexpr char kKeptRead[] = "SELECT 1 FROM sqlite_master";
 
-// What SQLite answers at once while a read of the service's is open. It isn't a
-// fault yet: the step is made again without that read.
+// What SQLite answers at once while a read of the service's is open. To a
+// statement that hasn't given a row it isn't a fault yet: the step is made
+// again without that read.
 bool MayBeOurRead(int status)
 {
     return status == SQLITE_BUSY || status == SQLITE_LOCKED ||
            status == SQLITE_ABORT;
 }
 
-// A read that has given rows is given ABORT once, and would begin anew.
-bool IsCutShort(sqlite3_stmt *statement, int status)
-{
-    return status == SQLITE_ABORT && statement != nullptr &&
-           sqlite3_stmt_busy(statement) != 0;
-}
-
-// The status to give instead of running; SQLITE_OK to run. The statement is
-// NULL for a prepare.
-int Intercept(Plan &plan, const char *sql, sqlite3_stmt *statement, bool kept)
+// The status to give instead of running; SQLITE_OK to run.
+int Intercept(Plan &plan, const char *sql, bool again)
 {
     const std::lock_guard<std::mutex> lock(gMutex);
     if (!gWatching || sql == nullptr || std::strcmp(sql, kKeptRead) == 0)
@@ -73,8 +66,7 @@ int Intercept(Plan &plan, const char *sql, sqlite3_stmt *statement, bool kept)
             --fault.skip;
             continue;
         }
-        if (kept && MayBeOurRead(fault.status) &&
-            !IsCutShort(statement, fault.status))
+        if (again && MayBeOurRead(fault.status))
         {
             plan.calls.pop_back();
             return fault.status;
@@ -140,9 +132,10 @@ extern "C"
 
     int __wrap_sqlite3_step(sqlite3_stmt *statement)
     {
-        const int status =
-            qdb::test::Intercept(qdb::test::gSteps, sqlite3_sql(statement),
-                                 statement, qdb::ReadIsKept());
+        const bool again =
+            qdb::ReadIsKept() && sqlite3_stmt_busy(statement) == 0;
+        const int status = qdb::test::Intercept(qdb::test::gSteps,
+                                                sqlite3_sql(statement), again);
         return status == SQLITE_OK ? __real_sqlite3_step(statement) : status;
     }
 
@@ -151,7 +144,7 @@ extern "C"
                                   const char **pTail)
     {
         const int status =
-            qdb::test::Intercept(qdb::test::gPrepares, sql, nullptr, false);
+            qdb::test::Intercept(qdb::test::gPrepares, sql, false);
         if (status != SQLITE_OK && status != SQLITE_ROW &&
             status != SQLITE_DONE)
         {
