@@ -2,7 +2,7 @@
 // delays wherever one of them could overtake another: consumers that follow
 // the signals alone know the tables.
 //
-// QDB_TEST_SIGNALS: how many signals at least; 3000 unless given.
+// QDB_TEST_SIGNALS: how many signals at least; 2000 unless given.
 
 #include "tests/support/db_fixture.h"
 #include "tests/support/signal_checker.h"
@@ -113,10 +113,10 @@ TEST_F(Churn, IsFollowedByItsSignalsAlone)
 {
     const char *given = std::getenv("QDB_TEST_SIGNALS");
     const size_t wanted =
-        given == nullptr ? 3000 : static_cast<size_t>(std::atol(given));
+        given == nullptr ? 2000 : static_cast<size_t>(std::atol(given));
     const auto delay = [](const char *call, const char *text, bool late)
     {
-        ASSERT_EQ(standin::SetDelay(call, {.microseconds = 3000,
+        ASSERT_EQ(standin::SetDelay(call, {.microseconds = 1000,
                                            .random = true,
                                            .late = late,
                                            .text = text}),
