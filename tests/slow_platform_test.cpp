@@ -3,6 +3,7 @@
 //
 // QDB_TEST_BURSTS: how many bursts of replaced objects; 3 unless given.
 
+#include "config/config_load.h"
 #include "core/state.h"
 #include "events/queues/event_queue.h"
 #include "platform/standin/commands.h"
@@ -12,6 +13,7 @@
 #include "tools/audit/audit.h"
 
 #include <cstdlib>
+#include <future>
 #include <set>
 
 namespace qdb::test
@@ -77,6 +79,7 @@ struct Story
     void (*before)(Mirror &);
     void (*record)();
     bool isReload = false; // which leaves the status in the row as it is
+    const char *only = ""; // the calls that are of interest begin like that
 };
 
 void PutParent(Mirror &)
@@ -144,6 +147,31 @@ void CreateAttribute(const std::string &interface)
     TellAttribute(kCreateEvent, interface);
 }
 
+std::future<int> gLoad;
+
+void LoadAttributes()
+{
+    gLoad =
+        std::async(std::launch::async,
+                   []
+                   {
+                       ConfigObjectList groups;
+                       groups.Fetch(kConfigGroup);
+                       return OnLoadConfigObjectsCreation(
+                           "com.vexo.tarnu.Config.CfgIntAttribute", &groups);
+                   });
+}
+
+// Waits until the record has been carried out.
+void Finish(Mirror &mirror)
+{
+    if (gLoad.valid())
+    {
+        EXPECT_EQ(gLoad.get(), 0);
+    }
+    mirror.Settle();
+}
+
 // clang-format off
 const Story kStories[] = {
     {"create", PutParent,
@@ -156,14 +184,15 @@ const Story kStories[] = {
     {"bus create, integer", [](Mirror &) {},
      [] { CreateAttribute("CfgIntAttribute"); }},
     {"bus create, text", [](Mirror &) {},
-     [] { CreateAttribute("CfgStrAttribute"); }},
+     [] { CreateAttribute("CfgStrAttribute"); }, false, "CfgStr"},
     {"bus create, enumeration", [](Mirror &) {},
-     [] { CreateAttribute("CfgEnumAttribute"); }},
+     [] { CreateAttribute("CfgEnumAttribute"); }, false, "CfgEnum"},
     {"bus create, password", [](Mirror &) {},
-     [] { CreateAttribute("CfgPasswdAttribute"); }},
+     [] { CreateAttribute("CfgPasswdAttribute"); }, false, "CfgPasswd"},
     {"bus refresh",
      [](Mirror &) { CreateAttribute("CfgIntAttribute"); },
      [] { PutAttribute("CfgIntAttribute", "b"); TellAttribute(3, "CfgIntAttribute"); }},
+    {"bulk load", [](Mirror &) { PutAttribute("CfgIntAttribute", "a"); }, LoadAttributes},
     {"reload of devices",
      [](Mirror &m) { PutReloaded(m, 0xEB, R"({"fwVersion": "a"})", R"({"fwVersion": "b"})"); },
      ChangeStatus, true},
@@ -189,6 +218,7 @@ constexpr const char *kAnswers[] = {
     "CfgIntAttribute_get_object",
     "CfgPasswdAttribute_get_object",
     "CfgStrAttribute_get_object",
+    "FreeObjectList",
     "ZOFreeMem",
     "ZOILDOGetObjKeyUTF8",
     "ZOILFreeGeneric",
@@ -197,6 +227,7 @@ constexpr const char *kAnswers[] = {
     "ZOILListChildOIDByType",
     "ZOILListParentOID",
     "client_get_obj_body_ptr",
+    "client_get_objects",
 };
 
 // The objects of another row that everything goes on with meanwhile.
@@ -231,6 +262,10 @@ struct ReleaseAtEnd
     {
         standin::ReleaseDelays();
         standin::WaitDelivered(kDeadlineMs);
+        if (gLoad.valid())
+        {
+            gLoad.wait();
+        }
     }
 };
 
@@ -252,7 +287,7 @@ std::vector<int> CallsOf(const Story &story)
         calls.push_back(-static_cast<int>(standin::CallCount(call)));
     }
     story.record();
-    mirror.Settle();
+    Finish(mirror);
     for (size_t i = 0; i < calls.size(); ++i)
     {
         calls[i] += static_cast<int>(standin::CallCount(kAnswers[i]));
@@ -286,7 +321,7 @@ void Hang(const Story &story, const std::string &call, standin::Delay delay)
         << "other objects wait";
     EXPECT_EQ(standin::HangingCalls(call), 1);
     standin::ReleaseDelays();
-    mirror.Settle();
+    Finish(mirror);
     Lines unequal = Unequal(mirror);
     std::erase_if(unequal,
                   [&](const std::string &line)
@@ -305,12 +340,18 @@ TEST(SlowPlatform, ACallThatHangsHoldsUpNobodyElse)
         const std::vector<int> calls = CallsOf(story);
         for (size_t i = 0; i < calls.size(); ++i)
         {
-            for (int skip = 0; skip < calls[i] && !HasFatalFailure(); ++skip)
+            const std::string call = kAnswers[i];
+            for (int skip = 0; skip < calls[i] && call.starts_with(story.only);
+                 ++skip)
             {
-                SCOPED_TRACE(std::string(story.name) + ": " + kAnswers[i] +
-                             " " + std::to_string(skip + 1));
-                called.insert(kAnswers[i]);
-                Hang(story, kAnswers[i], {.skip = skip});
+                if (HasFatalFailure())
+                {
+                    return;
+                }
+                SCOPED_TRACE(story.name + (": " + call) + " " +
+                             std::to_string(skip + 1));
+                called.insert(call);
+                Hang(story, call, {.skip = skip});
             }
         }
     }
