@@ -32,7 +32,7 @@ bool IsNeverStored(const ObjTypeRow &row, const Column &column)
                std::end(kNeverStored);
 }
 
-std::string SelectSql(const Table &table)
+SqlText SelectSql(const Table &table)
 {
     return ReadsWithSelectStar(table) ? SelectStarSql(table)
                                       : SelectJsonSql(table, false);
@@ -101,12 +101,13 @@ void Write(const StatementPtr &statement, std::initializer_list<int> values)
 }
 
 RowStatements::RowStatements(const ObjTypeRow &ofRow)
-    : row(ofRow), insert(InsertSql(*row.table)),
-      update(UpdateSql(*row.table, false)), select(SelectSql(*row.table))
+    : row(ofRow), insert(InsertSql(*row.table).c_str()),
+      update(UpdateSql(*row.table, false).c_str()),
+      select(SelectSql(*row.table).c_str())
 {
     for (const ArrayProperty &property : row.table->arrays)
     {
-        elements.emplace_back(SelectElementsSql(*property.table));
+        elements.emplace_back(SelectElementsSql(*property.table).c_str());
     }
 }
 

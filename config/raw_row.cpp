@@ -7,6 +7,7 @@
 #include "db/connection.h"
 #include "db/execute.h"
 #include "objects/change_json.h"
+#include "objects/json_text.h"
 #include "objects/row_reader.h"
 #include "publish/change_signal.h"
 
@@ -62,7 +63,7 @@ int ParseRow(sqlite3_stmt *statement, JsonPtr *pRow)
         return kFailed;
     }
     QDB_LOG(kLogTrace, "%s: Select query output = %s", text);
-    pRow->reset(json_loads(text, 0, nullptr));
+    *pRow = ParseJson(text, nullptr);
     return *pRow == nullptr ? kFailed : SQLITE_OK;
 }
 

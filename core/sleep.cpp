@@ -15,7 +15,7 @@ std::atomic<SleepFunction> gSleepFunction = nullptr;
 
 void SleepMicroseconds(unsigned microseconds)
 {
-    const Wait wait;
+    const Pause pause;
     if (const SleepFunction replaced = gSleepFunction)
     {
         replaced(microseconds);

@@ -8,6 +8,8 @@
 // a Wait: calls of the platform about an object, sleeps, a stalled bus.
 #pragma once
 
+#include "core/progress.h"
+
 #include <cassert>
 #include <cstdint>
 #include <ctime>
@@ -42,23 +44,34 @@ inline timespec ToTimespec(int64_t nanoseconds)
 // The time that the calling thread has spent in Waits so far.
 extern constinit thread_local int64_t tWaitedNanoseconds;
 
-// Stands around whatever may take its time.
-class Wait
+// Stands around a sleep.
+class Pause
 {
   public:
-    Wait() : since_(NowNanoseconds())
+    Pause() : since_(NowNanoseconds())
     {
         AssertMayWait();
     }
-    ~Wait()
+    ~Pause()
     {
         tWaitedNanoseconds += NowNanoseconds() - since_;
     }
-    Wait(const Wait &) = delete;
-    Wait &operator=(const Wait &) = delete;
+    Pause(const Pause &) = delete;
+    Pause &operator=(const Pause &) = delete;
 
   private:
     int64_t since_;
+};
+
+// Stands around whatever else may take its time, and might not come back.
+class Wait : Pause
+{
+  public:
+    Wait() = default;
+    ~Wait()
+    {
+        NoteProgress();
+    }
 };
 
 } // namespace qdb

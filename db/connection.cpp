@@ -111,7 +111,7 @@ int QDVDBInit()
     // per allocation. Refused, and then without effect, once SQLite is in use.
     (void)sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
     sqlite3 *handle = nullptr;
-    const int status = sqlite3_open(DatabasePath().c_str(), &handle);
+    const int status = sqlite3_open(DatabasePath().text, &handle);
     QDVdbHandle = handle;
     if (status != SQLITE_OK)
     {
@@ -133,13 +133,13 @@ bool HasDatabase()
     return true;
 }
 
-std::string SqliteErrorMessage()
+ErrorText SqliteErrorMessage()
 {
     sqlite3 *handle = QDVdbHandle;
     sqlite3_mutex *mutex =
         handle == nullptr ? nullptr : sqlite3_db_mutex(handle);
     sqlite3_mutex_enter(mutex);
-    std::string message = sqlite3_errmsg(handle);
+    const ErrorText message(sqlite3_errmsg(handle));
     sqlite3_mutex_leave(mutex);
     return message;
 }
@@ -160,7 +160,7 @@ StatementPtr PrepareOnce(const char *sql, int *pStatus)
 int CloseDatabase()
 {
     FinalizeKeptRead();
-    const int status = RunStatusLoop({}, 0,
+    const int status = RunStatusLoop({.endsAtStop = false}, 0,
                                      []
                                      {
                                          return sqlite3_close(QDVdbHandle);

@@ -2,6 +2,7 @@
 
 #include "core/lock.h"
 #include "core/log.h"
+#include "core/progress.h"
 #include "core/sleep.h"
 #include "core/state.h"
 #include "db/turn.h"
@@ -49,6 +50,7 @@ int StepOnce(sqlite3_stmt *statement, bool isFresh)
         // waits for that one, and neither gets on.
         sqlite3_reset(statement);
     }
+    NoteProgress();
     return status;
 }
 
@@ -99,6 +101,7 @@ int execute_statement(sqlite3_stmt *statement)
 
 Verdict JudgeAttempt(int status, RetryRule rule, int returnStatus)
 {
+    NoteProgress();
     if (IsSuccess(status))
     {
         return Verdict::Done;
@@ -107,7 +110,7 @@ Verdict JudgeAttempt(int status, RetryRule rule, int returnStatus)
     {
         GiveUpTurn();
         QDB_LOG(kLogTrace, "%s: \nStatusCheck:Retry\n");
-        if (rule.pauseWhenBusy)
+        if (rule.pauseWhenBusy && !(rule.endsAtStop && StopPatienceIsOver()))
         {
             SleepMicroseconds(kBusyPauseMicroseconds);
         }

@@ -3,10 +3,12 @@
 // A status loop runs an operation up to 100 times. Success ends it; BUSY and
 // LOCKED are waited out, 110 ms each; ZO_STATUS_INVALID_VALUE is tried again at
 // once; anything else ends it as a failure. No lock of this file is held while
-// a loop sleeps.
+// a loop sleeps. Two seconds after a stop was requested a loop that meets a
+// busy database counts as used up.
 #pragma once
 
 #include "core/status.h"
+#include "core/threads.h"
 
 #include <sqlite3.h>
 
@@ -33,6 +35,7 @@ int LastStepStatus();
 struct RetryRule
 {
     bool pauseWhenBusy = true;
+    bool endsAtStop = true;
 };
 
 enum class Verdict
@@ -70,6 +73,10 @@ int RunStatusLoop(RetryRule rule, const int &returnStatus, Operation operation,
         if (verdict != Verdict::Again)
         {
             return status;
+        }
+        if (rule.endsAtStop && IsBusy(status) && StopPatienceIsOver())
+        {
+            break;
         }
     }
     LogAttemptsUsedUp(returnStatus);

@@ -8,7 +8,9 @@
 #include "db/execute.h"
 #include "db/turn.h"
 
-#include <vector>
+#include <algorithm>
+#include <bitset>
+#include <span>
 
 namespace qdb
 {
@@ -114,6 +116,25 @@ void RecordLink(uint32_t oid, uint32_t parentOid, bool parentFound)
     InsertInParentChildMappingTable(oid, parentOid);
 }
 
+// Links are fetched and recorded in blocks, so that a create whose row is
+// written needs no memory for them.
+constexpr size_t kLinkBlock = 64;
+
+// At most kLinkBlock parents.
+void RecordLinks(uint32_t oid, std::span<const uint32_t> parentOids)
+{
+    std::bitset<kLinkBlock> found;
+    for (size_t i = 0; i < parentOids.size(); ++i)
+    {
+        found[i] = FetchRelated(parentOids[i]) != nullptr;
+    }
+    const DbTurn turn;
+    for (size_t i = 0; i < parentOids.size(); ++i)
+    {
+        RecordLink(oid, parentOids[i], found[i]);
+    }
+}
+
 } // namespace
 
 int InsertInTblEtag(const char *tableName)
@@ -188,16 +209,12 @@ void RefreshParentChildMapping(const DataObjHeader *pDOH, uint32_t oid)
     {
         return;
     }
-    std::vector<bool> found;
-    found.reserve(parents.Oids().size());
-    for (const uint32_t parentOid : parents.Oids())
+    std::span<const uint32_t> left = parents.Oids();
+    while (!left.empty())
     {
-        found.push_back(FetchRelated(parentOid) != nullptr);
-    }
-    const DbTurn turn;
-    for (size_t i = 0; i < found.size(); ++i)
-    {
-        RecordLink(oid, parents.Oids()[i], found[i]);
+        const auto block = left.first(std::min(kLinkBlock, left.size()));
+        left = left.subspan(block.size());
+        RecordLinks(oid, block);
     }
 }
 

@@ -5,6 +5,7 @@
 #include "core/sleep.h"
 #include "core/state.h"
 #include "core/status.h"
+#include "core/threads.h"
 #include "db/connection.h"
 #include "db/execute.h"
 #include "db/mapping.h"
@@ -155,11 +156,14 @@ bool LetHolderGetOn()
     return claim == nullptr || claim->LetOthersGoFirst();
 }
 
-// Up to a hundred attempts. False when a bind failed.
+// Up to a hundred attempts, or until the patience of a stop is over: whoever
+// has the OID may hang. False when a bind failed.
 bool StepInsert(const Insert &insert, int *pStatus)
 {
-    for (int attempt = 1; attempt <= kAttempts; ++attempt)
+    bool isLast = false;
+    for (int attempt = 1; !isLast; ++attempt)
     {
+        isLast = attempt == kAttempts || StopPatienceIsOver();
         if (attempt > 1 && !LetHolderGetOn())
         {
             *pStatus = ZO_STATUS_INVALID_VALUE;
@@ -169,7 +173,7 @@ bool StepInsert(const Insert &insert, int *pStatus)
         {
             return false;
         }
-        if (!JudgeInsert(insert, *pStatus, attempt == kAttempts))
+        if (!JudgeInsert(insert, *pStatus, isLast))
         {
             break;
         }

@@ -1,6 +1,7 @@
 #include "events/listener.h"
 
 #include "core/gate.h"
+#include "core/guard.h"
 #include "core/log.h"
 #include "core/ready.h"
 #include "core/state.h"
@@ -187,7 +188,11 @@ int QDVEventListener(DataEventHeader *record)
     {
         return 0;
     }
-    HandleRecord(*record);
+    Guard("event listener",
+          [&]
+          {
+              HandleRecord(*record);
+          });
     LogExit("QDVEventListener");
     return 0;
 }

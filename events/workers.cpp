@@ -1,6 +1,7 @@
 #include "events/workers.h"
 
 #include "config/raw_data.h"
+#include "core/guard.h"
 #include "core/log.h"
 #include "core/state.h"
 #include "core/status.h"
@@ -84,7 +85,11 @@ void RunRecords(int thID)
                     node->seqNo, thID);
             return;
         }
-        status = Dispatch(*node, thID, status);
+        Guard("event record",
+              [&]
+              {
+                  status = Dispatch(*node, thID, status);
+              });
         node.reset();
         if (status == SQLITE_CORRUPT)
         {

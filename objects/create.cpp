@@ -1,5 +1,6 @@
 // The create handler. See handlers.h.
 
+#include "core/guard.h"
 #include "core/lock.h"
 #include "core/object_order.h"
 #include "core/state.h"
@@ -69,7 +70,7 @@ int PrepareInsert(const Create &create)
                 create.row.suffix);
         return SQLITE_OK;
     }
-    const std::string sql = InsertSql(*create.row.table);
+    const SqlText sql = InsertSql(*create.row.table);
     bool wasReady = false;
     const int status =
         slot.Prepare(sql.c_str(), static_cast<int>(sql.size()), &wasReady);
@@ -333,9 +334,13 @@ int CreateObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
     }
     else
     {
-        const MutexLock lock(create.state.CreateObjMutex);
-        WaitForDelete(create);
-        ret = RunClaimed(create);
+        Guard("create",
+              [&]
+              {
+                  const MutexLock lock(create.state.CreateObjMutex);
+                  WaitForDelete(create);
+                  ret = RunClaimed(create);
+              });
     }
     const int status = ResultOf(ret);
     QDB_LOG(kLogTrace, "%s: [%s] %s%s Exit for OID: %d,status:%d ret:%d",

@@ -1,5 +1,6 @@
 // The delete handler. See handlers.h.
 
+#include "core/guard.h"
 #include "core/lock.h"
 #include "core/object_order.h"
 #include "core/state.h"
@@ -15,7 +16,7 @@
 #include "objects/row_reader.h"
 #include "publish/change_signal.h"
 
-#include <string>
+#include <cstdio>
 
 namespace qdb
 {
@@ -151,12 +152,18 @@ int DeleteLocked(const ObjTypeRow &row, const DataObjHeader *pDOH,
 int DeleteObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
                  Destroy *event)
 {
-    const std::string function = std::string(kStem) + row.suffix;
-    LogEntry(function.c_str());
+    char function[128];
+    std::snprintf(function, sizeof(function), "%s%s", kStem, row.suffix);
+    LogEntry(function);
     Destroy ofThePresent = {Tick()};
-    const int status =
-        DeleteLocked(row, pDOH, event == nullptr ? ofThePresent : *event);
-    LogExit(function.c_str());
+    int status = kFailed;
+    Guard("delete",
+          [&]
+          {
+              status = DeleteLocked(row, pDOH,
+                                    event == nullptr ? ofThePresent : *event);
+          });
+    LogExit(function);
     return status;
 }
 

@@ -1,5 +1,6 @@
 // The refresh handler. See handlers.h.
 
+#include "core/guard.h"
 #include "core/lock.h"
 #include "core/object_order.h"
 #include "core/state.h"
@@ -87,7 +88,7 @@ int PrepareUpdate(const Refresh &refresh)
                 refresh.row.suffix);
         return SQLITE_OK;
     }
-    const std::string sql =
+    const SqlText sql =
         UpdateSql(*refresh.row.table, refresh.row.objType == kStringAttribute);
     bool wasReady = false;
     const int status =
@@ -263,8 +264,12 @@ int RefreshObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
     }
     else
     {
-        const MutexLock lock(refresh.state.RefreshObjMutex);
-        status = RunClaimed(refresh);
+        Guard("refresh",
+              [&]
+              {
+                  const MutexLock lock(refresh.state.RefreshObjMutex);
+                  status = RunClaimed(refresh);
+              });
     }
     QDB_LOG(kLogTrace, "%s: [%s] %s%s Exit for OID: %d,status:%d ret:%d",
             row.suffix, kStem, row.suffix, refresh.LogOid(), status,

@@ -9,6 +9,7 @@
 #include "db/turn.h"
 
 #include <cstring>
+#include <new>
 #include <string>
 
 namespace qdb
@@ -114,12 +115,24 @@ bool WriteText(sqlite3_stmt *statement, std::string *pText)
     return true;
 }
 
+// False also without memory: the object may need less.
+bool TakePlain(const Table &table, sqlite3_stmt *statement, RowReading *pRow)
+{
+    try
+    {
+        std::string text;
+        return WriteText(statement, &text) && pRow->ReadPlain(table, text);
+    }
+    catch (const std::bad_alloc &)
+    {
+        return false;
+    }
+}
+
 int TakeRow(const Table &table, sqlite3_stmt *statement, RowReading *pRow)
 {
-    std::string text;
-    return WriteText(statement, &text) && pRow->ReadPlain(table, text)
-               ? SQLITE_OK
-               : BuildObject(statement, pRow);
+    return TakePlain(table, statement, pRow) ? SQLITE_OK
+                                             : BuildObject(statement, pRow);
 }
 
 int RunQuery(const ObjTypeRow &row, const char *sqlText, uint32_t oid,

@@ -153,8 +153,8 @@ TEST_F(DbTest, FailuresInATurnKeepTheirText)
     const StatementPtr statement =
         PrepareOnce("INSERT INTO ActiveOIDMapping VALUES (1, 2)", &status);
     EXPECT_EQ(execute_statement(statement.get()), -1);
-    EXPECT_EQ(SqliteErrorMessage(),
-              "UNIQUE constraint failed: ActiveOIDMapping.OID");
+    EXPECT_STREQ(SqliteErrorMessage().c_str(),
+                 "UNIQUE constraint failed: ActiveOIDMapping.OID");
 }
 
 } // namespace

@@ -110,6 +110,13 @@ void ClearSqliteFaults()
     gWatching = true;
 }
 
+void IgnoreSqlite()
+{
+    ClearSqliteFaults();
+    const std::lock_guard<std::mutex> lock(gMutex);
+    gWatching = false;
+}
+
 int StepCount(const std::string &sql)
 {
     return CountCalls(gSteps, sql);
