@@ -14,9 +14,6 @@ struct ParsedRows
     using Row = JsonPtr;
     using Text = JsonText;
 
-    // Whether a read statement stays open while the loop runs.
-    static constexpr bool kKeepsLock = false;
-
     // Throws std::runtime_error when there is no such row.
     static Row Read(RowStatements &statements, uint32_t oid);
 

@@ -51,14 +51,25 @@ Process::~Process()
     }
 }
 
-void Process::Join()
+void Process::End()
 {
+    // A stop takes ten seconds at most.
+    constexpr int kLimitMs = 15000;
     int status = 0;
-    waitpid(pid_, &status, 0);
+    kill(pid_, SIGTERM);
+    int waited = 0;
+    while (waitpid(pid_, &status, WNOHANG) != pid_)
+    {
+        if (++waited > kLimitMs)
+        {
+            throw std::runtime_error("a process doesn't end");
+        }
+        usleep(1000);
+    }
     pid_ = -1;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
     {
-        throw std::runtime_error("a process of the bench failed");
+        throw std::runtime_error("a process ended with a failure");
     }
 }
 

@@ -66,8 +66,14 @@ class Process
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
 
-    // Waits for its end. Throws std::runtime_error unless it ended with 0.
-    void Join();
+    pid_t Id() const
+    {
+        return pid_;
+    }
+
+    // Tells it to end, and waits. Throws std::runtime_error unless it ended
+    // with 0.
+    void End();
 
   private:
     pid_t pid_;

@@ -1,5 +1,8 @@
 #include "bench/scratch.h"
 
+#include "tools/schema_sql.h"
+
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -15,43 +18,49 @@ constexpr char kTmpfs[] = "/dev/shm";
 
 } // namespace
 
-Scratch::Scratch()
+Directory::Directory(const std::string &parent)
+    : path_(parent + "/qdbbench.XXXXXX")
 {
-    if (OnTmpfs())
+    if (mkdtemp(path_.data()) == nullptr)
     {
-        MoveToTmpfs();
+        throw std::runtime_error("can't make " + path_);
     }
-    root_.MakeDatabase();
-    root_.MakePipe();
 }
 
-Scratch::Directory::~Directory()
+Directory::~Directory()
 {
-    if (!path.empty())
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+Scratch::Scratch() : root_(OnTmpfs() ? kTmpfs : "/tmp")
+{
+    std::filesystem::create_directories(Root() + "/var/run/quillondatabase");
+    std::filesystem::create_directories(Root() + "/var/run/telemetryservice");
+    std::string error;
+    if (!CreateDatabase(Database(), false, &error))
     {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
+        throw std::runtime_error(error);
     }
+    if (mkfifo(Pipe().c_str(), 0600) != 0)
+    {
+        throw std::runtime_error("can't make " + Pipe());
+    }
+}
+
+std::string Scratch::Database() const
+{
+    return Root() + "/var/run/quillondatabase/DMLiveObjectDatabase.db";
+}
+
+std::string Scratch::Pipe() const
+{
+    return Root() + "/var/run/telemetryservice/qdbtdbipcpipe";
 }
 
 bool Scratch::OnTmpfs()
 {
     return access(kTmpfs, W_OK) == 0;
-}
-
-// Puts a link in the place of the database's directory.
-void Scratch::MoveToTmpfs()
-{
-    std::string pattern = std::string(kTmpfs) + "/qdbbench.XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr)
-    {
-        throw std::runtime_error("can't make " + pattern);
-    }
-    tmpfs_.path = pattern;
-    const std::filesystem::path place =
-        std::filesystem::path(root_.Database()).parent_path();
-    std::filesystem::remove(place);
-    std::filesystem::create_directory_symlink(tmpfs_.path, place);
 }
 
 } // namespace qdb::bench

@@ -1,29 +1,97 @@
-// The service as a whole, in a process of its own: everything that its `main`
-// starts, with the stand-in as Data Manager below it.
+// The service as its users run it: a process of its own, told of objects and
+// events through the stand-in's control socket, and looked at from outside.
+//
+// Whatever program is measured, the stand-in is the bench's own: it is
+// preloaded, so that an older service meets the same platform.
 #pragma once
 
+#include "bench/process.h"
 #include "bench/scratch.h"
-#include "bench/side.h"
-#include "bench/subscriber.h"
+#include "tools/dmctl/client.h"
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
 
 namespace qdb::bench
 {
 
-// Changes per second of Kind::Changes.
-inline constexpr int kChangesPerSecond = 1000;
-
-// When the listener was called, event by event, in nanoseconds of the steady
-// clock.
-struct EventTimes
+// Processor time so far, in nanoseconds.
+struct Usage
 {
-    int64_t times[Subscribers::kMaxArrivals];
+    int64_t service;
+    int64_t answers; // the stand-in's, to calls about objects
+    int64_t events;  // the stand-in's own threads, but for the callbacks
 };
 
-// A side that runs the service and answers all kinds of requests. Its first two
-// prepare and run a Populate, from the entry of main to readiness. The NC
-// thread is held back until a Reconcile; from then on there are more records on
-// the pipe than the steps explain.
-int RunServiceSide(const Channel &channel, const Scratch &scratch,
-                   EventTimes *pTimes);
+// What one event type has in a step's record.
+struct Events
+{
+    uint16_t type;
+    std::vector<uint32_t> oids;
+    bool together; // one record for all, else one each
+};
+
+// All throw std::runtime_error when the service is gone or refuses.
+class Service
+{
+  public:
+    // Starts the program; returns when it is about to register its listener,
+    // the last thing before it opens the database, and waits there.
+    explicit Service(const std::string &program);
+
+    // Lets it go on.
+    void Go();
+
+    // Waits until it has published its readiness.
+    void AwaitReady();
+
+    // Carries out operations of the control socket; their events aren't sent.
+    void Execute(const Json &operations);
+
+    // Sends the events as fast as the listener takes them, and returns at once.
+    // Gives the time when the first was let in.
+    int64_t Announce(const Events &events);
+
+    // Sends one event after the other when it is due. Gives the times at which
+    // the listener was called.
+    std::vector<int64_t> AnnounceAtRate(const Events &events, int perSecond);
+
+    // How a platform function's calls behave; microseconds 0: as ever. One call
+    // about `oid` hangs until all delays are released.
+    void SetDelay(const char *call, int microseconds);
+    void Hang(const char *call, uint32_t oid);
+    void AwaitHanging(const char *call);
+    void ReleaseDelays();
+
+    // Calls of a platform function so far.
+    uint64_t Calls(const char *call);
+
+    Usage ReadUsage();
+
+    // Bytes in use in its heap, with the stand-in's, and bytes resident.
+    int64_t Heap();
+    int64_t Resident() const;
+
+    // Ends it as a shutdown does.
+    void End()
+    {
+        process_.End();
+    }
+
+    const Scratch &Files() const
+    {
+        return scratch_;
+    }
+
+  private:
+    int Run(const std::string &program) const;
+    uint64_t Ask(const Json &request, const char *member);
+
+    Scratch scratch_;
+    Process process_;
+    Client client_{scratch_.Root() + "/control"};
+};
 
 } // namespace qdb::bench

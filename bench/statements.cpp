@@ -76,11 +76,6 @@ StatementPtr PrepareText(const std::string &sql)
     return statement;
 }
 
-int64_t RowsWritten()
-{
-    return sqlite3_total_changes64(QDVdbHandle);
-}
-
 void StepTo(const StatementPtr &statement, int expected)
 {
     if (sqlite3_step(statement.get()) != expected)

@@ -17,9 +17,6 @@ namespace qdb::bench
 // Throws std::runtime_error when the text can't be prepared.
 StatementPtr PrepareText(const std::string &sql);
 
-// Rows that the process's connection has written so far.
-int64_t RowsWritten();
-
 // Throws std::runtime_error unless the step gives `expected`.
 void StepTo(const StatementPtr &statement, int expected);
 

@@ -1,21 +1,19 @@
 #include "bench/subscriber.h"
 
-#include "bench/digest.h"
+#include "bench/wait.h"
 #include "publish/bus_connection.h"
-#include "tests/support/wait.h"
 
-#include <fcntl.h>
 #include <systemd/sd-bus.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
 namespace qdb::bench
+{
+namespace
 {
 
 // Written by the child alone, but for `keepsArrivals`. `signals` comes last,
@@ -25,36 +23,12 @@ struct Tally
     std::atomic<bool> listening;
     std::atomic<bool> keepsArrivals;
     std::atomic<int64_t> lastArrival;
-    std::atomic<uint64_t> digest;
     std::atomic<uint64_t> signals;
-    std::atomic<uint64_t> fences;
     std::atomic<uint64_t> arrivalCount;
     Arrival arrivals[Subscribers::kMaxArrivals];
 };
 static_assert(std::atomic<uint64_t>::is_always_lock_free,
               "the words are shared between processes");
-
-struct Subscribers::One
-{
-    One();
-
-    Shared<Tally> tally;
-    Process process;
-
-    // The counts at Begin.
-    uint64_t signals = 0;
-    uint64_t digest = 0;
-    uint64_t fences = 0;
-};
-
-namespace
-{
-
-// The pipe's; more than any burst of records while the reader has to wait.
-constexpr int kPipeSize = 1 << 20;
-
-// "||", "|", "|", "|" and "||" of one record.
-constexpr uint64_t kBarsOfRecord = 7;
 
 uint32_t OidOf(const char *text)
 {
@@ -77,16 +51,11 @@ void NoteArrival(Tally &tally, const char *text, int64_t time)
 
 int OnSignal(sd_bus_message *message, void *userData, sd_bus_error * /*error*/)
 {
-    const int64_t now = Clock::now().time_since_epoch().count();
+    const int64_t now = Now();
     Tally &tally = *static_cast<Tally *>(userData);
     const char *text = nullptr;
     if (sd_bus_message_read(message, "s", &text) <= 0)
     {
-        return 0;
-    }
-    if (std::strcmp(text, kFence) == 0)
-    {
-        ++tally.fences;
         return 0;
     }
     if (tally.keepsArrivals)
@@ -94,7 +63,6 @@ int OnSignal(sd_bus_message *message, void *userData, sd_bus_error * /*error*/)
         NoteArrival(tally, text, now);
     }
     tally.lastArrival = now;
-    tally.digest += SignalDigest(sd_bus_message_get_member(message), text);
     ++tally.signals;
     return 0;
 }
@@ -124,6 +92,18 @@ int Listen(Tally &tally)
 
 } // namespace
 
+struct Subscribers::One
+{
+    One();
+
+    // Throws std::runtime_error when it has had more than it expected.
+    void CheckNoMore(const std::string &sender) const;
+
+    Shared<Tally> tally;
+    Process process;
+    uint64_t expected = 0; // signals, since it listens
+};
+
 Subscribers::One::One()
     : process(
           [this]
@@ -131,13 +111,20 @@ Subscribers::One::One()
               return Listen(*tally);
           })
 {
-    if (!test::WaitUntil(
-            [this]
-            {
-                return tally->listening.load();
-            }))
+    Await("a subscriber",
+          [this]
+          {
+              return tally->listening.load();
+          });
+}
+
+void Subscribers::One::CheckNoMore(const std::string &sender) const
+{
+    if (const uint64_t arrived = tally->signals; arrived > expected)
     {
-        throw std::runtime_error("no subscriber on the bus");
+        throw std::runtime_error(sender + ": " +
+                                 std::to_string(arrived - expected) +
+                                 " signals more than operations");
     }
 }
 
@@ -153,113 +140,36 @@ Subscribers::~Subscribers() = default;
 
 void Subscribers::Begin(bool withArrivals)
 {
-    for (One &one : all_)
+    for (const One &one : all_)
     {
-        one.signals = one.tally->signals;
-        one.digest = one.tally->digest;
-        one.fences = one.tally->fences;
+        one.CheckNoMore("after the last step");
     }
     Tally &first = *all_.front().tally;
     first.arrivalCount = 0;
     first.keepsArrivals = withArrivals;
 }
 
-Received Subscribers::End(uint64_t signals, const std::string &sender) const
+int64_t Subscribers::End(uint64_t signals, const std::string &sender)
 {
-    Received received = {};
-    for (const One &one : all_)
+    int64_t last = 0;
+    for (One &one : all_)
     {
-        const bool fenced = test::WaitUntil(
-            [&one]
-            {
-                return one.tally->fences == one.fences + 1;
-            });
-        const uint64_t arrived = one.tally->signals - one.signals;
-        if (!fenced || arrived != signals)
-        {
-            throw std::runtime_error(sender + ": " + std::to_string(arrived) +
-                                     " signals arrived instead of " +
-                                     std::to_string(signals));
-        }
-        const uint64_t digest = one.tally->digest - one.digest;
-        if (&one != &all_.front() && digest != received.digest)
-        {
-            throw std::runtime_error(sender +
-                                     ": subscribers received different texts");
-        }
-        received.digest = digest;
-        received.last = std::max(received.last, one.tally->lastArrival.load());
+        one.expected += signals;
+        Await(std::to_string(signals) + " signals of " + sender,
+              [&one]
+              {
+                  return one.tally->signals >= one.expected;
+              });
+        last = std::max(last, one.tally->lastArrival.load());
+        one.CheckNoMore(sender);
     }
-    return received;
+    return last;
 }
 
 std::vector<Arrival> Subscribers::Arrivals() const
 {
     const Tally &first = *all_.front().tally;
     return {first.arrivals, first.arrivals + first.arrivalCount};
-}
-
-PipeReader::PipeReader(const std::string &path)
-    : process_(
-          [&]
-          {
-              Read(path);
-              return 1;
-          })
-{
-    if (!test::WaitUntil(
-            [this]
-            {
-                return count_->open.load();
-            }))
-    {
-        throw std::runtime_error("nobody reads " + path);
-    }
-}
-
-// Opened for writing as well, so that the pipe never ends.
-void PipeReader::Read(const std::string &path) const
-{
-    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0 || fcntl(fd, F_SETPIPE_SZ, kPipeSize) < 0)
-    {
-        throw std::runtime_error("can't open " + path);
-    }
-    count_->open = true;
-    char block[65536];
-    for (;;)
-    {
-        const ssize_t length = read(fd, block, sizeof(block));
-        if (length < 0 && errno != EINTR)
-        {
-            throw std::runtime_error("can't read " + path);
-        }
-        count_->bars += static_cast<uint64_t>(
-            std::count(block, block + std::max<ssize_t>(length, 0), '|'));
-    }
-}
-
-void PipeReader::Expect(uint64_t records)
-{
-    const uint64_t expected = before_ + records * kBarsOfRecord;
-    test::WaitUntil(
-        [&]
-        {
-            return count_->bars >= expected;
-        });
-    const uint64_t bars = count_->bars;
-    if (bars != expected)
-    {
-        throw std::runtime_error(
-            std::to_string((bars - before_) / kBarsOfRecord) +
-            " telemetry records arrived instead of " + std::to_string(records));
-    }
-    before_ = bars;
-}
-
-void PipeReader::Skip()
-{
-    before_ = count_->bars;
 }
 
 } // namespace qdb::bench

@@ -1,11 +1,8 @@
-// The other ends, each a process of its own: the receivers of the change
-// signals, and the reader of the telemetry pipe.
+// The receivers of the change signals, each a process of its own.
 #pragma once
 
 #include "bench/process.h"
 
-#include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <list>
 #include <string>
@@ -14,12 +11,6 @@
 namespace qdb::bench
 {
 
-using Clock = std::chrono::steady_clock;
-
-// Sent behind the last signal of a run, by the same connection: when it has
-// arrived, everything before it has.
-inline constexpr char kFence[] = "fence";
-
 // When a signal about an object arrived, in nanoseconds of the steady clock.
 struct Arrival
 {
@@ -27,17 +18,8 @@ struct Arrival
     int64_t time;
 };
 
-// What one run brought.
-struct Received
-{
-    uint64_t digest; // of all texts, without their tags
-    int64_t last;    // when the last signal arrived at the last subscriber
-};
-
-struct Tally;
-
 // Processes that count the signals on the system bus. One run at a time: Begin,
-// some signals, a fence, End.
+// some signals, End.
 class Subscribers
 {
   public:
@@ -48,13 +30,14 @@ class Subscribers
     Subscribers &operator=(const Subscribers &) = delete;
 
     // `withArrivals`: the first one keeps the times, of kMaxArrivals signals at
-    // most.
+    // most. Throws std::runtime_error when one has had more signals than the
+    // last End waited for.
     void Begin(bool withArrivals = false);
 
-    // Waits for the fence at all of them. Throws std::runtime_error, in which
-    // `sender` is named, unless each had exactly that many signals, and all the
-    // same.
-    Received End(uint64_t signals, const std::string &sender) const;
+    // Waits until each has had that many signals. Returns when the last of
+    // them arrived at the last one. Throws std::runtime_error, in which
+    // `sender` is named, when they don't come or more have come.
+    int64_t End(uint64_t signals, const std::string &sender);
 
     // Of the last run.
     std::vector<Arrival> Arrivals() const;
@@ -65,36 +48,6 @@ class Subscribers
     struct One;
 
     std::list<One> all_;
-};
-
-// A process that counts the records of a telemetry pipe.
-class PipeReader
-{
-  public:
-    // Returns when the pipe is open. Throws std::runtime_error when it can't
-    // be.
-    explicit PipeReader(const std::string &path);
-
-    // Waits for that many records since the last call. Throws
-    // std::runtime_error when it were more or less.
-    void Expect(uint64_t records);
-
-    // Forgets what has come so far.
-    void Skip();
-
-  private:
-    // Written by the child alone.
-    struct Count
-    {
-        std::atomic<bool> open;
-        std::atomic<uint64_t> bars; // the character that divides the fields
-    };
-
-    void Read(const std::string &path) const;
-
-    Shared<Count> count_;
-    uint64_t before_ = 0; // bars
-    Process process_;
 };
 
 } // namespace qdb::bench

@@ -1,10 +1,9 @@
 #include "bench/workload.h"
 
-#include "core/json.h"
 #include "objects/catalogue.h"
 #include "platform/standin/generator.h"
 #include "platform/standin/layout.h"
-#include "platform/standin/standin.h"
+#include "tools/dmctl/client.h"
 
 #include <algorithm>
 #include <iterator>
@@ -18,7 +17,7 @@ namespace
 
 constexpr uint16_t kParentType = 0x91; // the system
 constexpr uint16_t kProbeType = 0x1B;
-constexpr uint16_t kMeasuredType = 0xE1;
+constexpr uint16_t kMeasuredType = 0xE6;
 
 // Sensors, supplies, storage, network, settings and inventory: narrow and wide
 // tables, two with SELECT * readers and one with previous values. None is read
@@ -42,12 +41,11 @@ constexpr Parent kBattery = {0x1001, "Tarnu.Embedded.1#SubSystem.1#Battery"};
 // Sets don't meet up to a million objects.
 constexpr uint32_t kFirstOid[] = {0x100000, 0x200000, 0x300000};
 
-void Check(const standin::Error &error)
+Json Quiet(const char *operation)
 {
-    if (!error.empty())
-    {
-        throw std::runtime_error("the stand-in refused: " + error);
-    }
+    Json request = Operation(operation);
+    Put(request, "announce", Json(json_false()));
+    return request;
 }
 
 bool IsSingleton(uint32_t objType)
@@ -84,25 +82,31 @@ uint32_t FirstOid(Set set)
     return kFirstOid[static_cast<size_t>(set)];
 }
 
-void PutObject(uint16_t type, uint32_t oid, bool isFirst, const char *key = "")
+void PutObject(const Json &operations, uint16_t type, uint32_t oid,
+               bool isFirst, const char *key = nullptr)
 {
-    const standin::Json values = standin::GenerateValues(type, oid, isFirst);
-    std::vector<uint32_t> parents;
+    Json request = Quiet("create");
+    Put(request, "type", Number(type));
+    Put(request, "oid", Number(oid));
+    Put(request, "values", standin::GenerateValues(type, oid, isFirst));
     if (const Parent *parent = ParentOf(type, oid))
     {
-        parents = {parent->oid};
+        Put(request, "parents", Json(json_pack("[I]", json_int_t{parent->oid})));
     }
-    Check(
-        standin::CreateObject({type, oid, parents, values.get(), key}, false));
+    if (key != nullptr)
+    {
+        Put(request, "key", Text(key));
+    }
+    Append(operations, std::move(request));
 }
 
 // Types in turn; objects of a type with two tables take turns between them.
-void PutSet(Set set, uint32_t first, uint32_t end)
+void PutSet(const Json &operations, Set set, uint32_t first, uint32_t end)
 {
     const std::vector<uint16_t> types = TypesOf(set);
     for (uint32_t i = first; i < end; ++i)
     {
-        PutObject(types[i % types.size()], FirstOid(set) + i,
+        PutObject(operations, types[i % types.size()], FirstOid(set) + i,
                   i / types.size() % 2 == 0);
     }
 }
@@ -110,19 +114,19 @@ void PutSet(Set set, uint32_t first, uint32_t end)
 constexpr uint32_t kSpecialObjects =
     1 + static_cast<uint32_t>(std::size(kSingletons));
 
-void PutPopulation(uint32_t count)
+void PutPopulation(const Json &operations, uint32_t count)
 {
-    PutObject(kParentType, kSystem.oid, true, kSystem.key);
-    PutObject(kBatteryType, kBattery.oid, true, kBattery.key);
+    PutObject(operations, kParentType, kSystem.oid, true, kSystem.key);
+    PutObject(operations, kBatteryType, kBattery.oid, true, kBattery.key);
     uint32_t oid = kBattery.oid;
     for (const uint16_t type : kSingletons)
     {
         if (type != kParentType)
         {
-            PutObject(type, ++oid, true);
+            PutObject(operations, type, ++oid, true);
         }
     }
-    PutSet(Set::Population, kSpecialObjects, count);
+    PutSet(operations, Set::Population, kSpecialObjects, count);
 }
 
 // A whole number of its own that has room for a step's value.
@@ -145,21 +149,31 @@ const char *ChangedColumn(const Table &table)
 }
 
 // By the place in the set.
-void ChangeObjects(const Step &step)
+void ChangeObjects(const Json &operations, const Step &step)
 {
     const std::vector<uint16_t> types = TypesOf(step.set);
-    std::vector<JsonPtr> changes;
-    for (const uint16_t type : types)
-    {
-        changes.emplace_back(json_pack("{s:I}",
-                                       ChangedColumn(*FindRow(type)->table),
-                                       static_cast<json_int_t>(step.value)));
-    }
     for (uint32_t i = step.first; i < step.first + step.count; ++i)
     {
-        Check(standin::SetObject(FirstOid(step.set) + i,
-                                 changes[i % types.size()].get(), false));
+        const Table &table = *FindRow(types[i % types.size()])->table;
+        const Json values(json_object());
+        Put(values, ChangedColumn(table), Number(step.value));
+        Json request = Quiet("set");
+        Put(request, "oid", Number(FirstOid(step.set) + i));
+        Put(request, "values", Share(values.get()));
+        Append(operations, std::move(request));
     }
+}
+
+Json DeleteRequest(const Step &step)
+{
+    const Json oids(json_array());
+    for (const uint32_t oid : OidsOf(step))
+    {
+        Append(oids, Number(oid));
+    }
+    Json request = Quiet("delete");
+    Put(request, "oids", Share(oids.get()));
+    return request;
 }
 
 } // namespace
@@ -183,26 +197,28 @@ std::vector<uint32_t> OidsOf(const Step &step)
     return oids;
 }
 
-void PrepareObjects(const Step &step)
+Json OperationsFor(const Step &step)
 {
-    switch (step.operation)
+    Json operations(json_array());
+    switch (step.action)
     {
-    case Operation::Populate:
-        PutPopulation(step.count);
+    case Action::Populate:
+        PutPopulation(operations, step.count);
         break;
-    case Operation::Create:
-        PutSet(step.set, step.first, step.first + step.count);
+    case Action::Create:
+        PutSet(operations, step.set, step.first, step.first + step.count);
         break;
-    case Operation::RefreshChanged:
-        ChangeObjects(step);
+    case Action::RefreshChanged:
+        ChangeObjects(operations, step);
         break;
-    case Operation::RefreshSame:
+    case Action::RefreshSame:
         break;
-    case Operation::Delete:
-    case Operation::DestroyBunch:
-        Check(standin::DeleteObjects(OidsOf(step), false));
+    case Action::Delete:
+    case Action::DestroyBunch:
+        Append(operations, DeleteRequest(step));
         break;
     }
+    return operations;
 }
 
 } // namespace qdb::bench

@@ -1,0 +1,49 @@
+// The reader of a telemetry pipe, a process of its own: what tells from outside
+// that a row has been written.
+#pragma once
+
+#include "bench/process.h"
+
+#include <atomic>
+#include <cstdint>
+#include <set>
+#include <string>
+
+namespace qdb::bench
+{
+
+class PipeReader
+{
+  public:
+    // Counts records about these tables, and all. Returns when the pipe is
+    // open. Throws std::runtime_error when it can't be.
+    PipeReader(const std::string &path, const std::set<std::string> &tables);
+
+    // Wait for that many records since the last call, of all tables or of
+    // those given. Return when the last one was read. Throw std::runtime_error
+    // when they don't come, the second also when there are more.
+    int64_t ExpectAny(uint64_t records);
+    int64_t Expect(uint64_t records);
+
+  private:
+    // Written by the child alone; the time first.
+    struct Count
+    {
+        std::atomic<bool> open;
+        std::atomic<int64_t> lastOfAll;
+        std::atomic<int64_t> last;
+        std::atomic<uint64_t> all;
+        std::atomic<uint64_t> ofTables;
+    };
+
+    void Read(const std::string &path,
+              const std::set<std::string> &tables) const;
+    void TakeRecords(const std::set<std::string> &tables,
+                     std::string *pText) const;
+
+    Shared<Count> count_;
+    uint64_t expected_ = 0; // of the tables given
+    Process process_;
+};
+
+} // namespace qdb::bench
