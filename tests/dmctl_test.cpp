@@ -3,8 +3,10 @@
 // Machines are folders with files as the kernel would show them; the stand-in
 // is the real one, reached over its control socket.
 #include "platform/standin/standin.h"
+#include "platform/zoil.h"
 #include "tests/support/standin_socket.h"
 #include "tests/support/temp_root.h"
+#include "tests/support/wait.h"
 #include "tools/dmctl/client.h"
 #include "tools/dmctl/commands.h"
 #include "tools/dmctl/host_mirror.h"
@@ -18,6 +20,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <thread>
 
 namespace qdb
 {
@@ -261,6 +264,49 @@ TEST_F(MirrorTest, ThisMachineIsAccepted)
     HostMirror mirror(client);
     EXPECT_EQ(mirror.Update(view.Objects()), std::vector<std::string>());
     EXPECT_EQ(standin::ObjectIds().size(), view.Objects().size());
+}
+
+TEST_F(MirrorTest, DelaysAreSetAndReleased)
+{
+    Client client(Socket());
+    const auto run = [&](const std::string &arguments)
+    {
+        CLI::App app;
+        Invocation invocation;
+        AddBenchCommands(app, &invocation);
+        app.parse(arguments);
+        testing::internal::CaptureStdout();
+        try
+        {
+            invocation.run(client, invocation);
+        }
+        catch (const Refused &)
+        {
+            return testing::internal::GetCapturedStdout() + "refused";
+        }
+        return testing::internal::GetCapturedStdout();
+    };
+    EXPECT_EQ(run("measure on"), "");
+    EXPECT_EQ(run("delay ZOILListParentOID hang --late --oid 0x7001"), "");
+    EXPECT_EQ(run("delay vexoprintf 5 --random --skip 2 --times 1 --text x"),
+              "");
+    EXPECT_EQ(run("delay ZOFreeMem 5 --oid 1"), "refused");
+    std::thread caller(
+        []
+        {
+            const uint32_t oid = 0x7001;
+            ZOILFreeGeneric(ZOILListParentOID(&oid));
+        });
+    EXPECT_TRUE(test::WaitUntil(
+        [&]
+        {
+            return run("hanging ZOILListParentOID") == "1\n";
+        }));
+    EXPECT_EQ(run("release"), "");
+    caller.join();
+    EXPECT_EQ(run("hanging ZOILListParentOID"), "0\n");
+    EXPECT_EQ(run("cost").find("calls 1\ncpuNanoseconds "), 0u);
+    EXPECT_EQ(run("measure off"), "");
 }
 
 TEST_F(MirrorTest, AuditsWhatItCanRead)

@@ -8,6 +8,7 @@
 #include "platform/zo_base.h"
 #include "platform/zoil.h"
 #include "tests/support/temp_root.h"
+#include "tests/support/wait.h"
 
 #include <gtest/gtest.h>
 #include <jansson.h>
@@ -16,11 +17,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace
@@ -94,6 +97,150 @@ TEST(Standin, RefusesValuesThatDoNotFit)
     }
 }
 
+// --- Delays and costs ------------------------------------------------------
+
+constexpr uint32_t kFan = 0x7001;
+constexpr uint32_t kOther = 0x7002;
+
+class StandinDelays : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        for (const uint32_t oid : {kFan, kOther})
+        {
+            ASSERT_EQ(standin::CreateObject({.type = 0x16, .oid = oid}, false),
+                      "");
+        }
+    }
+
+    void TearDown() override
+    {
+        standin::Reset();
+        standin::SetLog(0, nullptr);
+    }
+
+    // Its status as ZOILGetObjByOID tells it.
+    static int StatusOf(uint32_t oid)
+    {
+        DataObjHeader *object = ZOILGetObjByOID(&oid);
+        const int status = object == nullptr ? -1 : object->objStatus;
+        ZOILFreeGeneric(object);
+        return status;
+    }
+
+    static void WaitForHanging(const std::string &call, int count)
+    {
+        EXPECT_TRUE(qdb::test::WaitUntil(
+            [&]
+            {
+                return standin::HangingCalls(call) == count;
+            }))
+            << call << ": " << standin::HangingCalls(call);
+    }
+};
+
+TEST_F(StandinDelays, AnswersAreTakenBeforeOrBehindTheSleep)
+{
+    for (const bool late : {false, true})
+    {
+        ASSERT_EQ(standin::SetStatus(kFan, 1, false), "");
+        ASSERT_EQ(standin::SetDelay("ZOILGetObjByOID",
+                                    {.microseconds = standin::kHang,
+                                     .late = late,
+                                     .oid = kFan,
+                                     .skip = 1,
+                                     .times = 1}),
+                  "");
+        EXPECT_EQ(StatusOf(kFan), 1); // skipped
+        int answer = 0;
+        std::thread caller(
+            [&]
+            {
+                answer = StatusOf(kFan);
+            });
+        WaitForHanging("ZOILGetObjByOID", 1);
+        EXPECT_EQ(standin::SetStatus(kFan, 2, false), "");
+        EXPECT_EQ(StatusOf(kOther), 0); // not meant
+        EXPECT_EQ(StatusOf(kFan), 2);   // one time is over
+        EXPECT_EQ(
+            standin::SetDelay("ZOILGetObjByOID", {.late = late, .oid = kFan}),
+            "");
+        caller.join();
+        EXPECT_EQ(answer, late ? 1 : 2);
+    }
+}
+
+TEST_F(StandinDelays, LogLinesAreMetByFormatAndByText)
+{
+    standin::SetLog(0, nullptr);
+    for (const char *text : {"ask %s", "ask fan"})
+    {
+        ASSERT_EQ(
+            standin::SetDelay("vexoprintf",
+                              {.microseconds = standin::kHang, .text = text}),
+            "");
+        std::thread caller(
+            []
+            {
+                vexoprintf(9, 208, "ask %s", "fan");
+            });
+        WaitForHanging("vexoprintf", 1);
+        vexoprintf(9, 208, "asked %s", "fan");
+        standin::ReleaseDelays();
+        caller.join();
+        WaitForHanging("vexoprintf", 0);
+    }
+}
+
+TEST_F(StandinDelays, TakeTheirTimeButNoProcessorTime)
+{
+    constexpr auto kDelay = std::chrono::milliseconds(20);
+    ASSERT_EQ(standin::SetDelay("ZOILGetObjByOID", {.microseconds = 20000}),
+              "");
+    ASSERT_EQ(standin::SetDelay("ZOILGetObjByOID",
+                                {.microseconds = 1, .random = true, .oid = 7}),
+              "");
+    EXPECT_EQ(StatusOf(kFan), 0);
+    standin::MeasureCost(true);
+    const standin::CallCost before = standin::Cost();
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 10; ++i)
+    {
+        EXPECT_EQ(StatusOf(kFan), 0);
+    }
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 10 * kDelay);
+    const standin::CallCost after = standin::Cost();
+    standin::MeasureCost(false);
+    EXPECT_EQ(StatusOf(kFan), 0);
+    EXPECT_EQ(standin::Cost().calls, after.calls);
+    EXPECT_EQ(after.calls - before.calls, 10); // no frees
+    EXPECT_GT(after.clockNanoseconds, before.clockNanoseconds);
+    const int64_t spent = after.cpuNanoseconds - before.cpuNanoseconds;
+    EXPECT_GT(spent, 0);
+    EXPECT_LT(spent, std::chrono::nanoseconds(kDelay).count());
+}
+
+TEST_F(StandinDelays, RefuseWhatTheyCannotMeet)
+{
+    const struct
+    {
+        const char *call;
+        standin::Delay delay;
+        const char *reason;
+    } cases[] = {
+        {"x", {}, "there is no platform function x"},
+        {"ZOFreeMem", {.oid = 1}, "ZOFreeMem isn't told of an object"},
+        {"ZOFreeMem", {.text = "x"}, "ZOFreeMem writes no text"},
+        {"ZOFreeMem", {.times = -2}, "times and skip can't be negative"},
+    };
+    for (const auto &refused : cases)
+    {
+        EXPECT_EQ(standin::SetDelay(refused.call, refused.delay),
+                  refused.reason);
+    }
+}
+
 class Client
 {
   public:
@@ -148,7 +295,8 @@ constexpr char kScenario[] = R"({
   {"type":"0x36","parents":[{"key":"nobody"}]}],
  "attributes": [
   {"interface":"CfgIntAttribute","repeat":2,"key":"A.1#B.1#C{n}"}],
- "faults": [{"call":"ZOMutexCreate","status":0,"times":1}]})";
+ "faults": [{"call":"ZOMutexCreate","status":0,"times":1}],
+ "delays": [{"call":"ZOMutexLock","microseconds":1,"times":-2}]})";
 
 // clang-format off
 // Asked in this order; a reply has to begin with the text given.
@@ -179,6 +327,14 @@ constexpr std::pair<const char *, const char *> kExchange[] = {
     {R"({"op":"fault","call":"ZOAllocMem","status":0,"times":1})", R"({"ok":true})"},
     {R"({"op":"calls","call":"CfgSetAttributeInt"})", R"({"ok":true,"count":2})"},
     {R"({"op":"calls","call":"x"})", R"({"ok":false,"error":"there is no platform function x"})"},
+    {R"({"op":"delay","call":"ZOFreeMem","microseconds":"hang","random":true,"late":true,"times":3})",
+     R"({"ok":true})"},
+    {R"({"op":"delay","call":"ZOFreeMem","microseconds":"long"})",
+     R"({"ok":false,"error":"\"microseconds\" has to be)"},
+    {R"({"op":"hanging","call":"ZOFreeMem"})", R"({"ok":true,"count":0})"},
+    {R"({"op":"release"})", R"({"ok":true})"},
+    {R"({"op":"measure","on":true})", R"({"ok":true})"},
+    {R"({"op":"cost"})", R"({"ok":true,"calls":0,"cpuNanoseconds":0,"clockNanoseconds":0,"ownThreadNanoseconds":)"},
     {R"({"op":"attributes"})", R"({"ok":true,"integers":{"ready":1}})"},
     {R"({"op":"attribute","interface":"CfgStrAttribute","key":"A#B"})", R"({"ok":true})"},
     {R"({"op":"batch","ops":[{"op":"detach"},{"op":"nothing"},7]})",
@@ -258,6 +414,7 @@ TEST(StandinDeathTest, ServesItsSocketAndScenario)
     EXPECT_EXIT(UseEnvironment(folder.Path()), testing::ExitedWithCode(0),
                 "objects, entry 3: TblMemoryInfo.Sped: .*\n"
                 ".*objects, entry 4: no object has the key \"nobody\"\n"
+                ".*delays, entry 1: times and skip can't be negative\n"
                 "written\n");
 }
 

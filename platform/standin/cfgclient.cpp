@@ -1,8 +1,8 @@
 // The configuration client library: copies of groups and attributes.
 #include "platform/cfgclient.h"
 
+#include "platform/standin/calls.h"
 #include "platform/standin/config.h"
-#include "platform/standin/faults.h"
 #include "platform/standin/standin.h"
 #include "platform/standin/state.h"
 
@@ -33,10 +33,10 @@ DataObjHeader *Copy(const ConfigObject &object)
 
 int GetObject(Call call, uint16_t type, const char *path, DataObjHeader **ppDOH)
 {
-    int status = 0;
-    if (Faulted(call, &status))
+    const Entry entry(call);
+    if (entry.Fails())
     {
-        return status;
+        return entry.Status();
     }
     if (path == nullptr || ppDOH == nullptr)
     {
@@ -107,10 +107,10 @@ int client_get_objects(const char *interfaceName, const char *,
         return kInvalidArgument;
     }
     *ppList = nullptr;
-    int status = 0;
-    if (Faulted(Call("client_get_objects"), &status))
+    const Entry entry(Call("client_get_objects"));
+    if (entry.Fails())
     {
-        return status;
+        return entry.Status();
     }
     const uint16_t type =
         interfaceName == nullptr ? uint16_t{0} : ConfigType(interfaceName);
@@ -149,10 +149,11 @@ int client_get_obj_body_ptr(const DataObjHeader *object, uint32_t **ppBody)
     // Two words: the flags and the offset of the key.
     constexpr uint32_t kBody = 16;
     constexpr uint32_t kLeastSize = kBody + 2 * sizeof(uint32_t);
-    int status = 0;
-    if (Faulted(Call("client_get_obj_body_ptr"), &status))
+    const Entry entry(Call("client_get_obj_body_ptr"),
+                      object == nullptr ? 0 : object->objID);
+    if (entry.Fails())
     {
-        return status;
+        return entry.Status();
     }
     if (object == nullptr || ppBody == nullptr || object->objSize < kLeastSize)
     {
@@ -166,7 +167,7 @@ int client_get_obj_body_ptr(const DataObjHeader *object, uint32_t **ppBody)
 
 void FreeObjectList(uintptr_t *list)
 {
-    static_cast<void>(Faulted(Call("FreeObjectList")));
+    const Entry entry(Call("FreeObjectList"));
     if (list == nullptr)
     {
         return;
@@ -180,10 +181,10 @@ void FreeObjectList(uintptr_t *list)
 
 int CfgSetAttributeInt(const char *key, int value, int, int)
 {
-    int status = 0;
-    if (Faulted(Call("CfgSetAttributeInt"), &status))
+    const Entry entry(Call("CfgSetAttributeInt"));
+    if (entry.Fails())
     {
-        return status;
+        return entry.Status();
     }
     if (key == nullptr)
     {

@@ -4,8 +4,8 @@
 // and a line in kCommands.
 #include "platform/standin/commands.h"
 
+#include "platform/standin/calls.h"
 #include "platform/standin/config.h"
-#include "platform/standin/faults.h"
 #include "platform/standin/state.h"
 #include "platform/standin/store.h"
 
@@ -334,15 +334,66 @@ void Fault(const json_t *request, json_t *)
                    Number<int>(request, "skip", 0)));
 }
 
-void Calls(const json_t *request, json_t *reply)
+void SetOneDelay(const json_t *request, json_t *)
+{
+    Delay delay;
+    const json_t *length = json_object_get(request, "microseconds");
+    const char *word = json_string_value(length);
+    delay.microseconds = word != nullptr && std::string(word) == "hang"
+                             ? kHang
+                             : NumberOf<unsigned>(length, "microseconds");
+    delay.random = json_is_true(json_object_get(request, "random"));
+    delay.late = json_is_true(json_object_get(request, "late"));
+    delay.oid = Number<uint32_t>(request, "oid", 0);
+    delay.skip = Number<int>(request, "skip", 0);
+    delay.times = Number<int>(request, "times", -1);
+    delay.text = Has(request, "text") ? Text(request, "text") : "";
+    Check(SetDelay(Text(request, "call"), delay));
+}
+
+// The reply to a question about a platform function.
+template <typename Count>
+void CountOf(const json_t *request, json_t *reply, Count count)
 {
     const std::string call = Text(request, "call");
     if (CallIndex(call) == kCallCount)
     {
-        Refuse("there is no platform function %s", call.c_str());
+        Refuse("%s", NoSuchCall(call).c_str());
     }
     json_object_set_new(reply, "count",
-                        json_integer(static_cast<json_int_t>(CallCount(call))));
+                        json_integer(static_cast<json_int_t>(count(call))));
+}
+
+void Calls(const json_t *request, json_t *reply)
+{
+    CountOf(request, reply, CallCount);
+}
+
+void Hanging(const json_t *request, json_t *reply)
+{
+    CountOf(request, reply, HangingCalls);
+}
+
+void Measure(const json_t *request, json_t *)
+{
+    const json_t *isOn = json_object_get(request, "on");
+    if (!json_is_boolean(isOn))
+    {
+        Refuse("\"on\" has to be true or false");
+    }
+    MeasureCost(json_is_true(isOn));
+}
+
+void TellCost(json_t *reply)
+{
+    const CallCost cost = Cost();
+    json_object_update_new(
+        reply,
+        json_pack("{s:I,s:I,s:I,s:I}", "calls",
+                  static_cast<json_int_t>(cost.calls), "cpuNanoseconds",
+                  json_int_t{cost.cpuNanoseconds}, "clockNanoseconds",
+                  json_int_t{cost.clockNanoseconds}, "ownThreadNanoseconds",
+                  json_int_t{cost.ownThreadNanoseconds}));
 }
 
 void Attributes(json_t *reply)
@@ -408,7 +459,12 @@ constexpr Command kCommands[] = {
     {"attribute",  [](const json_t *request, json_t *) { PutOneAttribute(request); }},
     {"remove",     Remove},
     {"fault",      Fault},
+    {"delay",      SetOneDelay},
+    {"release",    [](const json_t *, json_t *) { ReleaseDelays(); }},
     {"calls",      Calls},
+    {"hanging",    Hanging},
+    {"measure",    Measure},
+    {"cost",       [](const json_t *, json_t *reply) { TellCost(reply); }},
     {"attributes", [](const json_t *, json_t *reply) { Attributes(reply); }},
     {"wait",       Wait},
     {"reset",      [](const json_t *, json_t *) { Reset(); }},
@@ -486,6 +542,15 @@ Error FaultFromJson(const json_t *arguments)
         [&]
         {
             Fault(arguments, nullptr);
+        });
+}
+
+Error DelayFromJson(const json_t *arguments)
+{
+    return Attempt(
+        [&]
+        {
+            SetOneDelay(arguments, nullptr);
         });
 }
 

@@ -1,6 +1,7 @@
 // Event delivery.
 #include "platform/standin/events.h"
 
+#include "platform/standin/cost.h"
 #include "platform/standin/standin.h"
 #include "platform/standin/state.h"
 #include "platform/standin/support.h"
@@ -61,7 +62,10 @@ Queue &TheQueue()
         const ZOILEventListener listener = queue.listener;
         queue.inFlight = 1;
         lock.unlock();
-        listener(static_cast<DataEventHeader *>(record.get()));
+        {
+            const CallbackScope callback;
+            listener(static_cast<DataEventHeader *>(record.get()));
+        }
         record.reset();
         lock.lock();
         queue.inFlight = 0;

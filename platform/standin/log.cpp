@@ -1,11 +1,12 @@
 // The logging library: vexoprintf.
 //
-// A line that is dropped costs one relaxed load. A line that is written is
+// A line that is dropped costs two loads. A line that is written is
 // formatted on the stack, unless it is long, and goes out in one write, so
 // that lines of different threads don't mix. Only written lines are counted.
 #include "platform/standin/log.h"
 
-#include "platform/standin/faults.h"
+#include "platform/standin/calls.h"
+#include "platform/standin/delays.h"
 #include "platform/standin/standin.h"
 #include "platform/standin/state.h"
 #include "platform/standin/support.h"
@@ -66,6 +67,70 @@ void Emit(int level, char *text, size_t length)
     WriteLine({text, length});
 }
 
+// A line for which delays are armed, formatted before anything else so that
+// they can look at it. Sleeps when it is made and, for late ones, at its end.
+class DelayedLine
+{
+  public:
+    DelayedLine(const char *format, va_list arguments) : format_(format)
+    {
+        if (std::vsnprintf(line_, sizeof(line_), format, arguments) < 0)
+        {
+            *line_ = '\0';
+        }
+        Sleep(false);
+    }
+    ~DelayedLine()
+    {
+        Sleep(true);
+    }
+    DelayedLine(const DelayedLine &) = delete;
+    DelayedLine &operator=(const DelayedLine &) = delete;
+
+  private:
+    void Sleep(bool isLate)
+    {
+        SleepInCall({.index = Call("vexoprintf").index,
+                     .isLate = isLate,
+                     .format = format_,
+                     .line = line_});
+    }
+
+    const char *format_;
+    char line_[1024];
+};
+
+void WriteFormatted(int level, const char *format, va_list arguments)
+{
+    if (level > gLevel.load(std::memory_order_relaxed))
+    {
+        return;
+    }
+    Start();
+    if (level > gLevel.load(std::memory_order_relaxed))
+    {
+        return;
+    }
+    Count(Call("vexoprintf"));
+
+    char line[1024];
+    va_list again;
+    va_copy(again, arguments);
+    const int length =
+        std::vsnprintf(line, sizeof(line) - 1, format, arguments);
+    if (length >= 0 && static_cast<size_t>(length) < sizeof(line) - 1)
+    {
+        Emit(level, line, static_cast<size_t>(length));
+    }
+    else if (length >= 0)
+    {
+        std::string longLine(static_cast<size_t>(length) + 1, '\0');
+        std::vsnprintf(longLine.data(), longLine.size(), format, again);
+        Emit(level, longLine.data(), static_cast<size_t>(length));
+    }
+    va_end(again);
+}
+
 } // namespace
 
 void StartLog(const char *level)
@@ -101,34 +166,19 @@ extern "C" void vexoprintf(int level, int category, const char *format, ...)
 {
     using namespace standin;
     static_cast<void>(category);
-    if (level > gLevel.load(std::memory_order_relaxed))
-    {
-        return;
-    }
-    Start();
-    if (level > gLevel.load(std::memory_order_relaxed))
-    {
-        return;
-    }
-    static_cast<void>(Faulted(Call("vexoprintf")));
-
-    char line[1024];
     va_list arguments;
     va_start(arguments, format);
-    va_list again;
-    va_copy(again, arguments);
-    const int length =
-        std::vsnprintf(line, sizeof(line) - 1, format, arguments);
+    if (IsArmed(Call("vexoprintf"), kDelayed))
+    {
+        va_list again;
+        va_copy(again, arguments);
+        const DelayedLine line(format, again);
+        va_end(again);
+        WriteFormatted(level, format, arguments);
+    }
+    else
+    {
+        WriteFormatted(level, format, arguments);
+    }
     va_end(arguments);
-    if (length >= 0 && static_cast<size_t>(length) < sizeof(line) - 1)
-    {
-        Emit(level, line, static_cast<size_t>(length));
-    }
-    else if (length >= 0)
-    {
-        std::string longLine(static_cast<size_t>(length) + 1, '\0');
-        std::vsnprintf(longLine.data(), longLine.size(), format, again);
-        Emit(level, longLine.data(), static_cast<size_t>(length));
-    }
-    va_end(again);
 }

@@ -1,7 +1,8 @@
 // Scenario files.
 //
-// {"objects": [...], "attributes": [...], "faults": [...]}: the entries are the
-// arguments of the commands "create", "attribute" and "fault". An entry with
+// {"objects": [...], "attributes": [...], "faults": [...],
+// "delays": [...]}: the entries are the arguments of the commands "create",
+// "attribute", "fault" and "delay". An entry with
 // "repeat": N stands for N of them: in its texts {i} is the copy's number from
 // 0 and {n} from 1, and an integer may be written {"base": 100, "step": 5}.
 #include "platform/standin/scenario.h"
@@ -144,6 +145,7 @@ void LoadScenario(const char *path)
     MakeEntries(path, scenario.get(), "objects", CreateFromJson);
     MakeEntries(path, scenario.get(), "attributes", AttributeFromJson);
     MakeEntries(path, scenario.get(), "faults", FaultFromJson);
+    MakeEntries(path, scenario.get(), "delays", DelayFromJson);
 }
 
 } // namespace standin

@@ -9,8 +9,8 @@
 //
 // Nothing runs and nothing is opened before the first platform call or the
 // first call of this header. Environment, read then:
-//   QDB_STANDIN_SCENARIO  JSON file whose objects, attributes and faults exist
-//                         at first
+//   QDB_STANDIN_SCENARIO  JSON file whose objects, attributes, faults and
+//                         delays exist at first
 //   QDB_STANDIN_SOCKET    path of the control socket to serve
 //   QDB_STANDIN_LOG       highest log level to print on standard error; 0: none
 //   QDB_STANDIN_STATE     file that always holds the integer attributes set by
@@ -25,6 +25,7 @@
 
 #include <jansson.h>
 
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -46,9 +47,9 @@ struct ObjectSpec
 {
     uint16_t type = 0;
     uint32_t oid = 0; // 0: the next free one
-    std::vector<uint32_t> parents;
+    std::vector<uint32_t> parents = {};
     json_t *values = nullptr; // borrowed; NULL: none
-    std::string key;          // "": the type's Key column, else made from OID
+    std::string key = {};     // "": the type's Key column, else made from OID
 };
 
 // Adds an object and, if `announce`, sends its create event. *pOid gets the
@@ -141,6 +142,56 @@ Error SetFault(const std::string &call, int status, int times, int skip = 0);
 // that pass the level alone.
 uint64_t CallCount(const std::string &call);
 
+// --- Delays --------------------------------------------------------------
+
+// For microseconds: until the delay is removed.
+inline constexpr unsigned kHang = UINT_MAX;
+
+struct Delay
+{
+    unsigned microseconds = 0;
+    bool random = false; // 0 to `microseconds`, each as likely
+    bool late = false;   // sleep with the answer in hand, else before it
+    uint32_t oid = 0;    // only calls about that object; 0: all
+    int skip = 0;        // after so many calls that don't sleep
+    int times = -1;      // so many calls; -1: all
+    // For vexoprintf: only lines whose format has it, or whose first thousand
+    // characters as they are written; lines that the level drops, too.
+    std::string text = {};
+};
+
+// Lets calls of a platform function sleep on the thread that calls. A function
+// may have several delays: one per oid, late and text, which takes the place
+// of an earlier one; microseconds 0 removes it. A call that several are meant
+// for sleeps for the sum.
+Error SetDelay(const std::string &call, const Delay &delay);
+
+// Removes all delays: what hangs goes on.
+void ReleaseDelays();
+
+// How many calls of a platform function hang now.
+int HangingCalls(const std::string &call);
+
+// --- Cost ----------------------------------------------------------------
+
+// Begins or ends to measure what object calls cost: Cfg..._get_object,
+// client_get_obj..., ZOILGetObj..., ZOILList..., ZOILDOGetObjKeyUTF8. To be
+// called while no event is delivered.
+void MeasureCost(bool isOn);
+
+// Sums that never go back: what a workload cost is the difference of two. All
+// but the first are parts of the process's processor time that aren't its own.
+struct CallCost
+{
+    uint64_t calls = 0;           // that were measured
+    int64_t cpuNanoseconds = 0;   // in them
+    int64_t clockNanoseconds = 0; // in the measuring of them
+    // In the stand-in's own threads (events, control socket), but for the
+    // listener's callbacks while the cost is measured.
+    int64_t ownThreadNanoseconds = 0;
+};
+CallCost Cost();
+
 // --- Log -----------------------------------------------------------------
 
 // Gets every line that passes the level, formatted, on the thread that logs,
@@ -149,8 +200,8 @@ uint64_t CallCount(const std::string &call);
 using LogSink = void (*)(int level, const char *line);
 void SetLog(int level, LogSink sink);
 
-// Forgets all objects, attributes, faults, counts and queued events; for the
-// next test. The listener stays registered, unless it was removed.
+// Forgets all objects, attributes, faults, delays, counts and queued events;
+// for the next test. The listener stays registered, unless it was removed.
 void Reset();
 
 } // namespace standin

@@ -1,6 +1,7 @@
 // The stand-in's state, its start and its reset.
 #include "platform/standin/state.h"
 
+#include "platform/standin/calls.h"
 #include "platform/standin/control.h"
 #include "platform/standin/events.h"
 #include "platform/standin/faults.h"
@@ -108,6 +109,8 @@ void Reset()
     state.nextConfigOid = kFirstConfigOid;
     state.ready = true;
     ResetFaults();
+    ReleaseDelays();
+    ResetCounts();
 }
 
 } // namespace standin

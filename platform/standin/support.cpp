@@ -1,6 +1,8 @@
 // Small things that the stand-in's files share.
 #include "platform/standin/support.h"
 
+#include "platform/standin/cost.h"
+
 #include <charconv>
 #include <csignal>
 #include <cstdarg>
@@ -137,7 +139,13 @@ void RunInBackground(std::function<void()> body)
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    std::thread(std::move(body)).detach();
+    std::thread(
+        [body = std::move(body)]
+        {
+            const OwnThread own;
+            body();
+        })
+        .detach();
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 

@@ -1,7 +1,7 @@
 // The base library: memory and mutexes.
 #include "platform/zo_base.h"
 
-#include "platform/standin/faults.h"
+#include "platform/standin/calls.h"
 
 #include <pthread.h>
 
@@ -9,7 +9,7 @@
 #include <ctime>
 
 using standin::Call;
-using standin::Faulted;
+using standin::Entry;
 
 struct ZOMutex
 {
@@ -18,18 +18,20 @@ struct ZOMutex
 
 void *ZOAllocMem(uint32_t size)
 {
-    return Faulted(Call("ZOAllocMem")) ? nullptr : std::calloc(1, size);
+    const Entry entry(Call("ZOAllocMem"));
+    return entry.Fails() ? nullptr : std::calloc(1, size);
 }
 
 void ZOFreeMem(void *memory)
 {
-    static_cast<void>(Faulted(Call("ZOFreeMem")));
+    const Entry entry(Call("ZOFreeMem"));
     std::free(memory);
 }
 
 ZOMutex *ZOMutexCreate(int initialState)
 {
-    if (Faulted(Call("ZOMutexCreate")))
+    const Entry entry(Call("ZOMutexCreate"));
+    if (entry.Fails())
     {
         return nullptr;
     }
@@ -43,10 +45,10 @@ ZOMutex *ZOMutexCreate(int initialState)
 
 int ZOMutexLock(ZOMutex *mutex, int timeoutMs)
 {
-    int status = 0;
-    if (Faulted(Call("ZOMutexLock"), &status) || mutex == nullptr)
+    const Entry entry(Call("ZOMutexLock"));
+    if (entry.Fails() || mutex == nullptr)
     {
-        return status;
+        return entry.Status();
     }
     if (timeoutMs < 0)
     {
@@ -66,22 +68,22 @@ int ZOMutexLock(ZOMutex *mutex, int timeoutMs)
 
 int ZOMutexUnLock(ZOMutex *mutex)
 {
-    int status = 0;
-    if (Faulted(Call("ZOMutexUnLock"), &status) || mutex == nullptr)
+    const Entry entry(Call("ZOMutexUnLock"));
+    if (entry.Fails() || mutex == nullptr)
     {
-        return status;
+        return entry.Status();
     }
     return pthread_mutex_unlock(&mutex->mutex);
 }
 
 int ZOMutexDestroy(ZOMutex *mutex)
 {
-    int status = 0;
-    if (Faulted(Call("ZOMutexDestroy"), &status) || mutex == nullptr)
+    const Entry entry(Call("ZOMutexDestroy"));
+    if (entry.Fails() || mutex == nullptr)
     {
-        return status;
+        return entry.Status();
     }
-    status = pthread_mutex_destroy(&mutex->mutex);
+    const int status = pthread_mutex_destroy(&mutex->mutex);
     if (status == 0)
     {
         delete mutex;

@@ -4,8 +4,8 @@
 // release function may free it.
 #include "platform/zoil.h"
 
+#include "platform/standin/calls.h"
 #include "platform/standin/events.h"
-#include "platform/standin/faults.h"
 #include "platform/standin/standin.h"
 #include "platform/standin/state.h"
 
@@ -21,6 +21,11 @@ namespace
 {
 
 constexpr int kNoSuchObject = 256;
+
+uint32_t OidOf(const uint32_t *pOID)
+{
+    return pOID == nullptr ? 0 : *pOID;
+}
 
 // An object that was given as bytes may claim a greater size than it has; its
 // copy is as large as it claims, so that the claim holds for the caller.
@@ -74,26 +79,22 @@ const char *ConfigKey(const DataObjHeader *pDOH)
 
 int ZOILAddEventListener(ZOILEventListener listener)
 {
-    int status = 0;
-    return Faulted(Call("ZOILAddEventListener"), &status)
-               ? status
-               : AddListener(listener);
+    const Entry entry(Call("ZOILAddEventListener"));
+    return entry.Fails() ? entry.Status() : AddListener(listener);
 }
 
 int ZOILRemoveEventListener(ZOILEventListener listener)
 {
-    int status = 0;
-    return Faulted(Call("ZOILRemoveEventListener"), &status)
-               ? status
-               : RemoveListener(listener);
+    const Entry entry(Call("ZOILRemoveEventListener"));
+    return entry.Fails() ? entry.Status() : RemoveListener(listener);
 }
 
 int ZOILIsDataManagerReady(void)
 {
-    int status = 0;
-    if (Faulted(Call("ZOILIsDataManagerReady"), &status))
+    const Entry entry(Call("ZOILIsDataManagerReady"));
+    if (entry.Fails())
     {
-        return status;
+        return entry.Status();
     }
     State &state = TheState();
     const std::lock_guard lock(state.lock);
@@ -102,7 +103,8 @@ int ZOILIsDataManagerReady(void)
 
 DataObjHeader *ZOILGetObjByOID(const uint32_t *pOID)
 {
-    if (Faulted(Call("ZOILGetObjByOID")) || pOID == nullptr)
+    const Entry entry(Call("ZOILGetObjByOID"), OidOf(pOID));
+    if (entry.Fails() || pOID == nullptr)
     {
         return nullptr;
     }
@@ -114,7 +116,8 @@ DataObjHeader *ZOILGetObjByOID(const uint32_t *pOID)
 
 DataObjHeader *ZOILGetObjByKey(const char *key)
 {
-    if (Faulted(Call("ZOILGetObjByKey")) || key == nullptr)
+    const Entry entry(Call("ZOILGetObjByKey"));
+    if (entry.Fails() || key == nullptr)
     {
         return nullptr;
     }
@@ -130,7 +133,8 @@ DataObjHeader *ZOILGetObjByKey(const char *key)
 
 uint32_t *ZOILListChildOIDByType(const uint32_t *pParentOID, uint16_t objType)
 {
-    if (Faulted(Call("ZOILListChildOIDByType")) || pParentOID == nullptr)
+    const Entry entry(Call("ZOILListChildOIDByType"), OidOf(pParentOID));
+    if (entry.Fails() || pParentOID == nullptr)
     {
         return nullptr;
     }
@@ -158,7 +162,8 @@ uint32_t *ZOILListChildOIDByType(const uint32_t *pParentOID, uint16_t objType)
 
 uint32_t *ZOILListParentOID(const uint32_t *pOID)
 {
-    if (Faulted(Call("ZOILListParentOID")) || pOID == nullptr)
+    const Entry entry(Call("ZOILListParentOID"), OidOf(pOID));
+    if (entry.Fails() || pOID == nullptr)
     {
         return nullptr;
     }
@@ -170,10 +175,11 @@ uint32_t *ZOILListParentOID(const uint32_t *pOID)
 
 int ZOILDOGetObjKeyUTF8(const DataObjHeader *pDOH, char **ppKey)
 {
-    int status = 0;
-    if (Faulted(Call("ZOILDOGetObjKeyUTF8"), &status))
+    const Entry entry(Call("ZOILDOGetObjKeyUTF8"),
+                      pDOH == nullptr ? 0 : pDOH->objID);
+    if (entry.Fails())
     {
-        return status;
+        return entry.Status();
     }
     if (pDOH == nullptr || ppKey == nullptr)
     {
@@ -203,6 +209,6 @@ int ZOILDOGetObjKeyUTF8(const DataObjHeader *pDOH, char **ppKey)
 
 void ZOILFreeGeneric(void *memory)
 {
-    static_cast<void>(Faulted(Call("ZOILFreeGeneric")));
+    const Entry entry(Call("ZOILFreeGeneric"));
     std::free(memory);
 }

@@ -1,5 +1,5 @@
-// The subcommands that work the Data Manager itself: events, load, faults and
-// the integers that the service sets.
+// The subcommands that work the Data Manager itself: events, load, faults,
+// delays, costs and the integers that the service sets.
 #include "tools/dmctl/commands.h"
 #include "tools/dmctl/host_files.h"
 
@@ -85,13 +85,63 @@ void SetFault(Client &client, const Invocation &invocation)
     client.Call(request);
 }
 
-void PrintCalls(Client &client, const Invocation &invocation)
+void SetDelay(Client &client, const Invocation &invocation)
 {
-    const Json request = Operation("calls");
+    const Json request = Operation("delay");
+    Put(request, "call", Text(invocation.name));
+    Put(request, "microseconds", Text(invocation.duration));
+    Put(request, "random", Json(json_boolean(invocation.random)));
+    Put(request, "late", Json(json_boolean(invocation.late)));
+    Put(request, "oid", Number(invocation.oid));
+    Put(request, "skip", Json(json_integer(invocation.skip)));
+    Put(request, "times", Json(json_integer(invocation.times)));
+    Put(request, "text", Text(invocation.text));
+    client.Call(request);
+}
+
+void Release(Client &client, const Invocation &)
+{
+    client.Call(Operation("release"));
+}
+
+void PrintCount(Client &client, const Invocation &invocation,
+                const char *operation)
+{
+    const Json request = Operation(operation);
     Put(request, "call", Text(invocation.name));
     const Json reply = client.Call(request);
     printf("%llu\n",
            static_cast<unsigned long long>(NumberOf(reply.get(), "count")));
+}
+
+void PrintCalls(Client &client, const Invocation &invocation)
+{
+    PrintCount(client, invocation, "calls");
+}
+
+void PrintHanging(Client &client, const Invocation &invocation)
+{
+    PrintCount(client, invocation, "hanging");
+}
+
+void Measure(Client &client, const Invocation &invocation)
+{
+    const Json request = Operation("measure");
+    Put(request, "on", Json(json_boolean(invocation.isOn)));
+    client.Call(request);
+}
+
+void PrintCost(Client &client, const Invocation &)
+{
+    const Json reply = client.Call(Operation("cost"));
+    json_object_del(reply.get(), "ok");
+    const char *name;
+    json_t *value;
+    json_object_foreach(reply.get(), name, value)
+    {
+        printf("%s %lld\n", name,
+               static_cast<long long>(json_integer_value(value)));
+    }
 }
 
 void PrintAttributes(Client &client, const Invocation &)
@@ -154,6 +204,51 @@ void AddFaultCommands(CLI::App &app, Invocation *pInvocation)
     calls->add_option("call", pInvocation->name, "function")->required();
 }
 
+void AddDelayCommands(CLI::App &app, Invocation *pInvocation)
+{
+    CLI::App *delay =
+        AddSubcommand(app, pInvocation, "delay",
+                      "let calls of a platform function take time", SetDelay);
+    delay->add_option("call", pInvocation->name, "function")->required();
+    delay
+        ->add_option("microseconds", pInvocation->duration,
+                     "how long, or hang: until released; 0: no more")
+        ->required();
+    delay->add_flag("--random", pInvocation->random,
+                    "of any length up to that");
+    delay->add_flag("--late", pInvocation->late,
+                    "behind the answer, which is old when it arrives");
+    delay->add_option("--oid", pInvocation->oid,
+                      "only calls about that object");
+    delay->add_option("--skip", pInvocation->skip, "after so many quick calls");
+    delay->add_option("--times", pInvocation->times, "how often; -1: always")
+        ->default_val(-1);
+    delay->add_option("--text", pInvocation->text,
+                      "vexoprintf: only lines that have it");
+
+    AddSubcommand(app, pInvocation, "release",
+                  "remove all delays; what hangs goes on", Release);
+
+    CLI::App *hanging = AddSubcommand(
+        app, pInvocation, "hanging",
+        "print how many calls of a function hang now", PrintHanging);
+    hanging->add_option("call", pInvocation->name, "function")->required();
+}
+
+void AddCostCommands(CLI::App &app, Invocation *pInvocation)
+{
+    CLI::App *measure =
+        AddSubcommand(app, pInvocation, "measure",
+                      "begin or end to measure what answers cost", Measure);
+    measure
+        ->add_option("on", pInvocation->isOn,
+                     "on or off, while no event is delivered")
+        ->required();
+
+    AddSubcommand(app, pInvocation, "cost",
+                  "print the sums of what was measured", PrintCost);
+}
+
 void AddAttributeCommands(CLI::App &app, Invocation *pInvocation)
 {
     AddSubcommand(app, pInvocation, "attributes",
@@ -168,6 +263,8 @@ void AddBenchCommands(CLI::App &app, Invocation *pInvocation)
     AddEventCommands(app, pInvocation);
     AddLoadCommands(app, pInvocation);
     AddFaultCommands(app, pInvocation);
+    AddDelayCommands(app, pInvocation);
+    AddCostCommands(app, pInvocation);
     AddAttributeCommands(app, pInvocation);
 }
 

@@ -38,6 +38,11 @@ struct Invocation
     uint32_t count = 0;
     int times = 0;
     int skip = 0;
+    std::string duration; // of a delay: microseconds, or "hang"
+    std::string text;     // in a log line
+    bool random = false;  // a delay of any length up to that
+    bool late = false;    // a delay behind the call's answer
+    bool isOn = false;
     double rate = 0;     // events a second; 0: as fast as they are taken
     uint32_t passes = 0; // 0: without end
     double interval = 1; // seconds between passes
@@ -63,7 +68,8 @@ CLI::App *AddSubcommand(CLI::App &app, Invocation *pInvocation,
 // create, set, delete, status, list, show
 void AddObjectCommands(CLI::App &app, Invocation *pInvocation);
 
-// detach, attach, event, generate, churn, fault, calls, attributes
+// detach, attach, event, generate, churn, fault, delay, release, calls,
+// hanging, measure, cost, attributes
 void AddBenchCommands(CLI::App &app, Invocation *pInvocation);
 
 // cfg list, show, add, set, remove, commit, raw, own
