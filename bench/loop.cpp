@@ -49,6 +49,7 @@ Loop::OpenDatabase::OpenDatabase(const Scratch &scratch)
 
 Loop::OpenDatabase::~OpenDatabase()
 {
+    FinalizeHandlerStatements(); // those of array properties
     CloseDatabase();
 }
 
@@ -63,8 +64,7 @@ void Loop::Prepare(const Step &step, const Json &operations)
 {
     for (size_t i = 0; i < json_array_size(operations.get()); ++i)
     {
-        CheckReply(
-            standin::Execute(json_array_get(operations.get(), i)).get());
+        CheckReply(standin::Execute(json_array_get(operations.get(), i)).get());
     }
     subjects_.clear();
     for (const uint32_t oid : OidsOf(step))
@@ -83,8 +83,7 @@ void Loop::Prepare(const Step &step, const Json &operations)
     }
 }
 
-RowStatements &Loop::StatementsOf(uint32_t oid,
-                                        std::vector<uint8_t> &bytes)
+RowStatements &Loop::StatementsOf(uint32_t oid, std::vector<uint8_t> &bytes)
 {
     RowStatements *&statements = byOid_[oid];
     if (statements == nullptr)
@@ -167,8 +166,8 @@ void Loop::Refresh(const Subject &subject)
     auto before = ParsedRows::Read(statements, subject.oid);
     UpdateRow(statements, ObjectView(subject.Object()), subject.oid);
     auto after = ParsedRows::Read(statements, subject.oid);
-    if (const auto text = ParsedRows::RenderChange(statements.row, std::move(before),
-                                             std::move(after)))
+    if (const auto text = ParsedRows::RenderChange(
+            statements.row, std::move(before), std::move(after)))
     {
         bus_.Send(kChanged, text->get());
     }

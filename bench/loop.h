@@ -77,7 +77,8 @@ class Loop
     RowStatements &StatementsOf(uint32_t oid, std::vector<uint8_t> &bytes);
 
     Scratch scratch_;
-    OpenDatabase database_{scratch_}; // before the statements, which it outlives
+    OpenDatabase database_{
+        scratch_}; // before the statements, which it outlives
     LoopBus bus_;
     StatementPtr typeOf_ =
         PrepareText("select ObjType from ActiveOIDMapping where OID = ?");

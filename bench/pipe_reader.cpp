@@ -97,6 +97,7 @@ int64_t PipeReader::ExpectAny(uint64_t records)
           {
               return count_->all >= records;
           });
+    expected_ = count_->ofTables;
     return count_->lastOfAll;
 }
 

@@ -19,10 +19,12 @@ class PipeReader
     // open. Throws std::runtime_error when it can't be.
     PipeReader(const std::string &path, const std::set<std::string> &tables);
 
-    // Wait for that many records since the last call, of all tables or of
-    // those given. Return when the last one was read. Throw std::runtime_error
-    // when they don't come, the second also when there are more.
+    // Waits for the first records, of all tables. Returns when the last one was
+    // read. Throws std::runtime_error when they don't come.
     int64_t ExpectAny(uint64_t records);
+
+    // The same for that many more of the tables given. Throws also when there
+    // are more of them.
     int64_t Expect(uint64_t records);
 
   private:

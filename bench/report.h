@@ -1,8 +1,6 @@
 // What the bench found, and how it tells it.
 #pragma once
 
-#include "bench/side.h"
-
 #include <array>
 #include <cstdint>
 #include <string>
@@ -13,18 +11,11 @@ namespace qdb::bench
 
 struct Settings
 {
+    std::string service; // the program
     uint32_t objects = 5000;
     uint32_t subscribers = 1;
     uint64_t changes = 0; // to be made by one service before its heap counts
     bool quick = false;
-};
-
-enum SideIndex : size_t
-{
-    kService,
-    kPlain,
-    kBest,
-    kSideCount,
 };
 
 enum WorkloadIndex : size_t
@@ -39,21 +30,23 @@ enum WorkloadIndex : size_t
     kWorkloadCount,
 };
 
-// One side's part of a measurement, in seconds; of the service alone the times
-// that aren't counted.
+// One side's part of a measurement, in seconds; of the service alone the
+// processor times that aren't counted: the stand-in's own threads, and its
+// answers to calls about objects.
 struct Sample
 {
     double elapsed;
     double processor;
-    double eventThread;
-    double store;
+    double events;
+    double answers;
 };
 
-// The same operations on all sides, one right after the other.
+// The same operations on both sides, one right after the other.
 struct Slice
 {
     uint32_t operations;
-    std::array<Sample, kSideCount> sides;
+    Sample service;
+    Sample plain;
 };
 
 // From event to signal, in microseconds.
@@ -69,8 +62,31 @@ struct Idle
 {
     double seconds;
     double processor;
-    double store;
-    double wakeUps; // processor time of the wake-ups alone
+    double answers;
+};
+
+struct Memory
+{
+    int64_t heap;     // bytes in use
+    int64_t resident; // bytes
+};
+
+// How the service came up.
+struct StartUp
+{
+    double ready;      // seconds from its start to readiness
+    Memory beforeOpen; // before the database is opened
+    Memory populated;  // when it is ready
+};
+
+// One step on a platform that takes its time.
+struct SlowStep
+{
+    const char *name;
+    int delay;        // of each call about an object, in microseconds
+    bool hanging;     // one call hangs beside it
+    double perSecond; // operations
+    double calls;     // of one operation, without a delay
 };
 
 struct Report
@@ -78,10 +94,10 @@ struct Report
     std::array<std::vector<Slice>, kWorkloadCount> slices;
     std::vector<Latency> latencies;
     Idle idle;
-    StartUp startUp;   // of the last service
-    double population; // seconds of that start
-    Memory changed;    // of that service, when the sets had gone again
-    uint64_t changes;  // signals that it had sent by then
+    StartUp startUp;  // of the last service
+    Memory changed;   // of that service, when the sets had gone again
+    uint64_t changes; // signals that it had sent by then
+    std::vector<SlowStep> slow;
     double loadBefore; // of the minute before the measuring and its end
     double loadAfter;
 };

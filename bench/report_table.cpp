@@ -3,7 +3,6 @@
 #include "bench/figures.h"
 #include "bench/scratch.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <thread>
 
@@ -32,42 +31,58 @@ void PrintTarget(const Workload &workload, double speed, double processor)
 
 void PrintWorkloads(const Report &report)
 {
-    std::printf("%-34s %15s %15s %15s  %11s  %11s  %11s\n", "", "service",
-                "plain loop", "best loop", "to plain", "to best", "target");
-    std::printf("%-34s", "");
-    for (size_t i = 0; i < kSideCount; ++i)
-    {
-        std::printf(" %8s %6s", "op/s", "us/op");
-    }
-    std::printf("  %5s %5s  %5s %5s  %5s %5s\n", "speed", "cpu", "speed", "cpu",
-                "speed", "cpu");
+    std::printf("%-34s %15s %15s  %11s  %11s\n", "", "service", "plain loop",
+                "to plain", "target");
+    std::printf("%-34s %8s %6s %8s %6s  %5s %5s  %5s %5s\n", "", "op/s",
+                "us/op", "op/s", "us/op", "speed", "cpu", "speed", "cpu");
     for (size_t i = 0; i < kWorkloadCount; ++i)
     {
         const std::vector<Slice> &slices = report.slices[i];
         std::printf("%-34s", kWorkloads[i].name);
-        for (const SideIndex side : {kService, kPlain, kBest})
+        for (const Side side : {&Slice::service, &Slice::plain})
         {
             std::printf(" %8.0f %6.1f", PerSecond(slices, side),
                         PerOperation(slices, side, &Sample::processor));
         }
-        const double speed = SpeedRatio(slices, kPlain);
-        const double processor = ProcessorRatio(slices, kPlain);
-        std::printf("  %5.2f %5.2f  %5.2f %5.2f", speed, processor,
-                    SpeedRatio(slices, kBest), ProcessorRatio(slices, kBest));
+        const double speed = SpeedRatio(slices);
+        const double processor = ProcessorRatio(slices);
+        std::printf("  %5.2f %5.2f", speed, processor);
         PrintTarget(kWorkloads[i], speed, processor);
     }
 }
 
 void PrintUncounted(const Report &report)
 {
-    std::printf("\n%-34s %15s %15s\n", "not counted, us/op", "event thread",
-                "objects");
+    std::printf("\n%-34s %15s %15s\n", "not counted, us/op", "events",
+                "answers");
     for (size_t i = 0; i < kWorkloadCount; ++i)
     {
         const std::vector<Slice> &slices = report.slices[i];
         std::printf("%-34s %15.1f %15.1f\n", kWorkloads[i].name,
-                    PerOperation(slices, kService, &Sample::eventThread),
-                    PerOperation(slices, kService, &Sample::store));
+                    PerOperation(slices, &Slice::service, &Sample::events),
+                    PerOperation(slices, &Slice::service, &Sample::answers));
+    }
+}
+
+void PrintSlow(const Report &report)
+{
+    std::printf("\n%-34s %15s %8s  %11s\n", "each call about an object takes",
+                "calls/op", "op/s", "of possible");
+    for (const SlowStep &step : report.slow)
+    {
+        char delay[64];
+        std::snprintf(delay, sizeof(delay), "%.1f ms%s",
+                      static_cast<double>(step.delay) / 1000,
+                      step.hanging ? ", one hangs" : "");
+        const double share = SlowShare(report, step);
+        std::printf("%-34s %15.1f %8.0f  %11.2f",
+                    (std::string(step.name) + ", " + delay).c_str(), step.calls,
+                    step.perSecond, share);
+        if (const double target = SlowTarget(step); target > 0)
+        {
+            std::printf("  at least %.2f: %s", target, Met(share >= target));
+        }
+        std::printf("\n");
     }
 }
 
@@ -92,12 +107,12 @@ void PrintMemory(const Report &report)
 {
     const Memory &before = report.startUp.beforeOpen;
     const Memory &populated = report.startUp.populated;
-    const double heap = MiBAbove(populated.heap, before.heap);
-    const double later = MiBAbove(report.changed.heap, before.heap);
     std::printf("heap above that before the database was opened: %.2f MiB when "
                 "populated, %.2f MiB after %llu changes (at most %.0f: %s)\n",
-                heap, later, static_cast<unsigned long long>(report.changes),
-                kHeapMiB, Met(std::max(heap, later) <= kHeapMiB));
+                MiBAbove(populated.heap, before.heap),
+                MiBAbove(report.changed.heap, before.heap),
+                static_cast<unsigned long long>(report.changes), kHeapMiB,
+                Met(MostHeapMiB(report) <= kHeapMiB));
     std::printf("resident: %.1f MiB before the opening with the stand-in's "
                 "objects, %.1f MiB more when populated, %.1f MiB more at the "
                 "end\n",
@@ -110,23 +125,21 @@ void PrintMemory(const Report &report)
 
 void PrintTable(const Report &report, const Settings &settings)
 {
-    std::printf("%u objects, %u subscriber(s), medians of slices\n\n",
-                settings.objects, settings.subscribers);
+    std::printf("%s\n%u objects, %u subscriber(s), medians of slices\n\n",
+                settings.service.c_str(), settings.objects,
+                settings.subscribers);
     PrintWorkloads(report);
     PrintUncounted(report);
+    PrintSlow(report);
     PrintLatency(report);
     std::printf("idle for %.0f s: %.2f%% of one processor (at most %.1f%%: "
-                "%s); the same wake-ups in an empty process %.2f%%; objects "
-                "%.2f%%, not counted\n",
+                "%s); answers %.2f%%, not counted\n",
                 report.idle.seconds, IdlePercent(report), kIdlePercent,
                 Met(IdlePercent(report) <= kIdlePercent),
-                100 * report.idle.wakeUps / report.idle.seconds,
-                100 * report.idle.store / report.idle.seconds);
+                100 * report.idle.answers / report.idle.seconds);
     PrintMemory(report);
-    std::printf("start: ready %.2f s after the entry of main, of which %.2f s "
-                "are the population and 1 s is a pause\n",
-                static_cast<double>(report.startUp.ready) / 1e9,
-                report.population);
+    std::printf("start: ready after %.2f s, of which 1 s is a pause\n",
+                report.startUp.ready);
     std::printf("\n%u processors, load average %.2f before and %.2f after, "
                 "database on %s.\nOnly the ratios mean anything, and only on a "
                 "machine with nothing else to do.\n",

@@ -1,47 +1,38 @@
 #include "bench/round.h"
 
-#include "bench/digest.h"
-#include "bench/loop.h"
-#include "bench/parsed_rows.h"
-#include "bench/spliced_rows.h"
-#include "bench/wakeups.h"
+#include "bench/bus.h"
+#include "bench/pair.h"
+#include "bench/slow.h"
+#include "bench/wait.h"
 
 #include <algorithm>
 #include <cstdlib>
-#include <map>
-#include <stdexcept>
-#include <string>
 
 namespace qdb::bench
 {
 namespace
 {
 
+constexpr uint32_t kSetSize = 5000;      // at most
 constexpr uint32_t kBunchSize = 4000;    // at most
 constexpr uint32_t kTimedChanges = 5000; // of one run for the latency
-constexpr uint32_t kFirstValue = 30000;  // of changed columns
+constexpr int kChangesPerSecond = 1000;
 
-void CheckWork(const std::string &name, const Work &work, const Work &plain)
+// How much is measured.
+struct Extent
 {
-    if (work.signals != plain.signals)
-    {
-        throw std::runtime_error(name +
-                                 ": sent other texts than the plain loop");
-    }
-    if (work.rowsWritten != plain.rowsWritten)
-    {
-        throw std::runtime_error(
-            name + ": wrote " + std::to_string(work.rowsWritten) +
-            " rows, the plain loop " + std::to_string(plain.rowsWritten));
-    }
-}
+    int rounds;
+    int refreshes; // passes over a set, of each kind and round
+    int latencyRuns;
+    int idleSeconds;
+    uint32_t slowObjects;
+};
 
-double Seconds(int64_t nanoseconds)
+Extent ExtentOf(const Settings &settings)
 {
-    return static_cast<double>(nanoseconds) / 1e9;
+    return settings.quick ? Extent{1, 1, 1, 10, 200}
+                          : Extent{3, 4, 5, 60, 2000};
 }
-
-} // namespace
 
 double LoadAverage()
 {
@@ -49,188 +40,106 @@ double LoadAverage()
     return getloadavg(&load, 1) == 1 ? load : 0;
 }
 
-Round::Round(const Settings &settings, Subscribers &subscribers, Report &report)
-    : settings_(settings), subscribers_(subscribers), report_(report),
-      setSize_(std::min(settings.objects, kSetSize)), value_(kFirstValue),
-      service_("service",
-               [this](Channel channel, const Scratch &scratch)
-               {
-                   return RunServiceSide(channel, scratch, &*times_);
-               }),
-      pipe_(service_.scratch.Pipe()),
-      plain_("plain loop", RunLoopSide<ParsedRows>),
-      best_("best loop", RunLoopSide<SplicedRows>)
+// One round of the workloads, on two sides that are new.
+class Round
 {
+  public:
+    Round(const Settings &settings, Subscribers &subscribers, Report &report)
+        : setSize_(std::min(settings.objects, kSetSize)), settings_(settings),
+          report_(report), pair_(settings.service, subscribers)
+    {
+    }
+
+    // All workloads, with what lies between them; the sets are gone again at
+    // the end.
+    void RunWorkloads(int refreshes, uint64_t changes);
+
+    // The service alone.
+    void MeasureLatency(int runs);
+    void MeasureIdle(int seconds);
+
+    void End()
+    {
+        pair_.End();
+    }
+
+  private:
+    Step All(Action action, Set set) const
+    {
+        return {action, set, 0, setSize_, 0};
+    }
+    void Measure(WorkloadIndex workload, const Step &step, uint64_t objects,
+                 int passes = 1);
+    void Change(uint64_t changes);
+
+    const uint32_t setSize_;
+    const Settings &settings_;
+    Report &report_;
+    Pair pair_;
+};
+
+// That many objects have a row afterwards.
+void Round::Measure(WorkloadIndex workload, const Step &step, uint64_t objects,
+                    int passes)
+{
+    for (int i = 0; i < passes; ++i)
+    {
+        report_.slices[workload].push_back(pair_.Run(step));
+    }
+    pair_.CheckRows(objects);
 }
 
-// The service's population ends with a start-up, which has no fence.
-Sample Round::RunOn(Side &side, const Step &step, Work *pWork)
+// Refreshes on the service alone until it has sent that many signals. The loop
+// only ends with the same rows.
+void Round::Change(uint64_t changes)
 {
-    const bool isService = &side == &service_.side;
-    const bool isStart = isService && step.operation == Operation::Populate;
-    const uint64_t signals = step.count * SignalsOf(step.operation);
-    side.Ask(Kind::Prepare, step);
-    subscribers_.Begin();
-    const Answer answer = side.Ask(Kind::Run, step);
-    int64_t end = answer.cost.end;
-    Work work = {0, answer.cost.rowsWritten};
-    if (isStart)
+    const Step step = All(Action::RefreshChanged, Set::TwentyTypes);
+    while (pair_.Changes() + setSize_ < changes)
     {
-        report_.startUp = answer.startUp;
-        report_.population = Seconds(end - answer.cost.begin);
+        pair_.RunService(step);
     }
-    else
+    if (pair_.Changes() < changes)
     {
-        const Received received = subscribers_.End(signals, side.Name());
-        work.signals = received.digest;
-        end = signals > 0 ? received.last : end;
-    }
-    if (isService)
-    {
-        pipe_.Expect(step.count);
-        changes_ += signals;
-    }
-    if (pWork != nullptr)
-    {
-        *pWork = work;
-    }
-    // One thread walks and asks for the objects.
-    const int64_t store = isStart ? answer.cost.store : 0;
-    return {Seconds(end - answer.cost.begin - store),
-            Seconds(answer.cost.processor), Seconds(answer.cost.eventThread),
-            Seconds(answer.cost.store)};
-}
-
-Slice Round::RunOnAll(Step step)
-{
-    step.value = ++value_;
-    Slice slice = {step.count, {}};
-    Work works[kSideCount] = {};
-    for (size_t i = 0; i < kSideCount; ++i)
-    {
-        slice.sides[i] = RunOn(StationOf(i).side, step, &works[i]);
-    }
-    for (const SideIndex other : {kService, kBest})
-    {
-        CheckWork(StationOf(other).side.Name(), works[other], works[kPlain]);
-    }
-    return slice;
-}
-
-void Round::Measure(WorkloadIndex workload, Step step)
-{
-    report_.slices[workload].push_back(RunOnAll(step));
-}
-
-void Round::Refresh(WorkloadIndex workload, Operation operation, Set set,
-                    uint32_t refreshes)
-{
-    for (uint32_t done = 0; done < refreshes; done += setSize_)
-    {
-        Measure(workload, {operation, set, 0, setSize_, 0});
+        pair_.Run(step);
     }
 }
 
-void Round::CheckRows(uint64_t objects) const
-{
-    const RowsDigest service = DigestRows(service_.scratch.Database());
-    if (service.objects != objects || service.mapped != objects)
-    {
-        throw std::runtime_error(std::to_string(service.objects) +
-                                 " rows and " + std::to_string(service.mapped) +
-                                 " mappings instead of " +
-                                 std::to_string(objects));
-    }
-    if (DigestRows(plain_.scratch.Database()) != service ||
-        DigestRows(best_.scratch.Database()) != service)
-    {
-        throw std::runtime_error("the sides wrote different rows");
-    }
-}
-
-// Refreshes on the service alone until it has sent that many signals. The loops
-// only end with the same rows.
-void Round::ChangeService(uint64_t changes)
-{
-    if (changes_ >= changes)
-    {
-        return;
-    }
-    while (changes_ < changes)
-    {
-        RunOn(service_.side, {Operation::RefreshChanged, Set::TwentyTypes, 0,
-                              setSize_, ++value_});
-    }
-    const Step last = {Operation::RefreshChanged, Set::TwentyTypes, 0, setSize_,
-                       value_};
-    RunOn(plain_.side, last);
-    RunOn(best_.side, last);
-}
-
-void Round::RunWorkloads(uint32_t refreshes, uint64_t changes)
+void Round::RunWorkloads(int refreshes, uint64_t changes)
 {
     const uint32_t bunch = std::min(setSize_, kBunchSize);
-    const uint32_t objects = settings_.objects;
-    Measure(kPopulation, {Operation::Populate, Set::Population, 0, objects, 0});
-    CheckRows(objects);
-    RunOnAll({Operation::Create, Set::OneType, 0, setSize_, 0});
-    Measure(kCreate, {Operation::Create, Set::TwentyTypes, 0, setSize_, 0});
-    Refresh(kRefreshOneType, Operation::RefreshChanged, Set::OneType,
+    const uint64_t objects = settings_.objects;
+    const uint64_t most = objects + 2 * setSize_;
+    report_.slices[kPopulation].push_back(
+        pair_.Populate(settings_.objects, &report_.startUp));
+    pair_.CheckRows(objects);
+    pair_.Run(All(Action::Create, Set::OneType));
+    Measure(kCreate, All(Action::Create, Set::TwentyTypes), most);
+    Measure(kRefreshOneType, All(Action::RefreshChanged, Set::OneType), most,
             refreshes);
-    Refresh(kRefreshTwentyTypes, Operation::RefreshChanged, Set::TwentyTypes,
+    Measure(kRefreshTwentyTypes, All(Action::RefreshChanged, Set::TwentyTypes),
+            most, refreshes);
+    Measure(kRefreshSame, All(Action::RefreshSame, Set::TwentyTypes), most,
             refreshes);
-    Refresh(kRefreshSame, Operation::RefreshSame, Set::TwentyTypes, refreshes);
-    CheckRows(objects + 2 * setSize_);
-    ChangeService(changes);
-    Measure(kDelete, {Operation::Delete, Set::TwentyTypes, 0, setSize_, 0});
-    Measure(kDestroyBunch,
-            {Operation::DestroyBunch, Set::OneType, 0, bunch, 0});
-    RunOnAll({Operation::Delete, Set::OneType, bunch, setSize_ - bunch, 0});
-    CheckRows(objects);
+    Change(changes);
+    Measure(kDelete, All(Action::Delete, Set::TwentyTypes), objects + setSize_);
+    Measure(kDestroyBunch, {Action::DestroyBunch, Set::OneType, 0, bunch, 0},
+            objects + setSize_ - bunch);
+    pair_.Run({Action::Delete, Set::OneType, bunch, setSize_ - bunch, 0});
+    pair_.CheckRows(objects);
+    report_.changed = pair_.service.ReadMemory();
+    report_.changes = pair_.Changes();
 }
 
-void Round::MeasureMemory()
-{
-    report_.changed = service_.side.Ask(Kind::Memory).memory;
-    report_.changes = changes_;
-}
-
-// One pass over the set. Events and signals of one object keep their order.
-Cost Round::TimeChanges(std::vector<double> *pMicroseconds)
-{
-    const Step step = {Operation::RefreshChanged, Set::TwentyTypes, 0, setSize_,
-                       ++value_};
-    subscribers_.Begin(true);
-    const Cost cost = service_.side.Ask(Kind::Changes, step).cost;
-    subscribers_.End(step.count, service_.side.Name());
-    const std::vector<uint32_t> oids = OidsOf(step);
-    std::map<uint32_t, int64_t> begin;
-    for (size_t i = 0; i < oids.size(); ++i)
-    {
-        begin[oids[i]] = times_->times[i];
-    }
-    for (const Arrival &arrival : subscribers_.Arrivals())
-    {
-        pMicroseconds->push_back(
-            static_cast<double>(arrival.time - begin.at(arrival.oid)) / 1e3);
-    }
-    return cost;
-}
-
-// With the NC thread at work.
 void Round::MeasureLatency(int runs)
 {
-    RunOn(service_.side,
-          {Operation::Create, Set::TwentyTypes, 0, setSize_, ++value_});
-    subscribers_.Begin();
-    service_.side.Ask(Kind::Reconcile);
-    subscribers_.End(0, service_.side.Name());
+    pair_.Run(All(Action::Create, Set::TwentyTypes));
     for (int i = 0; i < runs; ++i)
     {
         std::vector<double> times;
         while (times.size() < kTimedChanges)
         {
-            TimeChanges(&times);
+            pair_.TimeChanges(All(Action::RefreshChanged, Set::TwentyTypes),
+                              kChangesPerSecond, &times);
         }
         std::ranges::sort(times);
         const auto percentile = [&](double part)
@@ -245,17 +154,39 @@ void Round::MeasureLatency(int runs)
 
 void Round::MeasureIdle(int seconds)
 {
-    WakeUps wakeUps(seconds);
-    const Cost cost = service_.side.Ask(Kind::Idle, {}, seconds).cost;
-    report_.idle = {Seconds(cost.end - cost.begin), Seconds(cost.processor),
-                    Seconds(cost.store), wakeUps.Processor()};
+    const int64_t begin = Now();
+    const Usage before = pair_.service.ReadUsage();
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    const Usage after = pair_.service.ReadUsage();
+    report_.idle = {static_cast<double>(Now() - begin) / 1e9,
+                    static_cast<double>(after.service - before.service) / 1e9,
+                    static_cast<double>(after.answers - before.answers) / 1e9};
 }
 
-void Round::Stop()
+} // namespace
+
+Report RunBench(const Settings &settings)
 {
-    service_.side.Stop();
-    plain_.side.Stop();
-    best_.side.Stop();
+    const Extent extent = ExtentOf(settings);
+    Report report = {};
+    report.loadBefore = LoadAverage();
+    const Bus bus;
+    Subscribers subscribers(settings.subscribers);
+    for (int i = 1; i <= extent.rounds; ++i)
+    {
+        const bool isLast = i == extent.rounds;
+        Round round(settings, subscribers, report);
+        round.RunWorkloads(extent.refreshes, isLast ? settings.changes : 0);
+        if (isLast)
+        {
+            round.MeasureLatency(extent.latencyRuns);
+            round.MeasureIdle(extent.idleSeconds);
+        }
+        round.End();
+    }
+    report.slow = RunSlow(settings.service, subscribers, extent.slowObjects);
+    report.loadAfter = LoadAverage();
+    return report;
 }
 
 } // namespace qdb::bench

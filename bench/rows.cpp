@@ -106,9 +106,9 @@ void CheckSameRows(const std::string &service, const std::string &plain,
                    uint64_t objects)
 {
     const Connection connection = OpenBoth(service, plain);
-    for (const std::string &table : Query(
-             connection, "SELECT name FROM main.sqlite_schema WHERE type = "
-                         "'table' AND name NOT LIKE 'sqlite_%'"))
+    for (const std::string &table :
+         Query(connection, "SELECT name FROM main.sqlite_schema WHERE type = "
+                           "'table' AND name NOT LIKE 'sqlite_%'"))
     {
         CheckTable(connection, table);
     }

@@ -1,6 +1,5 @@
 #include "bench/service.h"
 
-#include "bench/wait.h"
 #include "core/ready.h"
 #include "platform/standin/standin.h"
 
@@ -90,6 +89,7 @@ Service::Service(const std::string &program)
               return Answers(scratch_.Root() + "/control");
           });
     AwaitHanging(kHeldCall);
+    startSeconds_ = static_cast<double>(Now() - begin_) / 1e9;
     const Json measure = Operation("measure");
     Put(measure, "on", Json(json_true()));
     client_.Call(measure);
@@ -227,14 +227,13 @@ Usage Service::ReadUsage()
     Usage usage = {};
     usage.answers = part("cpuNanoseconds") + part("clockNanoseconds");
     usage.events = part("ownThreadNanoseconds");
-    usage.service =
-        ProcessorTime(process_.Id()) - usage.answers - usage.events;
+    usage.service = ProcessorTime(process_.Id()) - usage.answers - usage.events;
     return usage;
 }
 
-int64_t Service::Heap()
+Memory Service::ReadMemory()
 {
-    return static_cast<int64_t>(Ask(Operation("memory"), "heap"));
+    return {static_cast<int64_t>(Ask(Operation("memory"), "heap")), Resident()};
 }
 
 int64_t Service::Resident() const

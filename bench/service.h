@@ -6,11 +6,12 @@
 #pragma once
 
 #include "bench/process.h"
+#include "bench/report.h"
 #include "bench/scratch.h"
+#include "bench/wait.h"
 #include "tools/dmctl/client.h"
 
 #include <cstdint>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -25,7 +26,7 @@ struct Usage
     int64_t events;  // the stand-in's own threads, but for the callbacks
 };
 
-// What one event type has in a step's record.
+// Events of one type.
 struct Events
 {
     uint16_t type;
@@ -70,9 +71,14 @@ class Service
 
     Usage ReadUsage();
 
-    // Bytes in use in its heap, with the stand-in's, and bytes resident.
-    int64_t Heap();
-    int64_t Resident() const;
+    // With the stand-in's.
+    Memory ReadMemory();
+
+    // From the program's start until it waited.
+    double StartSeconds() const
+    {
+        return startSeconds_;
+    }
 
     // Ends it as a shutdown does.
     void End()
@@ -88,8 +94,11 @@ class Service
   private:
     int Run(const std::string &program) const;
     uint64_t Ask(const Json &request, const char *member);
+    int64_t Resident() const;
 
     Scratch scratch_;
+    int64_t begin_ = Now();
+    double startSeconds_ = 0;
     Process process_;
     Client client_{scratch_.Root() + "/control"};
 };

@@ -17,7 +17,7 @@ namespace
 
 constexpr uint16_t kParentType = 0x91; // the system
 constexpr uint16_t kProbeType = 0x1B;
-constexpr uint16_t kMeasuredType = 0xE6;
+constexpr uint16_t kMeasuredType = 0xE6; // PCI devices
 
 // Sensors, supplies, storage, network, settings and inventory: narrow and wide
 // tables, two with SELECT * readers and one with previous values. None is read
@@ -91,7 +91,8 @@ void PutObject(const Json &operations, uint16_t type, uint32_t oid,
     Put(request, "values", standin::GenerateValues(type, oid, isFirst));
     if (const Parent *parent = ParentOf(type, oid))
     {
-        Put(request, "parents", Json(json_pack("[I]", json_int_t{parent->oid})));
+        Put(request, "parents",
+            Json(json_pack("[I]", json_int_t{parent->oid})));
     }
     if (key != nullptr)
     {
@@ -195,6 +196,19 @@ std::vector<uint32_t> OidsOf(const Step &step)
         oids.push_back((isSpecial ? kSystem.oid : FirstOid(step.set)) + i);
     }
     return oids;
+}
+
+std::set<std::string> TablesOfSets()
+{
+    std::set<std::string> tables;
+    for (const Set set : {Set::OneType, Set::TwentyTypes})
+    {
+        for (const uint16_t type : TypesOf(set))
+        {
+            tables.insert(FindRow(type)->table->name);
+        }
+    }
+    return tables;
 }
 
 Json OperationsFor(const Step &step)

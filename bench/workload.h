@@ -9,6 +9,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <set>
+#include <string>
 #include <vector>
 
 namespace qdb::bench
@@ -43,10 +45,7 @@ struct Step
 // Signals that one operation sends, 1 or 0.
 constexpr uint32_t SignalsOf(Action action)
 {
-    return action == Action::Populate ||
-                   action == Action::RefreshSame
-               ? 0
-               : 1;
+    return action == Action::Populate || action == Action::RefreshSame ? 0 : 1;
 }
 
 // The OIDs of a step's objects, in the order of its events.
@@ -62,6 +61,10 @@ struct Parent
 
 // NULL for the object that has none.
 const Parent *ParentOf(uint16_t type, uint32_t oid);
+
+// The tables that hold the rows of the two smaller sets. The NC thread writes
+// to none of them.
+std::set<std::string> TablesOfSets();
 
 // The operations of the control socket that bring a stand-in to where the
 // step's events find it.
