@@ -1,7 +1,5 @@
 #include "bench/loop.h"
 
-#include "bench/parsed_rows.h"
-#include "bench/wait.h"
 #include "core/paths.h"
 #include "core/state.h"
 #include "db/connection.h"
@@ -9,6 +7,7 @@
 #include "objects/array_tables.h"
 #include "platform/standin/commands.h"
 #include "platform/standin/standin.h"
+#include "publish/bus_connection.h"
 #include "tools/dmctl/client.h"
 
 #include <algorithm>
@@ -20,6 +19,27 @@ namespace qdb::bench
 namespace
 {
 
+// Kinds of signals, as SignalMember counts them.
+constexpr int kAdded = 1;
+constexpr int kChanged = 2;
+constexpr int kRemoved = 3;
+
+enum Statement : size_t
+{
+    kTypeOf,
+    kMap,
+    kTouchTag,
+    kLinkParent,
+    kUnmap,
+};
+constexpr const char *kSql[] = {
+    "select ObjType from ActiveOIDMapping where OID = ?",
+    "insert into ActiveOIDMapping ( OID, ObjType ) values (?,?)",
+    "UPDATE TblEtag SET MultiRecordEtag = strftime('%s') where TableName = ?;",
+    "INSERT OR REPLACE INTO ParentChildMapping ('OID', 'POID') VALUES (?, ?)",
+    "DELETE FROM ActiveOIDMapping WHERE Oid = ?",
+};
+
 int64_t ProcessorTime()
 {
     timespec time = {};
@@ -27,35 +47,48 @@ int64_t ProcessorTime()
     return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
 }
 
-void CheckReply(const json_t *reply)
+const DataObjHeader *Object(const std::vector<uint8_t> &bytes)
 {
-    if (!Succeeded(reply))
+    return reinterpret_cast<const DataObjHeader *>(bytes.data());
+}
+
+void CheckBus(int result)
+{
+    if (result < 0)
     {
-        throw std::runtime_error("the stand-in refused: " + ErrorOf(reply));
+        throw std::runtime_error("the bus: " + std::to_string(result));
     }
 }
 
 } // namespace
 
-Loop::OpenDatabase::OpenDatabase(const Scratch &scratch)
+// Waits for its name, since the daemon closes a connection that nobody has
+// driven for half a minute, and objects may take longer to make.
+Loop::Loop()
 {
+    standin::Reset();
     sqlite3_shutdown(); // as in a new process
-    gRuntimeRoot = scratch.Root().c_str();
+    gRuntimeRoot = scratch.root.Path().c_str();
     if (QDVDBInit() != SQLITE_OK)
     {
         throw std::runtime_error("can't open the database");
     }
+    for (const char *sql : kSql)
+    {
+        statements_.emplace_back(sql);
+    }
+    const char *name = nullptr;
+    CheckBus(sd_bus_open_system(&bus_));
+    CheckBus(sd_bus_get_unique_name(bus_, &name));
 }
 
-Loop::OpenDatabase::~OpenDatabase()
+Loop::~Loop()
 {
+    sd_bus_flush_close_unref(bus_);
+    statements_.clear();
+    rows_.clear();
     FinalizeHandlerStatements(); // those of array properties
     CloseDatabase();
-}
-
-Loop::Loop()
-{
-    standin::Reset();
 }
 
 // Rows that the objects have go in by their catalogue row, as a population
@@ -64,39 +97,34 @@ void Loop::Prepare(const Step &step, const Json &operations)
 {
     for (size_t i = 0; i < json_array_size(operations.get()); ++i)
     {
-        CheckReply(standin::Execute(json_array_get(operations.get(), i)).get());
+        const Json reply =
+            standin::Execute(json_array_get(operations.get(), i));
+        if (!Succeeded(reply.get()))
+        {
+            throw std::runtime_error(ErrorOf(reply.get()));
+        }
     }
     subjects_.clear();
     for (const uint32_t oid : OidsOf(step))
     {
         std::vector<uint8_t> bytes = standin::ObjectBytes(oid);
-        RowStatements &statements = StatementsOf(oid, bytes);
-        subjects_.push_back({oid, std::move(bytes), &statements});
+        LoopRow *&row = byOid_[oid];
+        if (row == nullptr)
+        {
+            const ObjTypeRow &found =
+                RowOf(reinterpret_cast<DataObjHeader *>(bytes.data()));
+            row = &rows_.try_emplace(&found, found).first->second;
+        }
+        subjects_.push_back({oid, std::move(bytes), row});
     }
     if (step.action == Action::Populate)
     {
         std::ranges::stable_sort(subjects_, {},
                                  [](const Subject &subject)
                                  {
-                                     return &subject.statements->row;
+                                     return &subject.row->row;
                                  });
     }
-}
-
-RowStatements &Loop::StatementsOf(uint32_t oid, std::vector<uint8_t> &bytes)
-{
-    RowStatements *&statements = byOid_[oid];
-    if (statements == nullptr)
-    {
-        auto *object = reinterpret_cast<DataObjHeader *>(bytes.data());
-        const ObjTypeRow *row = bytes.empty() ? nullptr : RowOf(object);
-        if (row == nullptr)
-        {
-            throw std::runtime_error("an object has no row");
-        }
-        statements = &statements_.try_emplace(row, *row).first->second;
-    }
-    return *statements;
 }
 
 LoopCost Loop::Run(const Step &step)
@@ -140,65 +168,75 @@ void Loop::RunOne(Action action, const Subject &subject)
 
 void Loop::Create(const Subject &subject, bool announced)
 {
-    const ObjTypeRow &row = subject.statements->row;
+    const ObjTypeRow &row = subject.row->row;
     const auto type = static_cast<uint16_t>(row.objType);
     const Parent *parent = ParentOf(type, subject.oid);
-    Write(map_, {StoredOid(subject.oid), static_cast<int>(row.objType)});
-    InsertRow(*subject.statements, ObjectView(subject.Object()),
-              parent == nullptr ? nullptr : parent->key);
-    InsertArrays(row, subject.Object());
-    auto whole = ParsedRows::Read(*subject.statements, subject.oid);
+    Write(statements_[kMap],
+          {StoredOid(subject.oid), static_cast<int>(row.objType)});
+    subject.row->Insert(ObjectView(Object(subject.bytes)),
+                        parent == nullptr ? nullptr : parent->key);
+    InsertArrays(row, Object(subject.bytes));
+    JsonPtr whole = subject.row->Read(subject.oid);
     TouchTag(row.table->name);
     if (parent != nullptr)
     {
-        Write(linkParent_, {StoredOid(subject.oid), StoredOid(parent->oid)});
+        Write(statements_[kLinkParent],
+              {StoredOid(subject.oid), StoredOid(parent->oid)});
     }
-    const auto text = ParsedRows::RenderWhole(row, std::move(whole));
+    const JsonText text = subject.row->Whole(std::move(whole));
     if (announced)
     {
-        bus_.Send(kAdded, text.get());
+        Send(kAdded, text);
     }
 }
 
 void Loop::Refresh(const Subject &subject)
 {
-    RowStatements &statements = *subject.statements;
-    auto before = ParsedRows::Read(statements, subject.oid);
-    UpdateRow(statements, ObjectView(subject.Object()), subject.oid);
-    auto after = ParsedRows::Read(statements, subject.oid);
-    if (const auto text = ParsedRows::RenderChange(
-            statements.row, std::move(before), std::move(after)))
+    JsonPtr before = subject.row->Read(subject.oid);
+    subject.row->Update(ObjectView(Object(subject.bytes)), subject.oid);
+    JsonPtr after = subject.row->Read(subject.oid);
+    if (const JsonText text =
+            subject.row->Change(std::move(before), std::move(after)))
     {
-        bus_.Send(kChanged, text->get());
+        Send(kChanged, text);
     }
 }
 
 void Loop::Delete(const Subject &subject)
 {
-    RowStatements &statements = *subject.statements;
-    auto whole = ParsedRows::Read(statements, subject.oid);
-    Write(unmap_, {StoredOid(subject.oid)});
-    bus_.Send(kRemoved,
-              ParsedRows::RenderWhole(statements.row, std::move(whole)).get());
+    JsonPtr whole = subject.row->Read(subject.oid);
+    Write(statements_[kUnmap], {StoredOid(subject.oid)});
+    Send(kRemoved, subject.row->Whole(std::move(whole)));
     byOid_.erase(subject.oid);
 }
 
 // Before a create there is no row, which is no failure.
 void Loop::LookUpType(uint32_t oid)
 {
-    const StatementReset reset(typeOf_.get());
-    sqlite3_bind_int(typeOf_.get(), 1, StoredOid(oid));
-    if (sqlite3_step(typeOf_.get()) == SQLITE_ROW)
+    sqlite3_stmt *typeOf = statements_[kTypeOf].Get();
+    const StatementReset reset(typeOf);
+    sqlite3_bind_int(typeOf, 1, StoredOid(oid));
+    if (sqlite3_step(typeOf) == SQLITE_ROW)
     {
-        sqlite3_column_int(typeOf_.get(), 0);
+        sqlite3_column_int(typeOf, 0);
     }
 }
 
 void Loop::TouchTag(const char *table)
 {
-    const StatementReset reset(touchTag_.get());
-    sqlite3_bind_text(touchTag_.get(), 1, table, -1, SQLITE_TRANSIENT);
-    StepTo(touchTag_, SQLITE_DONE);
+    sqlite3_stmt *touch = statements_[kTouchTag].Get();
+    const StatementReset reset(touch);
+    sqlite3_bind_text(touch, 1, table, -1, SQLITE_TRANSIENT);
+    StepTo(touch, SQLITE_DONE);
+}
+
+// Flushed, because nobody else sends what the socket didn't take; when it took
+// all, that costs nothing.
+void Loop::Send(int kind, const JsonText &text)
+{
+    CheckBus(sd_bus_emit_signal(bus_, kSignalPath, kSignalInterface,
+                                SignalMember(kind), "s", text.get()));
+    CheckBus(sd_bus_flush(bus_));
 }
 
 } // namespace qdb::bench

@@ -3,14 +3,15 @@
 // The calling thread makes the calls that an operation can't do without, with
 // nothing around them: no locks, no log, no queue, no telemetry, no Data
 // Manager. The statements are the service's, in the service's order, each made
-// on its own; all are prepared once. The objects are fetched before. It is the
-// yardstick: a way to make the service faster doesn't belong here.
+// on its own. The objects are fetched before. It is the yardstick: a way to
+// make the service faster doesn't belong here.
 #pragma once
 
-#include "bench/loop_bus.h"
+#include "bench/loop_row.h"
 #include "bench/scratch.h"
-#include "bench/statements.h"
 #include "bench/workload.h"
+
+#include <systemd/sd-bus.h>
 
 #include <cstdint>
 #include <map>
@@ -33,6 +34,9 @@ class Loop
 {
   public:
     Loop();
+    ~Loop();
+    Loop(const Loop &) = delete;
+    Loop &operator=(const Loop &) = delete;
 
     // Brings the stand-in to where the step's events find it, and fetches the
     // objects.
@@ -40,32 +44,16 @@ class Loop
 
     LoopCost Run(const Step &step);
 
-    const Scratch &Files() const
-    {
-        return scratch_;
-    }
+    const Scratch scratch;
 
   private:
-    struct OpenDatabase
-    {
-        explicit OpenDatabase(const Scratch &scratch);
-        ~OpenDatabase();
-        OpenDatabase(const OpenDatabase &) = delete;
-        OpenDatabase &operator=(const OpenDatabase &) = delete;
-    };
-
     // An object on its way through the loop. After its deletion only its row
     // is known.
     struct Subject
     {
         uint32_t oid;
         std::vector<uint8_t> bytes; // empty: gone
-        RowStatements *statements;
-
-        const DataObjHeader *Object() const
-        {
-            return reinterpret_cast<const DataObjHeader *>(bytes.data());
-        }
+        LoopRow *row;
     };
 
     void RunOne(Action action, const Subject &subject);
@@ -74,28 +62,15 @@ class Loop
     void Delete(const Subject &subject);
     void LookUpType(uint32_t oid);
     void TouchTag(const char *table);
-    RowStatements &StatementsOf(uint32_t oid, std::vector<uint8_t> &bytes);
+    void Send(int kind, const JsonText &text);
 
-    Scratch scratch_;
-    OpenDatabase database_{
-        scratch_}; // before the statements, which it outlives
-    LoopBus bus_;
-    StatementPtr typeOf_ =
-        PrepareText("select ObjType from ActiveOIDMapping where OID = ?");
-    StatementPtr map_ = PrepareText(
-        "insert into ActiveOIDMapping ( OID, ObjType ) values (?,?)");
-    StatementPtr touchTag_ = PrepareText(
-        "UPDATE TblEtag SET MultiRecordEtag = strftime('%s') where TableName "
-        "= ?;");
-    StatementPtr linkParent_ =
-        PrepareText("INSERT OR REPLACE INTO ParentChildMapping ('OID', "
-                    "'POID') VALUES (?, ?)");
-    StatementPtr unmap_ =
-        PrepareText("DELETE FROM ActiveOIDMapping WHERE Oid = ?");
+    sd_bus *bus_ = nullptr;
 
-    std::map<const ObjTypeRow *, RowStatements> statements_;
-    std::map<uint32_t, RowStatements *> byOid_; // of live objects
-    std::vector<Subject> subjects_;             // of the next Run
+    // Empty while there is no database.
+    std::vector<LazyStatement> statements_;
+    std::map<const ObjTypeRow *, LoopRow> rows_;
+    std::map<uint32_t, LoopRow *> byOid_; // of live objects
+    std::vector<Subject> subjects_;       // of the next Run
 };
 
 } // namespace qdb::bench

@@ -3,9 +3,7 @@
 //
 // Exit status: 0 measured; 1 something failed, a signal was lost, or the sides
 // did not do the same work. No result is good or bad here.
-#include "bench/round.h"
-
-#include <unistd.h>
+#include "bench/bench.h"
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -59,8 +57,7 @@ int Run(int argc, char **argv)
     {
         return app.exit(error) == 0 ? 0 : 1;
     }
-    const Report report = RunBench(settings);
-    json ? PrintJson(report, settings) : PrintTable(report, settings);
+    Print(RunBench(settings), settings, json);
     if (std::fflush(stdout) != 0)
     {
         throw std::runtime_error("can't write to standard output");

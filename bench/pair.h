@@ -1,11 +1,10 @@
 // The two sides, each with a new database, taken through the same steps.
 #pragma once
 
+#include "bench/counter.h"
 #include "bench/loop.h"
-#include "bench/pipe_reader.h"
 #include "bench/report.h"
 #include "bench/service.h"
-#include "bench/subscriber.h"
 #include "bench/workload.h"
 
 #include <string>
@@ -13,6 +12,9 @@
 
 namespace qdb::bench
 {
+
+// What lies between two readings.
+Sample SampleOf(int64_t elapsed, const Usage &before, const Usage &after);
 
 // All throw std::runtime_error when something fails, or when a side did not do
 // what it should have done.
@@ -26,26 +28,21 @@ class Pair
     // waits until the service is ready.
     Slice Populate(uint32_t objects, StartUp *pStartUp);
 
-    // Prepares and runs the step on both, or on the service alone. The value
-    // of the step is one that no step before it had.
+    // Prepares and runs the step on both, or on the service alone. The step's
+    // value becomes one that no step before it had.
     Slice Run(Step step);
     Sample RunService(Step step);
 
-    // One pass over the set, one change after the other at that rate. Adds how
-    // long each took from the call of the listener to the first subscriber, in
+    // The service's changes one after the other when each is due. Adds how long
+    // each took from the call of the listener to the first subscriber, in
     // microseconds.
     void TimeChanges(Step step, int perSecond, std::vector<double> *pTimes);
 
     // Compares the rows; that many objects are to have one.
     void CheckRows(uint64_t objects) const;
 
-    // Waits until everything that was deferred has been done, and ends the
-    // service.
-    void End()
-    {
-        subscribers_.Begin();
-        service.End();
-    }
+    // Ends the service.
+    void End();
 
     // Signals of the service so far.
     uint64_t Changes() const
@@ -56,13 +53,15 @@ class Pair
     Service service;
 
   private:
-    Sample RunLoop(const Step &step, const Json &operations);
-    Sample RunService(const Step &step, const Json &operations);
+    void BeginCounting(bool keepsArrivals = false);
+    int64_t EndCounting(uint64_t signals);
+    Sample RunOnService(const Step &step, const Json &operations);
+    Sample RunOnLoop(const Step &step, const Json &operations);
 
     Subscribers &subscribers_;
-    PipeReader pipe_;
+    Counter pipe_;
     Loop loop_;
-    uint32_t value_;
+    uint32_t value_ = 30000;
     uint64_t changes_ = 0;
 };
 

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <exception>
 
@@ -12,6 +13,8 @@ namespace qdb::bench
 {
 namespace
 {
+
+constexpr int64_t kLimit = 300'000'000'000; // nanoseconds
 
 [[noreturn]] void RunChild(const std::function<int()> &body)
 {
@@ -29,6 +32,29 @@ namespace
 }
 
 } // namespace
+
+int64_t Now()
+{
+    return std::chrono::steady_clock::now().time_since_epoch().count();
+}
+
+double Seconds(int64_t nanoseconds)
+{
+    return static_cast<double>(nanoseconds) / 1e9;
+}
+
+void Await(const std::string &what, const std::function<bool()> &condition)
+{
+    const int64_t begin = Now();
+    while (!condition())
+    {
+        if (Now() - begin > kLimit)
+        {
+            throw std::runtime_error("waited in vain for " + what);
+        }
+        usleep(1000);
+    }
+}
 
 Process::Process(const std::function<int()> &body) : pid_(fork())
 {
@@ -53,19 +79,13 @@ Process::~Process()
 
 void Process::End()
 {
-    // A stop takes ten seconds at most.
-    constexpr int kLimitMs = 15000;
     int status = 0;
     kill(pid_, SIGTERM);
-    int waited = 0;
-    while (waitpid(pid_, &status, WNOHANG) != pid_)
-    {
-        if (++waited > kLimitMs)
-        {
-            throw std::runtime_error("a process doesn't end");
-        }
-        usleep(1000);
-    }
+    Await("the end of a process",
+          [&]
+          {
+              return waitpid(pid_, &status, WNOHANG) == pid_;
+          });
     pid_ = -1;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
     {

@@ -58,13 +58,6 @@ struct Latency
     double load; // average of the minute before the end
 };
 
-struct Idle
-{
-    double seconds;
-    double processor;
-    double answers;
-};
-
 struct Memory
 {
     int64_t heap;     // bytes in use
@@ -79,30 +72,37 @@ struct StartUp
     Memory populated;  // when it is ready
 };
 
-// One step on a platform that takes its time.
-struct SlowStep
+enum SlowIndex : size_t
 {
-    const char *name;
-    int delay;        // of each call about an object, in microseconds
-    bool hanging;     // one call hangs beside it
-    double perSecond; // operations
-    double calls;     // of one operation, without a delay
+    kSlowCreate,
+    kSlowRefresh,
+    kSlowDelete,
+    kSlowCount,
+};
+
+// The steps on a platform that takes its time.
+struct SlowRun
+{
+    int delay;    // of each call about an object, in microseconds
+    bool hanging; // one call hangs beside them
+    std::array<double, kSlowCount> perSecond;
+    std::array<double, kSlowCount> calls; // of one operation
 };
 
 struct Report
 {
     std::array<std::vector<Slice>, kWorkloadCount> slices;
     std::vector<Latency> latencies;
-    Idle idle;
-    StartUp startUp;  // of the last service
-    Memory changed;   // of that service, when the sets had gone again
-    uint64_t changes; // signals that it had sent by then
-    std::vector<SlowStep> slow;
-    double loadBefore; // of the minute before the measuring and its end
+    Sample idle;
+    StartUp startUp;           // of the last service
+    Memory changed;            // of it, when the sets had gone again
+    uint64_t changes;          // signals that it had sent by then
+    std::vector<SlowRun> slow; // the first without delay or hanging call
+    double loadBefore;         // of the minute before the measuring and its end
     double loadAfter;
 };
 
-void PrintTable(const Report &report, const Settings &settings);
-void PrintJson(const Report &report, const Settings &settings);
+// Prints it for people, or as one JSON object.
+void Print(const Report &report, const Settings &settings, bool asJson);
 
 } // namespace qdb::bench

@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <stdexcept>
 
 namespace qdb::bench
 {
@@ -15,11 +14,27 @@ namespace
 {
 
 constexpr char kTmpfs[] = "/dev/shm";
+constexpr char kAddress[] = "DBUS_SYSTEM_BUS_ADDRESS";
+
+// With the session's rules: everybody may send and receive, and bursts wait in
+// the daemon.
+int RunDaemon()
+{
+    const std::string option = std::string("--address=") + getenv(kAddress);
+    execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile",
+           option.c_str(), nullptr);
+    throw std::runtime_error("can't run dbus-daemon");
+}
 
 } // namespace
 
-Directory::Directory(const std::string &parent)
-    : path_(parent + "/qdbbench.XXXXXX")
+bool OnTmpfs()
+{
+    return access(kTmpfs, W_OK) == 0;
+}
+
+Directory::Directory()
+    : path_(std::string(OnTmpfs() ? kTmpfs : "/tmp") + "/qdbbench.XXXXXX")
 {
     if (mkdtemp(path_.data()) == nullptr)
     {
@@ -33,34 +48,34 @@ Directory::~Directory()
     std::filesystem::remove_all(path_, ignored);
 }
 
-Scratch::Scratch() : root_(OnTmpfs() ? kTmpfs : "/tmp")
+Scratch::Scratch()
 {
-    std::filesystem::create_directories(Root() + "/var/run/quillondatabase");
-    std::filesystem::create_directories(Root() + "/var/run/telemetryservice");
+    std::filesystem::create_directories(root / "var/run/quillondatabase");
+    std::filesystem::create_directories(root / "var/run/telemetryservice");
     std::string error;
-    if (!CreateDatabase(Database(), false, &error))
+    if (!CreateDatabase(database, false, &error) ||
+        mkfifo(pipe.c_str(), 0600) != 0)
     {
-        throw std::runtime_error(error);
-    }
-    if (mkfifo(Pipe().c_str(), 0600) != 0)
-    {
-        throw std::runtime_error("can't make " + Pipe());
+        throw std::runtime_error("can't make a database or a pipe " + error);
     }
 }
 
-std::string Scratch::Database() const
+Bus::Bus()
+    : daemon_(
+          [this]
+          {
+              const std::string address = "unix:path=" + (directory_ / "bus");
+              setenv(kAddress, address.c_str(), 1);
+              return RunDaemon();
+          })
 {
-    return Root() + "/var/run/quillondatabase/DMLiveObjectDatabase.db";
-}
-
-std::string Scratch::Pipe() const
-{
-    return Root() + "/var/run/telemetryservice/qdbtdbipcpipe";
-}
-
-bool Scratch::OnTmpfs()
-{
-    return access(kTmpfs, W_OK) == 0;
+    const std::string socket = directory_ / "bus";
+    setenv(kAddress, ("unix:path=" + socket).c_str(), 1);
+    Await("the bus",
+          [&]
+          {
+              return access(socket.c_str(), F_OK) == 0;
+          });
 }
 
 } // namespace qdb::bench

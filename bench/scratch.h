@@ -1,21 +1,25 @@
-// The files that one side works on: a runtime root of its own with an empty
-// database of the whole schema and the telemetry pipe.
+// What a measurement stands on: files, and a bus.
 //
 // In the field the database lies on a tmpfs. Here it does, too, where the
 // machine offers one.
 #pragma once
+
+#include "bench/process.h"
 
 #include <string>
 
 namespace qdb::bench
 {
 
-// A directory of its own, removed with all it holds.
+// Whether there is a tmpfs.
+bool OnTmpfs();
+
+// A directory of its own, removed with all it holds. All constructors below
+// throw std::runtime_error when what they make can't be made.
 class Directory
 {
   public:
-    // Throws std::runtime_error when it can't be made.
-    explicit Directory(const std::string &parent);
+    Directory();
     ~Directory();
     Directory(const Directory &) = delete;
     Directory &operator=(const Directory &) = delete;
@@ -24,29 +28,38 @@ class Directory
     {
         return path_;
     }
+    std::string operator/(const char *name) const
+    {
+        return path_ + "/" + name;
+    }
 
   private:
     std::string path_;
 };
 
+// The runtime root of one side, with an empty database of the whole schema and
+// the telemetry pipe.
 class Scratch
 {
   public:
-    // Throws std::runtime_error when the files can't be made.
     Scratch();
 
-    const std::string &Root() const
-    {
-        return root_.Path();
-    }
-    std::string Database() const;
-    std::string Pipe() const;
+    const Directory root;
+    const std::string database =
+        root / "var/run/quillondatabase/DMLiveObjectDatabase.db";
+    const std::string pipe = root / "var/run/telemetryservice/qdbtdbipcpipe";
+};
 
-    // Whether databases lie on a tmpfs.
-    static bool OnTmpfs();
+// A dbus-daemon, as long as the object lives. It is the system bus of this
+// process and of those that it makes.
+class Bus
+{
+  public:
+    Bus();
 
   private:
-    Directory root_;
+    Directory directory_;
+    Process daemon_;
 };
 
 } // namespace qdb::bench

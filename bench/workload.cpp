@@ -1,9 +1,9 @@
 #include "bench/workload.h"
 
 #include "objects/catalogue.h"
+#include "platform/standin/events.h"
 #include "platform/standin/generator.h"
 #include "platform/standin/layout.h"
-#include "tools/dmctl/client.h"
 
 #include <algorithm>
 #include <iterator>
@@ -40,13 +40,6 @@ constexpr Parent kBattery = {0x1001, "Tarnu.Embedded.1#SubSystem.1#Battery"};
 
 // Sets don't meet up to a million objects.
 constexpr uint32_t kFirstOid[] = {0x100000, 0x200000, 0x300000};
-
-Json Quiet(const char *operation)
-{
-    Json request = Operation(operation);
-    Put(request, "announce", Json(json_false()));
-    return request;
-}
 
 bool IsSingleton(uint32_t objType)
 {
@@ -85,20 +78,15 @@ uint32_t FirstOid(Set set)
 void PutObject(const Json &operations, uint16_t type, uint32_t oid,
                bool isFirst, const char *key = nullptr)
 {
-    Json request = Quiet("create");
-    Put(request, "type", Number(type));
-    Put(request, "oid", Number(oid));
-    Put(request, "values", standin::GenerateValues(type, oid, isFirst));
-    if (const Parent *parent = ParentOf(type, oid))
-    {
-        Put(request, "parents",
-            Json(json_pack("[I]", json_int_t{parent->oid})));
-    }
-    if (key != nullptr)
-    {
-        Put(request, "key", Text(key));
-    }
-    Append(operations, std::move(request));
+    const Parent *parent = ParentOf(type, oid);
+    Append(operations,
+           Json(json_pack(
+               "{s:s, s:b, s:i, s:I, s:o, s:s*, s:o*}", "op", "create",
+               "announce", 0, "type", int{type}, "oid", json_int_t{oid},
+               "values", standin::GenerateValues(type, oid, isFirst).release(),
+               "key", key, "parents",
+               parent == nullptr ? nullptr
+                                 : json_pack("[I]", json_int_t{parent->oid}))));
 }
 
 // Types in turn; objects of a type with two tables take turns between them.
@@ -156,25 +144,39 @@ void ChangeObjects(const Json &operations, const Step &step)
     for (uint32_t i = step.first; i < step.first + step.count; ++i)
     {
         const Table &table = *FindRow(types[i % types.size()])->table;
-        const Json values(json_object());
-        Put(values, ChangedColumn(table), Number(step.value));
-        Json request = Quiet("set");
-        Put(request, "oid", Number(FirstOid(step.set) + i));
-        Put(request, "values", Share(values.get()));
-        Append(operations, std::move(request));
+        Append(operations,
+               Json(json_pack("{s:s, s:b, s:I, s:{s:I}}", "op", "set",
+                              "announce", 0, "oid",
+                              json_int_t{FirstOid(step.set) + i}, "values",
+                              ChangedColumn(table), json_int_t{step.value})));
     }
 }
 
-Json DeleteRequest(const Step &step)
+json_t *OidArray(const Step &step)
 {
-    const Json oids(json_array());
+    json_t *oids = json_array();
     for (const uint32_t oid : OidsOf(step))
     {
-        Append(oids, Number(oid));
+        json_array_append_new(oids, json_integer(oid));
     }
-    Json request = Quiet("delete");
-    Put(request, "oids", Share(oids.get()));
-    return request;
+    return oids;
+}
+
+int EventOf(Action action)
+{
+    switch (action)
+    {
+    case Action::Populate:
+    case Action::Create:
+        return standin::kCreate;
+    case Action::RefreshChanged:
+    case Action::RefreshSame:
+        return standin::kDirtyList;
+    case Action::Delete:
+    case Action::DestroyBunch:
+        break;
+    }
+    return standin::kDestroy;
 }
 
 } // namespace
@@ -198,19 +200,6 @@ std::vector<uint32_t> OidsOf(const Step &step)
     return oids;
 }
 
-std::set<std::string> TablesOfSets()
-{
-    std::set<std::string> tables;
-    for (const Set set : {Set::OneType, Set::TwentyTypes})
-    {
-        for (const uint16_t type : TypesOf(set))
-        {
-            tables.insert(FindRow(type)->table->name);
-        }
-    }
-    return tables;
-}
-
 Json OperationsFor(const Step &step)
 {
     Json operations(json_array());
@@ -229,10 +218,19 @@ Json OperationsFor(const Step &step)
         break;
     case Action::Delete:
     case Action::DestroyBunch:
-        Append(operations, DeleteRequest(step));
+        Append(operations,
+               Json(json_pack("{s:s, s:b, s:o}", "op", "delete", "announce", 0,
+                              "oids", OidArray(step))));
         break;
     }
     return operations;
+}
+
+json_t *AnnouncementOf(const Step &step, int perSecond)
+{
+    return json_pack("{s:s, s:i, s:o, s:b, s:i}", "op", "announce", "event",
+                     EventOf(step.action), "oids", OidArray(step), "together",
+                     step.action == Action::DestroyBunch, "rate", perSecond);
 }
 
 } // namespace qdb::bench

@@ -9,8 +9,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <set>
-#include <string>
 #include <vector>
 
 namespace qdb::bench
@@ -62,12 +60,12 @@ struct Parent
 // NULL for the object that has none.
 const Parent *ParentOf(uint16_t type, uint32_t oid);
 
-// The tables that hold the rows of the two smaller sets. The NC thread writes
-// to none of them.
-std::set<std::string> TablesOfSets();
-
 // The operations of the control socket that bring a stand-in to where the
 // step's events find it.
 Json OperationsFor(const Step &step);
+
+// The operation that sends the step's events, so many a second; 0: as fast as
+// the listener takes them.
+json_t *AnnouncementOf(const Step &step, int perSecond);
 
 } // namespace qdb::bench

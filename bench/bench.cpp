@@ -1,9 +1,8 @@
-#include "bench/round.h"
+#include "bench/bench.h"
 
-#include "bench/bus.h"
 #include "bench/pair.h"
-#include "bench/slow.h"
-#include "bench/wait.h"
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -18,21 +17,33 @@ constexpr uint32_t kBunchSize = 4000;    // at most
 constexpr uint32_t kTimedChanges = 5000; // of one run for the latency
 constexpr int kChangesPerSecond = 1000;
 
+// The slow platform. Each of the calls would be answered by another process.
+constexpr const char *kObjectCalls[] = {
+    "ZOILDOGetObjKeyUTF8",    "ZOILGetObjByKey",   "ZOILGetObjByOID",
+    "ZOILListChildOIDByType", "ZOILListParentOID",
+};
+constexpr int kDelays[] = {0, 200, 1000, 5000}; // microseconds
+constexpr Action kSlowActions[kSlowCount] = {
+    Action::Create, Action::RefreshChanged, Action::Delete};
+constexpr uint32_t kSlowPopulation = 500;
+constexpr char kHangingCall[] = "ZOILGetObjByOID";
+
+// An object beside the sets. Its event tells of a change although there is
+// none, so that the end of it sends no signal.
+constexpr Step kHangingCreate = {Action::Create, Set::OneType, 0, 1, 0};
+constexpr Step kHangingRefresh = {Action::RefreshSame, Set::OneType, 0, 1, 0};
+
 // How much is measured.
 struct Extent
 {
     int rounds;
     int refreshes; // passes over a set, of each kind and round
     int latencyRuns;
-    int idleSeconds;
+    unsigned idleSeconds;
     uint32_t slowObjects;
 };
-
-Extent ExtentOf(const Settings &settings)
-{
-    return settings.quick ? Extent{1, 1, 1, 10, 200}
-                          : Extent{3, 4, 5, 60, 2000};
-}
+constexpr Extent kQuick = {1, 1, 1, 10, 200};
+constexpr Extent kWhole = {3, 4, 5, 60, 2000};
 
 double LoadAverage()
 {
@@ -45,8 +56,9 @@ class Round
 {
   public:
     Round(const Settings &settings, Subscribers &subscribers, Report &report)
-        : setSize_(std::min(settings.objects, kSetSize)), settings_(settings),
-          report_(report), pair_(settings.service, subscribers)
+        : setSize_(std::min(settings.objects, kSetSize)),
+          objects_(settings.objects), report_(report),
+          pair_(settings.service, subscribers)
     {
     }
 
@@ -56,7 +68,7 @@ class Round
 
     // The service alone.
     void MeasureLatency(int runs);
-    void MeasureIdle(int seconds);
+    void MeasureIdle(unsigned seconds);
 
     void End()
     {
@@ -73,7 +85,7 @@ class Round
     void Change(uint64_t changes);
 
     const uint32_t setSize_;
-    const Settings &settings_;
+    const uint32_t objects_;
     Report &report_;
     Pair pair_;
 };
@@ -107,11 +119,10 @@ void Round::Change(uint64_t changes)
 void Round::RunWorkloads(int refreshes, uint64_t changes)
 {
     const uint32_t bunch = std::min(setSize_, kBunchSize);
-    const uint64_t objects = settings_.objects;
-    const uint64_t most = objects + 2 * setSize_;
+    const uint64_t most = objects_ + 2 * setSize_;
     report_.slices[kPopulation].push_back(
-        pair_.Populate(settings_.objects, &report_.startUp));
-    pair_.CheckRows(objects);
+        pair_.Populate(objects_, &report_.startUp));
+    pair_.CheckRows(objects_);
     pair_.Run(All(Action::Create, Set::OneType));
     Measure(kCreate, All(Action::Create, Set::TwentyTypes), most);
     Measure(kRefreshOneType, All(Action::RefreshChanged, Set::OneType), most,
@@ -121,11 +132,11 @@ void Round::RunWorkloads(int refreshes, uint64_t changes)
     Measure(kRefreshSame, All(Action::RefreshSame, Set::TwentyTypes), most,
             refreshes);
     Change(changes);
-    Measure(kDelete, All(Action::Delete, Set::TwentyTypes), objects + setSize_);
+    Measure(kDelete, All(Action::Delete, Set::TwentyTypes), most - setSize_);
     Measure(kDestroyBunch, {Action::DestroyBunch, Set::OneType, 0, bunch, 0},
-            objects + setSize_ - bunch);
+            most - setSize_ - bunch);
     pair_.Run({Action::Delete, Set::OneType, bunch, setSize_ - bunch, 0});
-    pair_.CheckRows(objects);
+    pair_.CheckRows(objects_);
     report_.changed = pair_.service.ReadMemory();
     report_.changes = pair_.Changes();
 }
@@ -152,26 +163,96 @@ void Round::MeasureLatency(int runs)
     }
 }
 
-void Round::MeasureIdle(int seconds)
+void Round::MeasureIdle(unsigned seconds)
 {
     const int64_t begin = Now();
     const Usage before = pair_.service.ReadUsage();
-    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    sleep(seconds);
     const Usage after = pair_.service.ReadUsage();
-    report_.idle = {static_cast<double>(Now() - begin) / 1e9,
-                    static_cast<double>(after.service - before.service) / 1e9,
-                    static_cast<double>(after.answers - before.answers) / 1e9};
+    report_.idle = SampleOf(Now() - begin, before, after);
+}
+
+uint64_t ObjectCalls(Service &service)
+{
+    uint64_t calls = 0;
+    for (const char *call : kObjectCalls)
+    {
+        const Json reply =
+            service.Ask(json_pack("{s:s, s:s}", "op", "calls", "call", call));
+        calls += NumberOf(reply.get(), "count");
+    }
+    return calls;
+}
+
+SlowRun RunSlowly(Pair &pair, uint32_t objects, int delay, bool hanging)
+{
+    for (const char *call : kObjectCalls)
+    {
+        pair.service.Ask(json_pack("{s:s, s:s, s:i}", "op", "delay", "call",
+                                   call, "microseconds", delay));
+    }
+    SlowRun run = {delay, hanging, {}, {}};
+    for (size_t i = 0; i < kSlowCount; ++i)
+    {
+        const uint64_t before = ObjectCalls(pair.service);
+        const Slice slice =
+            pair.Run({kSlowActions[i], Set::TwentyTypes, 0, objects, 0});
+        run.perSecond[i] = objects / slice.service.elapsed;
+        run.calls[i] =
+            static_cast<double>(ObjectCalls(pair.service) - before) / objects;
+        const bool isGone = kSlowActions[i] == Action::Delete;
+        pair.CheckRows(kSlowPopulation + 1 + (isGone ? 0 : objects));
+    }
+    return run;
+}
+
+void HangOneCall(Service &service)
+{
+    const json_int_t oid = OidsOf(kHangingRefresh).front();
+    service.Ask(json_pack("{s:s, s:s, s:s, s:I}", "op", "delay", "call",
+                          kHangingCall, "microseconds", "hang", "oid", oid));
+    service.Ask(AnnouncementOf(kHangingRefresh, 0));
+    service.AwaitHanging(kHangingCall);
+}
+
+std::vector<SlowRun> MeasureSlowPlatform(const std::string &program,
+                                         Subscribers &subscribers,
+                                         uint32_t objects)
+{
+    std::vector<SlowRun> runs;
+    Pair pair(program, subscribers);
+    StartUp ignored = {};
+    pair.Populate(kSlowPopulation, &ignored);
+    pair.Run(kHangingCreate);
+    for (const bool hanging : {false, true})
+    {
+        if (hanging)
+        {
+            HangOneCall(pair.service);
+        }
+        for (const int delay : kDelays)
+        {
+            runs.push_back(RunSlowly(pair, objects, delay, hanging));
+        }
+    }
+    pair.service.Ask(json_pack("{s:s}", "op", "release"));
+    pair.End();
+    return runs;
 }
 
 } // namespace
 
 Report RunBench(const Settings &settings)
 {
-    const Extent extent = ExtentOf(settings);
+    const Extent &extent = settings.quick ? kQuick : kWhole;
     Report report = {};
     report.loadBefore = LoadAverage();
     const Bus bus;
-    Subscribers subscribers(settings.subscribers);
+    Subscribers subscribers;
+    for (uint32_t i = 0; i < settings.subscribers; ++i)
+    {
+        subscribers.emplace_back("a subscriber", true, CountSignals);
+    }
     for (int i = 1; i <= extent.rounds; ++i)
     {
         const bool isLast = i == extent.rounds;
@@ -184,7 +265,8 @@ Report RunBench(const Settings &settings)
         }
         round.End();
     }
-    report.slow = RunSlow(settings.service, subscribers, extent.slowObjects);
+    report.slow =
+        MeasureSlowPlatform(settings.service, subscribers, extent.slowObjects);
     report.loadAfter = LoadAverage();
     return report;
 }
