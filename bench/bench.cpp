@@ -1,11 +1,14 @@
 #include "bench/bench.h"
 
 #include "bench/pair.h"
+#include "bench/slow.h"
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
+#include <thread>
 
 namespace qdb::bench
 {
@@ -16,22 +19,6 @@ constexpr uint32_t kSetSize = 5000;      // at most
 constexpr uint32_t kBunchSize = 4000;    // at most
 constexpr uint32_t kTimedChanges = 5000; // of one run for the latency
 constexpr int kChangesPerSecond = 1000;
-
-// The slow platform. Each of the calls would be answered by another process.
-constexpr const char *kObjectCalls[] = {
-    "ZOILDOGetObjKeyUTF8",    "ZOILGetObjByKey",   "ZOILGetObjByOID",
-    "ZOILListChildOIDByType", "ZOILListParentOID",
-};
-constexpr int kDelays[] = {0, 200, 1000, 5000}; // microseconds
-constexpr Action kSlowActions[kSlowCount] = {
-    Action::Create, Action::RefreshChanged, Action::Delete};
-constexpr uint32_t kSlowPopulation = 500;
-constexpr char kHangingCall[] = "ZOILGetObjByOID";
-
-// An object beside the sets. Its event tells of a change although there is
-// none, so that the end of it sends no signal.
-constexpr Step kHangingCreate = {Action::Create, Set::OneType, 0, 1, 0};
-constexpr Step kHangingRefresh = {Action::RefreshSame, Set::OneType, 0, 1, 0};
 
 // How much is measured.
 struct Extent
@@ -45,30 +32,24 @@ struct Extent
 constexpr Extent kQuick = {1, 1, 1, 10, 200};
 constexpr Extent kWhole = {3, 4, 5, 60, 2000};
 
-double LoadAverage()
-{
-    double load = 0;
-    return getloadavg(&load, 1) == 1 ? load : 0;
-}
-
 // One round of the workloads, on two sides that are new.
 class Round
 {
   public:
-    Round(const Settings &settings, Subscribers &subscribers, Report &report)
+    Round(const Settings &settings, Subscribers &subscribers)
         : setSize_(std::min(settings.objects, kSetSize)),
-          objects_(settings.objects), report_(report),
-          pair_(settings.service, subscribers)
+          objects_(settings.objects), pair_(settings.service, subscribers)
     {
     }
 
     // All workloads, with what lies between them; the sets are gone again at
     // the end.
-    void RunWorkloads(int refreshes, uint64_t changes);
+    void RunWorkloads(int refreshes, uint64_t changes, Slices *pSlices);
 
     // The service alone.
-    void MeasureLatency(int runs);
-    void MeasureIdle(unsigned seconds);
+    void MeasureLatency(int runs, Table *pTable);
+    void MeasureIdle(unsigned seconds, Table *pTable);
+    void AddMemory(Table *pTable) const;
 
     void End()
     {
@@ -80,26 +61,14 @@ class Round
     {
         return {action, set, 0, setSize_, 0};
     }
-    void Measure(WorkloadIndex workload, const Step &step, uint64_t objects,
-                 int passes = 1);
     void Change(uint64_t changes);
 
     const uint32_t setSize_;
     const uint32_t objects_;
-    Report &report_;
     Pair pair_;
+    Memory changed_ = {}; // when the sets had gone again
+    uint64_t changes_ = 0;
 };
-
-// That many objects have a row afterwards.
-void Round::Measure(WorkloadIndex workload, const Step &step, uint64_t objects,
-                    int passes)
-{
-    for (int i = 0; i < passes; ++i)
-    {
-        report_.slices[workload].push_back(pair_.Run(step));
-    }
-    pair_.CheckRows(objects);
-}
 
 // Refreshes on the service alone until it has sent that many signals. The loop
 // only ends with the same rows.
@@ -116,32 +85,42 @@ void Round::Change(uint64_t changes)
     }
 }
 
-void Round::RunWorkloads(int refreshes, uint64_t changes)
+void Round::RunWorkloads(int refreshes, uint64_t changes, Slices *pSlices)
 {
+    uint64_t objects = objects_ + 2 * setSize_;
+    const auto measure =
+        [&](WorkloadIndex workload, const Step &step, int passes)
+    {
+        for (int i = 0; i < passes; ++i)
+        {
+            (*pSlices)[workload].push_back(pair_.Run(step));
+        }
+        pair_.CheckRows(objects);
+    };
     const uint32_t bunch = std::min(setSize_, kBunchSize);
-    const uint64_t most = objects_ + 2 * setSize_;
-    report_.slices[kPopulation].push_back(
-        pair_.Populate(objects_, &report_.startUp));
+    (*pSlices)[kPopulation].push_back(pair_.Populate(objects_));
     pair_.CheckRows(objects_);
     pair_.Run(All(Action::Create, Set::OneType));
-    Measure(kCreate, All(Action::Create, Set::TwentyTypes), most);
-    Measure(kRefreshOneType, All(Action::RefreshChanged, Set::OneType), most,
+    measure(kCreate, All(Action::Create, Set::TwentyTypes), 1);
+    measure(kRefreshOneType, All(Action::RefreshChanged, Set::OneType),
             refreshes);
-    Measure(kRefreshTwentyTypes, All(Action::RefreshChanged, Set::TwentyTypes),
-            most, refreshes);
-    Measure(kRefreshSame, All(Action::RefreshSame, Set::TwentyTypes), most,
+    measure(kRefreshTwentyTypes, All(Action::RefreshChanged, Set::TwentyTypes),
+            refreshes);
+    measure(kRefreshSame, All(Action::RefreshSame, Set::TwentyTypes),
             refreshes);
     Change(changes);
-    Measure(kDelete, All(Action::Delete, Set::TwentyTypes), most - setSize_);
-    Measure(kDestroyBunch, {Action::DestroyBunch, Set::OneType, 0, bunch, 0},
-            most - setSize_ - bunch);
+    objects -= setSize_;
+    measure(kDelete, All(Action::Delete, Set::TwentyTypes), 1);
+    objects -= bunch;
+    measure(kDestroyBunch, {Action::DestroyBunch, Set::OneType, 0, bunch, 0},
+            1);
     pair_.Run({Action::Delete, Set::OneType, bunch, setSize_ - bunch, 0});
     pair_.CheckRows(objects_);
-    report_.changed = pair_.service.ReadMemory();
-    report_.changes = pair_.Changes();
+    changed_ = pair_.service.ReadMemory();
+    changes_ = pair_.Changes();
 }
 
-void Round::MeasureLatency(int runs)
+void Round::MeasureLatency(int runs, Table *pTable)
 {
     pair_.Run(All(Action::Create, Set::TwentyTypes));
     for (int i = 0; i < runs; ++i)
@@ -153,100 +132,58 @@ void Round::MeasureLatency(int runs)
                               kChangesPerSecond, &times);
         }
         std::ranges::sort(times);
-        const auto percentile = [&](double part)
-        {
-            return times[static_cast<size_t>(
-                part * static_cast<double>(times.size() - 1))];
-        };
-        report_.latencies.push_back({percentile(0.5), percentile(0.99),
-                                     percentile(0.999), LoadAverage()});
+        double load = 0;
+        getloadavg(&load, 1);
+        pTable->rows.push_back(
+            {"run",
+             {times[times.size() / 2], 250, times[times.size() * 99 / 100],
+              3000, times[times.size() * 999 / 1000], load}});
     }
 }
 
-void Round::MeasureIdle(unsigned seconds)
+void Round::MeasureIdle(unsigned seconds, Table *pTable)
 {
     const int64_t begin = Now();
     const Usage before = pair_.service.ReadUsage();
     sleep(seconds);
     const Usage after = pair_.service.ReadUsage();
-    report_.idle = SampleOf(Now() - begin, before, after);
+    const Sample idle = SampleOf(Now() - begin, before, after);
+    pTable->rows.push_back({"idle, % of one processor",
+                            {100 * idle.processor / idle.elapsed, 2.5}});
+    pTable->rows.push_back({"answers when idle, %, not counted",
+                            {100 * idle.answers / idle.elapsed, NAN}});
 }
 
-uint64_t ObjectCalls(Service &service)
+void Round::AddMemory(Table *pTable) const
 {
-    uint64_t calls = 0;
-    for (const char *call : kObjectCalls)
+    const StartUp &start = pair_.Start();
+    const auto add =
+        [&](const char *name, int64_t bytes, int64_t before, double target)
     {
-        const Json reply =
-            service.Ask(json_pack("{s:s, s:s}", "op", "calls", "call", call));
-        calls += NumberOf(reply.get(), "count");
-    }
-    return calls;
-}
-
-SlowRun RunSlowly(Pair &pair, uint32_t objects, int delay, bool hanging)
-{
-    for (const char *call : kObjectCalls)
-    {
-        pair.service.Ask(json_pack("{s:s, s:s, s:i}", "op", "delay", "call",
-                                   call, "microseconds", delay));
-    }
-    SlowRun run = {delay, hanging, {}, {}};
-    for (size_t i = 0; i < kSlowCount; ++i)
-    {
-        const uint64_t before = ObjectCalls(pair.service);
-        const Slice slice =
-            pair.Run({kSlowActions[i], Set::TwentyTypes, 0, objects, 0});
-        run.perSecond[i] = objects / slice.service.elapsed;
-        run.calls[i] =
-            static_cast<double>(ObjectCalls(pair.service) - before) / objects;
-        const bool isGone = kSlowActions[i] == Action::Delete;
-        pair.CheckRows(kSlowPopulation + 1 + (isGone ? 0 : objects));
-    }
-    return run;
-}
-
-void HangOneCall(Service &service)
-{
-    const json_int_t oid = OidsOf(kHangingRefresh).front();
-    service.Ask(json_pack("{s:s, s:s, s:s, s:I}", "op", "delay", "call",
-                          kHangingCall, "microseconds", "hang", "oid", oid));
-    service.Ask(AnnouncementOf(kHangingRefresh, 0));
-    service.AwaitHanging(kHangingCall);
-}
-
-std::vector<SlowRun> MeasureSlowPlatform(const std::string &program,
-                                         Subscribers &subscribers,
-                                         uint32_t objects)
-{
-    std::vector<SlowRun> runs;
-    Pair pair(program, subscribers);
-    StartUp ignored = {};
-    pair.Populate(kSlowPopulation, &ignored);
-    pair.Run(kHangingCreate);
-    for (const bool hanging : {false, true})
-    {
-        if (hanging)
-        {
-            HangOneCall(pair.service);
-        }
-        for (const int delay : kDelays)
-        {
-            runs.push_back(RunSlowly(pair, objects, delay, hanging));
-        }
-    }
-    pair.service.Ask(json_pack("{s:s}", "op", "release"));
-    pair.End();
-    return runs;
+        const double MiB = static_cast<double>(bytes - before) / (1 << 20);
+        pTable->rows.push_back({name, {MiB, target}});
+    };
+    const auto &[heap, resident] = start.beforeOpen;
+    add("heap when populated, MiB", start.populated.heap, heap, 9);
+    add("heap at the end, MiB", changed_.heap, heap, 9);
+    add("resident when populated, MiB", start.populated.resident, resident,
+        NAN);
+    add("resident at the end, MiB", changed_.resident, resident, NAN);
+    pTable->rows.push_back(
+        {"changes until the end", {static_cast<double>(changes_), NAN}});
+    pTable->rows.push_back({"start to readiness, s", {start.ready, NAN}});
 }
 
 } // namespace
 
-Report RunBench(const Settings &settings)
+std::vector<Table> RunBench(const Settings &settings)
 {
     const Extent &extent = settings.quick ? kQuick : kWhole;
-    Report report = {};
-    report.loadBefore = LoadAverage();
+    Slices slices;
+    Table latency = {"1000 changes a second, us",
+                     {"p50", "<=", "p99", "<=", "p99.9", "load"},
+                     {}};
+    Table rest = {"the rest", {"value", "<="}, {}};
     const Bus bus;
     Subscribers subscribers;
     for (uint32_t i = 0; i < settings.subscribers; ++i)
@@ -256,19 +193,21 @@ Report RunBench(const Settings &settings)
     for (int i = 1; i <= extent.rounds; ++i)
     {
         const bool isLast = i == extent.rounds;
-        Round round(settings, subscribers, report);
-        round.RunWorkloads(extent.refreshes, isLast ? settings.changes : 0);
+        Round round(settings, subscribers);
+        round.RunWorkloads(extent.refreshes, isLast ? settings.changes : 0,
+                           &slices);
         if (isLast)
         {
-            round.MeasureLatency(extent.latencyRuns);
-            round.MeasureIdle(extent.idleSeconds);
+            round.MeasureLatency(extent.latencyRuns, &latency);
+            round.MeasureIdle(extent.idleSeconds, &rest);
+            round.AddMemory(&rest);
         }
         round.End();
     }
-    report.slow =
-        MeasureSlowPlatform(settings.service, subscribers, extent.slowObjects);
-    report.loadAfter = LoadAverage();
-    return report;
+    return {
+        TableOf(slices),
+        MeasureSlowPlatform(settings.service, subscribers, extent.slowObjects),
+        latency, rest};
 }
 
 } // namespace qdb::bench

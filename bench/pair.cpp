@@ -27,21 +27,21 @@ Pair::Pair(const std::string &program, Subscribers &subscribers)
 
 // One thread of the service walks and asks for the objects, so that what the
 // answers cost is taken from its clock, too.
-Slice Pair::Populate(uint32_t objects, StartUp *pStartUp)
+Slice Pair::Populate(uint32_t objects)
 {
     const Step step = {Action::Populate, Set::Population, 0, objects, 0};
     const Json operations = OperationsFor(step);
     const int64_t held = Now();
     service.Execute(operations);
-    pStartUp->beforeOpen = service.ReadMemory();
+    start_.beforeOpen = service.ReadMemory();
     const Usage before = service.ReadUsage();
     const int64_t begin = Now();
     service.Ask(json_pack("{s:s}", "op", "release"));
     const int64_t end = pipe_.End(objects);
     const Usage after = service.ReadUsage();
     service.AwaitReady();
-    pStartUp->ready = Seconds(Now() - begin + held - service.begin);
-    pStartUp->populated = service.ReadMemory();
+    start_.ready = Seconds(Now() - begin + held - service.begin);
+    start_.populated = service.ReadMemory();
     const int64_t answers = after.answers - before.answers;
     return {objects, SampleOf(end - begin - answers, before, after),
             RunOnLoop(step, operations)};

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "bench/counter.h"
+#include "bench/figures.h"
 #include "bench/loop.h"
-#include "bench/report.h"
 #include "bench/service.h"
 #include "bench/workload.h"
 
@@ -12,6 +12,14 @@
 
 namespace qdb::bench
 {
+
+// How the service came up.
+struct StartUp
+{
+    double ready;      // seconds from its start to readiness
+    Memory beforeOpen; // before the database is opened
+    Memory populated;  // when it is ready
+};
 
 // What lies between two readings.
 Sample SampleOf(int64_t elapsed, const Usage &before, const Usage &after);
@@ -26,7 +34,7 @@ class Pair
 
     // The first step: fills both, with that many objects of all types, and
     // waits until the service is ready.
-    Slice Populate(uint32_t objects, StartUp *pStartUp);
+    Slice Populate(uint32_t objects);
 
     // Prepares and runs the step on both, or on the service alone. The step's
     // value becomes one that no step before it had.
@@ -50,6 +58,11 @@ class Pair
         return changes_;
     }
 
+    const StartUp &Start() const
+    {
+        return start_;
+    }
+
     Service service;
 
   private:
@@ -63,6 +76,7 @@ class Pair
     Loop loop_;
     uint32_t value_ = 30000;
     uint64_t changes_ = 0;
+    StartUp start_ = {};
 };
 
 } // namespace qdb::bench

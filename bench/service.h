@@ -5,7 +5,6 @@
 // preloaded, so that an older service meets the same platform.
 #pragma once
 
-#include "bench/report.h"
 #include "bench/scratch.h"
 #include "tools/dmctl/client.h"
 
@@ -21,6 +20,13 @@ struct Usage
     int64_t service;
     int64_t answers; // the stand-in's, to calls about objects
     int64_t events;  // the stand-in's own threads, but for the callbacks
+};
+
+// Bytes in use in the heap, and resident.
+struct Memory
+{
+    int64_t heap;
+    int64_t resident;
 };
 
 // All throw std::runtime_error when the service is gone or refuses.
