@@ -47,9 +47,9 @@ class Round
     void RunWorkloads(int refreshes, uint64_t changes, Slices *pSlices);
 
     // The service alone.
-    void MeasureLatency(int runs, Table *pTable);
-    void MeasureIdle(unsigned seconds, Table *pTable);
-    void AddMemory(Table *pTable) const;
+    void MeasureLatency(int runs, Figures *pFigures);
+    void MeasureIdle(unsigned seconds, Figures *pFigures);
+    void AddMemory(Figures *pFigures) const;
 
     void End()
     {
@@ -120,7 +120,7 @@ void Round::RunWorkloads(int refreshes, uint64_t changes, Slices *pSlices)
     changes_ = pair_.Changes();
 }
 
-void Round::MeasureLatency(int runs, Table *pTable)
+void Round::MeasureLatency(int runs, Figures *pFigures)
 {
     pair_.Run(All(Action::Create, Set::TwentyTypes));
     for (int i = 0; i < runs; ++i)
@@ -134,34 +134,34 @@ void Round::MeasureLatency(int runs, Table *pTable)
         std::ranges::sort(times);
         double load = 0;
         getloadavg(&load, 1);
-        pTable->rows.push_back(
+        pFigures->rows.push_back(
             {"run",
              {times[times.size() / 2], 250, times[times.size() * 99 / 100],
               3000, times[times.size() * 999 / 1000], load}});
     }
 }
 
-void Round::MeasureIdle(unsigned seconds, Table *pTable)
+void Round::MeasureIdle(unsigned seconds, Figures *pFigures)
 {
     const int64_t begin = Now();
     const Usage before = pair_.service.ReadUsage();
     sleep(seconds);
     const Usage after = pair_.service.ReadUsage();
     const Sample idle = SampleOf(Now() - begin, before, after);
-    pTable->rows.push_back({"idle, % of one processor",
-                            {100 * idle.processor / idle.elapsed, 2.5}});
-    pTable->rows.push_back({"answers when idle, %, not counted",
-                            {100 * idle.answers / idle.elapsed, NAN}});
+    pFigures->rows.push_back({"idle, % of one processor",
+                              {100 * idle.processor / idle.elapsed, 2.5}});
+    pFigures->rows.push_back({"answers when idle, %, not counted",
+                              {100 * idle.answers / idle.elapsed, NAN}});
 }
 
-void Round::AddMemory(Table *pTable) const
+void Round::AddMemory(Figures *pFigures) const
 {
     const StartUp &start = pair_.Start();
     const auto add =
         [&](const char *name, int64_t bytes, int64_t before, double target)
     {
         const double MiB = static_cast<double>(bytes - before) / (1 << 20);
-        pTable->rows.push_back({name, {MiB, target}});
+        pFigures->rows.push_back({name, {MiB, target}});
     };
     const auto &[heap, resident] = start.beforeOpen;
     add("heap when populated, MiB", start.populated.heap, heap, 9);
@@ -169,21 +169,21 @@ void Round::AddMemory(Table *pTable) const
     add("resident when populated, MiB", start.populated.resident, resident,
         NAN);
     add("resident at the end, MiB", changed_.resident, resident, NAN);
-    pTable->rows.push_back(
+    pFigures->rows.push_back(
         {"changes until the end", {static_cast<double>(changes_), NAN}});
-    pTable->rows.push_back({"start to readiness, s", {start.ready, NAN}});
+    pFigures->rows.push_back({"start to readiness, s", {start.ready, NAN}});
 }
 
 } // namespace
 
-std::vector<Table> RunBench(const Settings &settings)
+std::vector<Figures> RunBench(const Settings &settings)
 {
     const Extent &extent = settings.quick ? kQuick : kWhole;
     Slices slices;
-    Table latency = {"1000 changes a second, us",
-                     {"p50", "<=", "p99", "<=", "p99.9", "load"},
-                     {}};
-    Table rest = {"the rest", {"value", "<="}, {}};
+    Figures latency = {"1000 changes a second, us",
+                       {"p50", "<=", "p99", "<=", "p99.9", "load"},
+                       {}};
+    Figures rest = {"the rest", {"value", "<="}, {}};
     const Bus bus;
     Subscribers subscribers;
     for (uint32_t i = 0; i < settings.subscribers; ++i)
@@ -205,7 +205,7 @@ std::vector<Table> RunBench(const Settings &settings)
         round.End();
     }
     return {
-        TableOf(slices),
+        FiguresOf(slices),
         MeasureSlowPlatform(settings.service, subscribers, extent.slowObjects),
         latency, rest};
 }

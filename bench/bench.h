@@ -23,6 +23,6 @@ struct Settings
 // of the machine's load meets both. Throws std::runtime_error when something
 // fails, or when a side sent another number of signals than it should, fewer
 // records, or wrote other rows.
-std::vector<Table> RunBench(const Settings &settings);
+std::vector<Figures> RunBench(const Settings &settings);
 
 } // namespace qdb::bench

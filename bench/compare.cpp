@@ -1,7 +1,5 @@
 #include "bench/compare.h"
 
-#include "db/statement.h"
-
 #include <sqlite3.h>
 
 #include <memory>
@@ -24,32 +22,23 @@ struct CloseConnection
 };
 using Connection = std::unique_ptr<sqlite3, CloseConnection>;
 
-void Check(bool good, sqlite3 *connection)
+// The first column of all rows that a query gives.
+std::vector<std::string> Query(const Connection &connection,
+                               const std::string &sql)
 {
-    if (!good)
+    const auto append = [](void *values, int, char **texts, char **)
+    {
+        static_cast<std::vector<std::string> *>(values)->push_back(
+            texts[0] == nullptr ? "" : texts[0]);
+        return 0;
+    };
+    std::vector<std::string> values;
+    if (sqlite3_exec(connection.get(), sql.c_str(), append, &values, nullptr) !=
+        SQLITE_OK)
     {
         throw std::runtime_error(std::string("comparing the rows: ") +
-                                 sqlite3_errmsg(connection));
+                                 sqlite3_errmsg(connection.get()));
     }
-}
-
-// The first column of all rows that a query gives.
-std::vector<std::string> Query(sqlite3 *connection, const std::string &sql)
-{
-    sqlite3_stmt *made = nullptr;
-    Check(sqlite3_prepare_v2(connection, sql.c_str(), -1, &made, nullptr) ==
-              SQLITE_OK,
-          connection);
-    const StatementPtr statement(made);
-    std::vector<std::string> values;
-    int status = SQLITE_ROW;
-    while ((status = sqlite3_step(made)) == SQLITE_ROW)
-    {
-        const auto *text =
-            reinterpret_cast<const char *>(sqlite3_column_text(made, 0));
-        values.emplace_back(text == nullptr ? "" : text);
-    }
-    Check(status == SQLITE_DONE, connection);
     return values;
 }
 
@@ -71,29 +60,29 @@ void CheckSameRows(const std::string &service, const std::string &plain,
                    uint64_t objects)
 {
     sqlite3 *opened = nullptr;
-    const int status = sqlite3_open_v2(service.c_str(), &opened,
-                                       SQLITE_OPEN_READONLY, nullptr);
+    sqlite3_open_v2(service.c_str(), &opened, SQLITE_OPEN_READONLY, nullptr);
     const Connection connection(opened);
-    Check(status == SQLITE_OK, opened);
     sqlite3_busy_timeout(opened, kBusyTimeoutMs);
-    Query(opened, "ATTACH '" + plain + "' AS plain");
-    for (const std::string &table : Query(
-             opened, "SELECT name FROM main.sqlite_schema WHERE type = 'table' "
-                     "AND name NOT LIKE 'sqlite_%'"))
+    Query(connection, "ATTACH '" + plain + "' AS plain");
+    for (const std::string &table :
+         Query(connection,
+               "SELECT name FROM main.sqlite_schema WHERE type = 'table' "
+               "AND name NOT LIKE 'sqlite_%'"))
     {
         const std::string columns =
-            Query(opened, "SELECT group_concat('\"' || name || '\"') FROM "
-                          "pragma_table_info('" +
-                              table + "') WHERE name NOT LIKE '%RecordEtag'")
+            Query(connection, "SELECT group_concat('\"' || name || '\"') FROM "
+                              "pragma_table_info('" +
+                                  table +
+                                  "') WHERE name NOT LIKE '%RecordEtag'")
                 .at(0);
-        if (Query(opened, DifferenceSql(table, columns)).at(0) != "0")
+        if (Query(connection, DifferenceSql(table, columns)).at(0) != "0")
         {
             throw std::runtime_error("the sides have different rows in " +
                                      table);
         }
     }
     const std::string mapped =
-        Query(opened, "SELECT count(*) FROM main.ActiveOIDMapping").at(0);
+        Query(connection, "SELECT count(*) FROM main.ActiveOIDMapping").at(0);
     if (mapped != std::to_string(objects))
     {
         throw std::runtime_error(mapped + " objects have a row instead of " +

@@ -104,16 +104,16 @@ Counter::Counter(std::string name, bool isExact,
     Await(name_,
           [this]
           {
-              return (*tally_).listening.load();
+              return tally_->listening.load();
           });
 }
 
 void Counter::Begin(bool keepsArrivals)
 {
     CheckNoMore();
-    expected_ = (*tally_).count;
-    (*tally_).arrivalCount = 0;
-    (*tally_).keepsArrivals = keepsArrivals;
+    expected_ = tally_->count;
+    tally_->arrivalCount = 0;
+    tally_->keepsArrivals = keepsArrivals;
 }
 
 int64_t Counter::End(uint64_t count)
@@ -122,16 +122,16 @@ int64_t Counter::End(uint64_t count)
     Await("what is to come at " + name_,
           [this]
           {
-              return (*tally_).count >= expected_;
+              return tally_->count >= expected_;
           });
-    const int64_t last = (*tally_).last;
+    const int64_t last = tally_->last;
     CheckNoMore();
     return last;
 }
 
 void Counter::CheckNoMore() const
 {
-    const uint64_t count = (*tally_).count;
+    const uint64_t count = tally_->count;
     if (isExact_ && count > expected_)
     {
         throw std::runtime_error(std::to_string(count - expected_) +

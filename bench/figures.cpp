@@ -62,7 +62,7 @@ double Ratio(const std::vector<Slice> &slices, double Sample::*part)
                   });
 }
 
-Table::Row RowOf(const Workload &workload, const std::vector<Slice> &slices)
+Figures::Row RowOf(const Workload &workload, const std::vector<Slice> &slices)
 {
     const auto us = [&](Sample Slice::*side, double Sample::*part)
     {
@@ -81,17 +81,17 @@ Table::Row RowOf(const Workload &workload, const std::vector<Slice> &slices)
 
 } // namespace
 
-Table TableOf(const Slices &slices)
+Figures FiguresOf(const Slices &slices)
 {
-    Table table = {"workloads",
-                   {"service/s", "us", "plain/s", "plain us", "speed",
-                    ">=", "cpu", "<=", "events us", "answers us"},
-                   {}};
+    Figures figures = {"workloads",
+                       {"service/s", "us", "plain/s", "plain us", "speed",
+                        ">=", "cpu", "<=", "events us", "answers us"},
+                       {}};
     for (size_t i = 0; i < kWorkloadCount; ++i)
     {
-        table.rows.push_back(RowOf(kWorkloads[i], slices[i]));
+        figures.rows.push_back(RowOf(kWorkloads[i], slices[i]));
     }
-    return table;
+    return figures;
 }
 
 } // namespace qdb::bench

@@ -44,6 +44,6 @@ using Slices = std::array<std::vector<Slice>, kWorkloadCount>;
 
 // Medians over the slices; ratios slice by slice, since a change of the
 // machine's load meets both sides.
-Table TableOf(const Slices &slices);
+Figures FiguresOf(const Slices &slices);
 
 } // namespace qdb::bench

@@ -143,17 +143,15 @@ LoopCost Loop::Run(const Step &step)
 
 void Loop::RunOne(Action action, const Subject &subject)
 {
-    if (action == Action::Populate)
+    if (action != Action::Populate)
     {
-        Create(subject, false);
-        return;
+        LookUpType(subject.oid);
     }
-    LookUpType(subject.oid);
     switch (action)
     {
     case Action::Populate:
     case Action::Create:
-        Create(subject, true);
+        Create(subject, action == Action::Create);
         break;
     case Action::RefreshChanged:
     case Action::RefreshSame:

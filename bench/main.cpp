@@ -57,8 +57,8 @@ int Run(int argc, char **argv)
     {
         return app.exit(error) == 0 ? 0 : 1;
     }
-    const std::vector<Table> tables = RunBench(settings);
-    json ? PrintJson(tables) : PrintText(tables);
+    const std::vector<Figures> all = RunBench(settings);
+    json ? PrintJson(all) : PrintText(all);
     if (std::fflush(stdout) != 0)
     {
         throw std::runtime_error("can't write to standard output");

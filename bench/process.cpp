@@ -2,6 +2,8 @@
 
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,12 +50,30 @@ void Await(const std::string &what, const std::function<bool()> &condition)
     const int64_t begin = Now();
     while (!condition())
     {
-        if (Now() - begin > kLimit)
+        siginfo_t ended = {};
+        waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT);
+        if (ended.si_pid != 0 || Now() - begin > kLimit)
         {
             throw std::runtime_error("waited in vain for " + what);
         }
         usleep(1000);
     }
+}
+
+void AwaitServer(const std::string &path)
+{
+    const auto isServed = [&]
+    {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const int result = connect(fd, reinterpret_cast<sockaddr *>(&address),
+                                   sizeof(address));
+        close(fd);
+        return result == 0;
+    };
+    Await("a server at " + path, isServed);
 }
 
 Process::Process(const std::function<int()> &body) : pid_(fork())
@@ -79,13 +99,18 @@ Process::~Process()
 
 void Process::End()
 {
+    constexpr int kLimitMs = 15000; // a stop takes ten seconds at most
     int status = 0;
+    int waited = 0;
     kill(pid_, SIGTERM);
-    Await("the end of a process",
-          [&]
-          {
-              return waitpid(pid_, &status, WNOHANG) == pid_;
-          });
+    while (waitpid(pid_, &status, WNOHANG) != pid_)
+    {
+        if (++waited > kLimitMs)
+        {
+            throw std::runtime_error("a process doesn't end");
+        }
+        usleep(1000);
+    }
     pid_ = -1;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
     {

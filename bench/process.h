@@ -20,8 +20,13 @@ int64_t Now();
 double Seconds(int64_t nanoseconds);
 
 // Looks every millisecond until the condition holds. Throws std::runtime_error
-// when it doesn't in the longest time that a measurement may take.
+// when it doesn't in the longest time that a measurement may take, and when a
+// child ends meanwhile.
 void Await(const std::string &what, const std::function<bool()> &condition);
+
+// Waits in the same way until somebody serves the Unix socket. Its file is
+// there a moment earlier.
+void AwaitServer(const std::string &path);
 
 // A zeroed T that children made later share. T is trivially destructible.
 template <typename T>
@@ -48,6 +53,10 @@ class Shared
     T &operator*() const
     {
         return *object_;
+    }
+    T *operator->() const
+    {
+        return object_;
     }
 
   private:

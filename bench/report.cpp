@@ -10,10 +10,10 @@ namespace qdb::bench
 namespace
 {
 
-json_t *JsonOf(const Table &table)
+json_t *JsonOf(const Figures &table)
 {
     json_t *rows = json_array();
-    for (const Table::Row &row : table.rows)
+    for (const Figures::Row &row : table.rows)
     {
         json_t *json = json_pack("{s:s}", "name", row.name.c_str());
         for (size_t i = 0; i < row.values.size(); ++i)
@@ -35,16 +35,16 @@ json_t *JsonOf(const Table &table)
 
 } // namespace
 
-void PrintText(const std::vector<Table> &tables)
+void PrintText(const std::vector<Figures> &tables)
 {
-    for (const Table &table : tables)
+    for (const Figures &table : tables)
     {
         std::printf("\n%-36s", table.name);
         for (const char *column : table.columns)
         {
             std::printf(" %10s", column);
         }
-        for (const Table::Row &row : table.rows)
+        for (const Figures::Row &row : table.rows)
         {
             std::printf("\n%-36s", row.name.c_str());
             for (const double value : row.values)
@@ -58,10 +58,10 @@ void PrintText(const std::vector<Table> &tables)
     }
 }
 
-void PrintJson(const std::vector<Table> &tables)
+void PrintJson(const std::vector<Figures> &tables)
 {
     const JsonPtr whole(json_object());
-    for (const Table &table : tables)
+    for (const Figures &table : tables)
     {
         json_object_set_new(whole.get(), table.name, JsonOf(table));
     }

@@ -8,7 +8,7 @@ namespace qdb::bench
 {
 
 // A column whose name is "<=" or ">=" holds the target of the one before it.
-struct Table
+struct Figures
 {
     struct Row
     {
@@ -22,7 +22,7 @@ struct Table
 };
 
 // For people, and as one JSON object.
-void PrintText(const std::vector<Table> &tables);
-void PrintJson(const std::vector<Table> &tables);
+void PrintText(const std::vector<Figures> &tables);
+void PrintJson(const std::vector<Figures> &tables);
 
 } // namespace qdb::bench

@@ -14,15 +14,13 @@ namespace
 {
 
 constexpr char kTmpfs[] = "/dev/shm";
-constexpr char kAddress[] = "DBUS_SYSTEM_BUS_ADDRESS";
 
 // With the session's rules: everybody may send and receive, and bursts wait in
 // the daemon.
-int RunDaemon()
+int RunDaemon(const std::string &address)
 {
-    const std::string option = std::string("--address=") + getenv(kAddress);
     execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile",
-           option.c_str(), nullptr);
+           ("--address=" + address).c_str(), nullptr);
     throw std::runtime_error("can't run dbus-daemon");
 }
 
@@ -61,21 +59,15 @@ Scratch::Scratch()
 }
 
 Bus::Bus()
-    : daemon_(
+    : address_("unix:path=" + (directory_ / "bus")),
+      daemon_(
           [this]
           {
-              const std::string address = "unix:path=" + (directory_ / "bus");
-              setenv(kAddress, address.c_str(), 1);
-              return RunDaemon();
+              return RunDaemon(address_);
           })
 {
-    const std::string socket = directory_ / "bus";
-    setenv(kAddress, ("unix:path=" + socket).c_str(), 1);
-    Await("the bus",
-          [&]
-          {
-              return access(socket.c_str(), F_OK) == 0;
-          });
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
+    AwaitServer(directory_ / "bus");
 }
 
 } // namespace qdb::bench

@@ -59,6 +59,7 @@ class Bus
 
   private:
     Directory directory_;
+    std::string address_;
     Process daemon_;
 };
 

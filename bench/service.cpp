@@ -28,19 +28,6 @@ std::string StandinPath()
     return info.dli_fname;
 }
 
-bool Answers(const std::string &socket)
-{
-    try
-    {
-        Client(socket).Call(Operation("cost"));
-        return true;
-    }
-    catch (const NoConnection &)
-    {
-        return false;
-    }
-}
-
 int64_t ProcessorTime(pid_t process)
 {
     clockid_t clock = 0;
@@ -67,11 +54,7 @@ Service::Service(const std::string &program)
               return Run(program);
           })
 {
-    Await("the control socket",
-          [this]
-          {
-              return Answers(scratch.root / "control");
-          });
+    AwaitServer(scratch.root / "control");
     AwaitHanging(kHeldCall);
     Ask(json_pack("{s:s, s:b}", "op", "measure", "on", 1));
 }

@@ -52,13 +52,13 @@ class SlowPlatform
     {
     }
 
-    Table Run();
+    Figures Run();
 
   private:
     void HangOneCall();
     void SetDelay(int microseconds);
     uint64_t Calls();
-    Table::Row Measure(SlowStep *pStep, const Delay &delay, bool hanging);
+    Figures::Row Measure(SlowStep *pStep, const Delay &delay, bool hanging);
 
     Pair pair_;
     const uint32_t objects_;
@@ -97,8 +97,8 @@ uint64_t SlowPlatform::Calls()
 
 // Possible are ten workers that wait for the calls of their operations, and no
 // more than without a delay.
-Table::Row SlowPlatform::Measure(SlowStep *pStep, const Delay &delay,
-                                 bool hanging)
+Figures::Row SlowPlatform::Measure(SlowStep *pStep, const Delay &delay,
+                                   bool hanging)
 {
     const uint64_t before = Calls();
     const Slice slice =
@@ -120,12 +120,12 @@ Table::Row SlowPlatform::Measure(SlowStep *pStep, const Delay &delay,
              possible, perSecond / possible, isDelete ? NAN : delay.target}};
 }
 
-Table SlowPlatform::Run()
+Figures SlowPlatform::Run()
 {
-    Table table = {"slow platform",
-                   {"ms a call", "hanging", "calls", "service/s", "possible/s",
-                    "share", ">="},
-                   {}};
+    Figures figures = {"slow platform",
+                       {"ms a call", "hanging", "calls", "service/s",
+                        "possible/s", "share", ">="},
+                       {}};
     SlowStep steps[] = {{"create", Action::Create, 0, 0},
                         {"refresh, twenty types", Action::RefreshChanged, 0, 0},
                         {"delete", Action::Delete, 0, 0}};
@@ -142,20 +142,20 @@ Table SlowPlatform::Run()
             SetDelay(delay.microseconds);
             for (SlowStep &step : steps)
             {
-                table.rows.push_back(Measure(&step, delay, hanging));
+                figures.rows.push_back(Measure(&step, delay, hanging));
             }
         }
         SetDelay(0);
     }
     pair_.service.Ask(json_pack("{s:s}", "op", "release"));
     pair_.End();
-    return table;
+    return figures;
 }
 
 } // namespace
 
-Table MeasureSlowPlatform(const std::string &program, Subscribers &subscribers,
-                          uint32_t objects)
+Figures MeasureSlowPlatform(const std::string &program,
+                            Subscribers &subscribers, uint32_t objects)
 {
     return SlowPlatform(program, subscribers, objects).Run();
 }

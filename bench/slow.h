@@ -13,7 +13,7 @@ namespace qdb::bench
 // Creates, refreshes and deletes objects of twenty types with several delays of
 // every call about an object, and all of it once more while one call about
 // another object hangs. Throws std::runtime_error as RunBench does.
-Table MeasureSlowPlatform(const std::string &program, Subscribers &subscribers,
-                          uint32_t objects);
+Figures MeasureSlowPlatform(const std::string &program,
+                            Subscribers &subscribers, uint32_t objects);
 
 } // namespace qdb::bench
