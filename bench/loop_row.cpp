@@ -144,15 +144,16 @@ void Write(LazyStatement &statement, std::initializer_list<int> values)
 }
 
 LoopRow::LoopRow(const ObjTypeRow &ofRow)
-    : row(ofRow), insert_(InsertSql(*row.table)),
-      update_(UpdateSql(*row.table, false)),
-      select_(ReadsWithSelectStar(*row.table)
-                  ? SelectStarSql(*row.table)
-                  : SelectJsonSql(*row.table, false))
+    : row(ofRow), insert_(InsertSql(*row.table).c_str()),
+      update_(UpdateSql(*row.table, false).c_str()),
+      select_((ReadsWithSelectStar(*row.table)
+                   ? SelectStarSql(*row.table)
+                   : SelectJsonSql(*row.table, false))
+                  .c_str())
 {
     for (const ArrayProperty &property : row.table->arrays)
     {
-        elements_.emplace_back(SelectElementsSql(*property.table));
+        elements_.emplace_back(SelectElementsSql(*property.table).c_str());
     }
 }
 

@@ -34,8 +34,8 @@ int Guarded(Body body)
     }
 }
 
-// A header field, which a message need not have.
-std::string Field(const char *text)
+// A header field, which a message need not have. It lives as long as that.
+const char *Field(const char *text)
 {
     if (text == nullptr)
     {
@@ -45,17 +45,17 @@ std::string Field(const char *text)
 }
 
 // Makes the record of an object; `verb` is what the handler does to it.
-int Notify(const sdbusplus::message_t &message, const std::string &interface,
+int Notify(const sdbusplus::message_t &message, const char *interface,
            uint32_t oid, const char *handler, const char *verb)
 {
-    const std::string member = Field(message.get_member());
-    const std::string path = Field(message.get_path());
-    const int status = qdb_signal_notification_callback(
-        interface.c_str(), member.c_str(), path.c_str(), oid);
+    const char *member = Field(message.get_member());
+    const char *path = Field(message.get_path());
+    const int status =
+        qdb_signal_notification_callback(interface, member, path, oid);
     if (status != 0)
     {
         QDB_LOG(kLogInvalid, "%s: %s: %s object failed: %s\n", handler, verb,
-                path.c_str());
+                path);
     }
     return status;
 }
@@ -74,7 +74,7 @@ void AddInterface(const sdbusplus::message_t &message,
     QDB_LOG(kLogTrace, "%s: %s: oid: %d\n", "interfaces_added",
             StoredOid(value));
     // The record gets the path of the message, which is the object manager's.
-    Notify(message, interface, value, "interfaces_added", "add");
+    Notify(message, interface.c_str(), value, "interfaces_added", "add");
 }
 
 } // namespace
@@ -88,7 +88,7 @@ int properties_changed(sdbusplus::message_t &message)
             message.read(interface);
             QDB_LOG(kLogInvalid, "%s: %s: intf: %s\n", "properties_changed",
                     interface.c_str());
-            return Notify(message, interface, 0, "properties_changed",
+            return Notify(message, interface.c_str(), 0, "properties_changed",
                           "update");
         });
 }
@@ -131,10 +131,10 @@ int bulk_commit(sdbusplus::message_t &message)
     return Guarded(
         [&]
         {
-            const std::string interface = Field(message.get_interface());
-            if (FindBusRow(interface.c_str()) == nullptr)
+            const char *interface = Field(message.get_interface());
+            if (FindBusRow(interface) == nullptr)
             {
-                return OnLoadConfigObjectsCreation(interface.c_str(), nullptr);
+                return OnLoadConfigObjectsCreation(interface, nullptr);
             }
             ConfigObjectList groups;
             if (groups.Fetch(kConfigGroup) != 0)
@@ -142,7 +142,7 @@ int bulk_commit(sdbusplus::message_t &message)
                 QDB_LOG(kLogError, "%s: Objects not found: CfgGroup 1\n");
                 return ZO_STATUS_NO_SUCH_OBJECT;
             }
-            return OnLoadConfigObjectsCreation(interface.c_str(), &groups);
+            return OnLoadConfigObjectsCreation(interface, &groups);
         });
 }
 

@@ -50,11 +50,12 @@ void ListenUntilCancelled()
     sdbusplus::bus_t bus = sdbusplus::bus::new_default_system();
     const Matches matches(bus);
     QDB_LOG(kLogWarning, "%s: %s: loop started.\n", kThreadName);
+    ReadWatch watch;
     do
     {
         bus.process_discard();
         bus.wait(kWaitMicroseconds);
-        GiveUpIdleRead();
+        watch.Tick();
     } while (!CheckCancelSignalThread());
 }
 

@@ -2,6 +2,7 @@
 
 #include "config/bus_rows.h"
 #include "core/gate.h"
+#include "core/guard.h"
 #include "core/log.h"
 #include "core/status.h"
 #include "core/threads.h"
@@ -159,7 +160,11 @@ int OnLoadConfigObjectsCreation(const char *interfaceName,
 
 void *ReloadConfigObjectsThread(void * /*argument*/)
 {
-    ReloadAll();
+    Guard("configuration reload",
+          []
+          {
+              ReloadAll();
+          });
     LeaveGate();
     return nullptr;
 }

@@ -59,6 +59,23 @@ GetObjectFunction GetterOf(uint32_t objType)
     }
 }
 
+// Fetches an attribute. Notes when it was asked, for object_order.h.
+int FetchAttribute(GetObjectFunction getObject, const char *path,
+                   DataObjHeader **ppDOH)
+{
+    const Wait wait;
+    const uint64_t asked = Tick();
+    const int status = getObject(kConfigService, path, ppDOH);
+    NoteFetch(*ppDOH, asked);
+    return status;
+}
+
+int FetchGroup(const char *path, DataObjHeader **ppGroup)
+{
+    const Wait wait;
+    return CfgGroup_get_object(kConfigService, path, ppGroup);
+}
+
 // A pointer as the log shows it.
 unsigned LogAddress(const void *pointer)
 {
@@ -82,12 +99,14 @@ ConfigObjectList::~ConfigObjectList()
 {
     if (list_ != nullptr)
     {
+        const Wait wait;
         FreeObjectList(list_);
     }
 }
 
 int ConfigObjectList::Fetch(const char *interfaceName)
 {
+    const Wait wait;
     return client_get_objects(interfaceName, "", &list_);
 }
 
@@ -114,7 +133,7 @@ int dbus_get_data_obj_hdr(uint32_t objType, const char *path,
         QDB_LOG(kLogWarning, "%s: Unknown objType=0x%4x\n", objType);
         return 1;
     }
-    if (getObject(kConfigService, path, ppDOH) != 0)
+    if (FetchAttribute(getObject, path, ppDOH) != 0)
     {
         QDB_LOG(kLogWarning, "%s: ERROR: get_object failed: %s\n", path);
         return 1;
@@ -131,7 +150,12 @@ int dbus_get_data_obj_hdr(uint32_t objType, const char *path,
 const char *GetCfgObjectKey(const DataObjHeader *object)
 {
     uint32_t *body = nullptr;
-    if (client_get_obj_body_ptr(object, &body) != 0)
+    const int status = [&]
+    {
+        const Wait wait;
+        return client_get_obj_body_ptr(object, &body);
+    }();
+    if (status != 0)
     {
         QDB_LOG(kLogTrace, "%s: ERROR: client_get_obj_body_ptr failed.\n");
         return nullptr;
@@ -201,7 +225,7 @@ int GetCfgGroupByPath(const char *attributePath, DataObjHeader **ppGroup)
         QDB_LOG(kLogWarning, "%s: Unable to find slash.\n");
         return kFailed;
     }
-    if (CfgGroup_get_object(kConfigService, groupPath, ppGroup) != 0)
+    if (FetchGroup(groupPath, ppGroup) != 0)
     {
         QDB_LOG(kLogWarning, "%s: get_object FAILED for path = %s", groupPath);
         return ZO_STATUS_NO_SUCH_OBJECT;

@@ -1,11 +1,11 @@
 #include "config/presence_check.h"
 
-#include "core/lock.h"
 #include "core/log.h"
 #include "core/status.h"
 #include "db/connection.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "db/turn.h"
 
 namespace qdb
 {
@@ -54,7 +54,7 @@ int RunCheck(PresenceCheck &check, const char *key, int *pCount)
     {
         return kFailed;
     }
-    const MutexLock lock(check.mutex);
+    const StatementLock lock(check.mutex);
     bool wasReady = false;
     int status = check.slot.Prepare(check.sql, -1, &wasReady);
     if (status != SQLITE_OK)

@@ -31,11 +31,11 @@ struct CloseDirectory
 };
 using DirectoryPtr = std::unique_ptr<DIR, CloseDirectory>;
 
-void ImportFile(const std::string &directory, const char *name)
+void ImportFile(const char *directory, const char *name)
 {
     QDB_LOG(kLogTrace, "%s:  filename = %s\n", name);
     char path[kPathSize] = {};
-    std::snprintf(path, sizeof(path), "%s%s", directory.c_str(), name);
+    std::snprintf(path, sizeof(path), "%s%s", directory, name);
     const int status = RefreshObj_4052_RawData(path, name, 1);
     QDB_LOG(kLogTrace, "%s:  event update status = %d for key %s\n", status,
             name);
@@ -44,8 +44,8 @@ void ImportFile(const std::string &directory, const char *name)
 void UpdateObjectsForAllRawData()
 {
     QDB_LOG(kLogTrace, "%s: UpdateObjectsForAllRawData: Entry\n");
-    const std::string path = RawDataDirectory();
-    const DirectoryPtr directory(opendir(path.c_str()));
+    const FilePath path = RawDataDirectory();
+    const DirectoryPtr directory(opendir(path.text));
     while (directory != nullptr && !StopRequested())
     {
         const dirent *entry = readdir(directory.get());
@@ -55,7 +55,7 @@ void UpdateObjectsForAllRawData()
         }
         if (entry->d_name[0] != '.')
         {
-            ImportFile(path, entry->d_name);
+            ImportFile(path.text, entry->d_name);
         }
     }
     QDB_LOG(kLogTrace, "%s: UpdateObjectsForAllRawData: Exit\n");

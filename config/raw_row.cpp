@@ -3,9 +3,11 @@
 #include "config/config_objects.h"
 #include "core/lock.h"
 #include "core/log.h"
+#include "core/object_order.h"
 #include "db/connection.h"
 #include "db/execute.h"
 #include "objects/change_json.h"
+#include "objects/json_text.h"
 #include "objects/row_reader.h"
 #include "publish/change_signal.h"
 
@@ -61,7 +63,7 @@ int ParseRow(sqlite3_stmt *statement, JsonPtr *pRow)
         return kFailed;
     }
     QDB_LOG(kLogTrace, "%s: Select query output = %s", text);
-    pRow->reset(json_loads(text, 0, nullptr));
+    *pRow = ParseJson(text, nullptr);
     return *pRow == nullptr ? kFailed : SQLITE_OK;
 }
 
@@ -100,6 +102,24 @@ int ReadRawRow(const char *key, JsonPtr *pRow)
     status = SelectRow(statement.get(), key, pRow);
     QDB_LOG(kLogTrace, "%s: [4052]SQL Bindings Cleared");
     return status;
+}
+
+// The object that the key's row stands for; 0 without a row, and then there is
+// nothing to be changed.
+uint32_t OidOfKey(const char *key)
+{
+    int status = SQLITE_OK;
+    const StatementPtr statement =
+        PrepareOnce("SELECT OID FROM TblStrAttribute WHERE Key = ? COLLATE "
+                    "NOCASE",
+                    &status);
+    if (statement == nullptr ||
+        BindText(statement.get(), 1, key) != SQLITE_OK ||
+        StepStatement(statement.get()) != SQLITE_ROW)
+    {
+        return 0;
+    }
+    return static_cast<uint32_t>(sqlite3_column_int(statement.get(), 0));
 }
 
 void BindUpdate(sqlite3_stmt *statement, const char *key, const char *value)
@@ -174,6 +194,9 @@ int ImportRawValue(const char *key, const char *value)
 {
     const ObjTypeRow &row = *FindRow(TYPE_CFGSTR);
     const MutexLock lock(StateOf(row).RefreshObjMutex);
+    // As in a refresh; the value is of the present.
+    ObjectClaim claim(OidOfKey(key), Tick());
+    claim.NoteKnown();
     JsonPtr before;
     const int read = ReadRawRow(key, &before);
     int status = WriteRawRow(key, value);

@@ -1,6 +1,8 @@
 #include "core/gate.h"
 
 #include "core/lock.h"
+#include "core/progress.h"
+#include "core/state.h"
 
 namespace qdb
 {
@@ -9,8 +11,9 @@ namespace
 
 pthread_mutex_t gMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t gAllLeft = PTHREAD_COND_INITIALIZER;
-int gInside = 0;    // guarded by gMutex
-bool gShut = false; // guarded by gMutex
+int gInside = 0;                // guarded by gMutex
+bool gShut = false;             // guarded by gMutex
+std::atomic<int> gRemovals = 0; // calls under way
 
 } // namespace
 
@@ -31,10 +34,24 @@ void LeaveGate()
 {
     const MutexLock lock(gMutex);
     --gInside;
+    NoteProgress();
     if (gInside == 0)
     {
         pthread_cond_broadcast(&gAllLeft);
     }
+}
+
+void RemoveListener()
+{
+    ++gRemovals;
+    ZOILRemoveEventListener(gEventListener);
+    --gRemovals;
+    NoteProgress();
+}
+
+bool RemovingListener()
+{
+    return gRemovals > 0;
 }
 
 void ShutGate()

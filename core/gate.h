@@ -18,6 +18,13 @@ void EnterGateForOther();
 
 void LeaveGate();
 
+// Has the Data Manager call no more; for each stop. The call may wait for a
+// callback, or hang.
+void RemoveListener();
+
+// Whether a RemoveListener hasn't come back yet.
+bool RemovingListener();
+
 // Shuts the gate for good and waits until all have left.
 void ShutGate();
 

@@ -11,12 +11,14 @@
 #include "config/raw_data.h"
 #include "core/gate.h"
 #include "core/log.h"
+#include "core/progress.h"
 #include "core/ready.h"
 #include "core/sleep.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "core/stop.h"
 #include "core/threads.h"
+#include "core/watch.h"
 #include "db/clearing.h"
 #include "db/connection.h"
 #include "db/mapping.h"
@@ -43,7 +45,7 @@ namespace
 
 constexpr int kLongBacklog = 1000;
 constexpr unsigned kSettleMicroseconds = 1000000;
-constexpr int kFlushLimitMs = 2000;
+constexpr int kFlushLimitMs = 1000;
 
 // Made and destroyed with the other two, and locked by nobody; the bus service
 // has a mutex of its own under this name.
@@ -54,6 +56,7 @@ void CreateMutex(std::atomic<ZOMutex *> &mutex, const char *name)
     if (mutex == nullptr)
     {
         mutex = ZOMutexCreate(0);
+        NoteProgress();
     }
     if (mutex == nullptr)
     {
@@ -122,8 +125,10 @@ void Populate()
     OnLoadRawObjectsUpdate();
 }
 
-void StartWorkers(QdbWorkerArg *arguments, const pthread_attr_t *attributes)
+// Returns how many there are.
+int StartWorkers(QdbWorkerArg *arguments, const pthread_attr_t *attributes)
 {
+    int started = 0;
     for (int i = 0; i < kWorkerCount && !StopRequested(); ++i)
     {
         const long thID = i + 1;
@@ -132,10 +137,15 @@ void StartWorkers(QdbWorkerArg *arguments, const pthread_attr_t *attributes)
         const int status = StartThread(gWorkerThreads[i], QdbWorkerThread,
                                        &arguments[i], attributes);
         QDB_LOG(kLogTrace, "%s: Start thread: %ld, Status=%d", thID, status);
+        started += status == 0 ? 1 : 0;
     }
+    return started;
 }
 
-void StartThreads(QdbWorkerArg *arguments)
+// The others can be missed, each with its part of the work; the log has told
+// so. Without a worker nothing would ever take an event, and the service stops:
+// false.
+bool StartThreads(QdbWorkerArg *arguments)
 {
     pthread_attr_t attributes;
     if (const int status = pthread_attr_init(&attributes))
@@ -144,38 +154,50 @@ void StartThreads(QdbWorkerArg *arguments)
         std::exit(EXIT_FAILURE);
     }
     StartThread(gBusServiceThread, RunBusServiceThread, nullptr, nullptr);
-    StartWorkers(arguments, &attributes);
+    const int workers = StartWorkers(arguments, &attributes);
     pthread_attr_destroy(&attributes);
+    if (workers == 0 && !StopRequested())
+    {
+        QDB_LOG(kLogError, "%s: not a single worker, the service ends\n");
+        StopService();
+        return false;
+    }
     StartThread(gNCThread, handle_QuillonDB_NC_Event_Request, nullptr, nullptr);
     StartThread(gCorruptionThread, handle_QuillonDB_Sqlite_corrupt, nullptr,
                 nullptr);
+    return true;
 }
 
-// A stop ends the start-up at the next step; closing follows in any case.
-void StartUp(QdbWorkerArg *arguments)
+// A stop ends the start-up at the next step; closing follows in any case. False
+// when the service can't do its work.
+bool StartUp(QdbWorkerArg *arguments)
 {
     if (!Prepare())
     {
-        return;
+        return true;
     }
     LetStopIn();
     if (StopRequested() || !OpenDatabase())
     {
-        return;
+        return true;
     }
     StartThread(gSignalThread, handle_sdbus_signal_Request_thread, nullptr,
                 nullptr);
     Populate();
     if (StopRequested())
     {
-        return;
+        return true;
     }
-    StartThreads(arguments);
+    if (!StartThreads(arguments))
+    {
+        return false;
+    }
     SleepMicroseconds(kSettleMicroseconds);
     if (!StopRequested())
     {
         PublishReadiness();
     }
+    return true;
 }
 
 // The service lives here.
@@ -233,14 +255,17 @@ int RunService()
     signal(SIGPIPE, SIG_IGN);
     if (!AllocateQueues())
     {
+        EndWatch();
         return EXIT_FAILURE;
     }
     // Outlives the workers, which are joined below.
     QdbWorkerArg arguments[kWorkerCount] = {};
-    StartUp(arguments);
+    const bool canWork = StartUp(arguments);
     JoinThreads();
     EndOtherWork();
-    return Close();
+    const int status = Close();
+    EndWatch();
+    return canWork ? status : EXIT_FAILURE;
 }
 
 } // namespace qdb

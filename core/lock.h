@@ -1,6 +1,7 @@
 // Locks that are released on every way out of a scope, cancellation included.
 #pragma once
 
+#include "core/waiting.h"
 #include "platform/zo_base.h"
 
 #include <pthread.h>
@@ -10,27 +11,78 @@
 namespace qdb
 {
 
-class MutexLock
+// A mutex whose holders wait for nothing: it may be taken with the turn at the
+// database in hand.
+class LeafLock
 {
   public:
-    explicit MutexLock(pthread_mutex_t &mutex) : mutex_(mutex)
+    explicit LeafLock(pthread_mutex_t &mutex) : mutex_(mutex)
     {
         pthread_mutex_lock(&mutex_);
     }
-    ~MutexLock()
+    ~LeafLock()
     {
         pthread_mutex_unlock(&mutex_);
     }
-    MutexLock(const MutexLock &) = delete;
-    MutexLock &operator=(const MutexLock &) = delete;
+    LeafLock(const LeafLock &) = delete;
+    LeafLock &operator=(const LeafLock &) = delete;
 
   private:
     pthread_mutex_t &mutex_;
 };
 
-// A mutex of the platform, taken without a time limit. The platform may have
-// failed to make it, and a NULL handle locks nothing; `own` keeps what it
-// guards safe even then.
+// Any other mutex: who waits for it may wait for whatever its holder waits for.
+class MutexLock
+{
+  public:
+    explicit MutexLock(pthread_mutex_t &mutex) : lock_(Allowed(mutex))
+    {
+    }
+
+  private:
+    static pthread_mutex_t &Allowed(pthread_mutex_t &mutex)
+    {
+        AssertMayWait();
+        return mutex;
+    }
+
+    LeafLock lock_;
+};
+
+// A MutexLock that gives up after a while.
+class PatientLock
+{
+  public:
+    // patienceMs -1: waits as long as it takes.
+    PatientLock(pthread_mutex_t &mutex, int patienceMs)
+        : mutex_(mutex), held_(Take(patienceMs))
+    {
+    }
+    ~PatientLock()
+    {
+        if (held_)
+        {
+            pthread_mutex_unlock(&mutex_);
+        }
+    }
+    PatientLock(const PatientLock &) = delete;
+    PatientLock &operator=(const PatientLock &) = delete;
+
+    bool IsHeld() const
+    {
+        return held_;
+    }
+
+  private:
+    bool Take(int patienceMs);
+
+    pthread_mutex_t &mutex_;
+    bool held_;
+};
+
+// A mutex of the platform, taken without a time limit; a leaf like LeafLock's.
+// The platform may have failed to make it, and a NULL handle locks nothing;
+// `own` keeps what it guards safe even then.
 class PlatformLock
 {
   public:
@@ -47,7 +99,7 @@ class PlatformLock
     PlatformLock &operator=(const PlatformLock &) = delete;
 
   private:
-    MutexLock own_;
+    LeafLock own_;
     ZOMutex *mutex_;
 };
 

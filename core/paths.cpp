@@ -1,25 +1,38 @@
 #include "core/paths.h"
 
+#include <cstdio>
+
 namespace qdb
 {
 
 const char *gRuntimeRoot = QDB_RUNTIME_ROOT;
 
-std::string DatabasePath()
+namespace
 {
-    return std::string(gRuntimeRoot) + "/var/run/quillondatabase/" +
-           kDatabaseName;
+
+FilePath UnderRoot(const char *directory, const char *name)
+{
+    FilePath path;
+    std::snprintf(path.text, sizeof(path.text), "%s%s%s", gRuntimeRoot,
+                  directory, name);
+    return path;
 }
 
-std::string TelemetryPipePath()
+} // namespace
+
+FilePath DatabasePath()
 {
-    return std::string(gRuntimeRoot) +
-           "/var/run/telemetryservice/qdbtdbipcpipe";
+    return UnderRoot("/var/run/quillondatabase/", kDatabaseName);
 }
 
-std::string RawDataDirectory()
+FilePath TelemetryPipePath()
 {
-    return std::string(gRuntimeRoot) + "/mnt/persistent_data/data0/gen_certs/";
+    return UnderRoot("/var/run/telemetryservice/", "qdbtdbipcpipe");
+}
+
+FilePath RawDataDirectory()
+{
+    return UnderRoot("/mnt/persistent_data/data0/gen_certs/", "");
 }
 
 } // namespace qdb

@@ -1,7 +1,7 @@
 // The files that the service meets.
 #pragma once
 
-#include <string>
+#include <climits>
 
 namespace qdb
 {
@@ -13,10 +13,17 @@ extern const char *gRuntimeRoot;
 // The database file's name, which is also its name on the telemetry pipe.
 inline constexpr const char kDatabaseName[] = "DMLiveObjectDatabase.db";
 
-std::string DatabasePath();
-std::string TelemetryPipePath();
+// A path that needs no memory of the heap: one is made inside a step of
+// SQLite's. Longer ones are cut, and then name nothing.
+struct FilePath
+{
+    char text[PATH_MAX];
+};
+
+FilePath DatabasePath();
+FilePath TelemetryPipePath();
 
 // Ends in a slash.
-std::string RawDataDirectory();
+FilePath RawDataDirectory();
 
 } // namespace qdb

@@ -1,6 +1,11 @@
-// Owners for what the platform libraries hand out.
+// Owners for what the platform libraries hand out, and the calls that give it.
+//
+// Another process answers these calls, and takes its time: none is made with
+// the turn at the database in hand.
 #pragma once
 
+#include "core/object_order.h"
+#include "core/waiting.h"
 #include "platform/zo_base.h"
 #include "platform/zoil.h"
 
@@ -15,6 +20,8 @@ struct FreeGeneric
 {
     void operator()(void *memory) const
     {
+        const Wait wait;
+        ForgetFetch(memory);
         ZOILFreeGeneric(memory);
     }
 };
@@ -23,6 +30,7 @@ struct FreeMem
 {
     void operator()(void *memory) const
     {
+        const Wait wait;
         ZOFreeMem(memory);
     }
 };
@@ -31,6 +39,7 @@ struct CFree
 {
     void operator()(void *memory) const
     {
+        ForgetFetch(memory);
         std::free(memory);
     }
 };
@@ -67,15 +76,41 @@ class OidList
     std::unique_ptr<uint32_t, FreeGeneric> list_;
 };
 
+// The object as the Data Manager has it now, NULL: not at all. Notes when it
+// was asked, for object_order.h.
 inline ObjectPtr FetchObject(uint32_t oid)
 {
+    const Wait wait;
+    const uint64_t asked = Tick();
+    ObjectPtr object(ZOILGetObjByOID(&oid));
+    NoteFetch(object.get(), asked);
+    return object;
+}
+
+// A relation of an object that is in hand: its parent, say.
+inline ObjectPtr FetchRelated(uint32_t oid)
+{
+    const Wait wait;
     return ObjectPtr(ZOILGetObjByOID(&oid));
+}
+
+inline ObjectPtr FetchByKey(const char *key)
+{
+    const Wait wait;
+    return ObjectPtr(ZOILGetObjByKey(key));
+}
+
+inline OidList ListParents(uint32_t oid)
+{
+    const Wait wait;
+    return OidList(ZOILListParentOID(&oid));
 }
 
 // All objects of a type.
 inline OidList ListChildren(uint32_t objType)
 {
     constexpr uint32_t kRootOid = 1;
+    const Wait wait;
     return OidList(
         ZOILListChildOIDByType(&kRootOid, static_cast<uint16_t>(objType)));
 }

@@ -2,6 +2,7 @@
 
 #include "core/log.h"
 #include "core/state.h"
+#include "core/waiting.h"
 #include "platform/cfgclient.h"
 
 namespace qdb
@@ -16,10 +17,16 @@ void EnableSignals()
     DbusEventsEnabled = 1;
 }
 
+int Set(int value)
+{
+    const Wait wait;
+    return CfgSetAttributeInt(kReadyKey, value, 0, 0);
+}
+
 // Returns the library's status; a failure is logged under the caller's name.
 int SetAttribute(int value, const char *caller)
 {
-    const int status = CfgSetAttributeInt(kReadyKey, value, 0, 0);
+    const int status = Set(value);
     if (status != 0)
     {
         QDB_LOG(kLogWarning,
@@ -44,7 +51,7 @@ void ClearReadiness()
 
 void PublishReadiness()
 {
-    const int status = CfgSetAttributeInt(kReadyKey, 1, 0, 0);
+    const int status = Set(1);
     if (status == 0)
     {
         EnableSignals();

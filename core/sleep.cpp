@@ -1,5 +1,7 @@
 #include "core/sleep.h"
 
+#include "core/waiting.h"
+
 #include <unistd.h>
 
 #include <atomic>
@@ -13,6 +15,7 @@ std::atomic<SleepFunction> gSleepFunction = nullptr;
 
 void SleepMicroseconds(unsigned microseconds)
 {
+    const Pause pause;
     if (const SleepFunction replaced = gSleepFunction)
     {
         replaced(microseconds);

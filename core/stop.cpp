@@ -1,11 +1,16 @@
 #include "core/stop.h"
 
 #include "core/cancel.h"
+#include "core/gate.h"
+#include "core/lock.h"
 #include "core/log.h"
 #include "core/state.h"
 #include "core/threads.h"
+#include "core/watch.h"
+#include "db/busy_wait.h"
 #include "events/queues/event_queue.h"
 
+#include <execinfo.h>
 #include <signal.h>
 
 #include <cerrno>
@@ -20,6 +25,10 @@ std::atomic<bool> gFinish = false;
 pthread_t gStopThread;
 bool gStarted = false; // `main` alone
 
+// The steps may run on three threads: this file's, the watch, `main`.
+pthread_mutex_t gStepsMutex = PTHREAD_MUTEX_INITIALIZER;
+bool gIsClosing = false; // guarded by gStepsMutex
+
 void HandleSignal(int signalNumber)
 {
     const int error = errno;
@@ -28,16 +37,6 @@ void HandleSignal(int signalNumber)
         sem_post(&gStopSem);
     }
     errno = error;
-}
-
-void StopService()
-{
-    ZOILRemoveEventListener(gEventListener);
-    QueueStopRecords();
-    SetCancelNCThread();
-    CancelThread(gCorruptionThread);
-    CancelThread(gBusServiceThread);
-    SetCancelSignalThread();
 }
 
 void *RunStopThread(void * /*argument*/)
@@ -56,7 +55,6 @@ void *RunStopThread(void * /*argument*/)
         if (!stopped)
         {
             stopped = true;
-            RequestStop();
             StopService();
         }
     }
@@ -70,15 +68,25 @@ void ChangeMask(int how)
     pthread_sigmask(how, &term, nullptr);
 }
 
+// The first pthread_cancel of a process loads the unwinder, and without memory
+// ends the process; so does the first backtrace, without the end.
+void LoadUnwinder()
+{
+    void *frame = nullptr;
+    backtrace(&frame, 1);
+}
+
 } // namespace
 
 void HoldStop()
 {
     ChangeMask(SIG_BLOCK);
+    StartWatch();
 }
 
 void LetStopIn()
 {
+    LoadUnwinder();
     sem_init(&gStopSem, 0, 0);
     struct sigaction action = {};
     action.sa_handler = HandleSignal;
@@ -86,13 +94,39 @@ void LetStopIn()
     sigaction(SIGTERM, &action, nullptr);
     const int status =
         CreateThread(&gStopThread, nullptr, RunStopThread, nullptr);
-    if (status != 0)
+    gStarted = status == 0;
+    if (!gStarted)
     {
-        QDB_LOG(kLogError, "%s: no thread for SIGTERM: %d\n", status);
+        QDB_LOG(kLogError,
+                "%s: no thread for SIGTERM, which ends the process at once: "
+                "%d\n",
+                status);
+        signal(SIGTERM, SIG_DFL);
+    }
+    ChangeMask(SIG_UNBLOCK);
+    WatchForRequestsOnly();
+}
+
+void StopService()
+{
+    RequestStop();
+    RemoveListener();
+    EndThreads();
+    ShortenBusyWaits();
+}
+
+void EndThreads()
+{
+    const MutexLock lock(gStepsMutex);
+    if (gIsClosing)
+    {
         return;
     }
-    gStarted = true;
-    ChangeMask(SIG_UNBLOCK);
+    QueueStopRecords();
+    SetCancelNCThread();
+    CancelThread(gCorruptionThread);
+    CancelThread(gBusServiceThread);
+    SetCancelSignalThread();
 }
 
 void FinishStop()
@@ -104,6 +138,8 @@ void FinishStop()
         pthread_join(gStopThread, nullptr);
         gStarted = false;
     }
+    const MutexLock lock(gStepsMutex);
+    gIsClosing = true;
 }
 
 } // namespace qdb

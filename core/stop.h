@@ -7,20 +7,31 @@
 //     their cancel flags, the corruption and bus service threads are cancelled
 //   stopping -> stopping [another SIGTERM]
 //   any -> ended [FinishStop]
+// What hangs on the way, the removal of the listener included, is the watch's
+// (core/watch.h). All that a stop needs is there before it comes: it takes no
+// memory.
 #pragma once
 
 namespace qdb
 {
 
-// Keeps SIGTERM pending until LetStopIn. The first act of `main`.
+// Keeps SIGTERM pending until LetStopIn, and starts the watch. The first act of
+// `main`.
 void HoldStop();
 
 // Installs the handler, starts the thread, and lets the signal in, on the
-// calling thread alone.
+// calling thread alone. When there can't be a thread the log tells so, and the
+// signal ends the process at once, as it does by default.
 void LetStopIn();
 
-// Ends the thread and waits for it, so that what its steps use can be freed.
-// Does nothing if LetStopIn was never called.
+// A stop from within, on the calling thread: all its steps.
+void StopService();
+
+// The steps behind the removal of the listener. Steps that have been taken
+// already do no harm; behind FinishStop does nothing.
+void EndThreads();
+
+// Ends the thread and waits for it, so that what the steps use can be freed.
 void FinishStop();
 
 } // namespace qdb

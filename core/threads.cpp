@@ -1,19 +1,39 @@
 #include "core/threads.h"
 
 #include "core/lock.h"
+#include "core/log.h"
+#include "core/progress.h"
+#include "core/waiting.h"
 
 #include <signal.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <exception>
 
 namespace qdb
 {
 
-ServiceThread gSignalThread;
-ServiceThread gBusServiceThread;
-ServiceThread gWorkerThreads[kWorkerCount];
-ServiceThread gNCThread;
-ServiceThread gCorruptionThread;
+namespace
+{
+
+constexpr ServiceThread Named(const char *name)
+{
+    return {name, nullptr, nullptr, {}, false, false};
+}
+
+constexpr ServiceThread kWorker = Named("a worker");
+
+} // namespace
+
+ServiceThread gSignalThread = Named("bus signals");
+ServiceThread gBusServiceThread = Named("the bus service");
+ServiceThread gWorkerThreads[kWorkerCount] = {
+    kWorker, kWorker, kWorker, kWorker, kWorker,
+    kWorker, kWorker, kWorker, kWorker, kWorker,
+};
+ServiceThread gNCThread = Named("reloads");
+ServiceThread gCorruptionThread = Named("a corrupt database");
 
 namespace
 {
@@ -21,19 +41,42 @@ namespace
 // Guards the fields of all ServiceThreads and gStopRequested's setting.
 pthread_mutex_t gMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t gThreadEnded = PTHREAD_COND_INITIALIZER;
+pthread_cond_t gStopCame = PTHREAD_COND_INITIALIZER;
 std::atomic<bool> gStopRequested = false;
+
+// By NowNanoseconds(); the end of time without a stop.
+std::atomic<int64_t> gPatienceEnds = INT64_MAX;
+
+constexpr int64_t kPatienceNanoseconds = 2000000000;
+constexpr int64_t kNanosecondsPerMs = 1000000;
 
 // The caller holds gMutex.
 void MarkEnded(ServiceThread &thread)
 {
     thread.ended = true;
+    NoteProgress();
     pthread_cond_broadcast(&gThreadEnded);
+}
+
+// A cancel unwinds the stack as well, and has to pass: it is no std::exception.
+void *RunEntry(const ServiceThread &thread)
+{
+    try
+    {
+        return thread.entry(thread.argument);
+    }
+    catch (const std::exception &exception)
+    {
+        QDB_LOG(kLogError, "%s: the thread for %s has ended: %s\n", thread.name,
+                exception.what());
+        return nullptr;
+    }
 }
 
 void *RunThread(void *argument)
 {
     ServiceThread &thread = *static_cast<ServiceThread *>(argument);
-    void *result = thread.entry(thread.argument);
+    void *result = RunEntry(thread);
     const MutexLock lock(gMutex);
     MarkEnded(thread);
     return result;
@@ -49,7 +92,35 @@ bool StopRequested()
 bool RequestStop()
 {
     const MutexLock lock(gMutex);
-    return !gStopRequested.exchange(true);
+    if (gStopRequested)
+    {
+        return false;
+    }
+    gPatienceEnds = NowNanoseconds() + kPatienceNanoseconds;
+    gStopRequested = true;
+    pthread_cond_broadcast(&gStopCame);
+    return true;
+}
+
+bool AwaitStopRequest(int milliseconds)
+{
+    const timespec deadline =
+        ToTimespec(NowNanoseconds() + milliseconds * kNanosecondsPerMs);
+    const MutexLock lock(gMutex);
+    int result = 0;
+    while (!gStopRequested && result == 0)
+    {
+        result = milliseconds == kNoLimit
+                     ? pthread_cond_wait(&gStopCame, &gMutex)
+                     : pthread_cond_clockwait(&gStopCame, &gMutex,
+                                              CLOCK_MONOTONIC, &deadline);
+    }
+    return gStopRequested;
+}
+
+bool StopPatienceIsOver()
+{
+    return gStopRequested && NowNanoseconds() > gPatienceEnds;
 }
 
 int StartThread(ServiceThread &thread, ThreadEntry entry, void *argument,
@@ -66,6 +137,10 @@ int StartThread(ServiceThread &thread, ThreadEntry entry, void *argument,
     const int status =
         CreateThread(&thread.handle, attributes, RunThread, &thread);
     thread.running = status == 0;
+    if (status != 0)
+    {
+        QDB_LOG(kLogError, "%s: no thread for %s: %d\n", thread.name, status);
+    }
     return status;
 }
 

@@ -1,12 +1,12 @@
 #include "db/clearing.h"
 
-#include "core/lock.h"
 #include "core/log.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/connection.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "db/turn.h"
 
 #include <cstdio>
 
@@ -239,7 +239,7 @@ int DeleteObjectByOID(uint32_t oid)
     }
     int status = SQLITE_OK;
     {
-        const MutexLock lock(gDeleteObjectByOIDMutex);
+        const StatementLock lock(gDeleteObjectByOIDMutex);
         status = DeleteWithSlot(oid);
     }
     QDB_LOG(kLogTrace,

@@ -59,7 +59,7 @@ void StatementSlot::Finalize()
 int StatementPool::Take(const char *sql, StatementPtr *pStatement)
 {
     {
-        const MutexLock lock(mutex_);
+        const LeafLock lock(mutex_);
         if (count_ > 0)
         {
             pStatement->reset(waiting_[--count_]);
@@ -83,7 +83,7 @@ void StatementPool::Give(StatementPtr statement)
     }
     sqlite3_clear_bindings(statement.get());
     sqlite3_reset(statement.get());
-    const MutexLock lock(mutex_);
+    const LeafLock lock(mutex_);
     if (count_ < kCapacity)
     {
         waiting_[count_++] = statement.release();
@@ -92,7 +92,7 @@ void StatementPool::Give(StatementPtr statement)
 
 void StatementPool::Finalize()
 {
-    const MutexLock lock(mutex_);
+    const LeafLock lock(mutex_);
     while (count_ > 0)
     {
         sqlite3_finalize(waiting_[--count_]);
@@ -111,7 +111,7 @@ int QDVDBInit()
     // per allocation. Refused, and then without effect, once SQLite is in use.
     (void)sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
     sqlite3 *handle = nullptr;
-    const int status = sqlite3_open(DatabasePath().c_str(), &handle);
+    const int status = sqlite3_open(DatabasePath().text, &handle);
     QDVdbHandle = handle;
     if (status != SQLITE_OK)
     {
@@ -133,13 +133,13 @@ bool HasDatabase()
     return true;
 }
 
-std::string SqliteErrorMessage()
+ErrorText SqliteErrorMessage()
 {
     sqlite3 *handle = QDVdbHandle;
     sqlite3_mutex *mutex =
         handle == nullptr ? nullptr : sqlite3_db_mutex(handle);
     sqlite3_mutex_enter(mutex);
-    std::string message = sqlite3_errmsg(handle);
+    const ErrorText message(sqlite3_errmsg(handle));
     sqlite3_mutex_leave(mutex);
     return message;
 }
@@ -160,7 +160,7 @@ StatementPtr PrepareOnce(const char *sql, int *pStatus)
 int CloseDatabase()
 {
     FinalizeKeptRead();
-    const int status = RunStatusLoop({}, 0,
+    const int status = RunStatusLoop({.endsAtStop = false}, 0,
                                      []
                                      {
                                          return sqlite3_close(QDVdbHandle);

@@ -6,7 +6,7 @@
 
 #include "db/statement.h"
 
-#include <string>
+#include <cstdio>
 
 namespace qdb
 {
@@ -20,9 +20,28 @@ int QDVDBInit();
 // Whether there is a connection; logs a line when there is none.
 bool HasDatabase();
 
+// A text of SQLite's about an error, cut to its buffer: failures are told
+// where there may be no memory.
+class ErrorText
+{
+  public:
+    explicit ErrorText(const char *text)
+    {
+        std::snprintf(text_, sizeof(text_), "%s", text);
+    }
+
+    const char *c_str() const
+    {
+        return text_;
+    }
+
+  private:
+    char text_[512];
+};
+
 // SQLite's text for the connection's last error, copied while no other thread
 // can change it. Without a connection SQLite's text for that.
-std::string SqliteErrorMessage();
+ErrorText SqliteErrorMessage();
 
 // "%s:  %s sqlite errormsg: %s" with the name of the function that failed.
 void LogErrorMessage(int level, const char *function);

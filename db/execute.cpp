@@ -2,6 +2,7 @@
 
 #include "core/lock.h"
 #include "core/log.h"
+#include "core/progress.h"
 #include "core/sleep.h"
 #include "core/state.h"
 #include "db/turn.h"
@@ -18,22 +19,24 @@ constexpr unsigned kAbortedPauseMicroseconds = 1000;
 thread_local int tLastStepStatus = SQLITE_OK;
 
 // What SQLite answers at once while a read is open on the connection: it then
-// doesn't wait for others, and a read that has met them answers ABORT.
+// doesn't wait for others, and all statements answer ABORT once one of them
+// could not be undone.
 bool MayBeOurRead(int status)
 {
     return IsBusy(status) || status == SQLITE_ABORT;
 }
 
-int StepOnce(sqlite3_stmt *statement)
+// A statement is fresh until it has given a row. Only a fresh one is stepped
+// again: from its start, the other one would give the same rows twice.
+int StepOnce(sqlite3_stmt *statement, bool isFresh)
 {
-    const MutexLock lock(SqliteStepMutex);
+    const LeafLock lock(SqliteStepMutex);
     NoteStep();
     int status = sqlite3_step(statement);
-    if (MayBeOurRead(status) && ReadIsKept())
+    if (MayBeOurRead(status) && GiveUpRead() && isFresh)
     {
         // A statement that is blocked counts as a reader itself.
         sqlite3_reset(statement);
-        GiveUpRead();
         status = sqlite3_step(statement);
     }
     if (status == SQLITE_ROW)
@@ -47,6 +50,7 @@ int StepOnce(sqlite3_stmt *statement)
         // waits for that one, and neither gets on.
         sqlite3_reset(statement);
     }
+    NoteProgress();
     return status;
 }
 
@@ -55,12 +59,12 @@ int StepOnce(sqlite3_stmt *statement)
 // Without a journal, a statement that fails behind its first write (as one
 // whose mapping a destroy has just taken away) can't be undone. SQLite then
 // drops its cache, and gives ABORT to every statement of the connection until
-// no read is under way any more. It means none of those statements: one that
-// hasn't given a row yet just begins again.
+// no read is under way any more. It means none of those statements: a fresh one
+// just begins again, and one that has given rows fails.
 int StepStatement(sqlite3_stmt *statement)
 {
     const bool isFresh = sqlite3_stmt_busy(statement) == 0;
-    int status = StepOnce(statement);
+    int status = StepOnce(statement, isFresh);
     for (int attempt = 1;
          status == SQLITE_ABORT && isFresh && attempt < kAbortedAttempts;
          ++attempt)
@@ -68,7 +72,7 @@ int StepStatement(sqlite3_stmt *statement)
         sqlite3_reset(statement);
         GiveUpTurn();
         SleepMicroseconds(kAbortedPauseMicroseconds);
-        status = StepOnce(statement);
+        status = StepOnce(statement, isFresh);
     }
     tLastStepStatus = status;
     return status;
@@ -97,6 +101,7 @@ int execute_statement(sqlite3_stmt *statement)
 
 Verdict JudgeAttempt(int status, RetryRule rule, int returnStatus)
 {
+    NoteProgress();
     if (IsSuccess(status))
     {
         return Verdict::Done;
@@ -105,7 +110,7 @@ Verdict JudgeAttempt(int status, RetryRule rule, int returnStatus)
     {
         GiveUpTurn();
         QDB_LOG(kLogTrace, "%s: \nStatusCheck:Retry\n");
-        if (rule.pauseWhenBusy)
+        if (rule.pauseWhenBusy && !(rule.endsAtStop && StopPatienceIsOver()))
         {
             SleepMicroseconds(kBusyPauseMicroseconds);
         }

@@ -3,10 +3,12 @@
 // A status loop runs an operation up to 100 times. Success ends it; BUSY and
 // LOCKED are waited out, 110 ms each; ZO_STATUS_INVALID_VALUE is tried again at
 // once; anything else ends it as a failure. No lock of this file is held while
-// a loop sleeps.
+// a loop sleeps. Two seconds after a stop was requested a loop that meets a
+// busy database counts as used up.
 #pragma once
 
 #include "core/status.h"
+#include "core/threads.h"
 
 #include <sqlite3.h>
 
@@ -17,8 +19,9 @@ inline constexpr int kAttempts = 100;
 inline constexpr unsigned kBusyPauseMicroseconds = 110000;
 
 // sqlite3_step under SqliteStepMutex. A statement that finds the database busy
-// starts anew at the next step, with its bindings; one that another statement's
-// failure has aborted is stepped again for a second.
+// starts anew at the next step, with its bindings. One that another statement's
+// failure has aborted (status 4) is stepped again for a second, unless it has
+// given a row already: then that status is its failure.
 int StepStatement(sqlite3_stmt *statement);
 
 // Steps a bound statement in a status loop. Returns 0 when a step succeeded,
@@ -32,6 +35,7 @@ int LastStepStatus();
 struct RetryRule
 {
     bool pauseWhenBusy = true;
+    bool endsAtStop = true;
 };
 
 enum class Verdict
@@ -69,6 +73,10 @@ int RunStatusLoop(RetryRule rule, const int &returnStatus, Operation operation,
         if (verdict != Verdict::Again)
         {
             return status;
+        }
+        if (rule.endsAtStop && IsBusy(status) && StopPatienceIsOver())
+        {
+            break;
         }
     }
     LogAttemptsUsedUp(returnStatus);

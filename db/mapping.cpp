@@ -1,6 +1,5 @@
 #include "db/mapping.h"
 
-#include "core/lock.h"
 #include "core/log.h"
 #include "core/platform_ptr.h"
 #include "core/state.h"
@@ -8,6 +7,10 @@
 #include "db/connection.h"
 #include "db/execute.h"
 #include "db/turn.h"
+
+#include <algorithm>
+#include <bitset>
+#include <span>
 
 namespace qdb
 {
@@ -98,6 +101,40 @@ uint32_t ReadObjType(sqlite3_stmt *statement, uint32_t oid)
     return objType;
 }
 
+void RecordLink(uint32_t oid, uint32_t parentOid, bool parentFound)
+{
+    if (!parentFound)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: ZOILGetObjByOID returned NULL!!! for OID = 0x%x\n",
+                parentOid);
+        return;
+    }
+    QDB_LOG(kLogTrace,
+            "%s: ZOILGetObjByOID success for OID = 0x%x and POID = 0x%x \n",
+            oid, parentOid);
+    InsertInParentChildMappingTable(oid, parentOid);
+}
+
+// Links are fetched and recorded in blocks, so that a create whose row is
+// written needs no memory for them.
+constexpr size_t kLinkBlock = 64;
+
+// At most kLinkBlock parents.
+void RecordLinks(uint32_t oid, std::span<const uint32_t> parentOids)
+{
+    std::bitset<kLinkBlock> found;
+    for (size_t i = 0; i < parentOids.size(); ++i)
+    {
+        found[i] = FetchRelated(parentOids[i]) != nullptr;
+    }
+    const DbTurn turn;
+    for (size_t i = 0; i < parentOids.size(); ++i)
+    {
+        RecordLink(oid, parentOids[i], found[i]);
+    }
+}
+
 } // namespace
 
 int InsertInTblEtag(const char *tableName)
@@ -106,7 +143,7 @@ int InsertInTblEtag(const char *tableName)
     {
         return kFailed;
     }
-    const MutexLock lock(gEtagStmtMutex);
+    const StatementLock lock(gEtagStmtMutex);
     int status = PrepareSlot(gEtagUpdateStmt, kEtagSql);
     if (status != SQLITE_OK)
     {
@@ -135,7 +172,7 @@ int InsertInParentChildMappingTable(uint32_t oid, uint32_t parentOid)
     {
         return kFailed;
     }
-    const MutexLock lock(gParentChildStmtMutex);
+    const StatementLock lock(gParentChildStmtMutex);
     int status = PrepareSlot(gParentChildInsertStmt, kParentChildSql);
     if (status != SQLITE_OK)
     {
@@ -167,27 +204,17 @@ int InsertInParentChildMappingTable(uint32_t oid, uint32_t parentOid)
 
 void RefreshParentChildMapping(const DataObjHeader *pDOH, uint32_t oid)
 {
-    const OidList parents(ZOILListParentOID(&pDOH->objID));
+    const OidList parents = ListParents(pDOH->objID);
     if (parents.IsNull())
     {
         return;
     }
-    for (const uint32_t parentOid : parents.Oids())
+    std::span<const uint32_t> left = parents.Oids();
+    while (!left.empty())
     {
-        if (const ObjectPtr parent = FetchObject(parentOid))
-        {
-            QDB_LOG(kLogTrace,
-                    "%s: ZOILGetObjByOID success for OID = 0x%x and POID = "
-                    "0x%x \n",
-                    oid, parentOid);
-            InsertInParentChildMappingTable(oid, parentOid);
-        }
-        else
-        {
-            QDB_LOG(kLogTrace,
-                    "%s: ZOILGetObjByOID returned NULL!!! for OID = 0x%x\n",
-                    parentOid);
-        }
+        const auto block = left.first(std::min(kLinkBlock, left.size()));
+        left = left.subspan(block.size());
+        RecordLinks(oid, block);
     }
 }
 

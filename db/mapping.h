@@ -17,9 +17,11 @@ namespace qdb
 {
 
 // Maps an OID to its type. An OID that is still mapped, mostly because its
-// delete has not finished on another thread, is waited for. Returns 0, the
-// status of the failing prepare, bind or step (19: still mapped; 5, 6: the
-// database stayed busy), or -1 without a connection.
+// delete has not finished on another thread, is waited for, with the calling
+// thread's claim on the object (core/object_order.h) left to that delete.
+// Returns 0, the status of the failing prepare, bind or step (19: still mapped;
+// 5, 6: the database stayed busy), 8216 when the wait has put the object out of
+// date, or -1 without a connection.
 int insertinActiveOIDMapping(uint32_t oid, uint32_t objType);
 
 // Sets a table's change tag to the present second; a table without a tag is no
@@ -30,7 +32,8 @@ int InsertInTblEtag(const char *tableName);
 int InsertInParentChildMappingTable(uint32_t oid, uint32_t parentOid);
 
 // Records the links of an object to those of its parents that the Data Manager
-// still has. pDOH isn't NULL; its OID is `oid`.
+// still has. pDOH isn't NULL; its OID is `oid`. Asks the Data Manager first,
+// and so without a turn, then takes a turn.
 void RefreshParentChildMapping(const DataObjHeader *pDOH, uint32_t oid);
 
 // The object type of a mapped OID; 0 when it isn't mapped or nothing could be

@@ -1,10 +1,11 @@
 // The insert into ActiveOIDMapping, with its own rule for repeats.
 
-#include "core/lock.h"
 #include "core/log.h"
+#include "core/object_order.h"
 #include "core/sleep.h"
 #include "core/state.h"
 #include "core/status.h"
+#include "core/threads.h"
 #include "db/connection.h"
 #include "db/execute.h"
 #include "db/mapping.h"
@@ -41,7 +42,6 @@ constexpr uint32_t kAlsoWaitedFor[] = {0x5E, 0xD2, 0xD3, 0xE1, 0x42, 0x801};
 // One call's constants.
 struct Insert
 {
-    sqlite3_stmt *statement;
     uint32_t oid;
     uint32_t objType;
     bool backlog; // gSkipConstraintCheck, read once per call
@@ -95,79 +95,96 @@ void WaitWhileBusy(const Insert &insert, bool lastAttempt)
     }
 }
 
-int StepInsert(const Insert &insert)
+// One attempt. The statement's mutex is held for no longer, so that an object
+// that waits for its delete holds up no other create. False when a bind failed,
+// with its code in *pStatus.
+bool TryInsert(const Insert &insert, int *pStatus)
 {
-    int status = SQLITE_OK;
-    for (int attempt = 1; attempt <= kAttempts; ++attempt)
+    const StatementLock lock(gActiveOIDStmtMutex);
+    sqlite3_stmt *statement = gActiveOIDInsertStmt.statement;
+    const StatementReset reset(statement);
+    *pStatus = sqlite3_bind_int(statement, 1, StoredOid(insert.oid));
+    if (*pStatus == SQLITE_OK)
     {
-        const bool lastAttempt = attempt == kAttempts;
-        if (attempt > 1)
-        {
-            // Whoever holds the OID must get on.
-            GiveUpTurn();
-        }
-        status = StepStatement(insert.statement);
-        if (status == SQLITE_DONE)
-        {
-            QDB_LOG(kLogTrace,
-                    "%s: [%x]Entry for ObjID:%x 0x%X inserted in "
-                    "ActiveOIDMapping Table",
-                    insert.objType, insert.oid, insert.oid);
-            return SQLITE_OK;
-        }
-        if (status == SQLITE_CONSTRAINT)
-        {
-            if (!WaitForConstraint(insert, lastAttempt))
-            {
-                return status;
-            }
-        }
-        else if (IsBusy(status))
-        {
-            WaitWhileBusy(insert, lastAttempt);
-        }
-        else
-        {
-            QDB_LOG(kLogTrace,
-                    "%s: [%x]Entry could not be inserted in ActiveOIDMapping "
-                    "Table for ObjId- %d 0x%X. ReturnStatus before update = "
-                    "%d\n",
-                    insert.objType, StoredOid(insert.oid), insert.oid, status);
-            return status;
-        }
+        *pStatus =
+            sqlite3_bind_int(statement, 2, static_cast<int>(insert.objType));
     }
-    return status;
-}
-
-int BindAndStep(const Insert &insert)
-{
-    const StatementReset reset(insert.statement);
-    int status = sqlite3_bind_int(insert.statement, 1, StoredOid(insert.oid));
-    if (status == SQLITE_OK)
-    {
-        status = sqlite3_bind_int(insert.statement, 2,
-                                  static_cast<int>(insert.objType));
-    }
-    if (status != SQLITE_OK)
+    if (*pStatus != SQLITE_OK)
     {
         QDB_LOG(kLogInvalid, "%s: [%x]Bind failed for %d %X. Error: %d",
-                insert.objType, StoredOid(insert.oid), insert.oid, status);
-        return status;
+                insert.objType, StoredOid(insert.oid), insert.oid, *pStatus);
+        return false;
     }
-    status = StepInsert(insert);
-    if (status != SQLITE_OK)
-    {
-        QDB_LOG(kLogError,
-                "%s: [%x] Entry for %d 0x%X could not inserted in "
-                "ActiveOIDMapping Table. Error: %d",
-                insert.objType, StoredOid(insert.oid), insert.oid, status);
-    }
-    return status;
+    *pStatus = StepStatement(statement);
+    return true;
 }
 
-int InsertWithSlot(uint32_t oid, uint32_t objType)
+// What an attempt's status means; whether there is to be another one.
+bool JudgeInsert(const Insert &insert, int status, bool lastAttempt)
 {
-    const MutexLock lock(gActiveOIDStmtMutex);
+    if (status == SQLITE_DONE)
+    {
+        QDB_LOG(kLogTrace,
+                "%s: [%x]Entry for ObjID:%x 0x%X inserted in "
+                "ActiveOIDMapping Table",
+                insert.objType, insert.oid, insert.oid);
+        return false;
+    }
+    if (status == SQLITE_CONSTRAINT)
+    {
+        return WaitForConstraint(insert, lastAttempt);
+    }
+    if (IsBusy(status))
+    {
+        WaitWhileBusy(insert, lastAttempt);
+        return true;
+    }
+    QDB_LOG(kLogTrace,
+            "%s: [%x]Entry could not be inserted in ActiveOIDMapping "
+            "Table for ObjId- %d 0x%X. ReturnStatus before update = "
+            "%d\n",
+            insert.objType, StoredOid(insert.oid), insert.oid, status);
+    return false;
+}
+
+// Before another attempt: whoever holds the OID must get on. False when the
+// object turns out to be out of date.
+bool LetHolderGetOn()
+{
+    GiveUpTurn();
+    ObjectClaim *claim = ObjectClaim::OfThread();
+    return claim == nullptr || claim->LetOthersGoFirst();
+}
+
+// Up to a hundred attempts, or until the patience of a stop is over: whoever
+// has the OID may hang. False when a bind failed.
+bool StepInsert(const Insert &insert, int *pStatus)
+{
+    bool isLast = false;
+    for (int attempt = 1; !isLast; ++attempt)
+    {
+        isLast = attempt == kAttempts || StopPatienceIsOver();
+        if (attempt > 1 && !LetHolderGetOn())
+        {
+            *pStatus = ZO_STATUS_INVALID_VALUE;
+            return true;
+        }
+        if (!TryInsert(insert, pStatus))
+        {
+            return false;
+        }
+        if (!JudgeInsert(insert, *pStatus, isLast))
+        {
+            break;
+        }
+    }
+    return true;
+}
+
+// Fills the slot; logs what it found.
+int PrepareInsert(uint32_t objType)
+{
+    const StatementLock lock(gActiveOIDStmtMutex);
     bool wasReady = false;
     const int status = gActiveOIDInsertStmt.Prepare(
         kInsertSql, sizeof(kInsertSql) - 1, &wasReady);
@@ -175,9 +192,8 @@ int InsertWithSlot(uint32_t oid, uint32_t objType)
     {
         QDB_LOG(kLogTrace, "%s: [%x]sqlite3_prepare_v2 Error: %d", objType,
                 status);
-        return status;
     }
-    if (wasReady)
+    else if (wasReady)
     {
         QDB_LOG(kLogTrace, "%s: [%x]Using prepared statement", objType);
     }
@@ -185,9 +201,31 @@ int InsertWithSlot(uint32_t oid, uint32_t objType)
     {
         QDB_LOG(kLogTrace, "%s: [%x]Prepare Statement successful", objType);
     }
-    return BindAndStep({gActiveOIDInsertStmt.statement, oid, objType,
-                        gSkipConstraintCheck != 0,
-                        QdbObjTypeIsConstraintSkippable(objType)});
+    return status;
+}
+
+int InsertWithSlot(uint32_t oid, uint32_t objType)
+{
+    int status = PrepareInsert(objType);
+    if (status != SQLITE_OK)
+    {
+        return status;
+    }
+    const Insert insert = {oid, objType, gSkipConstraintCheck != 0,
+                           QdbObjTypeIsConstraintSkippable(objType)};
+    if (!StepInsert(insert, &status))
+    {
+        return status;
+    }
+    if (status == SQLITE_DONE)
+    {
+        return SQLITE_OK;
+    }
+    QDB_LOG(kLogError,
+            "%s: [%x] Entry for %d 0x%X could not inserted in "
+            "ActiveOIDMapping Table. Error: %d",
+            objType, StoredOid(oid), oid, status);
+    return status;
 }
 
 } // namespace

@@ -14,22 +14,29 @@ pthread_mutex_t gTurnMutex = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<int> gWaiting = 0;   // threads that wait for gTurnMutex
 std::atomic<int> gWorkAhead = 0; // WorkAhead objects
 
-thread_local bool tHasTurn = false;
+// When the watch came by last. One that doesn't come by watches over nothing.
+std::atomic<int64_t> gWatchedAt = 0;
+constexpr int64_t kWatchNanoseconds = 20000000;
+
+constinit thread_local int64_t tTurnSince = 0;
 
 // A leaf, also inside SqliteStepMutex.
 pthread_mutex_t gReadMutex = PTHREAD_MUTEX_INITIALIZER;
 StatementSlot gReadStmt;             // guarded by gReadMutex
 std::atomic<bool> gReadKept = false; // written under gReadMutex
-std::atomic<bool> gStepped = false;  // since the last GiveUpIdleRead
+std::atomic<bool> gStepped = false;  // since the watch's last tick
 
-// Whether somebody will use an open read right away.
-bool ReadIsWanted()
+// Whether somebody will use an open read right away, or soon under the eyes of
+// the watch.
+bool ReadIsWanted(int64_t now)
 {
-    return gWaiting > 0 || gWorkAhead > 0 || QdbEventQSize > 0;
+    return gWaiting > 0 || (now - gWatchedAt < kWatchNanoseconds &&
+                            (gWorkAhead > 0 || QdbEventQSize > 0));
 }
 
-void PassTurn()
+void PassTurn(int64_t now)
 {
+    tTurnNanoseconds += now - tTurnSince;
     tHasTurn = false;
     pthread_mutex_unlock(&gTurnMutex);
 }
@@ -38,10 +45,12 @@ void PassTurn()
 
 DbTurn::DbTurn()
 {
+    AssertMayWait();
     ++gWaiting;
     pthread_mutex_lock(&gTurnMutex);
     --gWaiting;
     tHasTurn = true;
+    tTurnSince = NowNanoseconds();
 }
 
 DbTurn::~DbTurn()
@@ -55,11 +64,35 @@ void DbTurn::End()
     {
         return;
     }
-    if (!ReadIsWanted())
+    const int64_t now = NowNanoseconds();
+    if (!ReadIsWanted(now))
     {
         GiveUpRead();
     }
-    PassTurn();
+    PassTurn(now);
+}
+
+void GiveUpTurn()
+{
+    if (tHasTurn)
+    {
+        GiveUpRead();
+        PassTurn(NowNanoseconds());
+    }
+}
+
+StatementLock::StatementLock(pthread_mutex_t &mutex) : mutex_(mutex)
+{
+    if (pthread_mutex_trylock(&mutex_) != 0)
+    {
+        GiveUpTurn();
+        pthread_mutex_lock(&mutex_);
+    }
+}
+
+StatementLock::~StatementLock()
+{
+    pthread_mutex_unlock(&mutex_);
 }
 
 WorkAhead::WorkAhead()
@@ -69,47 +102,22 @@ WorkAhead::WorkAhead()
 
 WorkAhead::~WorkAhead()
 {
-    if (--gWorkAhead == 0 && !ReadIsWanted())
-    {
-        GiveUpRead();
-    }
+    --gWorkAhead;
 }
 
-void GiveUpTurn()
+ReadWatch::~ReadWatch()
 {
+    gWatchedAt = 0;
     GiveUpRead();
-    if (tHasTurn)
-    {
-        PassTurn();
-    }
 }
 
-bool GiveUpRead()
+void ReadWatch::Tick()
 {
-    if (!gReadKept)
-    {
-        return false;
-    }
-    const MutexLock lock(gReadMutex);
-    const bool kept = gReadKept.exchange(false);
-    if (kept)
-    {
-        sqlite3_reset(gReadStmt.statement);
-    }
-    return kept;
-}
-
-void GiveUpIdleRead()
-{
+    gWatchedAt = NowNanoseconds();
     if (gReadKept && !gStepped.exchange(false))
     {
         GiveUpRead();
     }
-}
-
-void NoteStep()
-{
-    gStepped.store(true, std::memory_order_relaxed);
 }
 
 void KeepRead()
@@ -118,7 +126,7 @@ void KeepRead()
     {
         return;
     }
-    const MutexLock lock(gReadMutex);
+    const LeafLock lock(gReadMutex);
     bool wasReady = false;
     if (gReadKept || gReadStmt.Prepare("SELECT 1 FROM sqlite_master", -1,
                                        &wasReady) != SQLITE_OK)
@@ -137,9 +145,29 @@ bool ReadIsKept()
     return gReadKept;
 }
 
+bool GiveUpRead()
+{
+    if (!gReadKept)
+    {
+        return false;
+    }
+    const LeafLock lock(gReadMutex);
+    const bool kept = gReadKept.exchange(false);
+    if (kept)
+    {
+        sqlite3_reset(gReadStmt.statement);
+    }
+    return kept;
+}
+
+void NoteStep()
+{
+    gStepped.store(true, std::memory_order_relaxed);
+}
+
 void FinalizeKeptRead()
 {
-    const MutexLock lock(gReadMutex);
+    const LeafLock lock(gReadMutex);
     gReadKept = false;
     gReadStmt.Finalize();
 }

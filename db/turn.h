@@ -6,28 +6,38 @@
 // its statements in one turn, and the first row that it reads leaves a read of
 // ours open, which the next turn finds if there is more to do.
 //
-// Nothing else changes: each statement commits by itself and is visible to
-// everybody when its step has returned. What the open read would change is
-// undone where it would show:
-// 1. A step that answers BUSY, LOCKED or ABORT while a read is open is stepped
-//    again without it (StepStatement), since SQLite then doesn't wait, and
-//    since the read may be what keeps another process from writing.
-// 2. The read is given up at once when nothing more is waiting to be done, and
-//    with the turn before every repeat and every sleep.
-// 3. A read that nobody has stepped beside for a moment is given up by threads
-//    that wake often anyway (GiveUpIdleRead): whoever should have used it may
-//    wait for a bus or a Data Manager that doesn't answer.
+// The turn's rule: whoever has it waits for nothing but SQLite. It may meet
+// - SQLite's own locks, and so another process, for the busy time-out;
+// - SqliteStepMutex, whose holder is in one step;
+// - leaves (LeafLock, PlatformLock): lists, queues and the telemetry pipe,
+// whose
+//   holders wait for nothing;
+// - a log call.
+// For everything else it is given up first: a sleep or a repeat (GiveUpTurn),
+// a statement mutex whose holder may sleep (StatementLock), a call of the
+// platform about an object, the bus, a claim, a handler mutex. What may wait
+// asserts that (core/waiting.h). A thread that has given its turn up does the
+// rest of its statements without one: turns order nothing, they only save time.
 //
-// A turn is taken inside a row's handler mutex and outside of all statement
-// mutexes, and never again by the thread that gave it up early, so that who
-// holds a statement's mutex never waits for a turn.
+// The read: each statement commits by itself and is visible to everybody when
+// its step has returned, read or no read. A read is open only while somebody
+// has the turn, or while a ReadWatch lives and more work is at hand. It is
+// given up
+// 1. with the turn, unless somebody waits for the next one or has more to do;
+// 2. by a step that answers BUSY, LOCKED or ABORT beside it (StepStatement),
+//    since SQLite then doesn't wait, and since the read may be what keeps
+//    another process from writing;
+// 3. by the watch, when nobody has stepped beside it for a moment: whoever
+//    should have used it may wait for a Data Manager that doesn't answer.
 #pragma once
+
+#include <pthread.h>
 
 namespace qdb
 {
 
-// The turn of one handler; waits until it comes. Its end may change what
-// sqlite3_errmsg says, so failures are logged before.
+// The turn of one handler; waits until it comes. A thread has one at a time.
+// Its end may change what sqlite3_errmsg says, so failures are logged before.
 class DbTurn
 {
   public:
@@ -41,8 +51,25 @@ class DbTurn
     DbTurn &operator=(const DbTurn &) = delete;
 };
 
-// While it lives, this thread has more to do at once: the read is kept from one
-// turn to the next although the event queue may be empty.
+// Ends this thread's turn, if it has one, and the read with it. Before every
+// sleep and repeat.
+void GiveUpTurn();
+
+// The lock of a statement whose holder may sleep: tried first, and waited for
+// without the turn.
+class StatementLock
+{
+  public:
+    explicit StatementLock(pthread_mutex_t &mutex);
+    ~StatementLock();
+    StatementLock(const StatementLock &) = delete;
+    StatementLock &operator=(const StatementLock &) = delete;
+
+  private:
+    pthread_mutex_t &mutex_;
+};
+
+// While it lives, this thread has more to do at once.
 class WorkAhead
 {
   public:
@@ -52,26 +79,35 @@ class WorkAhead
     WorkAhead &operator=(const WorkAhead &) = delete;
 };
 
-// Ends this thread's turn, if it has one, and gives up the read. Before every
-// sleep and repeat.
-void GiveUpTurn();
+// Lets reads outlive turns as long as its thread comes by every few
+// milliseconds. One at a time.
+class ReadWatch
+{
+  public:
+    ReadWatch() = default;
+    ~ReadWatch();
 
-// Gives up the read; whether there was one. Any thread.
-bool GiveUpRead();
+    // Gives up a read beside which nobody has stepped since the last call.
+    void Tick();
 
-// Gives up the read if no step has been made since the last call. For a caller
-// that comes by every few milliseconds.
-void GiveUpIdleRead();
+    ReadWatch(const ReadWatch &) = delete;
+    ReadWatch &operator=(const ReadWatch &) = delete;
+};
 
-// Opens a read that stays open, if this thread has a turn and none is open. The
-// caller has just read a row, whose statement still holds the lock, so that
-// this neither waits nor fails for want of it; and it holds SqliteStepMutex.
+// --- For StepStatement ------------------------------------------------------
+
+// Opens the read, if this thread has a turn and it isn't open. The caller has
+// just read a row, whose statement still holds the lock, so that this neither
+// waits nor fails for want of it; and it holds SqliteStepMutex.
 void KeepRead();
 
-// Whether a read is open now.
+// Whether the read is open now.
 bool ReadIsKept();
 
-// A step is being made; see GiveUpIdleRead.
+// Gives up the read, whoever keeps it; whether there was one.
+bool GiveUpRead();
+
+// A step is being made; see ReadWatch.
 void NoteStep();
 
 // Finalises the statement behind the read. No thread may have a turn any more.

@@ -3,11 +3,18 @@
 #include "config/bus_rows.h"
 #include "config/config_objects.h"
 #include "core/log.h"
+#include "core/object_order.h"
+#include "core/state.h"
 #include "core/status.h"
 #include "db/clearing.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "events/queues/event_queue.h"
 #include "events/queues/event_record.h"
+#include "objects/handlers.h"
+
+#include <cstdlib>
+#include <cstring>
 
 namespace qdb
 {
@@ -17,6 +24,8 @@ namespace
 // A record's body, checked.
 struct BusEvent
 {
+    const DataEventHeader *record;
+    uint64_t taken;
     uint16_t kind;
     uint32_t oid;
     const char *path;
@@ -41,8 +50,11 @@ int Decode(const DataEventHeader &record, BusEvent *pEvent)
                 "%s: Invalid Event information, notification not processed\n");
         return kInvalidArgument;
     }
-    *pEvent = {KindOf(record), RecordWord(record, kBusOidAt).value_or(0),
-               RecordText(record, pathAt), RecordText(record, interfaceAt)};
+    pEvent->record = &record;
+    pEvent->kind = KindOf(record);
+    pEvent->oid = RecordWord(record, kBusOidAt).value_or(0);
+    pEvent->path = RecordText(record, pathAt);
+    pEvent->interfaceName = RecordText(record, interfaceAt);
     if (pEvent->path == nullptr || pEvent->interfaceName == nullptr)
     {
         QDB_LOG(kLogTrace,
@@ -174,6 +186,7 @@ int WriteAttribute(const BusEvent &event)
     const ConfigObjectPtr parent = FetchGroup(event);
     const WriteKind kind = WriteKindOf(*row, event);
     LogWrite(kind, event);
+    const FetchesAgain fetchesAgain;
     const int status = RunStatusLoop(
         {.pauseWhenBusy = false}, SQLITE_OK,
         [&]
@@ -188,18 +201,39 @@ int WriteAttribute(const BusEvent &event)
     return IsSuccess(status) ? SQLITE_OK : FailureOf(status);
 }
 
-int RunDelete(const BusRow &row, const DataObjHeader &stub)
+// Puts the record behind the queue once more, as that of a create.
+void QueueCreate(const DataEventHeader &record)
 {
+    auto *copy = static_cast<char *>(std::malloc(record.evtSize));
+    if (copy == nullptr)
+    {
+        QDB_LOG(kLogError, "%s: no memory for event %u\n", record.evtType);
+        return;
+    }
+    std::memcpy(copy, &record, record.evtSize);
+    const uint32_t kind = DATA_EVENT_DATA_OBJ_CREATE;
+    std::memcpy(copy + kBusEventTypeAt, &kind, sizeof(kind));
+    QdbenQueue(gQdbEventQueue, reinterpret_cast<DataEventHeader *>(copy));
+}
+
+int RunDelete(const BusRow &row, const BusEvent &event,
+              const DataObjHeader &stub)
+{
+    Destroy destroy = {event.taken};
     int loop = 0;
     const int status = RunStatusLoop(
         {}, SQLITE_OK,
         [&]
         {
             QDB_LOG(kLogWarning, "%s: calling DeleteObjFP loop=%d\n", loop++);
-            const int result = row.row->DeleteObjFP(&stub);
+            const int result = DeleteObject(*row.row, &stub, &destroy);
             QDB_LOG(kLogWarning, "%s: returned from DeleteObjFP\n");
             return result;
         });
+    if (destroy.overtaken)
+    {
+        QueueCreate(*event.record);
+    }
     if (status == ZO_STATUS_INVALID_VALUE)
     {
         QDB_LOG(kLogTrace,
@@ -229,7 +263,7 @@ int DestroyAttribute(const BusEvent &event)
             stub.objType, StoredOid(event.oid));
     QDB_LOG(kLogTrace, "%s: DOH_p->objSize = %d DOH_p->objType = %d\n",
             static_cast<int>(stub.objSize), stub.objType);
-    return RunDelete(*row, stub);
+    return RunDelete(*row, event, stub);
 }
 
 int ClearConfiguration()
@@ -274,7 +308,8 @@ int RunEvent(const BusEvent &event)
 
 } // namespace
 
-int ObjectNotificationDbus(const DataEventHeader *record, uint16_t eventType)
+int ObjectNotificationDbus(const DataEventHeader *record, uint16_t eventType,
+                           uint64_t taken)
 {
     QDB_LOG(kLogTrace, "%s: Entry");
     if (record == nullptr)
@@ -295,6 +330,7 @@ int ObjectNotificationDbus(const DataEventHeader *record, uint16_t eventType)
         return ClearConfiguration();
     }
     BusEvent event = {};
+    event.taken = taken;
     const int status = Decode(*record, &event);
     return status == SQLITE_OK ? RunEvent(event) : status;
 }

@@ -1,17 +1,24 @@
 #include "events/dispatch.h"
 
 #include "core/log.h"
+#include "core/object_order.h"
 #include "core/platform_ptr.h"
+#include "core/state.h"
 #include "core/status.h"
 #include "core/threads.h"
 #include "db/execute.h"
 #include "db/mapping.h"
 #include "db/turn.h"
+#include "events/queues/event_queue.h"
 #include "events/queues/event_record.h"
 #include "objects/catalogue.h"
+#include "objects/handlers.h"
 #include "reconcile/fru_cache.h"
 #include "reconcile/object_loop.h"
 #include "reconcile/parent.h"
+
+#include <cstdlib>
+#include <cstring>
 
 namespace qdb
 {
@@ -21,16 +28,28 @@ namespace
 constexpr uint32_t kPhysicalDisk = 0x304;
 constexpr uint32_t kFru = 0x42;
 
+// How long the callback's thread waits for who has an object in hand.
+constexpr int kCallbackPatienceMs = 100;
+
+// A record and how it is carried out.
+struct Notification
+{
+    uint16_t eventType;
+    uint64_t taken;
+    bool onCallback;
+    int patienceMs;       // -1: no end
+    int returnStatus = 0; // so far
+};
+
 // One OID of a record on its way through the catalogue. `object` is NULL once
 // the Data Manager has lost it.
 struct Visit
 {
-    uint16_t eventType;
+    Notification &notification;
     uint32_t oid;
     uint32_t objType;
     ObjectPtr object;
     ObjectPtr parent;
-    int returnStatus; // of the whole record, so far
 };
 
 int RunCreate(Visit &visit, const ObjTypeRow &row)
@@ -39,8 +58,8 @@ int RunCreate(Visit &visit, const ObjTypeRow &row)
             "%s: Request: DATA_EVENT_DATA_OBJ_CREATE Create: OID: %X \n",
             visit.oid);
     return RunOnObject("ObjectNotification: DATA_EVENT_DATA_OBJ_CREATE",
-                       visit.returnStatus, visit.oid, &visit.object,
-                       WhenGone::FetchAgain,
+                       visit.notification.returnStatus, visit.oid,
+                       &visit.object, WhenGone::FetchAgain,
                        [&](const DataObjHeader *pDOH)
                        {
                            return row.CreateObjFP(pDOH, visit.parent.get());
@@ -53,12 +72,43 @@ int RunRefresh(Visit &visit, const ObjTypeRow &row)
             "%s: Request: DATA_EVENT_DATA_OBJ_DIRTY_LIST Update: OID: %X",
             visit.oid);
     return RunOnObject("ObjectNotification: DATA_EVENT_DATA_OBJ_DIRTY_LIST",
-                       visit.returnStatus, visit.oid, &visit.object,
-                       WhenGone::Fail,
+                       visit.notification.returnStatus, visit.oid,
+                       &visit.object, WhenGone::Fail,
                        [&](const DataObjHeader *pDOH)
                        {
                            return row.RefreshObjFP(pDOH, nullptr);
                        });
+}
+
+// Puts an event about one object behind the queue.
+void QueueObject(uint16_t eventType, uint32_t oid)
+{
+    struct
+    {
+        DataEventHeader header = {};
+        uint32_t objCount = 1;
+        uint32_t oid = 0;
+    } record;
+    record.header.evtSize = sizeof(record);
+    record.header.evtType = eventType;
+    record.oid = oid;
+    void *copy = std::malloc(sizeof(record));
+    if (copy == nullptr)
+    {
+        QDB_LOG(kLogError, "%s: no memory for event %u of OID: %X\n", eventType,
+                oid);
+        return;
+    }
+    std::memcpy(copy, &record, sizeof(record));
+    QdbenQueue(gQdbEventQueue, static_cast<DataEventHeader *>(copy));
+}
+
+// An object that somebody else has in hand is the queue's. Nobody is waited for
+// a second time: it is mostly the same one.
+void LeaveToQueue(Notification &notification, uint32_t oid)
+{
+    notification.patienceMs = 0;
+    QueueObject(DATA_EVENT_DATA_OBJ_DESTROY, oid);
 }
 
 int RunDelete(Visit &visit, const ObjTypeRow &row)
@@ -66,11 +116,24 @@ int RunDelete(Visit &visit, const ObjTypeRow &row)
     QDB_LOG(kLogTrace,
             "%s: Request: DATA_EVENT_DATA_OBJ_DESTROY Delete: OID: %X",
             visit.oid);
-    return RunStatusLoop({}, visit.returnStatus,
-                         [&]
-                         {
-                             return row.DeleteObjFP(visit.object.get());
-                         });
+    Notification &notification = visit.notification;
+    Destroy destroy = {notification.taken, notification.patienceMs};
+    const int status = RunStatusLoop({}, notification.returnStatus,
+                                     [&]
+                                     {
+                                         return DeleteObject(
+                                             row, visit.object.get(), &destroy);
+                                     });
+    if (destroy.heldUp)
+    {
+        LeaveToQueue(notification, visit.oid);
+        return SQLITE_OK;
+    }
+    if (destroy.overtaken)
+    {
+        QueueObject(DATA_EVENT_DATA_OBJ_CREATE, visit.oid);
+    }
+    return status;
 }
 
 // What some types need after their handler, unless the database is corrupt.
@@ -81,11 +144,12 @@ void RunAfterStep(const Visit &visit, int status)
         return;
     }
     if (visit.objType == kPhysicalDisk &&
-        visit.eventType == DATA_EVENT_DATA_OBJ_DIRTY_LIST)
+        visit.notification.eventType == DATA_EVENT_DATA_OBJ_DIRTY_LIST)
     {
         RefreshParentChildMapping(visit.object.get(), visit.oid);
     }
-    if (visit.objType == kFru && visit.eventType == DATA_EVENT_DATA_OBJ_DESTROY)
+    if (visit.objType == kFru &&
+        visit.notification.eventType == DATA_EVENT_DATA_OBJ_DESTROY)
     {
         ClearFRUCacheEntry(visit.oid);
     }
@@ -105,30 +169,31 @@ void FindParent(Visit &visit)
 
 bool RowApplies(const Visit &visit, const ObjTypeRow &row)
 {
-    return visit.eventType == DATA_EVENT_DATA_OBJ_DESTROY ||
+    return visit.notification.eventType == DATA_EVENT_DATA_OBJ_DESTROY ||
            row.ObjMatchFP == nullptr ||
            row.ObjMatchFP(visit.object.get(), visit.parent.get()) == 0;
 }
 
 void RunRow(Visit &visit, const ObjTypeRow &row)
 {
-    if (visit.eventType == DATA_EVENT_DATA_OBJ_CREATE)
+    if (visit.notification.eventType == DATA_EVENT_DATA_OBJ_CREATE)
     {
         FindParent(visit);
     }
-    QDB_LOG(kLogTrace, "%s: EventType=%d\n", visit.eventType);
+    QDB_LOG(kLogTrace, "%s: EventType=%d\n", visit.notification.eventType);
     if (!RowApplies(visit, row))
     {
         return;
     }
-    const int status = visit.eventType == DATA_EVENT_DATA_OBJ_CREATE
-                           ? RunCreate(visit, row)
-                       : visit.eventType == DATA_EVENT_DATA_OBJ_DIRTY_LIST
-                           ? RunRefresh(visit, row)
-                           : RunDelete(visit, row);
+    const int status =
+        visit.notification.eventType == DATA_EVENT_DATA_OBJ_CREATE
+            ? RunCreate(visit, row)
+        : visit.notification.eventType == DATA_EVENT_DATA_OBJ_DIRTY_LIST
+            ? RunRefresh(visit, row)
+            : RunDelete(visit, row);
     if (!IsSuccess(status))
     {
-        visit.returnStatus = FailureOf(status);
+        visit.notification.returnStatus = FailureOf(status);
     }
     RunAfterStep(visit, status);
 }
@@ -150,9 +215,29 @@ void WalkRows(Visit &visit)
     }
 }
 
+// Looks up the type of an object that is to be destroyed. That it isn't mapped
+// is noted, since a create under way may have fetched it before it was
+// destroyed. False when somebody else has the object in hand.
+bool LookUpType(const Notification &notification, uint32_t oid,
+                uint16_t *pObjType)
+{
+    ObjectClaim claim(oid, notification.taken, notification.patienceMs);
+    if (!claim.IsHeld())
+    {
+        return false;
+    }
+    *pObjType = static_cast<uint16_t>(GetObjType(oid));
+    if (*pObjType == 0)
+    {
+        claim.NoteKnown();
+    }
+    return true;
+}
+
 // A header with just the OID and the type, all that a delete looks at. From
-// calloc, so that the platform can release it.
-ObjectPtr MakeStub(uint32_t oid)
+// calloc, so that the platform can release it. NULL when there is nothing to be
+// done.
+ObjectPtr MakeStub(Notification &notification, uint32_t oid)
 {
     ObjectPtr stub(
         static_cast<DataObjHeader *>(std::calloc(1, sizeof(DataObjHeader))));
@@ -162,7 +247,11 @@ ObjectPtr MakeStub(uint32_t oid)
         return stub;
     }
     stub->objID = oid;
-    stub->objType = static_cast<uint16_t>(GetObjType(oid));
+    if (!LookUpType(notification, oid, &stub->objType))
+    {
+        LeaveToQueue(notification, oid);
+        stub.reset();
+    }
     return stub;
 }
 
@@ -177,43 +266,44 @@ bool IsSkipped(uint32_t objType)
     return false;
 }
 
-// Returns the record's result after this OID.
-int VisitOid(const DataEventHeader &record, uint16_t eventType, uint32_t oid,
-             int returnStatus)
+// The object of a create or a dirty list; NULL when there is nothing to be
+// done.
+ObjectPtr FetchVisited(const DataEventHeader &record,
+                       Notification &notification, uint32_t oid)
+{
+    QDB_LOG(kLogTrace, "%s: Objcount =%d\n",
+            static_cast<int>(*RecordWord(record, kObjCountAt)));
+    ObjectPtr object = FetchObject(oid);
+    if (object == nullptr)
+    {
+        notification.returnStatus = ZO_STATUS_NO_SUCH_OBJECT;
+    }
+    else if (IsSkipped(object->objType))
+    {
+        object.reset();
+    }
+    return object;
+}
+
+void VisitOid(const DataEventHeader &record, Notification &notification,
+              uint32_t oid)
 {
     if (IsSkipped(GetObjType(oid)))
     {
-        return returnStatus;
+        return;
     }
-    Visit visit = {eventType, oid, 0, nullptr, nullptr, returnStatus};
-    if (eventType == DATA_EVENT_DATA_OBJ_DESTROY)
+    Visit visit = {notification, oid, 0, nullptr, nullptr};
+    visit.object = notification.eventType == DATA_EVENT_DATA_OBJ_DESTROY
+                       ? MakeStub(notification, oid)
+                       : FetchVisited(record, notification, oid);
+    if (visit.object != nullptr)
     {
-        visit.object = MakeStub(oid);
-        if (visit.object == nullptr)
-        {
-            return returnStatus;
-        }
+        visit.objType = visit.object->objType;
+        WalkRows(visit);
     }
-    else
-    {
-        QDB_LOG(kLogTrace, "%s: Objcount =%d\n",
-                static_cast<int>(*RecordWord(record, kObjCountAt)));
-        visit.object = FetchObject(oid);
-        if (visit.object == nullptr)
-        {
-            return ZO_STATUS_NO_SUCH_OBJECT;
-        }
-        if (IsSkipped(visit.object->objType))
-        {
-            return returnStatus;
-        }
-    }
-    visit.objType = visit.object->objType;
-    WalkRows(visit);
-    return visit.returnStatus;
 }
 
-int Notify(const DataEventHeader *record, uint16_t eventType, bool untilStop)
+int Notify(const DataEventHeader *record, Notification notification)
 {
     if (record == nullptr)
     {
@@ -232,27 +322,27 @@ int Notify(const DataEventHeader *record, uint16_t eventType, bool untilStop)
         return kInvalidObjectCount;
     }
     const WorkAhead more;
-    int returnStatus = SQLITE_OK;
-    for (uint32_t i = 0; i < count && !(untilStop && StopRequested()); ++i)
+    for (uint32_t i = 0;
+         i < count && !(notification.onCallback && StopRequested()); ++i)
     {
         const uint32_t at =
             kFirstOidAt + i * static_cast<uint32_t>(sizeof(uint32_t));
-        returnStatus = VisitOid(*record, eventType, *RecordWord(*record, at),
-                                returnStatus);
+        VisitOid(*record, notification, *RecordWord(*record, at));
     }
-    return returnStatus;
+    return notification.returnStatus;
 }
 
 } // namespace
 
-int ObjectNotification(const DataEventHeader *record, uint16_t eventType)
+int ObjectNotification(const DataEventHeader *record, uint16_t eventType,
+                       uint64_t taken)
 {
-    return Notify(record, eventType, false);
+    return Notify(record, {eventType, taken, false, -1});
 }
 
-int NotifyUntilStop(const DataEventHeader *record, uint16_t eventType)
+int NotifyOnCallback(const DataEventHeader *record, uint16_t eventType)
 {
-    return Notify(record, eventType, true);
+    return Notify(record, {eventType, Tick(), true, kCallbackPatienceMs});
 }
 
 } // namespace qdb

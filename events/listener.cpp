@@ -1,6 +1,7 @@
 #include "events/listener.h"
 
 #include "core/gate.h"
+#include "core/guard.h"
 #include "core/log.h"
 #include "core/ready.h"
 #include "core/state.h"
@@ -98,7 +99,7 @@ void DestroyBunch(const DataEventHeader &record)
 {
     QDB_LOG(kLogTrace, "%s: Delete has come in bunch objcount =%d\n",
             static_cast<int>(RecordWord(record, kObjCountAt).value_or(0)));
-    NotifyUntilStop(&record, DATA_EVENT_DATA_OBJ_DESTROY);
+    NotifyOnCallback(&record, DATA_EVENT_DATA_OBJ_DESTROY);
 }
 
 void TakeRecord(const DataEventHeader &record, bool retryReadiness)
@@ -187,7 +188,11 @@ int QDVEventListener(DataEventHeader *record)
     {
         return 0;
     }
-    HandleRecord(*record);
+    Guard("event listener",
+          [&]
+          {
+              HandleRecord(*record);
+          });
     LogExit("QDVEventListener");
     return 0;
 }

@@ -1,15 +1,15 @@
 #include "events/workers.h"
 
 #include "config/raw_data.h"
+#include "core/guard.h"
 #include "core/log.h"
 #include "core/state.h"
 #include "core/status.h"
-#include "db/turn.h"
 #include "events/bus_dispatch.h"
 #include "events/dispatch.h"
+#include "events/queues/admission.h"
 #include "events/queues/event_queue.h"
 #include "events/queues/event_record.h"
-#include "events/queues/lane.h"
 #include "events/status_change.h"
 
 namespace qdb
@@ -43,17 +43,18 @@ void LogBusRecord(const DataEventHeader &record, int thID)
 }
 
 // Runs a record's dispatch; a type without one leaves the status as it was.
-int Dispatch(const DataEventHeader &record, int thID, int status)
+int Dispatch(const QdbEventNode &node, int thID, int status)
 {
+    const DataEventHeader &record = *node.data;
     switch (record.evtType)
     {
     case DATA_EVENT_DATA_OBJ_DIRTY_LIST:
     case DATA_EVENT_DATA_OBJ_CREATE:
     case DATA_EVENT_DATA_OBJ_DESTROY:
-        return ObjectNotification(&record, record.evtType);
+        return ObjectNotification(&record, record.evtType, node.taken);
     case DATA_EVENT_DBUS_TO_QDB:
         LogBusRecord(record, thID);
-        return ObjectNotificationDbus(&record, record.evtType);
+        return ObjectNotificationDbus(&record, record.evtType, node.taken);
     case DATA_EVENT_OBJ_STATUS_CHG:
         return ObjectNotificationStChg(&record);
     case ZO_EVENT_RAW_DATA_UPDATE:
@@ -66,15 +67,11 @@ int Dispatch(const DataEventHeader &record, int thID, int status)
 // Takes and runs records until a stop record comes.
 void RunRecords(int thID)
 {
-    const LaneUser lane;
+    const AdmittedWorker admitted;
     int status = SQLITE_OK;
     while (true)
     {
         QDB_LOG(kLogTrace, "%s: Call QdbdeQueue for thID=%d", thID);
-        if (QdbEventQSize <= 0)
-        {
-            GiveUpRead();
-        }
         EventNodePtr node(QdbdeQueue(gQdbEventQueue));
         if (node == nullptr || node->data == nullptr)
         {
@@ -88,7 +85,11 @@ void RunRecords(int thID)
                     node->seqNo, thID);
             return;
         }
-        status = Dispatch(*node->data, thID, status);
+        Guard("event record",
+              [&]
+              {
+                  status = Dispatch(*node, thID, status);
+              });
         node.reset();
         if (status == SQLITE_CORRUPT)
         {

@@ -1,18 +1,22 @@
 #include "objects/array_tables.h"
 
+#include "core/guard.h"
 #include "core/status.h"
 #include "db/execute.h"
 #include "db/mapping.h"
 #include "objects/binder.h"
+#include "objects/json_text.h"
 #include "objects/plain_value.h"
 #include "objects/row_log.h"
 #include "objects/schema/array_tables.h"
 #include "objects/sql_text.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <string>
+#include <string_view>
 
 namespace qdb
 {
@@ -36,23 +40,24 @@ SideStatements &StatementsOf(const SideTable &table)
                            std::begin(kSideTables)];
 }
 
-// "TemperatureData_" for the records of that name, empty for plain integers.
-std::string RecordName(const SideTable &table)
+// The name of a function of a row and a side table, for the log. Between its
+// lead and its trail stands "TemperatureData_" for the records of that name,
+// and nothing for plain integers.
+struct FunctionName
 {
-    const std::string name = table.name;
-    const std::string record = name.substr(0, name.find("ARR_Tbl"));
-    return record == "INTEGER" ? "" : record + "_";
-}
+    char text[128];
 
-std::string InsertFunctionName(const ObjTypeRow &row, const SideTable &table)
-{
-    return "insert_" + RecordName(table) + "array_data_" + row.suffix;
-}
-
-std::string ReadFunctionName(const ObjTypeRow &row, const SideTable &table)
-{
-    return "GetArrTblRowData_" + RecordName(table) + row.suffix;
-}
+    FunctionName(const char *lead, const SideTable &table, const char *trail,
+                 const ObjTypeRow &row)
+    {
+        const std::string_view name = table.name;
+        const std::string_view record = name.substr(0, name.find("ARR_Tbl"));
+        const bool isPlain = record == "INTEGER";
+        std::snprintf(text, sizeof(text), "%s%.*s%s%s%s", lead,
+                      isPlain ? 0 : static_cast<int>(record.size()),
+                      record.data(), isPlain ? "" : "_", trail, row.suffix);
+    }
+};
 
 bool HoldsPlainIntegers(const SideTable &table)
 {
@@ -150,9 +155,9 @@ int InsertElements(const ObjTypeRow &row, const ArrayProperty &property,
 void InsertArray(const ObjTypeRow &row, const ArrayProperty &property,
                  const DataObjHeader *pDOH)
 {
-    const std::string function = InsertFunctionName(row, *property.table);
+    const FunctionName function("insert_", *property.table, "array_data_", row);
     QDB_LOG(kLogTrace, "%s: [%s] %s Entry for OID: %d", row.suffix,
-            function.c_str(), StoredOid(pDOH->objID));
+            function.text, StoredOid(pDOH->objID));
     const LentStatement statement(StatementsOf(*property.table).insert,
                                   InsertElementSql(*property.table).c_str());
     const int ret = statement.Status();
@@ -167,7 +172,7 @@ void InsertArray(const ObjTypeRow &row, const ArrayProperty &property,
         status = InsertElements(row, property, statement.Get(), pDOH);
     }
     QDB_LOG(kLogTrace, "%s: [%s] %s Exit for OID: %d,status:%d ret:%d",
-            row.suffix, function.c_str(), StoredOid(pDOH->objID), status, ret);
+            row.suffix, function.text, StoredOid(pDOH->objID), status, ret);
 }
 
 // Appends an element's JSON text as json_dumps prints it.
@@ -182,8 +187,8 @@ bool AppendElement(const char *text, std::string *pElements,
     {
         return true;
     }
-    const JsonPtr element(json_loads(text, 0, pError));
-    const JsonText printed(json_dumps(element.get(), 0));
+    const JsonPtr element = ParseJson(text, pError);
+    const JsonText printed = PrintJson(element.get());
     if (printed != nullptr)
     {
         pElements->append(printed.get());
@@ -266,10 +271,15 @@ int SelectElements(const ObjTypeRow &row, const ArrayProperty &property,
 int ReadArray(const ObjTypeRow &row, const ArrayProperty &property,
               uint32_t oid, std::string *pElements)
 {
-    const std::string function = ReadFunctionName(row, *property.table);
-    LogEntry(function.c_str());
-    const int status = SelectElements(row, property, oid, pElements);
-    LogExit(function.c_str());
+    const FunctionName function("GetArrTblRowData_", *property.table, "", row);
+    LogEntry(function.text);
+    int status = SQLITE_NOMEM;
+    Guard(function.text,
+          [&]
+          {
+              status = SelectElements(row, property, oid, pElements);
+          });
+    LogExit(function.text);
     return status;
 }
 
@@ -329,7 +339,10 @@ JsonPtr ChangedElements(const json_t *before, const json_t *after)
             QDB_LOG(kLogTrace,
                     "%s: [$obj_id] Array value unequal for arr_index = %d",
                     static_cast<int>(i));
-            json_array_append(changed.get(), newElement);
+            if (json_array_append(changed.get(), newElement) != 0)
+            {
+                return nullptr;
+            }
         }
     }
     return changed;

@@ -134,18 +134,6 @@ bool IsNeverStored(const ObjTypeRow &row, const Column &column,
     return true;
 }
 
-KeyPtr FetchKey(const ObjTypeRow &row, const DataObjHeader *pParentDOH)
-{
-    char *key = nullptr;
-    if (pParentDOH != nullptr)
-    {
-        const int status = ZOILDOGetObjKeyUTF8(pParentDOH, &key);
-        QDB_LOG(kLogTrace, "%s: [%s]ZOILDOGetObjKeyUTF8 returned %d",
-                row.suffix, status);
-    }
-    return KeyPtr(key);
-}
-
 int BindColumn(sqlite3_stmt *statement, int parameter, const ObjTypeRow &row,
                const Column &column, const ObjectView &object, const char *key)
 {
@@ -163,10 +151,9 @@ int BindColumn(sqlite3_stmt *statement, int parameter, const ObjTypeRow &row,
 }
 
 int BindColumns(sqlite3_stmt *statement, const ObjTypeRow &row,
-                const DataObjHeader *pDOH, const DataObjHeader *pParentDOH,
-                BindMode mode, bool rawGuard)
+                const DataObjHeader *pDOH, const char *key, BindMode mode,
+                bool rawGuard)
 {
-    const KeyPtr key = FetchKey(row, pParentDOH);
     if (pDOH->objSize < kMinObjectSize)
     {
         return ZO_STATUS_INVALID_VALUE;
@@ -181,7 +168,7 @@ int BindColumns(sqlite3_stmt *statement, const ObjTypeRow &row,
             continue;
         }
         const int status =
-            BindColumn(statement, parameter, row, column, object, key.get());
+            BindColumn(statement, parameter, row, column, object, key);
         if (status == ZO_STATUS_INVALID_VALUE)
         {
             return status;
@@ -260,15 +247,33 @@ int BindField(sqlite3_stmt *statement, int parameter, const Source &source,
     return sqlite3_bind_null(statement, parameter);
 }
 
+KeyOfParent FetchParentKey(const DataObjHeader *pParentDOH)
+{
+    KeyOfParent key;
+    if (pParentDOH != nullptr)
+    {
+        const Wait wait;
+        char *text = nullptr;
+        key.asked = true;
+        key.status = ZOILDOGetObjKeyUTF8(pParentDOH, &text);
+        key.text.reset(text);
+    }
+    return key;
+}
+
 int bind_values_to_statement(sqlite3_stmt *statement, const ObjTypeRow &row,
-                             const DataObjHeader *pDOH,
-                             const DataObjHeader *pParentDOH, BindMode mode,
-                             bool rawGuard)
+                             const DataObjHeader *pDOH, const KeyOfParent &key,
+                             BindMode mode, bool rawGuard)
 {
     QDB_LOG(kLogTrace, "%s: [%s] bind_values_to_statement_%s Entry for OID: %d",
             row.suffix, row.suffix, StoredOid(pDOH->objID));
+    if (key.asked)
+    {
+        QDB_LOG(kLogTrace, "%s: [%s]ZOILDOGetObjKeyUTF8 returned %d",
+                row.suffix, key.status);
+    }
     const int result =
-        BindColumns(statement, row, pDOH, pParentDOH, mode, rawGuard);
+        BindColumns(statement, row, pDOH, key.text.get(), mode, rawGuard);
     QDB_LOG(kLogTrace,
             "%s: [%s] bind_values_to_statement_%s Exit for OID: %d,status:%d",
             row.suffix, row.suffix, StoredOid(pDOH->objID), result);

@@ -1,6 +1,7 @@
 // Moves an object's fields into the parameters of a statement.
 #pragma once
 
+#include "core/platform_ptr.h"
 #include "objects/catalogue.h"
 #include "objects/object_view.h"
 
@@ -16,15 +17,26 @@ enum class BindMode
     Update, // leaves out what only the INSERT writes; the OID comes last
 };
 
+// The key of an object's parent, as the platform told it.
+struct KeyOfParent
+{
+    KeyPtr text;        // NULL: none
+    bool asked = false; // there is a parent
+    int status = 0;     // the platform's, for the log
+};
+
+// Asks the platform for the key, and so needs to be called without the turn.
+// The parent may be NULL.
+KeyOfParent FetchParentKey(const DataObjHeader *pParentDOH);
+
 // Binds the object's columns to the row's statement, in the order of its
-// parameters; texts are copied. The parent's key goes into an INSERT; the
-// parent may be NULL. rawGuard binds 0 behind the last parameter. Returns 0,
-// the OR of the failed binds' codes, or 8216 for an object that cannot be read
-// as it stands; the binds made before stay in the statement.
+// parameters; texts are copied. The parent's key goes into an INSERT. rawGuard
+// binds 0 behind the last parameter. Returns 0, the OR of the failed binds'
+// codes, or 8216 for an object that cannot be read as it stands; the binds made
+// before stay in the statement.
 int bind_values_to_statement(sqlite3_stmt *statement, const ObjTypeRow &row,
-                             const DataObjHeader *pDOH,
-                             const DataObjHeader *pParentDOH, BindMode mode,
-                             bool rawGuard);
+                             const DataObjHeader *pDOH, const KeyOfParent &key,
+                             BindMode mode, bool rawGuard);
 
 // Binds one field that needs nothing but the object; `base` is added to the
 // source's offset. A field that isn't wholly inside the object is NULL. Not

@@ -1,6 +1,7 @@
 #include "objects/change_json.h"
 
 #include "objects/array_tables.h"
+#include "objects/json_text.h"
 
 #include <algorithm>
 #include <cstring>
@@ -12,33 +13,29 @@ namespace qdb
 namespace
 {
 
+// Adds a member; without memory for it, or for its value, the object goes.
+void Set(JsonPtr *pObject, const char *key, JsonPtr value)
+{
+    if (json_object_set_new(pObject->get(), key, value.release()) != 0)
+    {
+        pObject->reset();
+    }
+}
+
 JsonPtr ChangeObject(const ObjTypeRow &row, JsonPtr rowJson)
 {
     JsonPtr change(json_object());
-    json_object_set_new(change.get(), "TableName",
-                        json_string(row.table->name));
-    json_object_set_new(change.get(), "RowDetails", rowJson.release());
+    Set(&change, "TableName", JsonPtr(json_string(row.table->name)));
+    Set(&change, "RowDetails", std::move(rowJson));
     return change;
 }
 
-JsonText Render(const JsonPtr &change)
-{
-    return JsonText(json_dumps(change.get(), 0));
-}
-
 // What goes into the change set for a column that differs.
-void AddChange(json_t *changed, const char *key, const json_t *before,
-               json_t *after, bool arrays)
+JsonPtr ChangedValue(const json_t *before, json_t *after, bool arrays)
 {
-    if (arrays && json_is_array(before) && json_is_array(after))
-    {
-        json_object_set_new(changed, key,
-                            ChangedElements(before, after).release());
-    }
-    else
-    {
-        json_object_set(changed, key, after);
-    }
+    return arrays && json_is_array(before) && json_is_array(after)
+               ? ChangedElements(before, after)
+               : Share(after);
 }
 
 // A member of the change object: what stands before its value, and the fields
@@ -109,7 +106,7 @@ JsonText RenderWholeRow(const ObjTypeRow &row, RowReading reading)
         const Member member = {kRowDetails, plain, plain->AllFields()};
         return Splice(row, std::span(&member, 1));
     }
-    return Render(ChangeObject(row, reading.TakeJson()));
+    return PrintJson(ChangeObject(row, reading.TakeJson()).get());
 }
 
 JsonText RenderDifference(const ObjTypeRow &row, RowReading before,
@@ -134,7 +131,8 @@ ChangeSet CompareRows(const ObjTypeRow &row, json_t *before,
 {
     ChangeSet changes;
     changes.changed.reset(json_object());
-    if (HasPreviousValues(row))
+    const bool withPrevious = HasPreviousValues(row);
+    if (withPrevious)
     {
         changes.previous.reset(json_object());
     }
@@ -148,10 +146,15 @@ ChangeSet CompareRows(const ObjTypeRow &row, json_t *before,
         {
             continue;
         }
-        AddChange(changes.changed.get(), key, oldValue, newValue, arrays);
-        if (changes.previous != nullptr)
+        Set(&changes.changed, key, ChangedValue(oldValue, newValue, arrays));
+        if (withPrevious)
         {
-            json_object_set(changes.previous.get(), key, oldValue);
+            Set(&changes.previous, key, Share(oldValue));
+        }
+        if (changes.changed == nullptr ||
+            (withPrevious && changes.previous == nullptr))
+        {
+            return {};
         }
         // Any column whose name begins like the tag's counts as the tag.
         if (std::strncmp(key, kTagColumn, sizeof(kTagColumn) - 1) != 0)
@@ -164,15 +167,13 @@ ChangeSet CompareRows(const ObjTypeRow &row, json_t *before,
 
 JsonText RenderChange(const ObjTypeRow &row, JsonPtr rowJson, ChangeSet changes)
 {
-    const JsonPtr change = ChangeObject(row, std::move(rowJson));
-    json_object_set_new(change.get(), "PropertiesChanged",
-                        changes.changed.release());
+    JsonPtr change = ChangeObject(row, std::move(rowJson));
+    Set(&change, "PropertiesChanged", std::move(changes.changed));
     if (changes.previous != nullptr)
     {
-        json_object_set_new(change.get(), "PreviousPropertyValues",
-                            changes.previous.release());
+        Set(&change, "PreviousPropertyValues", std::move(changes.previous));
     }
-    return Render(change);
+    return PrintJson(change.get());
 }
 
 } // namespace qdb

@@ -1,6 +1,8 @@
 // The create handler. See handlers.h.
 
+#include "core/guard.h"
 #include "core/lock.h"
+#include "core/object_order.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/execute.h"
@@ -28,7 +30,7 @@ struct Create
     const ObjTypeRow &row;
     ObjRowState &state;
     const DataObjHeader *pDOH;
-    const DataObjHeader *pParentDOH;
+    const KeyOfParent key;
 
     uint32_t Oid() const
     {
@@ -68,7 +70,7 @@ int PrepareInsert(const Create &create)
                 create.row.suffix);
         return SQLITE_OK;
     }
-    const std::string sql = InsertSql(*create.row.table);
+    const SqlText sql = InsertSql(*create.row.table);
     bool wasReady = false;
     const int status =
         slot.Prepare(sql.c_str(), static_cast<int>(sql.size()), &wasReady);
@@ -145,6 +147,10 @@ int MapObject(const Create &create)
                 create.row.suffix, status);
         return status;
     }
+    if (status == ZO_STATUS_INVALID_VALUE)
+    {
+        return status;
+    }
     QDB_LOG(kLogError, "%s: [%s]insertinActiveOIDMapping() failed :%d",
             create.row.suffix, status);
     QDB_LOG(kLogError, "%s: [%s]Status :%d", create.row.suffix, status);
@@ -201,9 +207,9 @@ void LogNotInserted(const Create &create, int ret)
 int InsertRow(const Create &create)
 {
     const StatementReset reset(create.state.InsertStmt.statement);
-    int ret = bind_values_to_statement(
-        create.state.InsertStmt.statement, create.row, create.pDOH,
-        create.pParentDOH, BindMode::Insert, false);
+    int ret = bind_values_to_statement(create.state.InsertStmt.statement,
+                                       create.row, create.pDOH, create.key,
+                                       BindMode::Insert, false);
     if (ret == SQLITE_OK)
     {
         ret = MapObject(create);
@@ -225,7 +231,7 @@ int InsertRow(const Create &create)
     return ret;
 }
 
-// Everything that follows the main row. Returns the reader's status, with
+// What follows the main row within the turn. Returns the reader's status, with
 // *pRow set on success.
 int FinishRow(const Create &create, RowReading *pRow)
 {
@@ -242,7 +248,6 @@ int FinishRow(const Create &create, RowReading *pRow)
                 create.row.table->name);
         LogRowError(kLogError, kStem, create.row);
     }
-    RefreshParentChildMapping(create.pDOH, create.Oid());
     return status;
 }
 
@@ -259,19 +264,31 @@ void Announce(const Create &create, RowReading reading)
     ChangeJsonAdded(text.get());
 }
 
-// The steps under CreateObjMutex; 0 or what failed.
-int RunSteps(const Create &create)
+// The statements of a create, in one turn. 0 or what failed; *pWritten tells
+// whether there is a row.
+int WriteInTurn(const Create &create, RowReading *pRow, bool *pWritten)
 {
-    DbTurn turn;
+    const DbTurn turn;
     int ret = PrepareInsert(create);
     if (ret == SQLITE_OK)
     {
         ret = InsertRow(create);
     }
+    *pWritten = ret == SQLITE_OK;
+    return *pWritten ? FinishRow(create, pRow) : ret;
+}
+
+// The steps under CreateObjMutex, with the object claimed; 0 or what failed.
+// The links are fetched from the Data Manager behind the turn, and yet before
+// the signal, so that whoever hears of the row finds them.
+int RunSteps(const Create &create)
+{
     RowReading reading;
-    if (ret == SQLITE_OK)
+    bool written = false;
+    const int ret = WriteInTurn(create, &reading, &written);
+    if (written)
     {
-        ret = FinishRow(create, &reading);
+        RefreshParentChildMapping(create.pDOH, create.Oid());
     }
     if (ret != SQLITE_OK)
     {
@@ -281,9 +298,24 @@ int RunSteps(const Create &create)
         LogRowError(kLogTrace, kStem, create.row);
         return ret;
     }
-    turn.End();
     Announce(create, std::move(reading));
     return SQLITE_OK;
+}
+
+// An object that has changed since it was fetched is refused, untouched.
+int RunClaimed(const Create &create)
+{
+    ObjectClaim claim(create.Oid(), AgeOf(create.pDOH));
+    if (claim.RefusesObject())
+    {
+        return ZO_STATUS_INVALID_VALUE;
+    }
+    const int ret = RunSteps(create);
+    if (ret != ZO_STATUS_INVALID_VALUE)
+    {
+        claim.NoteKnown();
+    }
+    return ret;
 }
 
 } // namespace
@@ -291,7 +323,7 @@ int RunSteps(const Create &create)
 int CreateObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
                  const DataObjHeader *pParentDOH)
 {
-    const Create create = {row, StateOf(row), pDOH, pParentDOH};
+    const Create create = {row, StateOf(row), pDOH, FetchParentKey(pParentDOH)};
     QDB_LOG(kLogTrace, "%s: [%s] %s%s Entry for OID: %d", row.suffix, kStem,
             row.suffix, create.LogOid());
     int ret = kFailed;
@@ -302,9 +334,13 @@ int CreateObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
     }
     else
     {
-        const MutexLock lock(create.state.CreateObjMutex);
-        WaitForDelete(create);
-        ret = RunSteps(create);
+        Guard("create",
+              [&]
+              {
+                  const MutexLock lock(create.state.CreateObjMutex);
+                  WaitForDelete(create);
+                  ret = RunClaimed(create);
+              });
     }
     const int status = ResultOf(ret);
     QDB_LOG(kLogTrace, "%s: [%s] %s%s Exit for OID: %d,status:%d ret:%d",

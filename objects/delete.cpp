@@ -1,6 +1,8 @@
 // The delete handler. See handlers.h.
 
+#include "core/guard.h"
 #include "core/lock.h"
+#include "core/object_order.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/clearing.h"
@@ -14,7 +16,7 @@
 #include "objects/row_reader.h"
 #include "publish/change_signal.h"
 
-#include <string>
+#include <cstdio>
 
 namespace qdb
 {
@@ -71,14 +73,14 @@ void LogEnd(const ObjTypeRow &row, uint32_t oid, int status)
             kStem, row.suffix, StoredOid(oid), status);
 }
 
-// Every end but that of a failed removal is logged.
-int RemoveRow(const ObjTypeRow &row, uint32_t oid)
+// The statements of a delete, in one turn. Every end but that of a success is
+// logged, and that of a failed removal isn't.
+int RemoveInTurn(const ObjTypeRow &row, uint32_t oid, RowReading *pReading)
 {
-    DbTurn turn;
-    RowReading reading;
-    int read = ReadRow(row, oid, &reading);
-    read = AddArrays(row, oid, read, &reading);
-    if (read != SQLITE_OK || reading.IsEmpty())
+    const DbTurn turn;
+    int read = ReadRow(row, oid, pReading);
+    read = AddArrays(row, oid, read, pReading);
+    if (read != SQLITE_OK || pReading->IsEmpty())
     {
         QDB_LOG(kLogWarning,
                 "%s: DEL[%s] Error in sending dbus signal on delete row for "
@@ -96,16 +98,41 @@ int RemoveRow(const ObjTypeRow &row, uint32_t oid)
                 row.suffix, status);
         return FailureOf(status == kFailed ? LastStepStatus() : status);
     }
-    turn.End();
+    return SQLITE_OK;
+}
+
+int RemoveRow(const ObjTypeRow &row, uint32_t oid, Destroy &event)
+{
+    ObjectClaim claim(oid, event.taken, event.patienceMs);
+    if (!claim.IsHeld())
+    {
+        event.heldUp = true;
+        return kFailed;
+    }
+    const bool overtaken = claim.IsOvertaken();
+    RowReading reading;
+    const int status = RemoveInTurn(row, oid, &reading);
+    claim.NoteKnown();
+    if (status != SQLITE_OK)
+    {
+        return status;
+    }
+    event.overtaken = event.overtaken || overtaken;
     Announce(row, std::move(reading));
     LogEnd(row, oid, SQLITE_OK);
     return SQLITE_OK;
 }
 
-int DeleteLocked(const ObjTypeRow &row, const DataObjHeader *pDOH)
+int DeleteLocked(const ObjTypeRow &row, const DataObjHeader *pDOH,
+                 Destroy &event)
 {
     ObjRowState &state = StateOf(row);
-    const MutexLock lock(state.DeleteObjMutex);
+    const PatientLock lock(state.DeleteObjMutex, event.patienceMs);
+    if (!lock.IsHeld())
+    {
+        event.heldUp = true;
+        return kFailed;
+    }
     const DeleteEnd end(state);
     if (pDOH == nullptr || QDVdbHandle == nullptr)
     {
@@ -117,17 +144,26 @@ int DeleteLocked(const ObjTypeRow &row, const DataObjHeader *pDOH)
     QDB_LOG(kLogTrace, "%s: [%s] %s%s Entry for OID: %d", row.suffix, kStem,
             row.suffix, StoredOid(oid));
     BeginDelete(row, state, oid);
-    return RemoveRow(row, oid);
+    return RemoveRow(row, oid, event);
 }
 
 } // namespace
 
-int DeleteObject(const ObjTypeRow &row, const DataObjHeader *pDOH)
+int DeleteObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
+                 Destroy *event)
 {
-    const std::string function = std::string(kStem) + row.suffix;
-    LogEntry(function.c_str());
-    const int status = DeleteLocked(row, pDOH);
-    LogExit(function.c_str());
+    char function[128];
+    std::snprintf(function, sizeof(function), "%s%s", kStem, row.suffix);
+    LogEntry(function);
+    Destroy ofThePresent = {Tick()};
+    int status = kFailed;
+    Guard("delete",
+          [&]
+          {
+              status = DeleteLocked(row, pDOH,
+                                    event == nullptr ? ofThePresent : *event);
+          });
+    LogExit(function);
     return status;
 }
 

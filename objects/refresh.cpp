@@ -1,6 +1,8 @@
 // The refresh handler. See handlers.h.
 
+#include "core/guard.h"
 #include "core/lock.h"
+#include "core/object_order.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/execute.h"
@@ -30,7 +32,7 @@ struct Refresh
     const ObjTypeRow &row;
     ObjRowState &state;
     const DataObjHeader *pDOH;
-    const DataObjHeader *pParentDOH;
+    const KeyOfParent key;
     int ret = SQLITE_OK; // of the statement or bind that failed, for the log
 
     uint32_t Oid() const
@@ -86,7 +88,7 @@ int PrepareUpdate(const Refresh &refresh)
                 refresh.row.suffix);
         return SQLITE_OK;
     }
-    const std::string sql =
+    const SqlText sql =
         UpdateSql(*refresh.row.table, refresh.row.objType == kStringAttribute);
     bool wasReady = false;
     const int status =
@@ -144,7 +146,7 @@ int UpdateRow(Refresh &refresh)
     const StatementReset reset(refresh.state.UpdateStmt.statement);
     refresh.ret = bind_values_to_statement(
         refresh.state.UpdateStmt.statement, refresh.row, refresh.pDOH,
-        refresh.pParentDOH, BindMode::Update,
+        refresh.key, BindMode::Update,
         refresh.pDOH->objType == kStringAttribute);
     if (refresh.ret != SQLITE_OK)
     {
@@ -188,8 +190,8 @@ void Announce(const Refresh &refresh, RowReading before, RowReading after)
     }
 }
 
-// The steps under RefreshObjMutex up to the second reading.
-int RunSteps(Refresh &refresh, RowReading *pBefore, RowReading *pAfter)
+// The statements of a refresh, in one turn.
+int WriteInTurn(Refresh &refresh, RowReading *pBefore, RowReading *pAfter)
 {
     const DbTurn turn;
     int status = ReadBefore(refresh, pBefore);
@@ -211,12 +213,11 @@ int RunSteps(Refresh &refresh, RowReading *pBefore, RowReading *pAfter)
     return status;
 }
 
-int RefreshLocked(Refresh &refresh)
+int RunSteps(Refresh &refresh)
 {
-    const MutexLock lock(refresh.state.RefreshObjMutex);
     RowReading before;
     RowReading after;
-    const int status = RunSteps(refresh, &before, &after);
+    const int status = WriteInTurn(refresh, &before, &after);
     if (status != SQLITE_OK)
     {
         QDB_LOG(kLogWarning,
@@ -228,12 +229,30 @@ int RefreshLocked(Refresh &refresh)
     return SQLITE_OK;
 }
 
+// The steps under RefreshObjMutex, with the object claimed. One that has
+// changed since it was fetched is refused, untouched. That there is no row is
+// noted, too: a create under way may have fetched an older object.
+int RunClaimed(Refresh &refresh)
+{
+    ObjectClaim claim(refresh.Oid(), AgeOf(refresh.pDOH));
+    if (claim.RefusesObject())
+    {
+        return ZO_STATUS_INVALID_VALUE;
+    }
+    const int status = RunSteps(refresh);
+    if (status != ZO_STATUS_INVALID_VALUE)
+    {
+        claim.NoteKnown();
+    }
+    return status;
+}
+
 } // namespace
 
 int RefreshObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
                   const DataObjHeader *pParentDOH)
 {
-    Refresh refresh = {row, StateOf(row), pDOH, pParentDOH};
+    Refresh refresh = {row, StateOf(row), pDOH, FetchParentKey(pParentDOH)};
     QDB_LOG(kLogTrace, "%s: [%s] %s%s Entry for OID: %d", row.suffix, kStem,
             row.suffix, refresh.LogOid());
     int status = kFailed;
@@ -245,7 +264,12 @@ int RefreshObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
     }
     else
     {
-        status = RefreshLocked(refresh);
+        Guard("refresh",
+              [&]
+              {
+                  const MutexLock lock(refresh.state.RefreshObjMutex);
+                  status = RunClaimed(refresh);
+              });
     }
     QDB_LOG(kLogTrace, "%s: [%s] %s%s Exit for OID: %d,status:%d ret:%d",
             row.suffix, kStem, row.suffix, refresh.LogOid(), status,

@@ -1,14 +1,15 @@
 #include "objects/row_query.h"
 
-#include "core/lock.h"
 #include "core/log.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/connection.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "db/turn.h"
 
 #include <cstring>
+#include <new>
 #include <string>
 
 namespace qdb
@@ -114,12 +115,24 @@ bool WriteText(sqlite3_stmt *statement, std::string *pText)
     return true;
 }
 
+// False also without memory: the object may need less.
+bool TakePlain(const Table &table, sqlite3_stmt *statement, RowReading *pRow)
+{
+    try
+    {
+        std::string text;
+        return WriteText(statement, &text) && pRow->ReadPlain(table, text);
+    }
+    catch (const std::bad_alloc &)
+    {
+        return false;
+    }
+}
+
 int TakeRow(const Table &table, sqlite3_stmt *statement, RowReading *pRow)
 {
-    std::string text;
-    return WriteText(statement, &text) && pRow->ReadPlain(table, text)
-               ? SQLITE_OK
-               : BuildObject(statement, pRow);
+    return TakePlain(table, statement, pRow) ? SQLITE_OK
+                                             : BuildObject(statement, pRow);
 }
 
 int RunQuery(const ObjTypeRow &row, const char *sqlText, uint32_t oid,
@@ -137,7 +150,7 @@ int RunQuery(const ObjTypeRow &row, const char *sqlText, uint32_t oid,
     }
     QDB_LOG(kLogTrace, "%s: Query: %s", sqlText);
     ObjRowState &state = StateOf(row);
-    const MutexLock lock(state.SelectObjMutex);
+    const StatementLock lock(state.SelectObjMutex);
     bool wasReady = false;
     int status = state.SelectStmt.Prepare(sqlText, -1, &wasReady);
     if (status != SQLITE_OK)

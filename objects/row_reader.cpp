@@ -1,10 +1,11 @@
 #include "objects/row_reader.h"
 
-#include "core/lock.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/execute.h"
 #include "db/mapping.h"
+#include "db/turn.h"
+#include "objects/json_text.h"
 #include "objects/row_log.h"
 #include "objects/row_query.h"
 #include "objects/sql_text.h"
@@ -24,8 +25,7 @@ int PrepareSelect(const ObjTypeRow &row, uint32_t oid, StatementSlot &slot)
         return SQLITE_OK;
     }
     // The tables of configuration attributes were written by another hand.
-    const std::string sql =
-        SelectJsonSql(*row.table, IsConfigType(row.objType));
+    const SqlText sql = SelectJsonSql(*row.table, IsConfigType(row.objType));
     bool wasReady = false;
     const int status = slot.Prepare(sql.c_str(), -1, &wasReady);
     if (status != SQLITE_OK)
@@ -66,7 +66,7 @@ int TakeRow(const ObjTypeRow &row, uint32_t oid, sqlite3_stmt *statement,
 int SelectRow(const ObjTypeRow &row, uint32_t oid, RowReading *pRow, int *pRet)
 {
     ObjRowState &state = StateOf(row);
-    const MutexLock lock(state.SelectObjMutex);
+    const StatementLock lock(state.SelectObjMutex);
     *pRet = PrepareSelect(row, oid, state.SelectStmt);
     if (*pRet != SQLITE_OK)
     {
@@ -110,7 +110,7 @@ int GetRowData(const ObjTypeRow &row, uint32_t oid, RowReading *pRow)
 bool RowReading::ReadPlain(const Table &table, std::string_view text)
 {
     RowTextPtr plain = TakeRowText();
-    if (!plain->Split(table, text))
+    if (plain == nullptr || !plain->Split(table, text))
     {
         return false;
     }
@@ -126,7 +126,7 @@ bool RowReading::Read(const Table &table, const char *text,
     {
         return true;
     }
-    JsonPtr parsed(json_loads(text, 0, pError));
+    JsonPtr parsed = ParseJson(text, pError);
     if (parsed == nullptr)
     {
         return false;
@@ -145,15 +145,19 @@ void RowReading::SetArray(const char *name, const std::string &elements)
     {
         json_ = TakeJson();
     }
-    json_object_set_new(json_.get(), name,
-                        json_loads(elements.c_str(), 0, nullptr));
+    if (json_object_set_new(json_.get(), name,
+                            ParseJson(elements.c_str(), nullptr).release()) !=
+        0)
+    {
+        json_.reset();
+    }
 }
 
 JsonPtr RowReading::TakeJson()
 {
     if (const RowTextPtr text = std::move(text_))
     {
-        return JsonPtr(json_loads(text->Text().c_str(), 0, nullptr));
+        return ParseJson(text->Text().c_str(), nullptr);
     }
     return std::move(json_);
 }

@@ -29,11 +29,12 @@ class RowReading
     bool Read(const Table &table, const char *text, json_error_t *pError);
 
     // Takes a copy of such a text if it is plain. False, with the reading as it
-    // was, otherwise.
+    // was, otherwise, or without memory.
     bool ReadPlain(const Table &table, std::string_view text);
 
     // Sets a property to an array, given as json_dumps prints it. The reading
-    // isn't empty.
+    // isn't empty; without memory it is afterwards, since a row that lacks its
+    // array must not be announced.
     void SetArray(const char *name, const std::string &elements);
 
     bool IsEmpty() const
@@ -58,8 +59,8 @@ class RowReading
 
 // Reads an object's row, by the reader that its table needs. Returns 0 and sets
 // *pRow; 101 when there is no row; 11 for a corrupt database; any other value
-// is a failure. *pRow stays untouched unless a row was read. Takes the row's
-// SelectObjMutex.
+// is a failure. *pRow stays untouched unless a row was read. Lets no exception
+// out, since a create has more to do after it. Takes the row's SelectObjMutex.
 int ReadRow(const ObjTypeRow &row, uint32_t oid, RowReading *pRow);
 
 } // namespace qdb

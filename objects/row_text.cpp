@@ -3,21 +3,26 @@
 #include "objects/plain_value.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <limits>
-#include <vector>
+#include <new>
 
 namespace qdb
 {
 namespace
 {
 
-// Refresh has two rows in hand at a time. Long texts, such as imported files,
-// aren't kept.
-constexpr size_t kKeptTexts = 2;
+// Ten workers and two others have up to two rows in hand each. Long texts, such
+// as imported files, aren't kept.
+constexpr size_t kKeptTexts = 24;
 constexpr size_t kKeptCapacity = 32768;
 
-thread_local std::vector<std::unique_ptr<RowText>> tKept;
+// NULL where a place is free; whoever exchanges a text out of its place owns
+// it. The first ones are always tried first, so that few are used at rest. Not
+// one list per thread: the destructor of such a list has to be registered with
+// the C library, which ends the process when that needs memory and has none.
+std::atomic<RowText *> gKept[kKeptTexts];
 
 // The end of the key `name` and its colon, which `text` must begin with; 0 if
 // it doesn't.
@@ -66,7 +71,14 @@ bool RowText::Split(const Table &table, std::string_view text)
     {
         return false;
     }
-    text_.assign(text);
+    try
+    {
+        text_.assign(text);
+    }
+    catch (const std::bad_alloc &)
+    {
+        return false;
+    }
     count_ = tag + 1;
     return true;
 }
@@ -85,7 +97,14 @@ bool RowText::SetValue(std::string_view name, std::string_view value)
     {
         return false;
     }
-    text_.replace(field->value, field->end - field->value, value);
+    try
+    {
+        text_.replace(field->value, field->end - field->value, value);
+    }
+    catch (const std::bad_alloc &)
+    {
+        return false;
+    }
     // Modulo 2^32, and so right also where the text becomes shorter.
     const uint32_t shift =
         field->value + static_cast<uint32_t>(value.size()) - field->end;
@@ -171,21 +190,35 @@ char *RowText::Render(const FieldSet &fields, char *to) const
 void KeepRowText::operator()(RowText *text) const
 {
     std::unique_ptr<RowText> owned(text);
-    if (owned->Text().capacity() <= kKeptCapacity && tKept.size() < kKeptTexts)
+    if (owned->Text().capacity() > kKeptCapacity)
     {
-        tKept.push_back(std::move(owned));
+        return;
+    }
+    for (std::atomic<RowText *> &place : gKept)
+    {
+        RowText *free = nullptr;
+        if (place.compare_exchange_strong(free, text))
+        {
+            static_cast<void>(owned.release());
+            return;
+        }
     }
 }
 
 RowTextPtr TakeRowText()
 {
-    if (tKept.empty())
+    for (std::atomic<RowText *> &place : gKept)
     {
-        return RowTextPtr(new RowText);
+        // The look spares an exchange for each place that is empty.
+        if (place.load(std::memory_order_relaxed) != nullptr)
+        {
+            if (RowText *text = place.exchange(nullptr))
+            {
+                return RowTextPtr(text);
+            }
+        }
     }
-    RowTextPtr text(tKept.back().release());
-    tKept.pop_back();
-    return text;
+    return RowTextPtr(new (std::nothrow) RowText);
 }
 
 } // namespace qdb

@@ -43,7 +43,8 @@ class RowText
 {
   public:
     // Takes a copy of a row's text and cuts it into its fields. False, with
-    // the content lost, if the text isn't plain. The buffer is used again.
+    // the content lost, if the text isn't plain or without memory. The buffer
+    // is used again.
     bool Split(const Table &table, std::string_view text);
 
     // The row's JSON.
@@ -52,8 +53,8 @@ class RowText
         return text_;
     }
 
-    // Gives a field another value: JSON as json_dumps prints it. False without
-    // such a field.
+    // Gives a field another value: JSON as json_dumps prints it. False, with
+    // the text as it was, without such a field or without memory.
     bool SetValue(std::string_view name, std::string_view value);
 
     FieldSet AllFields() const
@@ -100,14 +101,15 @@ class RowText
     size_t count_ = 0;
 };
 
-// Hands a text back to its thread, which keeps a few for its next rows.
+// Hands a text back, to be kept for the next rows of any thread. Allocates
+// nothing.
 struct KeepRowText
 {
     void operator()(RowText *text) const;
 };
 using RowTextPtr = std::unique_ptr<RowText, KeepRowText>;
 
-// A text to fill, mostly one that this thread has used before.
+// A text to fill, mostly one that has been used before; NULL without memory.
 RowTextPtr TakeRowText();
 
 } // namespace qdb

@@ -1,20 +1,23 @@
 #include "objects/sql_text.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace qdb
 {
 namespace
 {
 
 // "'a', 'b') VALUES (?, ?)" for a list that has been begun with "(".
-void AppendValues(std::string &sql, std::span<const Column> columns,
-                  size_t count, const char *separator)
+void AppendValues(SqlText &sql, std::span<const Column> columns, size_t count,
+                  const char *separator)
 {
     for (const Column &column : columns)
     {
         sql += separator;
-        sql += '\'';
+        sql += "'";
         sql += column.name;
-        sql += '\'';
+        sql += "'";
         separator = ", ";
     }
     sql += ") VALUES (?";
@@ -22,23 +25,32 @@ void AppendValues(std::string &sql, std::span<const Column> columns,
     {
         sql += ", ?";
     }
-    sql += ')';
+    sql += ")";
 }
 
 } // namespace
 
-std::string InsertSql(const Table &table)
+SqlText &SqlText::operator+=(std::string_view text)
 {
-    std::string sql = "INSERT OR REPLACE INTO ";
+    const size_t count = std::min(text.size(), sizeof(text_) - 1 - size_);
+    std::memcpy(text_ + size_, text.data(), count);
+    size_ += count;
+    text_[size_] = '\0';
+    return *this;
+}
+
+SqlText InsertSql(const Table &table)
+{
+    SqlText sql("INSERT OR REPLACE INTO ");
     sql += table.name;
     sql += " (";
     AppendValues(sql, table.columns, table.columns.size(), "");
     return sql;
 }
 
-std::string UpdateSql(const Table &table, bool rawGuard)
+SqlText UpdateSql(const Table &table, bool rawGuard)
 {
-    std::string sql = "UPDATE ";
+    SqlText sql("UPDATE ");
     sql += table.name;
     sql += " SET 'SingleRecordEtag' = strftime('%s')";
     for (const Column &column : table.columns)
@@ -54,13 +66,13 @@ std::string UpdateSql(const Table &table, bool rawGuard)
     return sql;
 }
 
-std::string SelectJsonSql(const Table &table, bool bareColumns)
+SqlText SelectJsonSql(const Table &table, bool bareColumns)
 {
     const char *quote = bareColumns ? "" : "\"";
-    std::string sql = "SELECT json_object(";
+    SqlText sql("SELECT json_object(");
     for (const Column &column : table.columns)
     {
-        sql += '\'';
+        sql += "'";
         sql += column.name;
         sql += "', ";
         sql += quote;
@@ -75,26 +87,26 @@ std::string SelectJsonSql(const Table &table, bool bareColumns)
     return sql;
 }
 
-std::string SelectStarSql(const Table &table)
+SqlText SelectStarSql(const Table &table)
 {
-    std::string sql = "SELECT * from ";
+    SqlText sql("SELECT * from ");
     sql += table.name;
     sql += " WHERE OID = ?";
     return sql;
 }
 
-std::string InsertElementSql(const SideTable &table)
+SqlText InsertElementSql(const SideTable &table)
 {
-    std::string sql = "INSERT OR REPLACE INTO ";
+    SqlText sql("INSERT OR REPLACE INTO ");
     sql += table.name;
     sql += " ('OID', 'PROP', 'ARR_INDEX'";
     AppendValues(sql, table.columns, table.columns.size() + 3, ", ");
     return sql;
 }
 
-std::string SelectElementsSql(const SideTable &table)
+SqlText SelectElementsSql(const SideTable &table)
 {
-    std::string sql = "SELECT json_object('ARR_INDEX', ARR_INDEX";
+    SqlText sql("SELECT json_object('ARR_INDEX', ARR_INDEX");
     for (const Column &column : table.columns)
     {
         sql += ", '";

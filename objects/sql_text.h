@@ -7,26 +7,53 @@
 
 #include "objects/table.h"
 
-#include <string>
+#include <string_view>
 
 namespace qdb
 {
 
-std::string InsertSql(const Table &table);
+// A text in a buffer of its own: statements are also made where a row has been
+// written and has yet to be announced, memory or not. The longest there is has
+// 7,653 bytes; one that didn't fit would be cut, and not compile.
+class SqlText
+{
+  public:
+    explicit SqlText(std::string_view begin)
+    {
+        *this += begin;
+    }
+
+    SqlText &operator+=(std::string_view text);
+
+    const char *c_str() const
+    {
+        return text_;
+    }
+    size_t size() const
+    {
+        return size_;
+    }
+
+  private:
+    char text_[8192];
+    size_t size_ = 0;
+};
+
+SqlText InsertSql(const Table &table);
 
 // Stamps SingleRecordEtag. rawGuard adds a last parameter that isRawData must
 // equal.
-std::string UpdateSql(const Table &table, bool rawGuard);
+SqlText UpdateSql(const Table &table, bool rawGuard);
 
 // One row as a JSON object made by SQLite. bareColumns: column names are not
 // quoted.
-std::string SelectJsonSql(const Table &table, bool bareColumns);
+SqlText SelectJsonSql(const Table &table, bool bareColumns);
 
 // One row as columns.
-std::string SelectStarSql(const Table &table);
+SqlText SelectStarSql(const Table &table);
 
 // One element of an array property, and all elements of one.
-std::string InsertElementSql(const SideTable &table);
-std::string SelectElementsSql(const SideTable &table);
+SqlText InsertElementSql(const SideTable &table);
+SqlText SelectElementsSql(const SideTable &table);
 
 } // namespace qdb

@@ -225,4 +225,17 @@ void FlushBus(int timeoutMs)
     }
 }
 
+void FlushBusIfFree(int timeoutMs)
+{
+    if (pthread_mutex_trylock(&gBusMutex) != 0)
+    {
+        return;
+    }
+    if (sd_bus *bus = gBusConnection)
+    {
+        DrainTo(bus, 0, timeoutMs);
+    }
+    pthread_mutex_unlock(&gBusMutex);
+}
+
 } // namespace qdb

@@ -69,4 +69,8 @@ void RemoveWakeSource();
 // other thread uses the connection any more.
 void FlushBus(int timeoutMs);
 
+// The same for an end that waits for nobody: sends nothing when another thread
+// has the connection, and takes no mutex of the platform.
+void FlushBusIfFree(int timeoutMs);
+
 } // namespace qdb

@@ -27,7 +27,7 @@ pthread_mutex_t gOwnMutex = PTHREAD_MUTEX_INITIALIZER;
 int OpenPipe()
 {
     gTelemetryPipeFd =
-        open(TelemetryPipePath().c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        open(TelemetryPipePath().text, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     if (gTelemetryPipeFd < 0)
     {
         const int error = errno;

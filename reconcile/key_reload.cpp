@@ -37,7 +37,7 @@ int Write(const KeyedRow &row, const DataObjHeader *object, RowWrite write)
 
 ObjectPtr FetchKeyedObject()
 {
-    return ObjectPtr(ZOILGetObjByKey(gSystemInfo.key));
+    return FetchByKey(gSystemInfo.key);
 }
 
 int ReLoadKeyBasedNCObjects()
@@ -79,7 +79,7 @@ int ReLoadKeyBasedNCObject(ObjectPtr object, KeyedRow &row, RowWrite write)
             QDB_LOG(kLogTrace, "%s: ReLoadKeyBasedNCObjects: "
                                "ZO_STATUS_INVALID_VALUE returned\n");
             object.reset();
-            object.reset(ZOILGetObjByKey(row.key));
+            object = FetchByKey(row.key);
             return object == nullptr ? ZO_STATUS_NO_SUCH_OBJECT
                                      : ZO_STATUS_INVALID_VALUE;
         });

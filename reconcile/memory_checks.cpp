@@ -128,7 +128,7 @@ void CheckMemory(const DataObjHeader *pDOH, uint32_t oid, Findings *pFindings)
 
 void CheckPower(const DataObjHeader *pDOH, uint32_t oid, Findings *pFindings)
 {
-    const OidList parents(ZOILListParentOID(&oid));
+    const OidList parents = ListParents(oid);
     if (parents.IsNull())
     {
         return;

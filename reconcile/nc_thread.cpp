@@ -1,11 +1,11 @@
 #include "reconcile/nc_thread.h"
 
 #include "core/cancel.h"
+#include "core/guard.h"
 #include "core/log.h"
 #include "core/sleep.h"
 #include "core/state.h"
 #include "core/status.h"
-#include "db/turn.h"
 #include "reconcile/count_check.h"
 #include "reconcile/reloads.h"
 
@@ -52,7 +52,6 @@ bool PauseBetweenPasses()
             return false;
         }
         SleepMicroseconds(kTurnMicroseconds);
-        GiveUpIdleRead();
     }
     return true;
 }
@@ -90,23 +89,35 @@ bool RunReloads()
     return true;
 }
 
+// One pass. False when the thread is to end.
+bool RunPass()
+{
+    if (!RunReloads())
+    {
+        return false;
+    }
+    if (DbusEventsEnabled == 1)
+    {
+        static_cast<void>(CheckDMObjCountandReCreateEntries());
+    }
+    malloc_trim(0);
+    QDB_LOG(kLogPass, "%s: handle_QuillonDB_NC_Event_Request end of loop "
+                      "\n");
+    return true;
+}
+
 void RunPasses()
 {
     const HeldConnection connection;
-    while (RunReloads())
+    bool goesOn = true;
+    do
     {
-        if (DbusEventsEnabled == 1)
-        {
-            static_cast<void>(CheckDMObjCountandReCreateEntries());
-        }
-        malloc_trim(0);
-        QDB_LOG(kLogPass, "%s: handle_QuillonDB_NC_Event_Request end of loop "
-                          "\n");
-        if (!PauseBetweenPasses())
-        {
-            return;
-        }
-    }
+        Guard("pass",
+              [&]
+              {
+                  goesOn = RunPass();
+              });
+    } while (goesOn && PauseBetweenPasses());
 }
 
 } // namespace

@@ -6,6 +6,9 @@
 #include "core/platform_ptr.h"
 #include "db/execute.h"
 
+#include <optional>
+#include <utility>
+
 namespace qdb
 {
 
@@ -16,13 +19,29 @@ enum class WhenGone
     Fail,       // with ZO_STATUS_NO_SUCH_OBJECT
 };
 
+// Fetches an object again. One that has become another type's since is gone.
+inline ObjectPtr FetchAgain(uint32_t oid, ObjectPtr object)
+{
+    const std::optional<uint16_t> objType =
+        object == nullptr ? std::nullopt : std::optional(object->objType);
+    object.reset();
+    object = FetchObject(oid);
+    if (object != nullptr && objType && object->objType != *objType)
+    {
+        object.reset();
+    }
+    return object;
+}
+
 // Runs `operation`, which takes a const DataObjHeader *, on *pObject; that may
-// be another object afterwards, or NULL. `caller` begins the line about an
+// be another object afterwards, or NULL. It has come from FetchObject, and is
+// fetched again when it is out of date, too. `caller` begins the line about an
 // object that cannot be read. Returns the last status, as RunStatusLoop.
 template <typename Operation>
 int RunOnObject(const char *caller, int returnStatus, uint32_t oid,
                 ObjectPtr *pObject, WhenGone whenGone, Operation operation)
 {
+    const FetchesAgain fetchesAgain;
     return RunStatusLoop(
         {}, returnStatus,
         [&]
@@ -34,8 +53,7 @@ int RunOnObject(const char *caller, int returnStatus, uint32_t oid,
         {
             QDB_LOG(kLogTrace, "%s: %s: ZO_STATUS_INVALID_VALUE returned\n",
                     caller);
-            pObject->reset();
-            *pObject = FetchObject(oid);
+            *pObject = FetchAgain(oid, std::move(*pObject));
             return *pObject == nullptr && whenGone == WhenGone::Fail
                        ? ZO_STATUS_NO_SUCH_OBJECT
                        : ZO_STATUS_INVALID_VALUE;

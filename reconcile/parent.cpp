@@ -14,7 +14,7 @@ int GetParentDOH(const DataObjHeader *pDOH, DataObjHeader **ppParentDOH)
         QDB_LOG(kLogInvalid, "%s: Error: pDOH is NULL \n");
         return kFailed;
     }
-    const OidList parents(ZOILListParentOID(&pDOH->objID));
+    const OidList parents = ListParents(pDOH->objID);
     if (parents.IsNull())
     {
         QDB_LOG(kLogInvalid, "%s: Error: ZOILListParentOID returned NULL \n");
@@ -23,11 +23,11 @@ int GetParentDOH(const DataObjHeader *pDOH, DataObjHeader **ppParentDOH)
     int status = SQLITE_OK;
     for (const uint32_t oid : parents.Oids())
     {
-        if (DataObjHeader *parent = ZOILGetObjByOID(&oid))
+        if (ObjectPtr parent = FetchRelated(oid))
         {
             QDB_LOG(kLogTrace, "%s: ZOILGetObjByOID success for OID = %d\n",
                     StoredOid(oid));
-            *ppParentDOH = parent;
+            *ppParentDOH = parent.release();
             break;
         }
         QDB_LOG(kLogTrace, "%s: ZOILGetObjByOID returned NULL!!! for OID = %d",

@@ -1,6 +1,7 @@
 #include "reconcile/recovery.h"
 
 #include "core/cancel.h"
+#include "core/gate.h"
 #include "core/log.h"
 #include "core/state.h"
 #include "core/threads.h"
@@ -31,7 +32,7 @@ bool WaitForCorruption()
 void StopService()
 {
     RequestStop();
-    ZOILRemoveEventListener(gEventListener);
+    RemoveListener();
     SetCancelNCThread();
     CancelThread(gBusServiceThread);
     SetCancelSignalThread();

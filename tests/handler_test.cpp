@@ -197,5 +197,73 @@ TEST_F(Sweep, EveryStatementFailsOnce)
     }
 }
 
+// A read of array elements that meets ABORT before its first row begins again;
+// behind it there is no array, and never one that begins twice.
+TEST_F(Handler, AnArrayIsReadWholeOrNotAtAll)
+{
+    const std::string read = "FROM INTEGERARR_Tbl";
+    const auto element = [](int index, int value)
+    {
+        return R"({"ARR_INDEX": )" + std::to_string(index) + R"(, "VAL": )" +
+               std::to_string(value) + "}";
+    };
+    const struct
+    {
+        const char *name;
+        int (*run)();
+        int status;
+    } operations[] = {
+        {"Added",
+         []
+         {
+             return Create(List(7, "1, 2"));
+         },
+         -1},
+        {"Changed",
+         []
+         {
+             return Refresh(List(7, "3, 4"));
+         },
+         SQLITE_ABORT},
+        {"Removed",
+         []
+         {
+             return Delete(List(7, ""));
+         },
+         -1},
+    };
+    for (const auto &operation : operations)
+    {
+        for (int skipped = 2; skipped >= 0; --skipped)
+        {
+            SCOPED_TRACE(std::string(operation.name) + " after " +
+                         std::to_string(skipped));
+            mirror_.Rows("DELETE FROM ActiveOIDMapping");
+            if (*operation.name != 'A')
+            {
+                ASSERT_EQ(Create(List(7, "1, 2")), 0);
+            }
+            Announced();
+            Restart();
+            FailSteps(read, SQLITE_ABORT, 1, skipped);
+            EXPECT_EQ(operation.run(), skipped == 0 ? 0 : operation.status);
+            ClearSqliteFaults();
+            const Lines announced = Announced();
+            EXPECT_EQ(CountLog("[801] Get of array data failed with ret = 4"),
+                      skipped == 0 ? 0 : 1);
+            ASSERT_EQ(announced.size(), skipped == 0 ? 1U : 0U);
+            if (skipped == 0)
+            {
+                const int first = *operation.name == 'C' ? 3 : 1;
+                EXPECT_NE(announced[0].find(R"("ObjTypeList": [)" +
+                                            element(0, first) + ", " +
+                                            element(1, first + 1) + "]"),
+                          std::string::npos)
+                    << announced[0];
+            }
+        }
+    }
+}
+
 } // namespace
 } // namespace qdb::test

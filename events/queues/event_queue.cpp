@@ -2,13 +2,16 @@
 
 #include "core/lock.h"
 #include "core/log.h"
+#include "core/object_order.h"
+#include "core/progress.h"
 #include "core/state.h"
 #include "core/threads.h"
+#include "events/queues/admission.h"
 #include "events/queues/event_record.h"
-#include "events/queues/lane.h"
 
 #include <array>
 #include <cstdlib>
+#include <functional>
 
 namespace qdb
 {
@@ -36,9 +39,20 @@ consteval StopRecords MakeStopRecords()
     return records;
 }
 
-// Static, because whoever queues them may be gone when the workers take them;
-// and never written, because two stops may queue them at once.
+// Records and nodes are static: a stop needs no memory, and whoever queues them
+// may be gone when the workers take them.
 constinit StopRecords gStopRecords = MakeStopRecords();
+std::array<QdbEventNode, kWorkerCount> gStopNodes;
+
+// How many of the nodes are on the queue or with a worker.
+std::atomic<int> gStopNodesOut = 0;
+
+bool IsStopNode(const QdbEventNode *node)
+{
+    const std::less<const QdbEventNode *> before;
+    return !before(node, gStopNodes.data()) &&
+           before(node, gStopNodes.data() + gStopNodes.size());
+}
 
 void FreeRecord(DataEventHeader *record)
 {
@@ -70,6 +84,24 @@ Before Append(QdbEventQueue &queue, QdbEventNode *node)
     return {gQdbSeqNumber.fetch_add(1), QdbEventQSize.fetch_add(1)};
 }
 
+// What every record goes through; without a node it is lost.
+void Enqueue(QdbEventQueue &queue, QdbEventNode *node, DataEventHeader *record)
+{
+    Before before;
+    if (node != nullptr)
+    {
+        before = Append(queue, node);
+        sem_post(&gQdbEventSem);
+    }
+    else
+    {
+        FreeRecord(record);
+    }
+    LogExit("QdbenQueue");
+    QDB_LOG(kLogTrace, "%s: QdbenQueued for SeqNumber=%d", before.seqNumber);
+    QDB_LOG(kLogTrace, "%s: QdbenQueued for QdbEventQSize=%d", before.size);
+}
+
 QdbEventNode *TakeHead(QdbEventQueue &queue)
 {
     QdbEventNode *node = queue.head;
@@ -91,7 +123,7 @@ QdbEventNode *QdbnewNode(DataEventHeader *data, int seqNo)
         return nullptr;
     }
     LogEntry("QdbnewNode");
-    *node = {data, seqNo, nullptr};
+    *node = {data, seqNo, nullptr, 0};
     LogExit("QdbnewNode");
     return node;
 }
@@ -99,19 +131,7 @@ QdbEventNode *QdbnewNode(DataEventHeader *data, int seqNo)
 void QdbenQueue(QdbEventQueue *queue, DataEventHeader *record)
 {
     LogEntry("QdbenQueue");
-    Before before;
-    if (QdbEventNode *node = QdbnewNode(record, gQdbSeqNumber))
-    {
-        before = Append(*queue, node);
-        sem_post(&gQdbEventSem);
-    }
-    else
-    {
-        FreeRecord(record);
-    }
-    LogExit("QdbenQueue");
-    QDB_LOG(kLogTrace, "%s: QdbenQueued for SeqNumber=%d", before.seqNumber);
-    QDB_LOG(kLogTrace, "%s: QdbenQueued for QdbEventQSize=%d", before.size);
+    Enqueue(*queue, QdbnewNode(record, gQdbSeqNumber), record);
 }
 
 QdbEventNode *QdbdeQueue(QdbEventQueue *queue)
@@ -125,6 +145,7 @@ QdbEventNode *QdbdeQueue(QdbEventQueue *queue)
         if (queue->head != nullptr)
         {
             node = TakeHead(*queue);
+            node->taken = Tick();
             LogExit("QdbdeQueue");
             sizeBefore = QdbEventQSize.fetch_sub(1);
             if (sizeBefore - 1 <= kBacklogWorkedOff)
@@ -139,14 +160,27 @@ QdbEventNode *QdbdeQueue(QdbEventQueue *queue)
 
 void QueueStopRecords()
 {
-    for (DataEventHeader &record : gStopRecords)
+    int out = 0;
+    if (!gStopNodesOut.compare_exchange_strong(out, kWorkerCount))
     {
-        QdbenQueue(gQdbEventQueue, &record);
+        return;
+    }
+    for (size_t i = 0; i < gStopNodes.size(); ++i)
+    {
+        LogEntry("QdbenQueue");
+        gStopNodes[i] = {&gStopRecords[i], gQdbSeqNumber, nullptr, 0};
+        Enqueue(*gQdbEventQueue, &gStopNodes[i], &gStopRecords[i]);
     }
 }
 
 void FreeEventNode::operator()(QdbEventNode *node) const
 {
+    NoteProgress();
+    if (IsStopNode(node))
+    {
+        --gStopNodesOut;
+        return;
+    }
     FreeRecord(node->data);
     std::free(node);
 }

@@ -3,7 +3,8 @@
 // Strictly first in, first out, without a limit. Any thread appends; the
 // workers take. The queue owns its nodes and records from QdbenQueue on, and
 // the taker owns both from QdbdeQueue on. A stop record
-// (DATA_EVENT_WORKER_EXIT) is static memory and is never freed.
+// (DATA_EVENT_WORKER_EXIT) is static memory and is never freed, nor are the
+// nodes that a stop brings along.
 #pragma once
 
 #include "platform/zoil.h"
@@ -19,6 +20,7 @@ struct QdbEventNode
     DataEventHeader *data;
     int seqNo; // for the log alone; two nodes may carry the same number
     QdbEventNode *next;
+    uint64_t taken; // the tick of core/object_order.h at which it was taken
 };
 
 // Guarded by gQdbDBMutex.
@@ -43,14 +45,16 @@ QdbEventNode *QdbnewNode(DataEventHeader *data, int seqNo);
 void QdbenQueue(QdbEventQueue *queue, DataEventHeader *record);
 
 // Waits for gQdbEventSem and takes the oldest node; NULL when the queue is
-// empty all the same. At 50 nodes or fewer clears gSkipConstraintCheck. Takes
-// gQdbDBMutex.
+// empty all the same. Ticks are in the order of taking. At 50 nodes or fewer
+// clears gSkipConstraintCheck. Takes gQdbDBMutex.
 QdbEventNode *QdbdeQueue(QdbEventQueue *queue);
 
-// Puts one stop record per worker on gQdbEventQueue.
+// Puts one stop record per worker on gQdbEventQueue. Needs no memory. Does
+// nothing while one of an earlier call is on its way to a worker.
 void QueueStopRecords();
 
-// Frees a node and its record, but for a stop record. NULL is a no-op.
+// Frees a node and its record, but for a stop record and a node of
+// QueueStopRecords; what the node stood for is done with. NULL is a no-op.
 struct FreeEventNode
 {
     void operator()(QdbEventNode *node) const;

@@ -44,7 +44,7 @@ void QdbFailenQueue(FailQueue *queue, uint32_t oid, FailedOperation operation,
                            "QdbFailQNode");
         return;
     }
-    const MutexLock lock(gMutex);
+    const LeafLock lock(gMutex);
     if (queue->tail == nullptr)
     {
         queue->head = node;
@@ -59,7 +59,7 @@ void QdbFailenQueue(FailQueue *queue, uint32_t oid, FailedOperation operation,
 
 QdbFailQNode *QdbFaildeQueue(FailQueue *queue)
 {
-    const MutexLock lock(gMutex);
+    const LeafLock lock(gMutex);
     QdbFailQNode *node = queue->head;
     if (node == nullptr)
     {

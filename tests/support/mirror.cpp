@@ -136,6 +136,12 @@ void Mirror::Settle()
 {
     EXPECT_TRUE(standin::WaitDelivered(kDeadlineMs));
     StopWorkers();
+    // A record may have been put behind the queue, and so behind the stop.
+    while (QdbEventQSize > 0)
+    {
+        StartWorkers();
+        StopWorkers();
+    }
     StartWorkers();
 }
 

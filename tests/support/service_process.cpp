@@ -117,6 +117,8 @@ std::vector<std::string> ServiceProcess::Environment() const
                         "QDB_STANDIN_STATE=" + root + "/state.json",
                         "QDB_STANDIN_LOG=" + std::to_string(options_.logLevel),
                         "DBUS_SYSTEM_BUS_ADDRESS=" + bus});
+    environment.insert(environment.begin(), options_.variables.begin(),
+                       options_.variables.end());
     return environment;
 }
 

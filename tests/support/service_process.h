@@ -19,6 +19,7 @@ struct ServiceOptions
     bool database = true;        // make the database before the start
     bool pipe = false;           // make the telemetry pipe
     std::string busAddress = {}; // "": the system bus of this process
+    std::vector<std::string> variables = {}; // "NAME=value", before all others
 };
 
 class ServiceProcess

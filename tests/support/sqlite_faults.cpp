@@ -36,8 +36,9 @@ Plan gPrepares;
 // Belongs to no operation, and is left alone.
 constexpr char kKeptRead[] = "SELECT 1 FROM sqlite_master";
 
-// What SQLite answers at once while a read of the service's is open. It isn't a
-// fault yet: the step is made again without that read.
+// What SQLite answers at once while a read of the service's is open. To a
+// statement that hasn't given a row it isn't a fault yet: the step is made
+// again without that read.
 bool MayBeOurRead(int status)
 {
     return status == SQLITE_BUSY || status == SQLITE_LOCKED ||
@@ -45,7 +46,7 @@ bool MayBeOurRead(int status)
 }
 
 // The status to give instead of running; SQLITE_OK to run.
-int Intercept(Plan &plan, const char *sql, bool kept)
+int Intercept(Plan &plan, const char *sql, bool again)
 {
     const std::lock_guard<std::mutex> lock(gMutex);
     if (!gWatching || sql == nullptr || std::strcmp(sql, kKeptRead) == 0)
@@ -65,7 +66,7 @@ int Intercept(Plan &plan, const char *sql, bool kept)
             --fault.skip;
             continue;
         }
-        if (kept && MayBeOurRead(fault.status))
+        if (again && MayBeOurRead(fault.status))
         {
             plan.calls.pop_back();
             return fault.status;
@@ -109,6 +110,13 @@ void ClearSqliteFaults()
     gWatching = true;
 }
 
+void IgnoreSqlite()
+{
+    ClearSqliteFaults();
+    const std::lock_guard<std::mutex> lock(gMutex);
+    gWatching = false;
+}
+
 int StepCount(const std::string &sql)
 {
     return CountCalls(gSteps, sql);
@@ -131,8 +139,10 @@ extern "C"
 
     int __wrap_sqlite3_step(sqlite3_stmt *statement)
     {
-        const int status = qdb::test::Intercept(
-            qdb::test::gSteps, sqlite3_sql(statement), qdb::ReadIsKept());
+        const bool again =
+            qdb::ReadIsKept() && sqlite3_stmt_busy(statement) == 0;
+        const int status = qdb::test::Intercept(qdb::test::gSteps,
+                                                sqlite3_sql(statement), again);
         return status == SQLITE_OK ? __real_sqlite3_step(statement) : status;
     }
 

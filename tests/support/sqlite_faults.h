@@ -19,6 +19,9 @@ void FailPrepares(const std::string &sql, int status, int times, int skip = 0);
 // Removes all faults and counts.
 void ClearSqliteFaults();
 
+// The same, and nothing is counted from here on.
+void IgnoreSqlite();
+
 // Steps and prepares since then, those that a fault met among them.
 int StepCount(const std::string &sql);
 int PrepareCount(const std::string &sql);
