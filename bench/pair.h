@@ -2,8 +2,8 @@
 #pragma once
 
 #include "bench/counter.h"
-#include "bench/figures.h"
 #include "bench/loop.h"
+#include "bench/report.h"
 #include "bench/service.h"
 #include "bench/workload.h"
 
