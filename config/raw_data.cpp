@@ -19,8 +19,8 @@ namespace qdb
 namespace
 {
 
-// A longer path is cut, and then names nothing.
-constexpr size_t kPathSize = 512;
+// A directory and the name of a file in it.
+constexpr size_t kPathSize = sizeof(FilePath::text) + sizeof(dirent::d_name);
 
 struct CloseDirectory
 {

@@ -6,7 +6,6 @@
 #include "core/platform_ptr.h"
 #include "db/execute.h"
 
-#include <optional>
 #include <utility>
 
 namespace qdb
@@ -22,11 +21,10 @@ enum class WhenGone
 // Fetches an object again. One that has become another type's since is gone.
 inline ObjectPtr FetchAgain(uint32_t oid, ObjectPtr object)
 {
-    const std::optional<uint16_t> objType =
-        object == nullptr ? std::nullopt : std::optional(object->objType);
+    const uint16_t objType = object == nullptr ? 0 : object->objType;
     object.reset();
     object = FetchObject(oid);
-    if (object != nullptr && objType && object->objType != *objType)
+    if (object != nullptr && objType != 0 && object->objType != objType)
     {
         object.reset();
     }

@@ -1,0 +1,170 @@
+// What orders the handlers of one object, and what they know of it.
+
+#include "core/object_order.h"
+#include "core/state.h"
+#include "events/dispatch.h"
+#include "events/queues/event_queue.h"
+#include "events/queues/event_record.h"
+#include "tests/support/db_fixture.h"
+#include "tests/support/event_records.h"
+#include "tests/support/wait.h"
+
+#include <atomic>
+#include <thread>
+
+namespace qdb::test
+{
+namespace
+{
+
+constexpr uint16_t kStatus = 0x1001;
+constexpr uint16_t kCreate = 7;
+constexpr uint16_t kDestroy = 8;
+constexpr uint32_t kOid = 0x100;
+
+TEST(ObjectOrder, AClaimIsHadByOneAndLeftToThoseWhoWait)
+{
+    std::atomic<bool> hadIt = false;
+    {
+        ObjectClaim claim(kOid, Tick());
+        EXPECT_EQ(ObjectClaim::OfThread(), &claim);
+        std::thread waiting(
+            []
+            {
+                EXPECT_TRUE(ObjectClaim(kOid + 1, Tick()).IsHeld());
+                EXPECT_FALSE(ObjectClaim(kOid, Tick(), 5).IsHeld());
+            });
+        waiting.join();
+        waiting = std::thread(
+            [&]
+            {
+                const ObjectClaim other(kOid, Tick());
+                hadIt = true;
+            });
+        EXPECT_FALSE(hadIt);
+        EXPECT_TRUE(WaitUntil(
+            [&]
+            {
+                EXPECT_TRUE(claim.LetOthersGoFirst());
+                return hadIt.load();
+            }));
+        EXPECT_TRUE(claim.IsHeld());
+        waiting.join();
+    }
+    EXPECT_EQ(ObjectClaim::OfThread(), nullptr);
+    EXPECT_TRUE(ObjectClaim(kOid, Tick(), 0).IsHeld()) << "free again";
+}
+
+// Many more objects than the memory of ticks has places.
+TEST(ObjectOrder, NothingNewIsForgotten)
+{
+    constexpr uint32_t kObjects = 20000;
+    const uint64_t before = Tick();
+    for (uint32_t oid = 0; oid < kObjects; ++oid)
+    {
+        ObjectClaim(oid, Tick()).NoteKnown();
+    }
+    const uint64_t after = Tick();
+    int overtaken = 0;
+    for (uint32_t oid = 0; oid < kObjects; ++oid)
+    {
+        EXPECT_TRUE(ObjectClaim(oid, before).IsOvertaken()) << oid;
+        overtaken += ObjectClaim(oid, after).IsOvertaken() ? 1 : 0;
+    }
+    EXPECT_EQ(overtaken, 0);
+    // Only who fetches again refuses.
+    ObjectClaim old(kOid, before);
+    EXPECT_FALSE(old.RefusesObject());
+    const FetchesAgain fetchesAgain;
+    EXPECT_TRUE(old.RefusesObject());
+}
+
+TEST(ObjectOrder, AFetchIsAsOldAsItsAsking)
+{
+    int one = 0;
+    int other = 0;
+    const uint64_t asked = Tick();
+    NoteFetch(&one, asked);
+    EXPECT_EQ(AgeOf(&one), asked);
+    EXPECT_GT(AgeOf(&other), asked) << "came otherwise";
+    ForgetFetch(&other);
+    EXPECT_EQ(AgeOf(&one), asked);
+    ForgetFetch(&one);
+    EXPECT_GT(AgeOf(&one), asked) << "the memory is another object's now";
+}
+
+// The record that was put behind the queue, "" without one.
+std::string Queued()
+{
+    if (QdbEventQSize == 0)
+    {
+        return "";
+    }
+    const EventNodePtr node(QdbdeQueue(gQdbEventQueue));
+    return std::to_string(node->data->evtType) + ' ' +
+           std::to_string(RecordWord(*node->data, kFirstOidAt).value_or(0));
+}
+
+class OrderTest : public DbTest
+{
+  protected:
+    void Notify(uint16_t type, const Words &oids, uint64_t taken = Tick())
+    {
+        const Bytes record = List(type, oids);
+        EXPECT_EQ(ObjectNotification(EventOf(record), type, taken), 0);
+    }
+
+    Lines Oids() const
+    {
+        return mirror_.Rows("SELECT OID FROM TblDMStatus_Child_Obj ORDER BY 1");
+    }
+};
+
+// A destroy whose worker has fallen asleep between taking the record and
+// carrying it out, while another one created the object's successor.
+TEST_F(OrderTest, ADestroyThatWasOvertakenHasTheObjectCreatedAgain)
+{
+    PutObject(kStatus, kOid);
+    const uint64_t taken = Tick();
+    Notify(kCreate, {kOid});
+    Notify(kDestroy, {kOid}, taken);
+    EXPECT_EQ(Oids(), Lines{});
+    EXPECT_EQ(Queued(), "7 256");
+    // The usual case, and that of a create which the old row kept out.
+    Notify(kCreate, {kOid});
+    Notify(kDestroy, {kOid});
+    EXPECT_EQ(Queued(), "");
+    Notify(kCreate, {kOid});
+    const uint64_t takenLater = Tick();
+    const Bytes again = List(kCreate, {kOid});
+    EXPECT_EQ(ObjectNotification(EventOf(again), kCreate), -1);
+    Notify(kDestroy, {kOid}, takenLater);
+    EXPECT_EQ(Queued(), "7 256");
+}
+
+// The Data Manager may answer nobody until its callback returns.
+TEST_F(OrderTest, TheCallbackLeavesToTheQueueWhatOthersHaveInHand)
+{
+    const Words oids = {kOid, kOid + 1};
+    for (const uint32_t oid : oids)
+    {
+        PutObject(kStatus, oid);
+    }
+    Notify(kCreate, oids);
+    {
+        const ObjectClaim inHand(kOid, Tick());
+        std::thread(
+            [&]
+            {
+                const Bytes record = List(kDestroy, oids);
+                EXPECT_EQ(NotifyOnCallback(EventOf(record), kDestroy), 0);
+            })
+            .join();
+    }
+    EXPECT_EQ(Oids(), Lines{"256"});
+    EXPECT_EQ(Queued(), "8 256");
+    EXPECT_EQ(Queued(), "");
+}
+
+} // namespace
+} // namespace qdb::test
