@@ -141,8 +141,11 @@ Memory Service::ReadMemory()
 {
     int64_t size = 0;
     int64_t pages = 0;
-    std::ifstream("/proc/" + std::to_string(process_.Id()) + "/statm") >>
-        size >> pages;
+    std::ifstream file("/proc/" + std::to_string(process_.Id()) + "/statm");
+    if (!(file >> size >> pages))
+    {
+        throw std::runtime_error("the service has no memory");
+    }
     return {Member(client_.Call(Operation("memory")), "heap"),
             pages * sysconf(_SC_PAGESIZE)};
 }
