@@ -67,7 +67,6 @@ class Round
     {
         return {action, set, 0, setSize_, 0};
     }
-    void Change(uint64_t changes);
 
     const uint32_t setSize_;
     const uint32_t objects_;
@@ -75,21 +74,6 @@ class Round
     Memory changed_ = {}; // when the sets had gone again
     uint64_t changes_ = 0;
 };
-
-// Refreshes on the service alone until it has sent that many signals. The loop
-// only ends with the same rows.
-void Round::Change(uint64_t changes)
-{
-    const Step step = All(Action::RefreshChanged, Set::TwentyTypes);
-    while (pair_.Changes() + setSize_ < changes)
-    {
-        pair_.RunService(step);
-    }
-    if (pair_.Changes() < changes)
-    {
-        pair_.Run(step);
-    }
-}
 
 void Round::RunWorkloads(int refreshes, uint64_t changes, Slices *pSlices)
 {
@@ -114,7 +98,10 @@ void Round::RunWorkloads(int refreshes, uint64_t changes, Slices *pSlices)
             refreshes);
     measure(kRefreshSame, All(Action::RefreshSame, Set::TwentyTypes),
             refreshes);
-    Change(changes);
+    while (pair_.Changes() < changes)
+    {
+        pair_.Run(All(Action::RefreshChanged, Set::TwentyTypes));
+    }
     objects -= setSize_;
     measure(kDelete, All(Action::Delete, Set::TwentyTypes), 1);
     objects -= bunch;

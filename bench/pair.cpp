@@ -44,24 +44,18 @@ Slice Pair::Populate(uint32_t objects)
     start_.populated = service.ReadMemory();
     const int64_t answers = after.answers - before.answers;
     return {objects, SampleOf(end - begin - answers, before, after),
-            RunOnLoop(step, operations)};
+            RunLoop(step, operations)};
 }
 
 Slice Pair::Run(Step step)
 {
     step.value = ++value_;
     const Json operations = OperationsFor(step);
-    return {step.count, RunOnService(step, operations),
-            RunOnLoop(step, operations)};
+    return {step.count, RunService(step, operations),
+            RunLoop(step, operations)};
 }
 
-Sample Pair::RunService(Step step)
-{
-    step.value = ++value_;
-    return RunOnService(step, OperationsFor(step));
-}
-
-Sample Pair::RunOnService(const Step &step, const Json &operations)
+Sample Pair::RunService(const Step &step, const Json &operations)
 {
     const uint64_t signals = step.count * SignalsOf(step.action);
     service.Execute(operations);
@@ -77,7 +71,7 @@ Sample Pair::RunOnService(const Step &step, const Json &operations)
     return SampleOf((signals > 0 ? announced : written) - begin, before, after);
 }
 
-Sample Pair::RunOnLoop(const Step &step, const Json &operations)
+Sample Pair::RunLoop(const Step &step, const Json &operations)
 {
     const uint64_t signals = step.count * SignalsOf(step.action);
     loop_.Prepare(step, operations);

@@ -36,10 +36,9 @@ class Pair
     // waits until the service is ready.
     Slice Populate(uint32_t objects);
 
-    // Prepares and runs the step on both, or on the service alone. The step's
-    // value becomes one that no step before it had.
+    // Prepares and runs the step on both. The step's value becomes one that no
+    // step before it had.
     Slice Run(Step step);
-    Sample RunService(Step step);
 
     // The service's changes one after the other when each is due. Adds how long
     // each took from the call of the listener to the first subscriber, in
@@ -68,8 +67,8 @@ class Pair
   private:
     void BeginCounting(bool keepsArrivals = false);
     int64_t EndCounting(uint64_t signals);
-    Sample RunOnService(const Step &step, const Json &operations);
-    Sample RunOnLoop(const Step &step, const Json &operations);
+    Sample RunService(const Step &step, const Json &operations);
+    Sample RunLoop(const Step &step, const Json &operations);
 
     Subscribers &subscribers_;
     Counter pipe_;
