@@ -1,14 +1,15 @@
-// qdb-bench: the service beside two loops of its libraries' calls, on the same
+// qdb-bench: the service beside a loop of its libraries' calls, on the same
 // objects in one run.
 //
 // Exit status: 0 measured; 1 something failed, a signal was lost, or the sides
 // did not do the same work. No result is good or bad here.
-#include "bench/schedule.h"
+#include "bench/bench.h"
 
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <stdexcept>
 
 namespace qdb::bench
@@ -16,12 +17,25 @@ namespace qdb::bench
 namespace
 {
 
+// The one of the same build.
+std::string DefaultService()
+{
+    const std::filesystem::path self =
+        std::filesystem::read_symlink("/proc/self/exe");
+    return self.parent_path().parent_path() / "tests/service_under_test";
+}
+
 int Run(int argc, char **argv)
 {
-    CLI::App app("Measures the whole service beside bare loops of the same "
-                 "SQLite, Jansson and sd-bus calls.");
+    CLI::App app("Measures the service beside a bare loop of the same SQLite, "
+                 "Jansson and sd-bus calls.");
     Settings settings;
+    settings.service = DefaultService();
     bool json = false;
+    app.add_option("--service", settings.service,
+                   "the program to measure, also of another commit")
+        ->check(CLI::ExistingFile)
+        ->capture_default_str();
     app.add_option("--objects", settings.objects, "objects that populate it")
         ->check(CLI::Range(500, 500000))
         ->capture_default_str();
@@ -43,8 +57,8 @@ int Run(int argc, char **argv)
     {
         return app.exit(error) == 0 ? 0 : 1;
     }
-    const Report report = RunBench(settings);
-    json ? PrintJson(report, settings) : PrintTable(report, settings);
+    const std::vector<Figures> all = RunBench(settings);
+    json ? PrintJson(all) : PrintText(all);
     if (std::fflush(stdout) != 0)
     {
         throw std::runtime_error("can't write to standard output");
@@ -57,7 +71,7 @@ int Run(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
-    std::signal(SIGPIPE, SIG_IGN); // as the service does
+    std::signal(SIGPIPE, SIG_IGN);
     try
     {
         return qdb::bench::Run(argc, argv);

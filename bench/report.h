@@ -1,7 +1,5 @@
-// What the bench found, and how it tells it.
+// What the bench found: tables of figures, printed in one way or the other.
 #pragma once
-
-#include "bench/side.h"
 
 #include <array>
 #include <cstdint>
@@ -11,20 +9,37 @@
 namespace qdb::bench
 {
 
-struct Settings
+// A column whose name is "<=" or ">=" holds the target of the one before it.
+struct Figures
 {
-    uint32_t objects = 5000;
-    uint32_t subscribers = 1;
-    uint64_t changes = 0; // to be made by one service before its heap counts
-    bool quick = false;
+    struct Row
+    {
+        std::string name;
+        std::vector<double> values; // NAN: none
+    };
+
+    const char *name;
+    std::vector<const char *> columns;
+    std::vector<Row> rows;
 };
 
-enum SideIndex : size_t
+// One side's part of a measurement, in seconds; of the service alone the
+// processor times that aren't counted: the stand-in's own threads, and its
+// answers to calls about objects.
+struct Sample
 {
-    kService,
-    kPlain,
-    kBest,
-    kSideCount,
+    double elapsed;
+    double processor;
+    double events;
+    double answers;
+};
+
+// The same operations on both sides, one right after the other.
+struct Slice
+{
+    uint32_t operations;
+    Sample service;
+    Sample plain;
 };
 
 enum WorkloadIndex : size_t
@@ -38,55 +53,14 @@ enum WorkloadIndex : size_t
     kDestroyBunch,
     kWorkloadCount,
 };
+using Slices = std::array<std::vector<Slice>, kWorkloadCount>;
 
-// One side's part of a measurement, in seconds; of the service alone the times
-// that aren't counted.
-struct Sample
-{
-    double elapsed;
-    double processor;
-    double eventThread;
-    double store;
-};
+// Medians over the slices; ratios slice by slice, since a change of the
+// machine's load meets both sides.
+Figures FiguresOf(const Slices &slices);
 
-// The same operations on all sides, one right after the other.
-struct Slice
-{
-    uint32_t operations;
-    std::array<Sample, kSideCount> sides;
-};
-
-// From event to signal, in microseconds.
-struct Latency
-{
-    double p50;
-    double p99;
-    double p999;
-    double load; // average of the minute before the end
-};
-
-struct Idle
-{
-    double seconds;
-    double processor;
-    double store;
-    double wakeUps; // processor time of the wake-ups alone
-};
-
-struct Report
-{
-    std::array<std::vector<Slice>, kWorkloadCount> slices;
-    std::vector<Latency> latencies;
-    Idle idle;
-    StartUp startUp;   // of the last service
-    double population; // seconds of that start
-    Memory changed;    // of that service, when the sets had gone again
-    uint64_t changes;  // signals that it had sent by then
-    double loadBefore; // of the minute before the measuring and its end
-    double loadAfter;
-};
-
-void PrintTable(const Report &report, const Settings &settings);
-void PrintJson(const Report &report, const Settings &settings);
+// For people, and as one JSON object.
+void PrintText(const std::vector<Figures> &tables);
+void PrintJson(const std::vector<Figures> &tables);
 
 } // namespace qdb::bench

@@ -1,54 +1,66 @@
-// What one side works on: an empty database with the whole schema, and the
-// telemetry pipe's file, below a runtime root of its own.
+// What a measurement stands on: files, and a bus.
 //
 // In the field the database lies on a tmpfs. Here it does, too, where the
 // machine offers one.
 #pragma once
 
-#include "tests/support/temp_root.h"
+#include "bench/process.h"
 
 #include <string>
 
 namespace qdb::bench
 {
 
+// Whether there is a tmpfs.
+bool OnTmpfs();
+
+// A directory of its own, removed with all it holds. All constructors below
+// throw std::runtime_error when what they make can't be made.
+class Directory
+{
+  public:
+    Directory();
+    ~Directory();
+    Directory(const Directory &) = delete;
+    Directory &operator=(const Directory &) = delete;
+
+    const std::string &Path() const
+    {
+        return path_;
+    }
+    std::string operator/(const char *name) const
+    {
+        return path_ + "/" + name;
+    }
+
+  private:
+    std::string path_;
+};
+
+// The runtime root of one side, with an empty database of the whole schema and
+// the telemetry pipe.
 class Scratch
 {
   public:
-    // Throws std::runtime_error when the files can't be made.
     Scratch();
-    Scratch(const Scratch &) = delete;
-    Scratch &operator=(const Scratch &) = delete;
 
-    const std::string &Root() const
-    {
-        return root_.Path();
-    }
-    std::string Database() const
-    {
-        return root_.Database();
-    }
-    std::string Pipe() const
-    {
-        return root_.Pipe();
-    }
+    const Directory root;
+    const std::string database =
+        root / "var/run/quillondatabase/DMLiveObjectDatabase.db";
+    const std::string pipe = root / "var/run/telemetryservice/qdbtdbipcpipe";
+};
 
-    // Whether databases lie on a tmpfs.
-    static bool OnTmpfs();
+// A dbus-daemon, as long as the object lives. It is the system bus of this
+// process and of those that it makes.
+class Bus
+{
+  public:
+    Bus();
 
   private:
-    // Removed with all it holds; "": none.
-    struct Directory
-    {
-        ~Directory();
-
-        std::string path;
-    };
-
-    void MoveToTmpfs();
-
-    test::TempRoot root_;
-    Directory tmpfs_; // the database's; none when it lies in the root
+    Directory directory_;
+    std::string address_;
+    Process daemon_;
 };
 
 } // namespace qdb::bench

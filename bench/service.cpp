@@ -1,312 +1,153 @@
 #include "bench/service.h"
 
-#include "bench/meter.h"
-#include "bench/statements.h"
-#include "core/lifecycle.h"
-#include "core/paths.h"
-#include "core/state.h"
-#include "core/threads.h"
-#include "events/listener.h"
-#include "events/queues/event_record.h"
+#include "core/ready.h"
 #include "platform/standin/standin.h"
-#include "publish/bus_connection.h"
-#include "publish/change_signal.h"
-#include "tests/support/wait.h"
 
-#include <pthread.h>
-#include <signal.h>
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <exception>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
 
 namespace qdb::bench
 {
 namespace
 {
 
-// The longest that the events of one request may take.
-constexpr int kLimitMs = 300000;
+constexpr char kHeldCall[] = "ZOILAddEventListener";
 
-// Passes of the NC thread until it has seen all objects and found its caches
-// filled.
-constexpr int kSettlingPasses = 2;
-
-EventType EventOf(Operation operation)
+std::string StandinPath()
 {
-    switch (operation)
+    Dl_info info = {};
+    if (dladdr(reinterpret_cast<const void *>(&standin::ObjectIds), &info) == 0)
     {
-    case Operation::Populate:
-    case Operation::Create:
-        return DATA_EVENT_DATA_OBJ_CREATE;
-    case Operation::RefreshChanged:
-    case Operation::RefreshSame:
-        return DATA_EVENT_DATA_OBJ_DIRTY_LIST;
-    case Operation::Delete:
-    case Operation::DestroyBunch:
-        break;
+        throw std::runtime_error("where is the stand-in?");
     }
-    return DATA_EVENT_DATA_OBJ_DESTROY;
+    return info.dli_fname;
 }
 
-template <typename Condition>
-void Await(const char *what, Condition condition)
+int64_t ProcessorTime(pid_t process)
 {
-    if (!test::WaitUntil(condition, kLimitMs))
+    clockid_t clock = 0;
+    timespec time = {};
+    if (clock_getcpuclockid(process, &clock) != 0 ||
+        clock_gettime(clock, &time) != 0)
     {
-        throw std::runtime_error(std::string("waited in vain for ") + what);
+        throw std::runtime_error("the service has no clock");
     }
+    return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
 }
 
-// All that the records led to is done when this returns; signals may still be
-// under way.
-void AwaitRecords(uint64_t records)
+int64_t Member(const Json &reply, const char *name)
 {
-    Await("the workers",
-          [=]
-          {
-              return RecordsDone() >= records;
-          });
-    if (!standin::WaitDelivered(kLimitMs))
-    {
-        throw std::runtime_error("the listener didn't return");
-    }
+    return json_integer_value(json_object_get(reply.get(), name));
 }
-
-// Lets the events of a step pile up before the listener, and then in. The bunch
-// is one event, which the listener itself works off.
-void SendEvents(const Step &step, const std::vector<uint32_t> &oids)
-{
-    ZOILRemoveEventListener(QDVEventListener);
-    if (step.operation == Operation::DestroyBunch)
-    {
-        standin::SendObjectList(EventOf(step.operation), oids);
-    }
-    else
-    {
-        for (const uint32_t &oid : oids)
-        {
-            standin::SendObjectList(EventOf(step.operation), {&oid, 1});
-        }
-    }
-    if (ZOILAddEventListener(QDVEventListener) != 0)
-    {
-        throw std::runtime_error("the stand-in refused the listener");
-    }
-}
-
-void SetSpent(const Reading &before, Cost *pCost)
-{
-    const Reading after = ReadMeter();
-    pCost->processor = after.service - before.service;
-    pCost->eventThread = after.eventThread - before.eventThread;
-    pCost->store = after.store - before.store;
-}
-
-Cost RunStep(const Step &step)
-{
-    const std::vector<uint32_t> oids = OidsOf(step);
-    const bool isBunch = step.operation == Operation::DestroyBunch;
-    const uint64_t records = RecordsDone() + (isBunch ? 0 : oids.size());
-    int64_t first = 0;
-    Cost cost = {};
-    NoteEvents({&first, 1});
-    const int64_t written = RowsWritten();
-    const Reading before = ReadMeter();
-    SendEvents(step, oids);
-    AwaitRecords(records);
-    SetSpent(before, &cost);
-    cost.rowsWritten = RowsWritten() - written;
-    NoteEvents({});
-    cost.begin = first;
-    cost.end = LastRecordDone();
-    ChangeJsonAdded(kFence);
-    return cost;
-}
-
-// One object after the other, each changed and announced when it is due.
-Cost RunChanges(const Step &step, EventTimes *pTimes)
-{
-    const std::vector<uint32_t> oids = OidsOf(step);
-    const uint64_t records = RecordsDone() + oids.size();
-    Cost cost = {};
-    PrepareObjects(step);
-    NoteEvents({pTimes->times, oids.size()});
-    const Reading before = ReadMeter();
-    const Clock::time_point begin = Clock::now();
-    for (size_t i = 0; i < oids.size(); ++i)
-    {
-        std::this_thread::sleep_until(
-            begin + std::chrono::microseconds(1000000 * i / kChangesPerSecond));
-        standin::SendObjectList(EventOf(step.operation), {&oids[i], 1});
-    }
-    AwaitRecords(records);
-    SetSpent(before, &cost);
-    ChangeJsonAdded(kFence);
-    return cost;
-}
-
-// Drives the service from a thread that isn't its own.
-class Driver
-{
-  public:
-    Driver(const Channel &channel, EventTimes *pTimes)
-        : channel_(channel), pTimes_(pTimes)
-    {
-        if (CreateThread(&thread_, nullptr, Run, this) != 0)
-        {
-            throw std::runtime_error("no thread for the driver");
-        }
-    }
-    ~Driver()
-    {
-        pthread_join(thread_, nullptr);
-    }
-    Driver(const Driver &) = delete;
-    Driver &operator=(const Driver &) = delete;
-
-  private:
-    // Without the bench there is nothing to close in order for.
-    static void *Run(void *driver)
-    {
-        try
-        {
-            static_cast<Driver *>(driver)->AnswerAll();
-        }
-        catch (const std::exception &)
-        {
-            _exit(1);
-        }
-        return nullptr;
-    }
-
-    void AnswerAll()
-    {
-        LeaveThreadOut();
-        channel_.Send(AwaitStart());
-        for (Kind kind = Kind::Run; kind != Kind::Stop;)
-        {
-            const Request request = channel_.Receive();
-            kind = request.kind;
-            Answer answer = {};
-            Attempt(&answer,
-                    [&]
-                    {
-                        Act(request, &answer);
-                    });
-            channel_.Send(answer);
-        }
-    }
-
-    Answer AwaitStart() const
-    {
-        Answer answer = {};
-        Attempt(&answer,
-                [&]
-                {
-                    Await("readiness",
-                          []
-                          {
-                              return IsReady() && DbusEventsEnabled == 1 &&
-                                     gBusConnection != nullptr;
-                          });
-                    answer.cost = PopulationCost();
-                    answer.startUp = ReadStartUp(begin_);
-                });
-        return answer;
-    }
-
-    void Act(const Request &request, Answer *pAnswer)
-    {
-        switch (request.kind)
-        {
-        case Kind::Prepare:
-            PrepareObjects(request.step);
-            break;
-        case Kind::Run:
-            pAnswer->cost = RunStep(request.step);
-            break;
-        case Kind::Changes:
-            pAnswer->cost = RunChanges(request.step, pTimes_);
-            break;
-        case Kind::Reconcile:
-            Reconcile();
-            break;
-        case Kind::Idle:
-            pAnswer->cost = Idle(request.seconds);
-            break;
-        case Kind::Memory:
-            TrimMemory();
-            pAnswer->memory = ReadMemory();
-            break;
-        case Kind::Stop:
-            Release();
-            kill(getpid(), SIGTERM);
-            break;
-        }
-    }
-
-    static Cost Idle(int seconds)
-    {
-        Cost cost = {};
-        const Reading before = ReadMeter();
-        cost.begin = Clock::now().time_since_epoch().count();
-        std::this_thread::sleep_for(std::chrono::seconds(seconds));
-        cost.end = Clock::now().time_since_epoch().count();
-        SetSpent(before, &cost);
-        return cost;
-    }
-
-    void Reconcile()
-    {
-        Release();
-        Await("the NC thread",
-              []
-              {
-                  return NCPasses() >= kSettlingPasses;
-              });
-        ChangeJsonAdded(kFence);
-    }
-
-    void Release()
-    {
-        if (!released_)
-        {
-            released_ = true;
-            LetNCThreadGo();
-        }
-    }
-
-    const Channel &channel_;
-    EventTimes *pTimes_;
-    int64_t begin_ = Clock::now().time_since_epoch().count();
-    bool released_ = false;
-    pthread_t thread_ = {};
-};
 
 } // namespace
 
-int RunServiceSide(const Channel &channel, const Scratch &scratch,
-                   EventTimes *pTimes)
+Service::Service(const std::string &program)
+    : process_(
+          [&]
+          {
+              return Run(program);
+          })
 {
-    gRuntimeRoot = scratch.Root().c_str();
-    standin::SetLog(0, nullptr);
-    const Request prepare = channel.Receive();
-    Answer answer = {};
-    Attempt(&answer,
-            [&]
+    AwaitServer(scratch.root / "control");
+    AwaitHanging(kHeldCall);
+    Ask(json_pack("{s:s, s:b}", "op", "measure", "on", 1));
+}
+
+// In the child.
+int Service::Run(const std::string &program) const
+{
+    const std::string scenario = scratch.root / "scenario.json";
+    std::ofstream(scenario) << R"({"delays": [{"call": ")" << kHeldCall
+                            << R"(", "microseconds": "hang"}]})";
+    setenv("LD_PRELOAD", StandinPath().c_str(), 1);
+    setenv("QDB_TEST_ROOT", scratch.root.Path().c_str(), 1);
+    setenv("QDB_STANDIN_SCENARIO", scenario.c_str(), 1);
+    setenv("QDB_STANDIN_SOCKET", (scratch.root / "control").c_str(), 1);
+    setenv("QDB_STANDIN_LOG", "0", 1);
+    unsetenv("QDB_STANDIN_STATE");
+    execl(program.c_str(), program.c_str(), nullptr);
+    throw std::runtime_error("can't run " + program);
+}
+
+Json Service::Ask(json_t *request)
+{
+    return client_.Call(Json(request));
+}
+
+// In portions, since the stand-in refuses long lines.
+void Service::Execute(const Json &operations)
+{
+    constexpr size_t kPortion = 200;
+    const size_t count = json_array_size(operations.get());
+    for (size_t first = 0; first < count; first += kPortion)
+    {
+        const Json portion(json_array());
+        for (size_t i = first; i < std::min(first + kPortion, count); ++i)
+        {
+            Append(portion, Share(json_array_get(operations.get(), i)));
+        }
+        const Json replies = client_.CallBatch(portion);
+        for (size_t i = 0; i < json_array_size(replies.get()); ++i)
+        {
+            const json_t *reply = json_array_get(replies.get(), i);
+            if (!Succeeded(reply))
             {
-                PrepareObjects(prepare.step);
-            });
-    channel.Send(answer);
-    channel.Receive(); // Run
-    const Driver driver(channel, pTimes);
-    return RunService();
+                throw std::runtime_error(ErrorOf(reply));
+            }
+        }
+    }
+}
+
+void Service::AwaitHanging(const char *call)
+{
+    const auto hangs = [&]
+    {
+        const Json reply =
+            Ask(json_pack("{s:s, s:s}", "op", "hanging", "call", call));
+        return Member(reply, "count") > 0;
+    };
+    Await("a call that hangs", hangs);
+}
+
+void Service::AwaitReady()
+{
+    const auto isReady = [this]
+    {
+        const Json reply = client_.Call(Operation("attributes"));
+        const json_t *integers = json_object_get(reply.get(), "integers");
+        return NumberOf(integers, kReadyKey) == 1;
+    };
+    Await("readiness", isReady);
+}
+
+Usage Service::ReadUsage()
+{
+    const Json reply = client_.Call(Operation("cost"));
+    Usage usage = {};
+    usage.answers =
+        Member(reply, "cpuNanoseconds") + Member(reply, "clockNanoseconds");
+    usage.events = Member(reply, "ownThreadNanoseconds");
+    usage.service = ProcessorTime(process_.Id()) - usage.answers - usage.events;
+    return usage;
+}
+
+Memory Service::ReadMemory()
+{
+    int64_t size = 0;
+    int64_t pages = 0;
+    std::ifstream file("/proc/" + std::to_string(process_.Id()) + "/statm");
+    if (!(file >> size >> pages))
+    {
+        throw std::runtime_error("the service has no memory");
+    }
+    return {Member(client_.Call(Operation("memory")), "heap"),
+            pages * sysconf(_SC_PAGESIZE)};
 }
 
 } // namespace qdb::bench

@@ -1,29 +1,74 @@
-// The service as a whole, in a process of its own: everything that its `main`
-// starts, with the stand-in as Data Manager below it.
+// The service as its users run it: a process of its own, told of objects and
+// events through the stand-in's control socket, and looked at from outside.
+//
+// Whatever program is measured, the stand-in is the bench's own: it is
+// preloaded, so that an older service meets the same platform.
 #pragma once
 
 #include "bench/scratch.h"
-#include "bench/side.h"
-#include "bench/subscriber.h"
+#include "tools/dmctl/client.h"
+
+#include <cstdint>
+#include <string>
 
 namespace qdb::bench
 {
 
-// Changes per second of Kind::Changes.
-inline constexpr int kChangesPerSecond = 1000;
-
-// When the listener was called, event by event, in nanoseconds of the steady
-// clock.
-struct EventTimes
+// Processor time so far, in nanoseconds.
+struct Usage
 {
-    int64_t times[Subscribers::kMaxArrivals];
+    int64_t service;
+    int64_t answers; // the stand-in's, to calls about objects
+    int64_t events;  // the stand-in's own threads, but for the callbacks
 };
 
-// A side that runs the service and answers all kinds of requests. Its first two
-// prepare and run a Populate, from the entry of main to readiness. The NC
-// thread is held back until a Reconcile; from then on there are more records on
-// the pipe than the steps explain.
-int RunServiceSide(const Channel &channel, const Scratch &scratch,
-                   EventTimes *pTimes);
+// Bytes in use in the heap, and resident.
+struct Memory
+{
+    int64_t heap;
+    int64_t resident;
+};
+
+// All throw std::runtime_error when the service is gone or refuses.
+class Service
+{
+  public:
+    // Starts the program; returns when it is about to register its listener,
+    // the last thing before it opens the database, and waits there until all
+    // delays are released.
+    explicit Service(const std::string &program);
+
+    // Sends a request to the control socket. Takes it over; gives the reply.
+    Json Ask(json_t *request);
+
+    // Carries out operations of the control socket.
+    void Execute(const Json &operations);
+
+    // Waits until a call of the platform function hangs.
+    void AwaitHanging(const char *call);
+
+    // Waits until it has published its readiness.
+    void AwaitReady();
+
+    Usage ReadUsage();
+
+    // With the stand-in's.
+    Memory ReadMemory();
+
+    // Ends it as a shutdown does.
+    void End()
+    {
+        process_.End();
+    }
+
+    const Scratch scratch;
+    const int64_t begin = Now();
+
+  private:
+    int Run(const std::string &program) const;
+
+    Process process_;
+    Client client_{scratch.root / "control"};
+};
 
 } // namespace qdb::bench

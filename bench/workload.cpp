@@ -1,10 +1,9 @@
 #include "bench/workload.h"
 
-#include "core/json.h"
 #include "objects/catalogue.h"
+#include "platform/standin/events.h"
 #include "platform/standin/generator.h"
 #include "platform/standin/layout.h"
-#include "platform/standin/standin.h"
 
 #include <algorithm>
 #include <iterator>
@@ -18,7 +17,7 @@ namespace
 
 constexpr uint16_t kParentType = 0x91; // the system
 constexpr uint16_t kProbeType = 0x1B;
-constexpr uint16_t kMeasuredType = 0xE1;
+constexpr uint16_t kMeasuredType = 0xE6; // PCI devices
 
 // Sensors, supplies, storage, network, settings and inventory: narrow and wide
 // tables, two with SELECT * readers and one with previous values. None is read
@@ -41,14 +40,6 @@ constexpr Parent kBattery = {0x1001, "Tarnu.Embedded.1#SubSystem.1#Battery"};
 
 // Sets don't meet up to a million objects.
 constexpr uint32_t kFirstOid[] = {0x100000, 0x200000, 0x300000};
-
-void Check(const standin::Error &error)
-{
-    if (!error.empty())
-    {
-        throw std::runtime_error("the stand-in refused: " + error);
-    }
-}
 
 bool IsSingleton(uint32_t objType)
 {
@@ -84,25 +75,27 @@ uint32_t FirstOid(Set set)
     return kFirstOid[static_cast<size_t>(set)];
 }
 
-void PutObject(uint16_t type, uint32_t oid, bool isFirst, const char *key = "")
+void PutObject(const Json &operations, uint16_t type, uint32_t oid,
+               bool isFirst, const char *key = nullptr)
 {
-    const standin::Json values = standin::GenerateValues(type, oid, isFirst);
-    std::vector<uint32_t> parents;
-    if (const Parent *parent = ParentOf(type, oid))
-    {
-        parents = {parent->oid};
-    }
-    Check(
-        standin::CreateObject({type, oid, parents, values.get(), key}, false));
+    const Parent *parent = ParentOf(type, oid);
+    Append(operations,
+           Json(json_pack(
+               "{s:s, s:b, s:i, s:I, s:o, s:s*, s:o*}", "op", "create",
+               "announce", 0, "type", int{type}, "oid", json_int_t{oid},
+               "values", standin::GenerateValues(type, oid, isFirst).release(),
+               "key", key, "parents",
+               parent == nullptr ? nullptr
+                                 : json_pack("[I]", json_int_t{parent->oid}))));
 }
 
 // Types in turn; objects of a type with two tables take turns between them.
-void PutSet(Set set, uint32_t first, uint32_t end)
+void PutSet(const Json &operations, Set set, uint32_t first, uint32_t end)
 {
     const std::vector<uint16_t> types = TypesOf(set);
     for (uint32_t i = first; i < end; ++i)
     {
-        PutObject(types[i % types.size()], FirstOid(set) + i,
+        PutObject(operations, types[i % types.size()], FirstOid(set) + i,
                   i / types.size() % 2 == 0);
     }
 }
@@ -110,19 +103,19 @@ void PutSet(Set set, uint32_t first, uint32_t end)
 constexpr uint32_t kSpecialObjects =
     1 + static_cast<uint32_t>(std::size(kSingletons));
 
-void PutPopulation(uint32_t count)
+void PutPopulation(const Json &operations, uint32_t count)
 {
-    PutObject(kParentType, kSystem.oid, true, kSystem.key);
-    PutObject(kBatteryType, kBattery.oid, true, kBattery.key);
+    PutObject(operations, kParentType, kSystem.oid, true, kSystem.key);
+    PutObject(operations, kBatteryType, kBattery.oid, true, kBattery.key);
     uint32_t oid = kBattery.oid;
     for (const uint16_t type : kSingletons)
     {
         if (type != kParentType)
         {
-            PutObject(type, ++oid, true);
+            PutObject(operations, type, ++oid, true);
         }
     }
-    PutSet(Set::Population, kSpecialObjects, count);
+    PutSet(operations, Set::Population, kSpecialObjects, count);
 }
 
 // A whole number of its own that has room for a step's value.
@@ -145,21 +138,45 @@ const char *ChangedColumn(const Table &table)
 }
 
 // By the place in the set.
-void ChangeObjects(const Step &step)
+void ChangeObjects(const Json &operations, const Step &step)
 {
     const std::vector<uint16_t> types = TypesOf(step.set);
-    std::vector<JsonPtr> changes;
-    for (const uint16_t type : types)
-    {
-        changes.emplace_back(json_pack("{s:I}",
-                                       ChangedColumn(*FindRow(type)->table),
-                                       static_cast<json_int_t>(step.value)));
-    }
     for (uint32_t i = step.first; i < step.first + step.count; ++i)
     {
-        Check(standin::SetObject(FirstOid(step.set) + i,
-                                 changes[i % types.size()].get(), false));
+        const Table &table = *FindRow(types[i % types.size()])->table;
+        Append(operations,
+               Json(json_pack("{s:s, s:b, s:I, s:{s:I}}", "op", "set",
+                              "announce", 0, "oid",
+                              json_int_t{FirstOid(step.set) + i}, "values",
+                              ChangedColumn(table), json_int_t{step.value})));
     }
+}
+
+json_t *OidArray(const Step &step)
+{
+    json_t *oids = json_array();
+    for (const uint32_t oid : OidsOf(step))
+    {
+        json_array_append_new(oids, json_integer(oid));
+    }
+    return oids;
+}
+
+int EventOf(Action action)
+{
+    switch (action)
+    {
+    case Action::Populate:
+    case Action::Create:
+        return standin::kCreate;
+    case Action::RefreshChanged:
+    case Action::RefreshSame:
+        return standin::kDirtyList;
+    case Action::Delete:
+    case Action::DestroyBunch:
+        break;
+    }
+    return standin::kDestroy;
 }
 
 } // namespace
@@ -183,26 +200,37 @@ std::vector<uint32_t> OidsOf(const Step &step)
     return oids;
 }
 
-void PrepareObjects(const Step &step)
+Json OperationsFor(const Step &step)
 {
-    switch (step.operation)
+    Json operations(json_array());
+    switch (step.action)
     {
-    case Operation::Populate:
-        PutPopulation(step.count);
+    case Action::Populate:
+        PutPopulation(operations, step.count);
         break;
-    case Operation::Create:
-        PutSet(step.set, step.first, step.first + step.count);
+    case Action::Create:
+        PutSet(operations, step.set, step.first, step.first + step.count);
         break;
-    case Operation::RefreshChanged:
-        ChangeObjects(step);
+    case Action::RefreshChanged:
+        ChangeObjects(operations, step);
         break;
-    case Operation::RefreshSame:
+    case Action::RefreshSame:
         break;
-    case Operation::Delete:
-    case Operation::DestroyBunch:
-        Check(standin::DeleteObjects(OidsOf(step), false));
+    case Action::Delete:
+    case Action::DestroyBunch:
+        Append(operations,
+               Json(json_pack("{s:s, s:b, s:o}", "op", "delete", "announce", 0,
+                              "oids", OidArray(step))));
         break;
     }
+    return operations;
+}
+
+json_t *AnnouncementOf(const Step &step, int perSecond)
+{
+    return json_pack("{s:s, s:i, s:o, s:b, s:i}", "op", "announce", "event",
+                     EventOf(step.action), "oids", OidArray(step), "together",
+                     step.action == Action::DestroyBunch, "rate", perSecond);
 }
 
 } // namespace qdb::bench

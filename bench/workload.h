@@ -1,9 +1,11 @@
 // What is measured: operations on three sets of objects.
 //
-// Every side has a stand-in of its own, and the functions below keep its
+// Both sides have a stand-in of their own, and the operations below keep its
 // objects; they send no event. As an object's contents follow from its OID and
-// the steps alone, all sides write the same rows and send the same texts.
+// the steps alone, both sides write the same rows.
 #pragma once
+
+#include "tools/dmctl/json.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -12,7 +14,7 @@
 namespace qdb::bench
 {
 
-enum class Operation
+enum class Action
 {
     Populate, // without signals
     Create,
@@ -31,7 +33,7 @@ enum class Set
 
 struct Step
 {
-    Operation operation;
+    Action action;
     Set set;
     uint32_t first; // place in the set; 0 for the population
     uint32_t count;
@@ -39,12 +41,9 @@ struct Step
 };
 
 // Signals that one operation sends, 1 or 0.
-constexpr uint32_t SignalsOf(Operation operation)
+constexpr uint32_t SignalsOf(Action action)
 {
-    return operation == Operation::Populate ||
-                   operation == Operation::RefreshSame
-               ? 0
-               : 1;
+    return action == Action::Populate || action == Action::RefreshSame ? 0 : 1;
 }
 
 // The OIDs of a step's objects, in the order of its events.
@@ -61,8 +60,12 @@ struct Parent
 // NULL for the object that has none.
 const Parent *ParentOf(uint16_t type, uint32_t oid);
 
-// Brings this process's stand-in to where the step's events find it. Throws
-// std::runtime_error when the stand-in refuses.
-void PrepareObjects(const Step &step);
+// The operations of the control socket that bring a stand-in to where the
+// step's events find it.
+Json OperationsFor(const Step &step);
+
+// The operation that sends the step's events, so many a second; 0: as fast as
+// the listener takes them.
+json_t *AnnouncementOf(const Step &step, int perSecond);
 
 } // namespace qdb::bench

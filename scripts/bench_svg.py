@@ -4,23 +4,16 @@
 Usage: bench_svg.py REPORT.json PICTURE.svg
 
 Two panels, speed and processor time per operation. In both the plain loop is 1;
-bars show the service and the best loop, black marks the service's targets.
+bars show the service, black marks its targets.
 """
 import html
 import json
 import pathlib
 import sys
 
-LEFT, RIGHT, BAR, ROW = 230, 70, 11, 36
+LEFT, RIGHT, BAR, ROW = 230, 70, 14, 28
 PANEL = 250
-SERVICE, BEST = "#2b6cb0", "#a0aec0"
-
-
-def relative(workload, part):
-    """The service's and the best loop's number in plain loops; the target."""
-    plain = workload["to_plain"][part]
-    best = workload["to_best"][part]
-    return plain, plain / best, workload.get("target", {}).get(part)
+SERVICE = "#2b6cb0"
 
 
 def text(x, y, what, anchor="start", size=12):
@@ -45,34 +38,30 @@ def line(x, top, bottom, style):
 
 
 def panel(left, top, title, rows):
-    """The bars of one part; rows are what relative() gave."""
+    """The bars of one part; rows are pairs of a number and its target."""
     most = max(max(value or 0 for value in row) for row in rows)
     scale = PANEL / most
     yield text(left, top - 14, title, size=13)
     bottom = top + ROW * len(rows)
     yield line(left + scale, top - 6, bottom, 'stroke="#c53030"')
-    for i, (service, best, target) in enumerate(rows):
+    for i, (service, target) in enumerate(rows):
         y = top + ROW * i
-        for offset, value, colour in ((0, service, SERVICE), (BAR, best, BEST)):
-            yield bar(left, y + offset, value * scale, colour)
-            yield text(
-                left + value * scale + 4, y + offset + 9, f"{value:.2f}", size=9
-            )
+        yield bar(left, y, service * scale, SERVICE)
+        yield text(left + service * scale + 4, y + 11, f"{service:.2f}", size=9)
         if target is not None:
             at = left + target * scale
-            yield line(at, y - 3, y + 2 * BAR + 3, 'stroke="black" stroke-width="2"')
+            yield line(at, y - 3, y + BAR + 3, 'stroke="black" stroke-width="2"')
 
 
 def legend(top):
     x = LEFT
-    for colour, name in ((SERVICE, "service"), (BEST, "best loop")):
-        yield bar(x, top - 10, BAR, colour)
-        yield text(x + 16, top, name)
-        x += 100
+    yield bar(x, top - 12, BAR, SERVICE)
+    yield text(x + 20, top, "service")
+    x += 100
     yield line(x + 5, top - 11, top + 2, 'stroke="black" stroke-width="2"')
-    yield text(x + 16, top, "target of the service")
-    yield line(x + 165, top - 11, top + 2, 'stroke="#c53030"')
-    yield text(x + 176, top, "plain loop")
+    yield text(x + 16, top, "its target")
+    yield line(x + 105, top - 11, top + 2, 'stroke="#c53030"')
+    yield text(x + 116, top, "plain loop")
 
 
 def draw(report):
@@ -93,11 +82,11 @@ def draw(report):
     for index, (part, title) in enumerate(
         (
             ("speed", "operations per second (more is better)"),
-            ("processor", "processor time per operation (less is better)"),
+            ("cpu", "processor time per operation (less is better)"),
         )
     ):
         left = LEFT + index * (PANEL + RIGHT)
-        rows = [relative(workload, part) for workload in workloads]
+        rows = [(each[part], each.get(part + "_target")) for each in workloads]
         parts.extend(panel(left, top, title, rows))
     parts.extend(legend(height - 14))
     parts.append("</svg>")

@@ -102,6 +102,33 @@ TEST(Standin, RefusesValuesThatDoNotFit)
 constexpr uint32_t kFan = 0x7001;
 constexpr uint32_t kOther = 0x7002;
 
+std::vector<std::vector<uint32_t>> gHeard; // OIDs of records
+
+int Hear(DataEventHeader *record)
+{
+    const auto *words = reinterpret_cast<const uint32_t *>(record);
+    gHeard.emplace_back(words + 5, words + 5 + words[4]);
+    return 0;
+}
+
+TEST(Standin, AnnouncesObjectsOneByOneWhenEachIsDue)
+{
+    standin::Reset();
+    const std::vector<uint32_t> oids = {7, 8, 9};
+    std::vector<int64_t> times;
+    ASSERT_EQ(ZOILAddEventListener(Hear), 0);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(standin::AnnounceAtRate(3, oids, 100, &times), "");
+    EXPECT_EQ(gHeard, (std::vector<std::vector<uint32_t>>{{7}, {8}, {9}}));
+    ASSERT_EQ(times.size(), oids.size());
+    for (size_t i = 0; i < oids.size(); ++i)
+    {
+        const std::chrono::nanoseconds due = std::chrono::milliseconds(10) * i;
+        EXPECT_GE(times[i], (begin + due).time_since_epoch().count());
+    }
+    EXPECT_EQ(ZOILRemoveEventListener(Hear), 0);
+}
+
 class StandinDelays : public testing::Test
 {
   protected:
@@ -320,6 +347,11 @@ constexpr std::pair<const char *, const char *> kExchange[] = {
      R"({"ok":false,"error":"byte 0x67 isn't a hexadecimal digit"})"},
     {R"({"op":"event","hex":"10000000"})", R"({"ok":true})"},
     {R"({"op":"wait","timeoutMs":1})", R"({"ok":false,"error":)"},
+    {R"({"op":"announce","event":3,"oids":[4096,"0x6E"]})", R"({"ok":true,"begin":)"},
+    {R"({"op":"announce","event":8,"oids":[7,8],"together":true})", R"({"ok":true,"begin":)"},
+    {R"({"op":"announce","event":3,"oids":[4096],"rate":1000})",
+     R"({"ok":false,"error":"the listener left before the last event"})"},
+    {R"({"op":"memory"})", R"({"ok":true,"heap":)"},
     {R"({"op":"churn","count":1,"rate":10})",
      R"({"ok":false,"error":"nobody listens to the events"})"},
     {R"({"op":"detach"})", R"({"ok":true})"},

@@ -6,8 +6,11 @@
 
 #include "platform/standin/calls.h"
 #include "platform/standin/config.h"
+#include "platform/standin/events.h"
 #include "platform/standin/state.h"
 #include "platform/standin/store.h"
+
+#include <malloc.h>
 
 #include <algorithm>
 #include <iterator>
@@ -281,6 +284,43 @@ void ChurnObjects(const json_t *request, json_t *)
                 Numbers<uint16_t>(request, "types")));
 }
 
+// The events of objects as they are, a record for each or one for all: at a
+// rate, and else at once.
+void AnnounceMany(const json_t *request, json_t *reply)
+{
+    const auto eventType = Number<uint16_t>(request, "event");
+    const auto oids = Numbers<uint32_t>(request, "oids");
+    if (json_is_true(json_object_get(request, "together")))
+    {
+        json_object_set_new(reply, "begin",
+                            json_integer(QueueObjectList(eventType, oids)));
+        return;
+    }
+    const auto rate = Number<uint32_t>(request, "rate", 0);
+    if (rate == 0)
+    {
+        json_object_set_new(reply, "begin",
+                            json_integer(QueueObjects(eventType, oids)));
+        return;
+    }
+    std::vector<int64_t> delivered;
+    Check(AnnounceAtRate(eventType, oids, rate, &delivered));
+    json_t *times = json_array();
+    json_object_set_new(reply, "delivered", times);
+    for (const int64_t time : delivered)
+    {
+        json_array_append_new(times, json_integer(time));
+    }
+}
+
+void Memory(json_t *reply)
+{
+    const struct mallinfo2 heap = mallinfo2();
+    json_object_set_new(
+        reply, "heap",
+        json_integer(static_cast<json_int_t>(heap.uordblks + heap.hblkhd)));
+}
+
 void Event(const json_t *request, json_t *)
 {
     SendRecord(FromHex(Text(request, "hex")));
@@ -454,6 +494,7 @@ constexpr Command kCommands[] = {
     {"detach",     [](const json_t *, json_t *) { Detach(); }},
     {"attach",     [](const json_t *, json_t *) { Attach(); }},
     {"event",      Event},
+    {"announce",   AnnounceMany},
     {"object",     RawObject},
     {"config",     Config},
     {"attribute",  [](const json_t *request, json_t *) { PutOneAttribute(request); }},
@@ -465,6 +506,7 @@ constexpr Command kCommands[] = {
     {"hanging",    Hanging},
     {"measure",    Measure},
     {"cost",       [](const json_t *, json_t *reply) { TellCost(reply); }},
+    {"memory",     [](const json_t *, json_t *reply) { Memory(reply); }},
     {"attributes", [](const json_t *, json_t *reply) { Attributes(reply); }},
     {"wait",       Wait},
     {"reset",      [](const json_t *, json_t *) { Reset(); }},

@@ -141,6 +141,16 @@ bool Changer::Change(uint32_t oid)
     return SetObject(oid, values.get()).empty();
 }
 
+// A year at most, since clocks don't reach any further.
+void SleepUntilDue(steady_clock::time_point begin, size_t sent,
+                   double perSecond)
+{
+    const std::chrono::duration<double> due(
+        std::min(static_cast<double>(sent) / perSecond, 3e7));
+    std::this_thread::sleep_until(
+        begin + std::chrono::duration_cast<steady_clock::duration>(due));
+}
+
 } // namespace
 
 Error GenerateObjects(size_t count, std::span<const uint16_t> types,
@@ -196,12 +206,7 @@ Error Churn(size_t count, double perSecond, std::span<const uint16_t> types)
         ++sent;
         if (perSecond > 0)
         {
-            // A year at most, since clocks don't reach any further.
-            const std::chrono::duration<double> due(
-                std::min(static_cast<double>(sent) / perSecond, 3e7));
-            std::this_thread::sleep_until(
-                begin +
-                std::chrono::duration_cast<steady_clock::duration>(due));
+            SleepUntilDue(begin, sent, perSecond);
         }
         else
         {
@@ -210,6 +215,21 @@ Error Churn(size_t count, double perSecond, std::span<const uint16_t> types)
     }
     return WaitForRecords(0, {}) ? Error()
                                  : "the listener left before the last event";
+}
+
+Error AnnounceAtRate(uint16_t eventType, std::span<const uint32_t> oids,
+                     double perSecond, std::vector<int64_t> *pDelivered)
+{
+    NoteDeliveries(oids.size());
+    const steady_clock::time_point begin = steady_clock::now();
+    for (size_t i = 0; i < oids.size(); ++i)
+    {
+        SleepUntilDue(begin, i, perSecond);
+        QueueObjectList(eventType, {&oids[i], 1});
+    }
+    const bool delivered = WaitForRecords(0, {});
+    *pDelivered = Deliveries();
+    return delivered ? Error() : "the listener left before the last event";
 }
 
 } // namespace standin

@@ -100,6 +100,12 @@ void SendRecord(std::span<const uint8_t> record);
 // An ObjList record (types 3, 7, 8) for the given OIDs.
 void SendObjectList(uint16_t eventType, std::span<const uint32_t> oids);
 
+// A record of its own for each object, each when it is due. Returns when the
+// last has been delivered; *pDelivered gets the times at which the listener was
+// called, in nanoseconds of the steady clock. An error when nobody listens.
+Error AnnounceAtRate(uint16_t eventType, std::span<const uint32_t> oids,
+                     double perSecond, std::vector<int64_t> *pDelivered);
+
 // Makes the Data Manager not ready and sends event 12; makes it ready and
 // sends create events for all objects, at most 4,000 in a record.
 void Detach();
