@@ -27,10 +27,10 @@ constexpr int64_t kTickNanoseconds = kTickMs * int64_t{1000000};
 // Limits in ticks, not by the clock: on a machine that is too busy to run the
 // watch, what is watched has its time too.
 constexpr int kHangTicks = 20;
-constexpr int kStepTicks = 10;
+constexpr int kStepTicks = 40;
 constexpr int kListenerTicks = 10;
 
-constexpr unsigned kLastActsSeconds = 3;
+constexpr unsigned kLastActsSeconds = 2;
 constexpr int kFlushLimitMs = 1000;
 
 pthread_mutex_t gMutex = PTHREAD_MUTEX_INITIALIZER;

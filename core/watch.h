@@ -9,9 +9,9 @@
 //   - When nothing at all has moved for two seconds (core/progress.h), the
 //     process leaves what hangs behind: the last signals go out, readiness is
 //     withdrawn, and the process ends with status 0, without closing the
-//     database. Nobody is in the middle of a step then: one that is gets
-//     another second to end.
-//   - These last acts may hang as well. SIGALRM ends them after three seconds.
+//     database. A step that is under way then gets four more seconds: one that
+//     clears all tables may be at work on the file, which would be left torn.
+//   - These last acts may hang as well. SIGALRM ends them after two seconds.
 // Queued records that move on are carried out, however long they take.
 #pragma once
 
