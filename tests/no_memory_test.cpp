@@ -318,11 +318,16 @@ class NoMemory : StreamClock, public Handler
             {
                 EXPECT_EQ(State(work), state);
             }
-            // Nothing is announced by halves, or more often than is due.
-            const auto seen = Signals();
-            EXPECT_TRUE(work.leavesOut || std::ranges::includes(signals, seen))
-                << ::testing::PrintToString(seen) << "\n  instead of "
-                << ::testing::PrintToString(signals);
+        }
+        // Nothing is announced by halves, or more often than is due.
+        const std::multiset<std::string> seen = Signals();
+        for (const std::string &signal :
+             std::set<std::string>(seen.begin(), seen.end()))
+        {
+            EXPECT_TRUE(work.leavesOut ||
+                        seen.count(signal) <=
+                            signals.count(signal) * static_cast<size_t>(n))
+                << signal;
         }
         return n - 2;
     }
