@@ -27,7 +27,7 @@ bool gStarted = false; // `main` alone
 
 // The steps may run on three threads: this file's, the watch, `main`.
 pthread_mutex_t gStepsMutex = PTHREAD_MUTEX_INITIALIZER;
-bool gIsClosing = false; // guarded by gStepsMutex
+bool gStepsDone = false; // or not to be done; guarded by gStepsMutex
 
 void HandleSignal(int signalNumber)
 {
@@ -118,10 +118,11 @@ void StopService()
 void EndThreads()
 {
     const MutexLock lock(gStepsMutex);
-    if (gIsClosing)
+    if (gStepsDone)
     {
         return;
     }
+    gStepsDone = true;
     QueueStopRecords();
     SetCancelNCThread();
     CancelThread(gCorruptionThread);
@@ -139,7 +140,7 @@ void FinishStop()
         gStarted = false;
     }
     const MutexLock lock(gStepsMutex);
-    gIsClosing = true;
+    gStepsDone = true;
 }
 
 } // namespace qdb

@@ -27,8 +27,8 @@ void LetStopIn();
 // A stop from within, on the calling thread: all its steps.
 void StopService();
 
-// The steps behind the removal of the listener. Steps that have been taken
-// already do no harm; behind FinishStop does nothing.
+// The steps behind the removal of the listener, once. Behind FinishStop does
+// nothing.
 void EndThreads();
 
 // Ends the thread and waits for it, so that what the steps use can be freed.

@@ -1,5 +1,6 @@
 #include "core/threads.h"
 
+#include "core/guard.h"
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/progress.h"
@@ -9,7 +10,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <exception>
 
 namespace qdb
 {
@@ -26,14 +26,14 @@ constexpr ServiceThread kWorker = Named("a worker");
 
 } // namespace
 
-ServiceThread gSignalThread = Named("bus signals");
+ServiceThread gSignalThread = Named("the signal thread");
 ServiceThread gBusServiceThread = Named("the bus service");
 ServiceThread gWorkerThreads[kWorkerCount] = {
     kWorker, kWorker, kWorker, kWorker, kWorker,
     kWorker, kWorker, kWorker, kWorker, kWorker,
 };
-ServiceThread gNCThread = Named("reloads");
-ServiceThread gCorruptionThread = Named("a corrupt database");
+ServiceThread gNCThread = Named("the NC thread");
+ServiceThread gCorruptionThread = Named("the corruption thread");
 
 namespace
 {
@@ -58,25 +58,15 @@ void MarkEnded(ServiceThread &thread)
     pthread_cond_broadcast(&gThreadEnded);
 }
 
-// A cancel unwinds the stack as well, and has to pass: it is no std::exception.
-void *RunEntry(const ServiceThread &thread)
-{
-    try
-    {
-        return thread.entry(thread.argument);
-    }
-    catch (const std::exception &exception)
-    {
-        QDB_LOG(kLogError, "%s: the thread for %s has ended: %s\n", thread.name,
-                exception.what());
-        return nullptr;
-    }
-}
-
 void *RunThread(void *argument)
 {
     ServiceThread &thread = *static_cast<ServiceThread *>(argument);
-    void *result = RunEntry(thread);
+    void *result = nullptr;
+    Guard(thread.name,
+          [&]
+          {
+              result = thread.entry(thread.argument);
+          });
     const MutexLock lock(gMutex);
     MarkEnded(thread);
     return result;
@@ -139,7 +129,8 @@ int StartThread(ServiceThread &thread, ThreadEntry entry, void *argument,
     thread.running = status == 0;
     if (status != 0)
     {
-        QDB_LOG(kLogError, "%s: no thread for %s: %d\n", thread.name, status);
+        QDB_LOG(kLogError, "%s: %s can't be started: %d\n", thread.name,
+                status);
     }
     return status;
 }

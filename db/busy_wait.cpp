@@ -14,7 +14,7 @@ namespace
 
 // As SQLite's own waits grow: about a second in all.
 constexpr int kPausesMs[] = {1,  2,   5,   10,  15,  20,  25,  25,  25, 50,
-                                  50, 100, 100, 100, 100, 100, 100, 100, 100};
+                             50, 100, 100, 100, 100, 100, 100, 100, 100};
 
 // SQLite's own wait, and so allowed with the turn in hand. 0: give up.
 int PauseWhileBusy(void * /*argument*/, int count)

@@ -2,7 +2,6 @@
 // printed by Jansson.
 
 #include "objects/change_json.h"
-#include "tests/support/no_memory.h"
 
 #include <gtest/gtest.h>
 
@@ -164,16 +163,6 @@ TEST(RowText, LeavesTheUnusualToJansson)
         const std::string text = usual.substr(0, size);
         EXPECT_EQ(Whole(text, Road::Text), Whole(text, Road::Object));
     }
-}
-
-TEST(RowText, NeedsMemoryToBeAnnounced)
-{
-    RowReading reading = Read(kHead + "7" + kTail, Road::Text, nullptr);
-    ASSERT_NE(reading.Plain(), nullptr);
-    tNoMemory = true;
-    const JsonText announced = RenderWholeRow(kWithout, std::move(reading));
-    tNoMemory = false;
-    EXPECT_EQ(announced, nullptr);
 }
 
 } // namespace

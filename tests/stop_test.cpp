@@ -204,16 +204,16 @@ TEST(Stop, ComesAboutWhateverThreadIsMissing)
     std::vector<Case> cases = {
         {1, 1, "no thread to watch over a stop: 11"},
         {2, 2, "no thread for SIGTERM, which ends", {kKilled, 1, ""}},
-        {3, 3, "no thread for bus signals: 11"},
-        {4, 4, "no thread for the bus service: 11"},
-        {15, 15, "no thread for reloads: 11"},
-        {16, 16, "no thread for a corrupt database: 11"},
-        {5, 13, "no thread for a worker: 11"},
+        {3, 3, "the signal thread can't be started: 11"},
+        {4, 4, "the bus service can't be started: 11"},
+        {15, 15, "the NC thread can't be started: 11"},
+        {16, 16, "the corruption thread can't be started: 11"},
+        {5, 13, "a worker can't be started: 11"},
         {5, 14, "not a single worker", {.status = 1, .line = kInOrder}},
     };
     for (int worker = 5; worker <= 14; ++worker)
     {
-        cases.push_back({worker, worker, "no thread for a worker: 11"});
+        cases.push_back({worker, worker, "a worker can't be started: 11"});
     }
     std::vector<std::string> variables;
     std::vector<std::unique_ptr<ServiceProcess>> services;

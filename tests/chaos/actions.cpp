@@ -2,10 +2,12 @@
 // steps of one object.
 #include "tests/chaos/actions.h"
 
+#include "tests/chaos/fate.h"
 #include "tests/chaos/steps.h"
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 namespace qdb::chaos
 {
@@ -64,6 +66,7 @@ void Restart(Chaos &chaos)
         Step(chaos, *chaos.Pick(kAlive | kAttribute), step);
     }
     NoteAll(chaos, kAttribute, What::Cleared);
+    chaos.world.epochs.back().cleared = true;
     chaos.driver.Bus().TakeName();
     chaos.driver.Bus().GiveUpName();
     if (chaos.Below(2) == 0)
@@ -82,6 +85,7 @@ void Detach(Chaos &chaos)
 {
     NoteAll(chaos, 0, What::Cleared);
     NoteAll(chaos, kRestored, What::Restored);
+    chaos.world.epochs.back().cleared = true;
     chaos.driver.NoteDetach();
     chaos.driver.Do(R"({"op":"event","hex":"10000000)"
                     R"(0c0000000000000000000000"})");
@@ -192,6 +196,44 @@ std::string FaultCommand(const char *call, uint32_t times, uint32_t skip)
            std::to_string(skip) + "}";
 }
 
+// --- A platform that takes its time ------------------------------------------
+
+// Lines that stand between a commit and its signal.
+constexpr const char *kSlowLines[] = {"createObjJsonStr", "Json_Out_Str",
+                                      "buffer ={"};
+constexpr uint32_t kLongestDelay = 3000; // microseconds
+
+std::string DelayCommand(const std::string &call, const std::string &text,
+                         bool late, const std::string &length)
+{
+    return R"({"op":"delay","call":")" + call + R"(","text":")" + text +
+           R"(","late":)" + (late ? "true" : "false") + R"(,"microseconds":)" +
+           length;
+}
+
+void SlowDown(Chaos &chaos)
+{
+    for (uint32_t left = 1 + chaos.Below(3); left > 0; --left)
+    {
+        const bool isLine = chaos.Below(3) == 0;
+        chaos.driver.Do(
+            DelayCommand(
+                isLine ? "vexoprintf" : kCalls[chaos.Below(std::size(kCalls))],
+                isLine ? kSlowLines[chaos.Below(3)] : "", chaos.Below(2) == 0,
+                std::to_string(1 + chaos.Below(kLongestDelay))) +
+            R"(,"random":true})");
+    }
+    if (chaos.Below(6) == 0)
+    {
+        const char *call = kCalls[chaos.Below(std::size(kCalls))];
+        const bool late = chaos.Below(2) == 0;
+        chaos.driver.Do(DelayCommand(call, "", late, "\"hang\"") +
+                        R"(,"times":1,"skip":)" +
+                        std::to_string(chaos.Below(20)) + "}");
+        chaos.hang = DelayCommand(call, "", late, "0") + "}";
+    }
+}
+
 // --- What is left to passes --------------------------------------------------
 
 // Objects that have no row change.
@@ -247,13 +289,63 @@ Slot *Chaos::Pick(unsigned traits)
                : fitting[Below(static_cast<uint32_t>(fitting.size()))];
 }
 
+Chaos::Chaos(uint32_t seed, World &theWorld, Driver &theDriver)
+    : world(theWorld), driver(theDriver), engine(seed)
+{
+    checker.Doubt(); // what is there was never announced
+    checker.LetVanish(
+        [this](const test::RowName &name)
+        {
+            const auto slot =
+                std::ranges::find(world.slots, name.second, &Slot::Stored);
+            return slot == world.slots.end() ||
+                   slot->Has(kCounted | kMade | kReloaded);
+        });
+}
+
+// Where the database was kept for long, what was written may have gone
+// unannounced; a pass that was under way may end in the next epoch.
+void Chaos::FollowSignals()
+{
+    const Epoch &epoch = world.epochs.back();
+    const bool isDoubted =
+        epoch.cleared || epoch.heldMs >= kLongHoldMs || isDoubtful;
+    driver.Signals().Sync();
+    for (const test::Change &change : driver.Signals().Take())
+    {
+        const std::string fault = checker.Take(change);
+        signals += isDoubted ? 0u : 1u;
+        if (!fault.empty() && signalFault.empty() && !isDoubted)
+        {
+            signalFault = fault + world.PrintJournal(checker.Last().second);
+        }
+    }
+    if (isDoubted)
+    {
+        checker.Doubt();
+    }
+}
+
+std::string Chaos::JudgeSignals()
+{
+    FollowSignals();
+    return checker.Judge(test::RowsIn(audit::ReadSnapshot(driver.Database())));
+}
+
 bool Chaos::Settle()
 {
+    if (!hang.empty())
+    {
+        driver.Do(std::exchange(hang, ""));
+    }
     Epoch &epoch = world.epochs.back();
     epoch.heldMs = driver.Release();
     bool passRan = false;
     const bool settled = driver.Settle(&passRan);
     epoch.passRan = epoch.passRan || passRan;
+    FollowSignals();
+    isDoubtful =
+        epoch.passRan && (epoch.cleared || epoch.heldMs >= kLongHoldMs);
     world.epochs.emplace_back();
     return settled;
 }
@@ -261,11 +353,16 @@ bool Chaos::Settle()
 bool RunEpoch(Chaos &chaos)
 {
     const bool fails = chaos.Below(8) == 0;
+    const bool isSlow = chaos.Below(2) == 0;
     const uint32_t actions = 1 + chaos.Below(fails ? 6 : 30);
     const char *call = kCalls[chaos.Below(std::size(kCalls))];
     if (!fails && chaos.isCleared && chaos.Below(4) == 0)
     {
         Attach(chaos);
+    }
+    if (isSlow)
+    {
+        SlowDown(chaos);
     }
     if (fails)
     {
@@ -277,6 +374,10 @@ bool RunEpoch(Chaos &chaos)
         RunAny(chaos, fails);
     }
     const bool settled = chaos.Settle();
+    if (isSlow)
+    {
+        chaos.driver.Do(R"({"op":"release"})");
+    }
     if (fails)
     {
         chaos.driver.Do(FaultCommand(call, 0, 0));

@@ -6,6 +6,7 @@
 
 #include "tests/chaos/driver.h"
 #include "tests/chaos/world.h"
+#include "tests/support/signal_checker.h"
 
 #include <random>
 
@@ -14,10 +15,7 @@ namespace qdb::chaos
 
 struct Chaos
 {
-    Chaos(uint32_t seed, World &theWorld, Driver &theDriver)
-        : world(theWorld), driver(theDriver), engine(seed)
-    {
-    }
+    Chaos(uint32_t seed, World &theWorld, Driver &theDriver);
 
     // A number below `limit`.
     uint32_t Below(uint32_t limit);
@@ -28,10 +26,22 @@ struct Chaos
     // Ends the epoch. False when the service is stuck.
     bool Settle();
 
+    // Takes the signals that the service has sent so far.
+    void FollowSignals();
+
+    // What is wrong between the signals so far and the tables; "" when nothing
+    // is. The service is at rest.
+    std::string JudgeSignals();
+
     World &world;
     Driver &driver;
     std::mt19937 engine;
     bool isCleared = false; // and not attached since
+    std::string hang;       // the command that lets a hanging call go
+    test::SignalChecker checker;
+    std::string signalFault; // the first, with the journal of its object
+    bool isDoubtful = false; // what the last epoch left in the tables
+    size_t signals = 0;      // that were judged
 };
 
 } // namespace qdb::chaos

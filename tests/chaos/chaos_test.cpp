@@ -12,6 +12,7 @@
 #include "tests/chaos/actions.h"
 #include "tests/chaos/explain.h"
 #include "tests/support/private_bus.h"
+#include "tests/support/wait.h"
 
 #include <gtest/gtest.h>
 
@@ -94,9 +95,11 @@ void JudgeAmidst(Chaos &chaos)
         return;
     }
     const audit::Report report = Audit(chaos.driver, 1);
+    const std::string signals = chaos.JudgeSignals();
     if (!chaos.driver.HasPassRun())
     {
         Judge(report, chaos.world, false);
+        EXPECT_EQ(signals, "");
     }
 }
 
@@ -108,6 +111,7 @@ void RunRound(double seconds, Chaos &chaos)
     while (Clock::now() < end && !::testing::Test::HasFailure())
     {
         ASSERT_TRUE(RunEpoch(chaos)) << "the service is stuck";
+        EXPECT_EQ(chaos.signalFault, "");
         ASSERT_EQ(chaos.driver.Service().WaitExit(0), -1) << "it has ended";
         if (chaos.world.epochs.size() % kEpochsBetweenLooks == 0)
         {
@@ -123,6 +127,16 @@ void RunRound(double seconds, Chaos &chaos)
     std::printf("epoch %zu: %s\n", chaos.world.epochs.size() - 1,
                 audit::Summary(report).c_str());
     Judge(report, chaos.world, true);
+    // Passes go on, and what they do is told a moment later.
+    std::string signals;
+    EXPECT_TRUE(test::WaitUntil(
+        [&]
+        {
+            signals = chaos.JudgeSignals();
+            return signals.empty();
+        }))
+        << signals;
+    EXPECT_EQ(chaos.signalFault, "");
 }
 
 void KeepLog(Driver &driver)
@@ -156,6 +170,7 @@ TEST(ChaosRun, LeavesNoDifferenceWithoutACause)
     {
         std::printf("  %-24s %zu\n", rule.c_str(), count);
     }
+    std::printf("  %-24s %zu\n", "signals judged", chaos.signals);
     EXPECT_EQ(driver.Service().Stop(), 0);
     EXPECT_EQ(driver.Service().ReadyAttribute(), 0);
     if (HasFailure())

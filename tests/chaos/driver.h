@@ -54,6 +54,10 @@ class Driver
     {
         return bus_;
     }
+    test::ChangeListener &Signals()
+    {
+        return signals_;
+    }
     test::ServiceProcess &Service()
     {
         return service_;
@@ -76,6 +80,7 @@ class Driver
     void Fence();
 
     test::ServiceProcess service_;
+    test::ChangeListener signals_;
     std::unique_ptr<Client> client_;
     LogWatcher log_;
     ConfigBus bus_;

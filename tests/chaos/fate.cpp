@@ -269,6 +269,46 @@ void ReplayCrowd(const Group &group, Cause cause, Fate *pFate)
     }
 }
 
+// Whether the last that was told came behind all that happened.
+bool EndsTold(const Group &group)
+{
+    return !group.entries.empty() && group.entries.back().IsTold();
+}
+
+// What was told at once has an order all the same: the row ends as it would if
+// the last had been told alone. Nothing else was at work on the object.
+void Settle(const Group &group, Held before, Fate *pFate)
+{
+    constexpr What kUnordered[] = {What::Cleared, What::Restored,
+                                   What::ToldRaw};
+    if (!EndsTold(group) || group.epoch.heldMs != 0 || pFate->isRaw ||
+        std::ranges::any_of(kUnordered,
+                            [&](What what)
+                            {
+                                return group.Has(what);
+                            }))
+    {
+        return;
+    }
+    const What last = group.entries.back().what;
+    const bool isReplaced = group.Has(What::ToldDestroy);
+    if (last == What::ToldDestroy && !pFate->alive)
+    {
+        Take(group, Cause::Silent, pFate);
+    }
+    else if (last == What::ToldCreate && pFate->alive && isReplaced)
+    {
+        pFate->row = Held::Yes;
+        pFate->stale.clear();
+    }
+    else if ((last == What::ToldDirty ||
+              (last == What::ToldStatus && !group.slot.Has(kReloaded))) &&
+             pFate->alive && before == Held::Yes && !isReplaced)
+    {
+        pFate->stale.clear();
+    }
+}
+
 // What passes may do at any time.
 void ReplayPasses(const Group &group, Fate *pFate)
 {
@@ -306,7 +346,12 @@ void Replay(const Group &group, Fate *pFate)
     const bool isCrowd = told > 1 || (told == 1 && meetsPass);
     if (isCrowd || isBroken)
     {
+        const Held before = pFate->row;
         ReplayCrowd(group, isBroken ? Cause::Fault : Cause::Crowd, pFate);
+        if (!isBroken && !meetsPass)
+        {
+            Settle(group, before, pFate);
+        }
     }
     else
     {

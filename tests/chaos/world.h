@@ -50,6 +50,7 @@ struct Epoch
     bool passRan = false; // a pass was under way in it, or one of its reloads
     int heldMs = 0;       // another process kept the database so long
     std::string fault;    // the platform call that failed now and then
+    bool cleared = false; // everything, or all attributes, without a word
 };
 
 struct Slot

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <utility>
 
 namespace qdb::test
 {
@@ -82,15 +83,53 @@ void ChangeListener::Run()
         {
             uint64_t serial = 0;
             sd_bus_message_get_cookie(message.get(), &serial);
+            sender_ = sd_bus_message_get_sender(message.get());
             const std::lock_guard<std::mutex> lock(mutex_);
             changes_.push_back(
                 {sd_bus_message_get_member(message.get()), json, serial});
         }
+        AskForEnd(bus.get());
         if (processed == 0)
         {
             sd_bus_wait(bus.get(), 10000);
         }
     }
+}
+
+// The service's answer comes behind all signals that it has sent.
+void ChangeListener::AskForEnd(sd_bus *bus)
+{
+    if (syncsAsked_ == syncsWanted_)
+    {
+        return;
+    }
+    syncsAsked_ = syncsWanted_;
+    if (sender_.empty())
+    {
+        syncsDone_ = syncsAsked_;
+        return;
+    }
+    EXPECT_GE(sd_bus_call_method_async(bus, nullptr, sender_.c_str(), "/",
+                                       "org.freedesktop.DBus.Peer", "Ping",
+                                       OnEnd, this, ""),
+              0);
+}
+
+int ChangeListener::OnEnd(sd_bus_message *, void *listener, sd_bus_error *)
+{
+    auto *self = static_cast<ChangeListener *>(listener);
+    self->syncsDone_ = self->syncsAsked_;
+    return 0;
+}
+
+bool ChangeListener::Sync()
+{
+    const int wanted = ++syncsWanted_;
+    return WaitUntil(
+        [&]
+        {
+            return syncsDone_ >= wanted;
+        });
 }
 
 std::vector<Change> ChangeListener::Changes() const
@@ -108,6 +147,12 @@ std::vector<Change> ChangeListener::WaitFor(size_t count) const
             return changes_.size() >= count;
         });
     return Changes();
+}
+
+std::vector<Change> ChangeListener::Take()
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(changes_, {});
 }
 
 std::vector<Change> ChangeListener::TakeAll()

@@ -1,6 +1,8 @@
 // Another process's view of the service: its signals and its telemetry records.
 #pragma once
 
+#include <systemd/sd-bus.h>
+
 #include <atomic>
 #include <mutex>
 #include <string>
@@ -36,15 +38,29 @@ class ChangeListener
     // told by a last signal of its own. Signals must be enabled.
     std::vector<Change> TakeAll();
 
+    // Those that have come since the last call.
+    std::vector<Change> Take();
+
+    // Waits until all that the service has sent so far has come; false when it
+    // doesn't. A service that has never sent anything isn't waited for.
+    bool Sync();
+
     void Clear();
 
   private:
     void Run();
+    void AskForEnd(sd_bus *bus);
+    static int OnEnd(sd_bus_message *reply, void *listener,
+                     sd_bus_error *error);
 
     mutable std::mutex mutex_;
     std::vector<Change> changes_; // guarded by mutex_
     std::atomic<bool> ready_ = false;
     std::atomic<bool> stop_ = false;
+    std::atomic<int> syncsWanted_ = 0;
+    std::atomic<int> syncsDone_ = 0;
+    int syncsAsked_ = 0; // the thread's own, as is the next
+    std::string sender_; // of the last signal
     std::thread thread_;
 };
 

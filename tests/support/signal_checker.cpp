@@ -47,42 +47,94 @@ std::string FirstWrongChange(json_t *changed, const json_t *row)
     return "";
 }
 
-// What is wrong with a Changed behind the row `before`.
-std::string JudgeChange(json_t *change, json_t *before, json_t *row)
+// What is wrong with a Changed that stands behind the row `before`.
+std::string JudgeChange(json_t *told, json_t *before)
 {
-    json_t *changed = json_object_get(change, "PropertiesChanged");
-    json_t *previous = json_object_get(change, "PreviousPropertyValues");
+    json_t *row = json_object_get(told, "RowDetails");
+    json_t *changed = json_object_get(told, "PropertiesChanged");
+    json_t *previous = json_object_get(told, "PreviousPropertyValues");
     if (const std::string column = FirstWrongChange(changed, row);
         !column.empty())
     {
         return column + " isn't what the row has";
-    }
-    if (before == nullptr)
-    {
-        return "";
     }
     if (const std::string column = FirstDifference(before, row, changed);
         !column.empty())
     {
         return column + " changed without a word";
     }
-    if (const std::string column = FirstDifference(previous, before);
-        !column.empty())
-    {
-        return "the old " + column + " isn't what was announced";
-    }
-    return "";
+    const std::string column = FirstDifference(previous, before);
+    return column.empty() ? ""
+                          : "the old " + column + " isn't what was announced";
+}
+
+std::string Print(const RowName &name)
+{
+    return name.first + " " + std::to_string(name.second);
 }
 
 } // namespace
 
-void SignalChecker::Know(const std::set<RowName> &rows)
+void SignalChecker::Doubt()
 {
     rows_.clear();
-    for (const RowName &row : rows)
+    sure_.clear();
+    vague_.clear();
+    allSure_ = false;
+}
+
+void SignalChecker::LetVanish(const Meant &mayVanish)
+{
+    mayVanish_ = mayVanish;
+}
+
+std::string SignalChecker::JudgeKind(const std::string &kind,
+                                     const RowName &name) const
+{
+    const bool isKnown = rows_.contains(name);
+    if (kind == "Added")
     {
-        rows_[row] = nullptr;
+        const bool mayBeNew = !isKnown || (mayVanish_ && mayVanish_(name));
+        return mayBeNew ? "" : "is announced already";
     }
+    return isKnown ? "" : "isn't announced";
+}
+
+std::string SignalChecker::JudgeContent(const std::string &kind,
+                                        const RowName &name, json_t *told) const
+{
+    const auto known = rows_.find(name);
+    if (known == rows_.end() || kind == "Added" || vague_.contains(name))
+    {
+        return "";
+    }
+    if (kind == "Changed")
+    {
+        return JudgeChange(told, known->second.get());
+    }
+    const std::string column = FirstDifference(
+        known->second.get(), json_object_get(told, "RowDetails"));
+    return column.empty() ? "" : column + " isn't what was announced";
+}
+
+std::string SignalChecker::TakeRawData(const std::string &table,
+                                       const json_t *row)
+{
+    const json_t *key = json_object_get(row, "Key");
+    const auto known = std::ranges::find_if(
+        rows_,
+        [&](const auto &entry)
+        {
+            return entry.first.first == table &&
+                   json_equal(json_object_get(entry.second.get(), "Key"),
+                              key) == 1;
+        });
+    if (known != rows_.end())
+    {
+        vague_.insert(known->first);
+        return "";
+    }
+    return allSure_ ? "raw data of a row that isn't announced\n" : "";
 }
 
 std::string SignalChecker::Take(const Change &change)
@@ -93,30 +145,34 @@ std::string SignalChecker::Take(const Change &change)
         json_string_value(json_object_get(told.get(), "TableName"));
     json_t *row = json_object_get(told.get(), "RowDetails");
     const json_t *oid = json_object_get(row, "OID");
+    if (table != nullptr && oid == nullptr)
+    {
+        return TakeRawData(table, row);
+    }
     if (table == nullptr || !json_is_integer(oid))
     {
-        return kind + " of no row: " + change.json;
+        return kind + " of no row: " + change.json + "\n";
     }
     const RowName name = {table, json_integer_value(oid)};
-    const auto known = rows_.find(name);
+    last_ = name;
     std::string fault;
-    if ((known != rows_.end()) == (kind == "Added"))
+    if (IsSure(name))
     {
-        fault = kind == "Added" ? "is announced already" : "isn't announced";
+        fault = JudgeKind(kind, name);
+        fault = fault.empty() ? JudgeContent(kind, name, told.get()) : fault;
     }
-    else if (kind == "Changed")
+    if (!fault.empty())
     {
-        fault = JudgeChange(told.get(), known->second.get(), row);
+        const auto known = rows_.find(name);
+        const JsonText before(known == rows_.end()
+                                  ? nullptr
+                                  : json_dumps(known->second.get(), 0));
+        fault = kind + " of " + Print(name) + ": " + fault + "\n  before: " +
+                (before == nullptr ? "nothing" : before.get()) +
+                "\n  signal: " + change.json + "\n";
     }
-    else if (kind == "Removed" && known->second != nullptr)
-    {
-        fault = FirstDifference(known->second.get(), row);
-        fault += fault.empty() ? "" : " isn't what was announced";
-    }
-    const std::string before =
-        known == rows_.end() || known->second == nullptr
-            ? "nothing"
-            : JsonText(json_dumps(known->second.get(), 0)).get();
+    sure_.insert(name);
+    vague_.erase(name);
     if (kind == "Removed")
     {
         rows_.erase(name);
@@ -125,21 +181,27 @@ std::string SignalChecker::Take(const Change &change)
     {
         rows_[name].reset(json_incref(row));
     }
-    return fault.empty()
-               ? ""
-               : kind + " of " + table + " " + std::to_string(name.second) +
-                     ": " + fault + "\n  before: " + before +
-                     "\n  signal: " + change.json;
+    return fault;
 }
 
-std::set<RowName> SignalChecker::Announced() const
+std::string SignalChecker::Judge(const std::set<RowName> &rows) const
 {
-    std::set<RowName> names;
+    std::string text;
     for (const auto &[name, row] : rows_)
     {
-        names.insert(name);
+        if (!rows.contains(name) && !(mayVanish_ && mayVanish_(name)))
+        {
+            text += "a ghost: " + Print(name) + "\n";
+        }
     }
-    return names;
+    for (const RowName &name : rows)
+    {
+        if (IsSure(name) && !rows_.contains(name))
+        {
+            text += "not announced: " + Print(name) + "\n";
+        }
+    }
+    return text;
 }
 
 std::set<RowName> RowsIn(const audit::Snapshot &snapshot)
@@ -153,19 +215,6 @@ std::set<RowName> RowsIn(const audit::Snapshot &snapshot)
         }
     }
     return names;
-}
-
-std::string Missing(const std::set<RowName> &a, const std::set<RowName> &b)
-{
-    std::string text;
-    for (const RowName &name : a)
-    {
-        if (!b.contains(name))
-        {
-            text += name.first + " " + std::to_string(name.second) + "\n";
-        }
-    }
-    return text;
 }
 
 } // namespace qdb::test

@@ -8,7 +8,9 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
+#include <sstream>
 
 namespace qdb::test
 {
@@ -62,10 +64,23 @@ std::string TempRoot::Pipe() const
     return path_ + "/var/run/telemetryservice/qdbtdbipcpipe";
 }
 
+// Made once: its 120 tables take longer than most tests.
 void TempRoot::MakeDatabase() const
 {
-    std::string error;
-    ASSERT_TRUE(CreateDatabase(Database(), true, &error)) << error;
+    static std::string made;
+    if (made.empty())
+    {
+        std::string error;
+        ASSERT_TRUE(CreateDatabase(Database(), true, &error)) << error;
+        std::ostringstream bytes;
+        bytes << std::ifstream(Database(), std::ios::binary).rdbuf();
+        made = bytes.str();
+        return;
+    }
+    std::filesystem::remove(Database());
+    std::ofstream file(Database(), std::ios::binary);
+    file << made;
+    ASSERT_TRUE(file.flush());
 }
 
 void TempRoot::MakePipe() const
