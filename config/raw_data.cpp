@@ -19,8 +19,8 @@ namespace qdb
 namespace
 {
 
-// A directory and the name of a file in it.
-constexpr size_t kPathSize = sizeof(FilePath::text) + sizeof(dirent::d_name);
+// A longer path is cut, and then names nothing.
+constexpr size_t kPathSize = 512;
 
 struct CloseDirectory
 {
@@ -35,7 +35,10 @@ void ImportFile(const char *directory, const char *name)
 {
     QDB_LOG(kLogTrace, "%s:  filename = %s\n", name);
     char path[kPathSize] = {};
-    std::snprintf(path, sizeof(path), "%s%s", directory, name);
+    if (std::snprintf(path, sizeof(path), "%s%s", directory, name) < 0)
+    {
+        return;
+    }
     const int status = RefreshObj_4052_RawData(path, name, 1);
     QDB_LOG(kLogTrace, "%s:  event update status = %d for key %s\n", status,
             name);
