@@ -128,7 +128,6 @@ void RecordLinks(uint32_t oid, std::span<const uint32_t> parentOids)
     {
         found[i] = FetchRelated(parentOids[i]) != nullptr;
     }
-    const DbTurn turn;
     for (size_t i = 0; i < parentOids.size(); ++i)
     {
         RecordLink(oid, parentOids[i], found[i]);
@@ -224,7 +223,6 @@ uint32_t GetObjType(uint32_t oid)
     {
         return 0;
     }
-    const DbTurn turn;
     const LentStatement statement(
         gObjTypeStmts, "select ObjType from ActiveOIDMapping where OID = ?");
     if (statement.Status() != SQLITE_OK)
