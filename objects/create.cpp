@@ -2,7 +2,6 @@
 
 #include "core/guard.h"
 #include "core/lock.h"
-#include "core/object_order.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/execute.h"
@@ -12,6 +11,7 @@
 #include "objects/array_tables.h"
 #include "objects/binder.h"
 #include "objects/change_json.h"
+#include "objects/claimed.h"
 #include "objects/handlers.h"
 #include "objects/row_log.h"
 #include "objects/row_reader.h"
@@ -302,22 +302,6 @@ int RunSteps(const Create &create)
     return SQLITE_OK;
 }
 
-// An object that has changed since it was fetched is refused, untouched.
-int RunClaimed(const Create &create)
-{
-    ObjectClaim claim(create.Oid(), AgeOf(create.pDOH));
-    if (claim.RefusesObject())
-    {
-        return ZO_STATUS_INVALID_VALUE;
-    }
-    const int ret = RunSteps(create);
-    if (ret != ZO_STATUS_INVALID_VALUE)
-    {
-        claim.NoteKnown();
-    }
-    return ret;
-}
-
 } // namespace
 
 int CreateObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
@@ -339,7 +323,11 @@ int CreateObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
               {
                   const MutexLock lock(create.state.CreateObjMutex);
                   WaitForDelete(create);
-                  ret = RunClaimed(create);
+                  ret = RunClaimed(pDOH,
+                                   [&]
+                                   {
+                                       return RunSteps(create);
+                                   });
               });
     }
     const int status = ResultOf(ret);

@@ -2,7 +2,6 @@
 
 #include "core/guard.h"
 #include "core/lock.h"
-#include "core/object_order.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/execute.h"
@@ -12,6 +11,7 @@
 #include "objects/array_tables.h"
 #include "objects/binder.h"
 #include "objects/change_json.h"
+#include "objects/claimed.h"
 #include "objects/handlers.h"
 #include "objects/row_log.h"
 #include "objects/row_reader.h"
@@ -213,6 +213,7 @@ int WriteInTurn(Refresh &refresh, RowReading *pBefore, RowReading *pAfter)
     return status;
 }
 
+// The steps under RefreshObjMutex, with the object claimed.
 int RunSteps(Refresh &refresh)
 {
     RowReading before;
@@ -227,24 +228,6 @@ int RunSteps(Refresh &refresh)
     }
     Announce(refresh, std::move(before), std::move(after));
     return SQLITE_OK;
-}
-
-// The steps under RefreshObjMutex, with the object claimed. One that has
-// changed since it was fetched is refused, untouched. That there is no row is
-// noted, too: a create under way may have fetched an older object.
-int RunClaimed(Refresh &refresh)
-{
-    ObjectClaim claim(refresh.Oid(), AgeOf(refresh.pDOH));
-    if (claim.RefusesObject())
-    {
-        return ZO_STATUS_INVALID_VALUE;
-    }
-    const int status = RunSteps(refresh);
-    if (status != ZO_STATUS_INVALID_VALUE)
-    {
-        claim.NoteKnown();
-    }
-    return status;
 }
 
 } // namespace
@@ -268,7 +251,11 @@ int RefreshObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
               [&]
               {
                   const MutexLock lock(refresh.state.RefreshObjMutex);
-                  status = RunClaimed(refresh);
+                  status = RunClaimed(pDOH,
+                                      [&]
+                                      {
+                                          return RunSteps(refresh);
+                                      });
               });
     }
     QDB_LOG(kLogTrace, "%s: [%s] %s%s Exit for OID: %d,status:%d ret:%d",
