@@ -32,8 +32,8 @@ int InsertInTblEtag(const char *tableName);
 int InsertInParentChildMappingTable(uint32_t oid, uint32_t parentOid);
 
 // Records the links of an object to those of its parents that the Data Manager
-// still has. pDOH isn't NULL; its OID is `oid`. Asks the Data Manager first,
-// and so without a turn, then takes a turn.
+// still has. pDOH isn't NULL; its OID is `oid`. Asks the Data Manager, and so
+// must be called without the turn at the database.
 void RefreshParentChildMapping(const DataObjHeader *pDOH, uint32_t oid);
 
 // The object type of a mapped OID; 0 when it isn't mapped or nothing could be
