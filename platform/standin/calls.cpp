@@ -45,9 +45,9 @@ void Arm(size_t index, Armed what, bool isOn)
     }
 }
 
-bool IsArmed(Call call, Armed what)
+bool IsArmed(Call call, unsigned anyOf)
 {
-    return (gCalls[call.index].armed.load(std::memory_order_acquire) & what) !=
+    return (gCalls[call.index].armed.load(std::memory_order_acquire) & anyOf) !=
            0;
 }
 
@@ -103,7 +103,7 @@ Entry::~Entry()
     {
         AddCallCost(begin_);
     }
-    if ((armed_ & kDelayed) != 0)
+    if ((armed_ & kDelayedLate) != 0)
     {
         SleepInCall({.index = index_, .oid = oid_, .isLate = true});
     }

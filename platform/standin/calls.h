@@ -72,12 +72,13 @@ std::string NoSuchCall(const std::string &name);
 // What can be armed for a function, as bits.
 enum Armed : unsigned
 {
-    kFaulty = 1 << 0,   // faults.h
-    kDelayed = 1 << 1,  // delays.h
-    kMeasured = 1 << 2, // cost.h
+    kFaulty = 1 << 0,      // faults.h
+    kDelayed = 1 << 1,     // delays.h, before the answer is taken
+    kDelayedLate = 1 << 2, // delays.h, after that
+    kMeasured = 1 << 3,    // cost.h
 };
 void Arm(size_t index, Armed what, bool isOn);
-bool IsArmed(Call call, Armed what);
+bool IsArmed(Call call, unsigned anyOf);
 
 // Counts a call.
 void Count(Call call);

@@ -14,6 +14,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -65,23 +66,47 @@ class Uncancelled
     int before_ = 0;
 };
 
-// To the next tick of the timer: a slack of 50 us would be a quarter of a short
-// delay.
-void SleepFor(uint64_t microseconds)
+int64_t Now()
 {
-    timespec until = {};
-    clock_gettime(CLOCK_MONOTONIC, &until);
-    const auto nanoseconds =
-        static_cast<uint64_t>(until.tv_nsec) + microseconds * 1000;
-    until.tv_sec += static_cast<time_t>(nanoseconds / 1000000000);
-    until.tv_nsec = static_cast<long>(nanoseconds % 1000000000);
-    const int slack = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
-    prctl(PR_SET_TIMERSLACK, 1UL, 0, 0, 0);
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
+// To the next tick of the timer: the usual slack would be a quarter of a short
+// delay.
+void SleepUntil(int64_t nanoseconds)
+{
+    static thread_local const int set = prctl(PR_SET_TIMERSLACK, 1UL, 0, 0, 0);
+    static_cast<void>(set);
+    const timespec until = {static_cast<time_t>(nanoseconds / 1000000000),
+                            static_cast<long>(nanoseconds % 1000000000)};
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) ==
            EINTR)
     {
     }
-    prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(slack), 0, 0, 0);
+}
+
+// How much later a thread wakes up than it should, in nanoseconds: the least of
+// several times, since what else the machine does only adds to it.
+int64_t MeasureWaking()
+{
+    int64_t least = std::numeric_limits<int64_t>::max();
+    for (int i = 0; i < 20; ++i)
+    {
+        const int64_t due = Now() + 100000;
+        SleepUntil(due);
+        least = std::min(least, Now() - due);
+    }
+    return least;
+}
+
+// A call of so many microseconds takes no longer than that for the waking.
+void SleepFor(uint64_t microseconds)
+{
+    static const int64_t waking = MeasureWaking();
+    const auto nanoseconds = static_cast<int64_t>(microseconds) * 1000;
+    SleepUntil(Now() + nanoseconds - std::min(waking, nanoseconds / 2));
 }
 
 // Uniformly from 0 to `most`.
@@ -104,31 +129,37 @@ bool IsFor(const Delay &delay, const Moment &moment)
             std::strstr(moment.line, delay.text.c_str()) != nullptr);
 }
 
-// One more call meets the delay; true when it sleeps.
-bool Take(Delay &delay)
+// The caller holds the lock.
+void ArmDelays(size_t index)
+{
+    const auto isDue = [&](bool isLate)
+    {
+        return std::ranges::any_of(TheDelays().rules[index],
+                                   [&](const auto &rule)
+                                   {
+                                       return rule->delay.late == isLate &&
+                                              rule->delay.times != 0;
+                                   });
+    };
+    Arm(index, kDelayed, isDue(false));
+    Arm(index, kDelayedLate, isDue(true));
+}
+
+// One more call meets the delay; true when it sleeps. The caller holds the
+// lock.
+bool Take(size_t index, Delay &delay)
 {
     if (delay.skip > 0)
     {
         --delay.skip;
         return false;
     }
-    if (delay.times > 0)
+    if (delay.times > 0 && --delay.times == 0)
     {
-        --delay.times;
+        ArmDelays(index);
         return true;
     }
-    return delay.times < 0;
-}
-
-// The caller holds the lock.
-void ArmDelays(size_t index)
-{
-    Arm(index, kDelayed,
-        std::ranges::any_of(TheDelays().rules[index],
-                            [](const auto &rule)
-                            {
-                                return rule->delay.times != 0;
-                            }));
+    return delay.times != 0;
 }
 
 // Lets go what hangs in the rules that `isMeant` picks, and forgets them. The
@@ -185,7 +216,7 @@ void SleepInCall(const Moment &moment)
     std::unique_lock lock(delays.lock);
     for (const std::shared_ptr<Rule> &rule : delays.rules[moment.index])
     {
-        if (!IsFor(rule->delay, moment) || !Take(rule->delay))
+        if (!IsFor(rule->delay, moment) || !Take(moment.index, rule->delay))
         {
             continue;
         }
@@ -197,15 +228,14 @@ void SleepInCall(const Moment &moment)
         microseconds += rule->delay.random ? Draw(rule->delay.microseconds)
                                            : rule->delay.microseconds;
     }
-    ArmDelays(moment.index);
+    lock.unlock();
     if (microseconds > 0)
     {
-        lock.unlock();
         SleepFor(microseconds);
-        lock.lock();
     }
     if (hang != nullptr)
     {
+        lock.lock();
         ++delays.hanging[moment.index];
         delays.removed.wait(lock,
                             [&]

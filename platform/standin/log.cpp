@@ -168,7 +168,7 @@ extern "C" void vexoprintf(int level, int category, const char *format, ...)
     static_cast<void>(category);
     va_list arguments;
     va_start(arguments, format);
-    if (IsArmed(Call("vexoprintf"), kDelayed))
+    if (IsArmed(Call("vexoprintf"), kDelayed | kDelayedLate))
     {
         va_list again;
         va_copy(again, arguments);
