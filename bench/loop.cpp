@@ -5,9 +5,9 @@
 #include "db/connection.h"
 #include "db/mapping.h"
 #include "objects/array_tables.h"
-#include "platform/standin/commands.h"
-#include "platform/standin/standin.h"
 #include "publish/bus_connection.h"
+#include "standin/commands.h"
+#include "standin/standin.h"
 #include "tools/dmctl/client.h"
 
 #include <algorithm>

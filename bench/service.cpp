@@ -1,7 +1,7 @@
 #include "bench/service.h"
 
 #include "core/ready.h"
-#include "platform/standin/standin.h"
+#include "standin/standin.h"
 
 #include <dlfcn.h>
 #include <unistd.h>

@@ -1,9 +1,9 @@
 #include "bench/workload.h"
 
 #include "objects/catalogue.h"
-#include "platform/standin/events.h"
-#include "platform/standin/generator.h"
-#include "platform/standin/layout.h"
+#include "standin/events.h"
+#include "standin/generator.h"
+#include "standin/layout.h"
 
 #include <algorithm>
 #include <iterator>

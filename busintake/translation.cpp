@@ -3,9 +3,9 @@
 #include "config/config_objects.h"
 #include "core/log.h"
 #include "core/state.h"
-#include "events/queues/event_queue.h"
-#include "events/queues/event_record.h"
 #include "platform/zo_base.h"
+#include "queues/event_queue.h"
+#include "queues/event_record.h"
 
 #include <cerrno>
 #include <cstddef>

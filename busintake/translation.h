@@ -3,7 +3,7 @@
 //
 // A record is one block, header and texts, so that one free ends it and the
 // queue needs no knowledge of what is inside; its layout is that of
-// events/queues/event_record.h. The texts given are copied. Each function
+// queues/event_record.h. The texts given are copied. Each function
 // returns 0, or a negative errno; what could not be queued is lost. Called on
 // the signal thread.
 #pragma once

@@ -4,7 +4,7 @@
 #include "core/status.h"
 #include "db/connection.h"
 #include "db/execute.h"
-#include "db/mapping.h"
+#include "db/statement.h"
 #include "db/turn.h"
 
 namespace qdb
@@ -17,18 +17,22 @@ struct PresenceCheck
     const char *function;
     const char *tableName;
     const char *sql;
-    StatementSlot &slot; // under the mutex
     pthread_mutex_t mutex;
+    StatementSlot slot; // under the mutex
 };
 
 PresenceCheck gIntCheck = {
-    "CheckCfgNCIntObjPresenceInDB", "TblIntAttribute",
-    "SELECT EXISTS(SELECT 1 FROM TblIntAttribute WHERE Key=?)", gCfgIntNCStmt,
-    PTHREAD_MUTEX_INITIALIZER};
+    "CheckCfgNCIntObjPresenceInDB",
+    "TblIntAttribute",
+    "SELECT EXISTS(SELECT 1 FROM TblIntAttribute WHERE Key=?)",
+    PTHREAD_MUTEX_INITIALIZER,
+    {}};
 PresenceCheck gStrCheck = {
-    "CheckCfgNCStrObjPresenceInDB", "TblStrAttribute",
-    "SELECT EXISTS(SELECT 1 FROM TblStrAttribute WHERE Key=?)", gCfgStrNCStmt,
-    PTHREAD_MUTEX_INITIALIZER};
+    "CheckCfgNCStrObjPresenceInDB",
+    "TblStrAttribute",
+    "SELECT EXISTS(SELECT 1 FROM TblStrAttribute WHERE Key=?)",
+    PTHREAD_MUTEX_INITIALIZER,
+    {}};
 
 int StepCheck(sqlite3_stmt *statement, int *pCount)
 {
@@ -88,6 +92,12 @@ int CheckCfgNCIntObjPresenceInDB(const char *key, int *pCount)
 int CheckCfgNCStrObjPresenceInDB(const char *key, int *pCount)
 {
     return RunCheck(gStrCheck, key, pCount);
+}
+
+void FinalizePresenceChecks()
+{
+    gIntCheck.slot.Finalize();
+    gStrCheck.slot.Finalize();
 }
 
 } // namespace qdb

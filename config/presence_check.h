@@ -10,4 +10,7 @@ namespace qdb
 int CheckCfgNCIntObjPresenceInDB(const char *key, int *pCount);
 int CheckCfgNCStrObjPresenceInDB(const char *key, int *pCount);
 
+// Finalises the statements of both. No thread may use them any more.
+void FinalizePresenceChecks();
+
 } // namespace qdb

@@ -7,7 +7,7 @@
 #include "core/state.h"
 #include "core/threads.h"
 #include "db/execute.h"
-#include "events/queues/event_record.h"
+#include "queues/event_record.h"
 
 #include <dirent.h>
 

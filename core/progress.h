@@ -2,7 +2,7 @@
 //
 // Whoever comes back from a call that others answer, or has done a piece of
 // work, notes it. What makes no note for two seconds once a stop has been
-// requested counts as hanging (core/watch.h).
+// requested counts as hanging (service/watch.h).
 #pragma once
 
 #include <atomic>

@@ -1,24 +1,17 @@
 #include "db/mapping.h"
 
 #include "core/log.h"
-#include "core/platform_ptr.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/connection.h"
 #include "db/execute.h"
 #include "db/turn.h"
 
-#include <algorithm>
-#include <bitset>
-#include <span>
-
 namespace qdb
 {
 
 StatementSlot gParentChildInsertStmt;
 StatementSlot gEtagUpdateStmt;
-StatementSlot gCfgIntNCStmt;
-StatementSlot gCfgStrNCStmt;
 extern StatementSlot gActiveOIDInsertStmt;
 
 namespace
@@ -101,39 +94,6 @@ uint32_t ReadObjType(sqlite3_stmt *statement, uint32_t oid)
     return objType;
 }
 
-void RecordLink(uint32_t oid, uint32_t parentOid, bool parentFound)
-{
-    if (!parentFound)
-    {
-        QDB_LOG(kLogTrace,
-                "%s: ZOILGetObjByOID returned NULL!!! for OID = 0x%x\n",
-                parentOid);
-        return;
-    }
-    QDB_LOG(kLogTrace,
-            "%s: ZOILGetObjByOID success for OID = 0x%x and POID = 0x%x \n",
-            oid, parentOid);
-    InsertInParentChildMappingTable(oid, parentOid);
-}
-
-// Links are fetched and recorded in blocks, so that a create whose row is
-// written needs no memory for them.
-constexpr size_t kLinkBlock = 64;
-
-// At most kLinkBlock parents.
-void RecordLinks(uint32_t oid, std::span<const uint32_t> parentOids)
-{
-    std::bitset<kLinkBlock> found;
-    for (size_t i = 0; i < parentOids.size(); ++i)
-    {
-        found[i] = FetchRelated(parentOids[i]) != nullptr;
-    }
-    for (size_t i = 0; i < parentOids.size(); ++i)
-    {
-        RecordLink(oid, parentOids[i], found[i]);
-    }
-}
-
 } // namespace
 
 int InsertInTblEtag(const char *tableName)
@@ -201,22 +161,6 @@ int InsertInParentChildMappingTable(uint32_t oid, uint32_t parentOid)
     return status;
 }
 
-void RefreshParentChildMapping(const DataObjHeader *pDOH, uint32_t oid)
-{
-    const OidList parents = ListParents(pDOH->objID);
-    if (parents.IsNull())
-    {
-        return;
-    }
-    std::span<const uint32_t> left = parents.Oids();
-    while (!left.empty())
-    {
-        const auto block = left.first(std::min(kLinkBlock, left.size()));
-        left = left.subspan(block.size());
-        RecordLinks(oid, block);
-    }
-}
-
 uint32_t GetObjType(uint32_t oid)
 {
     if (!HasDatabase())
@@ -239,8 +183,6 @@ void FinalizeMappingStatements()
     gObjTypeStmts.Finalize();
     gParentChildInsertStmt.Finalize();
     gEtagUpdateStmt.Finalize();
-    gCfgIntNCStmt.Finalize();
-    gCfgStrNCStmt.Finalize();
     gActiveOIDInsertStmt.Finalize();
 }
 

@@ -8,9 +8,6 @@
 // wherever it is bound.
 #pragma once
 
-#include "db/statement.h"
-#include "platform/zoil.h"
-
 #include <cstdint>
 
 namespace qdb
@@ -31,11 +28,6 @@ int InsertInTblEtag(const char *tableName);
 // Records one parent link. Returns 0, the status of prepare or bind, or -1.
 int InsertInParentChildMappingTable(uint32_t oid, uint32_t parentOid);
 
-// Records the links of an object to those of its parents that the Data Manager
-// still has. pDOH isn't NULL; its OID is `oid`. Asks the Data Manager, and so
-// must be called without the turn at the database.
-void RefreshParentChildMapping(const DataObjHeader *pDOH, uint32_t oid);
-
 // The object type of a mapped OID; 0 when it isn't mapped or nothing could be
 // read.
 uint32_t GetObjType(uint32_t oid);
@@ -47,13 +39,7 @@ bool QdbObjTypeIsConstraintSkippable(uint32_t objType);
 // Sorts the lists of object types; before any thread looks into them.
 void QdbSortObjTypeLists();
 
-// The statements of the presence checks (config/presence_check.h), each under
-// its check's mutex. They stand here to be finalised in one order with those of
-// this file.
-extern StatementSlot gCfgIntNCStmt;
-extern StatementSlot gCfgStrNCStmt;
-
-// Finalises these five statements. No thread may use them any more.
+// Finalises the statements of these functions. No thread may use them any more.
 void FinalizeMappingStatements();
 
 // An OID as SQLite holds it: OIDs above 0x7FFFFFFF are negative.

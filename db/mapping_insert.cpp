@@ -10,8 +10,8 @@
 #include "db/execute.h"
 #include "db/mapping.h"
 #include "db/turn.h"
-#include "events/queues/fail_queue.h"
-#include "events/queues/sorted_types.h"
+#include "queues/fail_queue.h"
+#include "queues/sorted_types.h"
 
 #include <algorithm>
 

@@ -6,22 +6,12 @@
 // statement belongs to the function that prepared it.
 #pragma once
 
-#include <pthread.h>
-#include <sqlite3.h>
+#include "db/statement_ptr.h"
 
-#include <memory>
+#include <pthread.h>
 
 namespace qdb
 {
-
-struct FinalizeStatement
-{
-    void operator()(sqlite3_stmt *statement) const
-    {
-        sqlite3_finalize(statement);
-    }
-};
-using StatementPtr = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
 // A long-lived statement. Constant-initialised and never destroyed: it must
 // outlive every thread.

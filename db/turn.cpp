@@ -3,7 +3,7 @@
 #include "core/lock.h"
 #include "core/state.h"
 #include "db/statement.h"
-#include "events/queues/event_queue.h"
+#include "queues/event_queue.h"
 
 namespace qdb
 {

@@ -9,9 +9,9 @@
 #include "db/clearing.h"
 #include "db/execute.h"
 #include "db/mapping.h"
-#include "events/queues/event_queue.h"
-#include "events/queues/event_record.h"
 #include "objects/handlers.h"
+#include "queues/event_queue.h"
+#include "queues/event_record.h"
 
 #include <cstdlib>
 #include <cstring>

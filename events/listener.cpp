@@ -8,8 +8,8 @@
 #include "core/status.h"
 #include "events/detach.h"
 #include "events/dispatch.h"
-#include "events/queues/event_queue.h"
-#include "events/queues/event_record.h"
+#include "queues/event_queue.h"
+#include "queues/event_record.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -3,9 +3,9 @@
 #include "core/log.h"
 #include "core/status.h"
 #include "db/execute.h"
-#include "events/queues/event_record.h"
 #include "objects/cached_object.h"
 #include "objects/catalogue.h"
+#include "queues/event_record.h"
 #include "reconcile/key_reload.h"
 #include "reconcile/reloads.h"
 

@@ -7,10 +7,10 @@
 #include "core/status.h"
 #include "events/bus_dispatch.h"
 #include "events/dispatch.h"
-#include "events/queues/admission.h"
-#include "events/queues/event_queue.h"
-#include "events/queues/event_record.h"
 #include "events/status_change.h"
+#include "queues/admission.h"
+#include "queues/event_queue.h"
+#include "queues/event_record.h"
 
 namespace qdb
 {

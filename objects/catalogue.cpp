@@ -1,10 +1,10 @@
 #include "objects/catalogue.h"
 
-#include "events/queues/fail_queue.h"
 #include "objects/array_tables.h"
 #include "objects/handlers.h"
 #include "objects/predicates.h"
 #include "objects/schema/rows.h"
+#include "queues/fail_queue.h"
 
 #include <algorithm>
 #include <string_view>

@@ -13,7 +13,7 @@
 #pragma once
 
 #include "db/statement.h"
-#include "objects/table.h"
+#include "objects/schema/table.h"
 #include "platform/zoil.h"
 
 #include <pthread.h>

@@ -7,16 +7,17 @@
 #include "db/execute.h"
 #include "db/mapping.h"
 #include "db/turn.h"
-#include "events/queues/fail_queue.h"
 #include "objects/array_tables.h"
 #include "objects/binder.h"
 #include "objects/change_json.h"
 #include "objects/claimed.h"
 #include "objects/handlers.h"
+#include "objects/parent_links.h"
 #include "objects/row_log.h"
 #include "objects/row_reader.h"
 #include "objects/sql_text.h"
 #include "publish/change_signal.h"
+#include "queues/fail_queue.h"
 
 namespace qdb
 {

@@ -1,7 +1,7 @@
 #include "objects/joiners.h"
 
 #include "core/log.h"
-#include "objects/table.h"
+#include "objects/schema/table.h"
 
 #include <new>
 #include <vector>

@@ -5,8 +5,8 @@
 // kMaxTextOffset; for the address lists it counts from kBodyBase.
 #pragma once
 
-#include "objects/column.h"
 #include "objects/object_view.h"
+#include "objects/schema/column.h"
 
 #include <optional>
 #include <string>

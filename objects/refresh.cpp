@@ -7,7 +7,6 @@
 #include "db/execute.h"
 #include "db/mapping.h"
 #include "db/turn.h"
-#include "events/queues/fail_queue.h"
 #include "objects/array_tables.h"
 #include "objects/binder.h"
 #include "objects/change_json.h"
@@ -17,6 +16,7 @@
 #include "objects/row_reader.h"
 #include "objects/sql_text.h"
 #include "publish/change_signal.h"
+#include "queues/fail_queue.h"
 
 namespace qdb
 {

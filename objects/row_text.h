@@ -18,7 +18,7 @@
 // left to Jansson.
 #pragma once
 
-#include "objects/table.h"
+#include "objects/schema/table.h"
 
 #include <array>
 #include <bitset>

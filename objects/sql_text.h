@@ -5,7 +5,7 @@
 // and then the OID.
 #pragma once
 
-#include "objects/table.h"
+#include "objects/schema/table.h"
 
 #include <string_view>
 

@@ -3,8 +3,8 @@
 #include "core/log.h"
 #include "core/platform_ptr.h"
 #include "core/state.h"
-#include "events/queues/fail_queue.h"
 #include "objects/catalogue.h"
+#include "queues/fail_queue.h"
 #include "reconcile/parent.h"
 
 #include <memory>

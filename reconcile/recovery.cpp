@@ -5,7 +5,7 @@
 #include "core/log.h"
 #include "core/state.h"
 #include "core/threads.h"
-#include "events/queues/event_queue.h"
+#include "queues/event_queue.h"
 
 #include <cerrno>
 

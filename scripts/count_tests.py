@@ -1,11 +1,10 @@
 """Counts test cases from Meson's JUnit reports.
 
-Usage: count_tests.py FAILED_BUILDS UNFORMATTED FOLDER...
+Usage: count_tests.py FAILED_BUILDS UNSTYLED FOLDER...
 
 A variant that did not build, an executable that left no report of its cases or
-was ended before it could, and code that isn't formatted count as one failure
-each. The last line printed
-is "N passed, N failed", with ", N skipped" where tests were skipped; the exit
+was ended before it could, and each check of the code's style that failed count
+as one failure each. The last line printed is "N passed, N failed", with ", N skipped" where tests were skipped; the exit
 status is 1 when anything failed or nothing ran.
 """
 import json

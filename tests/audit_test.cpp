@@ -3,8 +3,8 @@
 
 #include "events/dispatch.h"
 #include "objects/catalogue.h"
-#include "platform/standin/commands.h"
 #include "reconcile/population.h"
+#include "standin/commands.h"
 #include "tests/support/db_fixture.h"
 #include "tests/support/event_records.h"
 #include "tests/support/row_values.h"

@@ -2,8 +2,8 @@
 //
 // Machines are folders with files as the kernel would show them; the stand-in
 // is the real one, reached over its control socket.
-#include "platform/standin/standin.h"
 #include "platform/zoil.h"
+#include "standin/standin.h"
 #include "tests/support/standin_socket.h"
 #include "tests/support/temp_root.h"
 #include "tests/support/wait.h"

@@ -4,8 +4,8 @@
 #include "core/json.h"
 #include "events/bus_dispatch.h"
 #include "events/dispatch.h"
-#include "platform/standin/state.h"
 #include "reconcile/population.h"
+#include "standin/state.h"
 #include "tests/support/db_fixture.h"
 #include "tests/support/event_records.h"
 

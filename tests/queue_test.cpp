@@ -1,9 +1,9 @@
 // The two queues: events on their way to the workers, and operations that the
 // database refused.
 #include "core/state.h"
-#include "events/queues/event_queue.h"
-#include "events/queues/event_record.h"
-#include "events/queues/fail_queue.h"
+#include "queues/event_queue.h"
+#include "queues/event_record.h"
+#include "queues/fail_queue.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mirror.h"
 #include "tests/support/no_memory.h"

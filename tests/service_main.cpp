@@ -1,8 +1,8 @@
 // The service with a runtime root from the environment, so that many of them
 // run side by side.
 
-#include "core/lifecycle.h"
 #include "core/paths.h"
+#include "service/lifecycle.h"
 
 #include <cstdlib>
 

@@ -5,8 +5,8 @@
 
 #include "config/config_load.h"
 #include "core/state.h"
-#include "events/queues/event_queue.h"
-#include "platform/standin/commands.h"
+#include "queues/event_queue.h"
+#include "standin/commands.h"
 #include "tests/support/db_fixture.h"
 #include "tests/support/event_records.h"
 #include "tests/support/wait.h"

@@ -2,11 +2,11 @@
 // control socket of a process of its own. What else it does all tests of the
 // service stand on.
 #include "platform/cfgclient.h"
-#include "platform/standin/object_builder.h"
-#include "platform/standin/standin.h"
 #include "platform/vexolog.h"
 #include "platform/zo_base.h"
 #include "platform/zoil.h"
+#include "standin/object_builder.h"
+#include "standin/standin.h"
 #include "tests/support/temp_root.h"
 #include "tests/support/wait.h"
 

@@ -5,7 +5,7 @@
 #include "db/connection.h"
 #include "db/execute.h"
 #include "db/turn.h"
-#include "events/queues/event_queue.h"
+#include "queues/event_queue.h"
 #include "tests/support/db_fixture.h"
 #include "tests/support/wait.h"
 

@@ -3,10 +3,10 @@
 
 #include "core/sleep.h"
 #include "core/state.h"
-#include "core/stop.h"
 #include "core/threads.h"
-#include "events/queues/event_queue.h"
 #include "events/workers.h"
+#include "queues/event_queue.h"
+#include "service/stop.h"
 #include "tests/support/db_fixture.h"
 #include "tests/support/event_records.h"
 #include "tests/support/wait.h"

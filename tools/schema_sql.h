@@ -13,7 +13,7 @@
 // start, so a new file is made.
 #pragma once
 
-#include "objects/table.h"
+#include "objects/schema/table.h"
 
 #include <string>
 #include <string_view>

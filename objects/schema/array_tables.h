@@ -4,7 +4,7 @@
 // clang-format off
 #pragma once
 
-#include "objects/table.h"
+#include "objects/schema/table.h"
 
 namespace qdb
 {

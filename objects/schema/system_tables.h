@@ -6,7 +6,7 @@
 #pragma once
 
 #include "objects/schema/array_tables.h"
-#include "objects/table.h"
+#include "objects/schema/table.h"
 
 namespace qdb
 {

@@ -2,8 +2,8 @@
 // their dispatch.
 #pragma once
 
-#include "platform/standin/standin.h"
 #include "platform/zoil.h"
+#include "standin/standin.h"
 
 #include <algorithm>
 #include <cstring>

@@ -2,12 +2,13 @@
 // outside, and a mirror whose signals are read.
 #pragma once
 
+#include "config/presence_check.h"
 #include "core/state.h"
 #include "db/clearing.h"
 #include "db/mapping.h"
-#include "events/queues/fail_queue.h"
 #include "objects/catalogue.h"
 #include "publish/change_signal.h"
+#include "queues/fail_queue.h"
 #include "tests/support/change_listener.h"
 #include "tests/support/db_fixture.h"
 #include "tests/support/wait.h"
@@ -49,6 +50,7 @@ inline void ForgetStatements()
 {
     FinalizeHandlerStatements();
     FinalizeMappingStatements();
+    FinalizePresenceChecks();
     FinalizeClearingStatements();
 }
 

@@ -1,7 +1,7 @@
 #include "tests/support/log_capture.h"
 
 #include "core/sleep.h"
-#include "platform/standin/standin.h"
+#include "standin/standin.h"
 #include "tests/support/wait.h"
 
 #include <gtest/gtest.h>

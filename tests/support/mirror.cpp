@@ -1,5 +1,6 @@
 #include "tests/support/mirror.h"
 
+#include "config/presence_check.h"
 #include "core/json.h"
 #include "core/paths.h"
 #include "core/state.h"
@@ -7,13 +8,13 @@
 #include "db/connection.h"
 #include "db/mapping.h"
 #include "events/listener.h"
-#include "events/queues/event_queue.h"
-#include "events/queues/fail_queue.h"
 #include "objects/catalogue.h"
-#include "platform/standin/object_builder.h"
 #include "publish/bus_connection.h"
 #include "publish/bus_service.h"
 #include "publish/telemetry.h"
+#include "queues/event_queue.h"
+#include "queues/fail_queue.h"
+#include "standin/object_builder.h"
 #include "tests/support/wait.h"
 
 #include <gtest/gtest.h>
@@ -121,6 +122,7 @@ Mirror::~Mirror()
     FinalizeHandlerStatements();
     FinalizeClearingStatements();
     FinalizeMappingStatements();
+    FinalizePresenceChecks();
     EXPECT_EQ(CloseDatabase(), 0) << "a statement was not finalised";
     QDVdbHandle = nullptr;
     FreeEventQueue(gQdbEventQueue.exchange(nullptr));

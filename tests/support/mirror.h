@@ -8,8 +8,8 @@
 
 #include "core/threads.h"
 #include "events/workers.h"
-#include "platform/standin/standin.h"
 #include "platform/zoil.h"
+#include "standin/standin.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/temp_root.h"
 

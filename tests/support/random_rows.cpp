@@ -1,6 +1,6 @@
 #include "tests/support/random_rows.h"
 
-#include "platform/standin/layout.h"
+#include "standin/layout.h"
 #include "tests/support/row_values.h"
 
 #include <cmath>

@@ -1,6 +1,6 @@
 #include "tests/support/row_values.h"
 
-#include "platform/standin/layout.h"
+#include "standin/layout.h"
 #include "tests/support/temp_root.h"
 #include "tools/audit/expected.h"
 

@@ -5,7 +5,7 @@
 // loaded; each begins with an empty stand-in.
 #pragma once
 
-#include "platform/standin/standin.h"
+#include "standin/standin.h"
 #include "tests/support/temp_root.h"
 
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 // the service so, on the caller's thread.
 #pragma once
 
-#include "platform/standin/standin.h"
+#include "standin/standin.h"
 #include "tests/support/event_records.h"
 #include "tests/support/stream_recorder.h"
 

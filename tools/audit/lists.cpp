@@ -1,6 +1,6 @@
 #include "tools/audit/lists.h"
 
-#include "objects/table.h"
+#include "objects/schema/table.h"
 
 #include <vector>
 

@@ -1,7 +1,7 @@
 // Lists of texts inside an object that are stored as one text.
 #pragma once
 
-#include "objects/column.h"
+#include "objects/schema/column.h"
 #include "tools/audit/content.h"
 
 #include <optional>

@@ -1,6 +1,6 @@
 #include "tools/audit/snapshot.h"
 
-#include "db/statement.h"
+#include "db/statement_ptr.h"
 #include "objects/schema/rows.h"
 #include "tools/schema_sql.h"
 

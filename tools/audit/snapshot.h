@@ -2,7 +2,7 @@
 // consumers would.
 #pragma once
 
-#include "objects/table.h"
+#include "objects/schema/table.h"
 #include "tools/audit/value.h"
 
 #include <cstdint>

@@ -5,7 +5,7 @@
 // when others of their kind come and go.
 #pragma once
 
-#include "objects/table.h"
+#include "objects/schema/table.h"
 #include "tools/dmctl/host_files.h"
 #include "tools/dmctl/json.h"
 

@@ -1,6 +1,0 @@
-#include "core/lifecycle.h"
-
-int main()
-{
-    return qdb::RunService();
-}

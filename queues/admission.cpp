@@ -1,0 +1,187 @@
+#include "queues/admission.h"
+
+#include "core/lock.h"
+#include "core/state.h"
+#include "core/threads.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace qdb
+{
+namespace
+{
+
+// A worker that takes longer than so many records hangs.
+constexpr int64_t kManyRecords = 16;
+
+// One record in so many is what a new one weighs.
+constexpr int64_t kSmoothing = 8;
+
+// A worker's place. Taken and left by its thread alone; the times are in
+// nanoseconds.
+struct Seat
+{
+    std::atomic<bool> taken = false;
+    std::atomic<int64_t> since = 0; // of the record at work; 0: not admitted
+
+    // For the thread alone: what its clocks showed at `since`.
+    int64_t waitedBefore = 0;
+    int64_t turnBefore = 0;
+};
+
+Seat gSeats[kWorkerCount];
+constinit thread_local Seat *tSeat = nullptr;
+
+// Smoothed, of recent records. Two that end at once may lose one of theirs.
+struct Smoothed
+{
+    std::atomic<int64_t> value;
+
+    void Add(int64_t sample)
+    {
+        const int64_t now = value.load(std::memory_order_relaxed);
+        value.store(now + (sample - now) / kSmoothing,
+                    std::memory_order_relaxed);
+    }
+};
+
+Smoothed gWhole = {1000000};
+Smoothed gWaits = {0};
+Smoothed gTurn = {50000};
+
+pthread_mutex_t gLineMutex = PTHREAD_MUTEX_INITIALIZER; // held by the next
+pthread_mutex_t gLeftMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t gLeft = PTHREAD_COND_INITIALIZER;
+
+// How many workers are to be at work.
+int Wanted()
+{
+    if (StopRequested())
+    {
+        return kWorkerCount;
+    }
+    const int64_t turn = std::max<int64_t>(gTurn.value, 1);
+    const int64_t wanted = 1 + (gWaits.value + turn / 2) / turn;
+    return static_cast<int>(std::min<int64_t>(wanted, kWorkerCount));
+}
+
+// Who is at work: those that don't hang, and when the first of them will.
+struct AtWork
+{
+    int count = 0;
+    int64_t firstHangsAt = std::numeric_limits<int64_t>::max();
+};
+
+AtWork CountAtWork(int64_t now)
+{
+    const int64_t limit = kManyRecords * gWhole.value;
+    AtWork atWork;
+    for (const Seat &seat : gSeats)
+    {
+        const int64_t since = seat.since;
+        if (since != 0 && now - since < limit)
+        {
+            ++atWork.count;
+            atWork.firstHangsAt = std::min(atWork.firstHangsAt, since + limit);
+        }
+    }
+    return atWork;
+}
+
+void Begin(int64_t now)
+{
+    tSeat->waitedBefore = tWaitedNanoseconds;
+    tSeat->turnBefore = tTurnNanoseconds;
+    tSeat->since = now;
+}
+
+// One record that hung, or met a busy database, isn't to decide for many.
+void NoteRecord(int64_t now)
+{
+    const int64_t whole = now - tSeat->since;
+    const int64_t turn = tTurnNanoseconds - tSeat->turnBefore;
+    const int64_t waited = tWaitedNanoseconds - tSeat->waitedBefore;
+    gWhole.Add(std::min(whole, kManyRecords * gWhole.value));
+    gTurn.Add(std::min(turn, kManyRecords * std::max<int64_t>(gTurn.value, 1)));
+    gWaits.Add(std::min(waited, 2 * kWorkerCount * gTurn.value));
+}
+
+void Enter()
+{
+    const MutexLock line(gLineMutex);
+    const LeafLock lock(gLeftMutex);
+    int64_t now = NowNanoseconds();
+    AtWork atWork = CountAtWork(now);
+    while (atWork.count >= Wanted())
+    {
+        const timespec until = ToTimespec(atWork.firstHangsAt);
+        pthread_cond_clockwait(&gLeft, &gLeftMutex, CLOCK_MONOTONIC, &until);
+        now = NowNanoseconds();
+        atWork = CountAtWork(now);
+    }
+    Begin(now);
+}
+
+void Leave()
+{
+    const LeafLock lock(gLeftMutex);
+    tSeat->since = 0;
+    pthread_cond_signal(&gLeft);
+}
+
+bool IsAdmitted()
+{
+    return tSeat != nullptr && tSeat->since != 0;
+}
+
+} // namespace
+
+AdmittedWorker::AdmittedWorker()
+{
+    for (Seat &seat : gSeats)
+    {
+        if (!seat.taken.exchange(true))
+        {
+            tSeat = &seat;
+            return;
+        }
+    }
+}
+
+AdmittedWorker::~AdmittedWorker()
+{
+    if (IsAdmitted())
+    {
+        Leave();
+    }
+    if (tSeat != nullptr)
+    {
+        tSeat->taken = false;
+        tSeat = nullptr;
+    }
+}
+
+void AwaitRecord()
+{
+    AssertMayWait();
+    if (IsAdmitted())
+    {
+        const int64_t now = NowNanoseconds();
+        NoteRecord(now);
+        if (CountAtWork(now).count <= Wanted() &&
+            sem_trywait(&gQdbEventSem) == 0)
+        {
+            Begin(now);
+            return;
+        }
+        Leave();
+    }
+    sem_wait(&gQdbEventSem);
+    if (tSeat != nullptr)
+    {
+        Enter();
+    }
+}
+
+} // namespace qdb

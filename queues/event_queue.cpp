@@ -1,0 +1,197 @@
+#include "queues/event_queue.h"
+
+#include "core/lock.h"
+#include "core/log.h"
+#include "core/object_order.h"
+#include "core/progress.h"
+#include "core/state.h"
+#include "core/threads.h"
+#include "queues/admission.h"
+#include "queues/event_record.h"
+
+#include <array>
+#include <cstdlib>
+#include <functional>
+
+namespace qdb
+{
+
+std::atomic<int> QdbEventQSize = 0;
+std::atomic<int> gQdbSeqNumber = 0;
+
+namespace
+{
+
+// At this length and below a worker waits for mapped OIDs again.
+constexpr int kBacklogWorkedOff = 50;
+
+pthread_mutex_t gOwnMutex = PTHREAD_MUTEX_INITIALIZER;
+
+using StopRecords = std::array<DataEventHeader, kWorkerCount>;
+
+consteval StopRecords MakeStopRecords()
+{
+    StopRecords records{};
+    for (DataEventHeader &record : records)
+    {
+        record.evtType = DATA_EVENT_WORKER_EXIT;
+    }
+    return records;
+}
+
+// Records and nodes are static: a stop needs no memory, and whoever queues them
+// may be gone when the workers take them.
+constinit StopRecords gStopRecords = MakeStopRecords();
+std::array<QdbEventNode, kWorkerCount> gStopNodes;
+
+// How many of the nodes are on the queue or with a worker.
+std::atomic<int> gStopNodesOut = 0;
+
+bool IsStopNode(const QdbEventNode *node)
+{
+    const std::less<const QdbEventNode *> before;
+    return !before(node, gStopNodes.data()) &&
+           before(node, gStopNodes.data() + gStopNodes.size());
+}
+
+void FreeRecord(DataEventHeader *record)
+{
+    if (record != nullptr && record->evtType != DATA_EVENT_WORKER_EXIT)
+    {
+        std::free(record);
+    }
+}
+
+// The counters as they were before a node was appended.
+struct Before
+{
+    int seqNumber = 0;
+    int size = 0;
+};
+
+Before Append(QdbEventQueue &queue, QdbEventNode *node)
+{
+    const PlatformLock lock(gQdbDBMutex, gOwnMutex);
+    if (queue.tail == nullptr)
+    {
+        queue.head = node;
+    }
+    else
+    {
+        queue.tail->next = node;
+    }
+    queue.tail = node;
+    return {gQdbSeqNumber.fetch_add(1), QdbEventQSize.fetch_add(1)};
+}
+
+// What every record goes through; without a node it is lost.
+void Enqueue(QdbEventQueue &queue, QdbEventNode *node, DataEventHeader *record)
+{
+    Before before;
+    if (node != nullptr)
+    {
+        before = Append(queue, node);
+        sem_post(&gQdbEventSem);
+    }
+    else
+    {
+        FreeRecord(record);
+    }
+    LogExit("QdbenQueue");
+    QDB_LOG(kLogTrace, "%s: QdbenQueued for SeqNumber=%d", before.seqNumber);
+    QDB_LOG(kLogTrace, "%s: QdbenQueued for QdbEventQSize=%d", before.size);
+}
+
+QdbEventNode *TakeHead(QdbEventQueue &queue)
+{
+    QdbEventNode *node = queue.head;
+    queue.head = node->next;
+    if (queue.head == nullptr)
+    {
+        queue.tail = nullptr;
+    }
+    return node;
+}
+
+} // namespace
+
+QdbEventNode *QdbnewNode(DataEventHeader *data, int seqNo)
+{
+    auto *node = static_cast<QdbEventNode *>(std::malloc(sizeof(QdbEventNode)));
+    if (node == nullptr)
+    {
+        return nullptr;
+    }
+    LogEntry("QdbnewNode");
+    *node = {data, seqNo, nullptr, 0};
+    LogExit("QdbnewNode");
+    return node;
+}
+
+void QdbenQueue(QdbEventQueue *queue, DataEventHeader *record)
+{
+    LogEntry("QdbenQueue");
+    Enqueue(*queue, QdbnewNode(record, gQdbSeqNumber), record);
+}
+
+QdbEventNode *QdbdeQueue(QdbEventQueue *queue)
+{
+    LogEntry("QdbdeQueue");
+    AwaitRecord();
+    QdbEventNode *node = nullptr;
+    int sizeBefore = 0;
+    {
+        const PlatformLock lock(gQdbDBMutex, gOwnMutex);
+        if (queue->head != nullptr)
+        {
+            node = TakeHead(*queue);
+            node->taken = Tick();
+            LogExit("QdbdeQueue");
+            sizeBefore = QdbEventQSize.fetch_sub(1);
+            if (sizeBefore - 1 <= kBacklogWorkedOff)
+            {
+                gSkipConstraintCheck = 0;
+            }
+        }
+    }
+    QDB_LOG(kLogTrace, "%s: QdbdeQueue for QdbEventQSize=%d", sizeBefore);
+    return node;
+}
+
+void QueueStopRecords()
+{
+    int out = 0;
+    if (!gStopNodesOut.compare_exchange_strong(out, kWorkerCount))
+    {
+        return;
+    }
+    for (size_t i = 0; i < gStopNodes.size(); ++i)
+    {
+        LogEntry("QdbenQueue");
+        gStopNodes[i] = {&gStopRecords[i], gQdbSeqNumber, nullptr, 0};
+        Enqueue(*gQdbEventQueue, &gStopNodes[i], &gStopRecords[i]);
+    }
+}
+
+void FreeEventNode::operator()(QdbEventNode *node) const
+{
+    NoteProgress();
+    if (IsStopNode(node))
+    {
+        --gStopNodesOut;
+        return;
+    }
+    FreeRecord(node->data);
+    std::free(node);
+}
+
+void FreeEventQueue(QdbEventQueue *queue)
+{
+    while (queue != nullptr && queue->head != nullptr)
+    {
+        const EventNodePtr node(TakeHead(*queue));
+    }
+    std::free(queue);
+}
+
+} // namespace qdb

@@ -1,0 +1,6 @@
+#include "service/lifecycle.h"
+
+int main()
+{
+    return qdb::RunService();
+}
