@@ -3,6 +3,7 @@
 #include "core/state.h"
 #include "db/connection.h"
 #include "db/mapping.h"
+#include "objects/predicates.h"
 #include "objects/sql_text.h"
 
 #include <algorithm>
@@ -221,7 +222,7 @@ JsonText LoopRow::Whole(JsonPtr whole) const
 JsonText LoopRow::Change(JsonPtr before, JsonPtr after) const
 {
     JsonPtr changed(json_object());
-    JsonPtr previous(HasPreviousValues(row) ? json_object() : nullptr);
+    JsonPtr previous(row.Has(Trait::PreviousValues) ? json_object() : nullptr);
     bool any = false;
     const char *key = nullptr;
     json_t *old = nullptr;
@@ -253,8 +254,7 @@ const ObjTypeRow &RowOf(DataObjHeader *object)
 {
     for (const ObjTypeRow &row : ObjectTypeTable)
     {
-        if (row.objType == object->objType &&
-            (row.ObjMatchFP == nullptr || row.ObjMatchFP(object, nullptr) == 0))
+        if (row.objType == object->objType && Applies(row, object, nullptr))
         {
             return row;
         }

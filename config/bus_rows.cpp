@@ -1,7 +1,6 @@
 #include "config/bus_rows.h"
 
 #include "config/config_objects.h"
-#include "objects/schema/rows.h"
 
 #include <cstring>
 
@@ -13,7 +12,7 @@ namespace
 consteval size_t IndexOf(uint32_t objType)
 {
     size_t index = 0;
-    while (kRowData[index].objType != objType)
+    while (ObjectTypeTable[index].objType != objType)
     {
         ++index;
     }

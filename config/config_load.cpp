@@ -8,6 +8,7 @@
 #include "core/threads.h"
 #include "db/execute.h"
 #include "db/turn.h"
+#include "objects/handlers.h"
 
 #include <sys/time.h>
 
@@ -31,7 +32,7 @@ int TryCreate(const char *interfaceName, const DataObjHeader *object,
         {
             continue;
         }
-        status = row.row->CreateObjFP(object, parent);
+        status = CreateObject(*row.row, object, parent);
         if (status == SQLITE_OK)
         {
             return status;

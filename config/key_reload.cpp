@@ -4,7 +4,7 @@
 #include "core/status.h"
 #include "db/execute.h"
 #include "db/mapping.h"
-#include "objects/catalogue.h"
+#include "objects/handlers.h"
 
 namespace qdb
 {
@@ -61,7 +61,7 @@ int Insert(const KeyedRow &row, const DataObjHeader *object)
         QDB_LOG(kLogTrace, "%s: %s: Parent Object not found\n", kHandling);
     }
     QDB_LOG(kLogError, "%s: Insert the row\n");
-    return FindRow(row.objType)->CreateObjFP(object, group.get());
+    return CreateObject(*FindRow(row.objType), object, group.get());
 }
 
 // After a write found the object unreadable: a new object ends the pass for
@@ -138,8 +138,8 @@ int CfgKeyBasedNCObjRefreshHandling(ConfigObjectPtr *ppObject, size_t rowIndex,
         {
             return write == RowWrite::Insert
                        ? Insert(row, ppObject->get())
-                       : FindRow(row.objType)
-                             ->RefreshObjFP(ppObject->get(), nullptr);
+                       : RefreshObject(*FindRow(row.objType), ppObject->get(),
+                                       nullptr);
         },
         [&]
         {

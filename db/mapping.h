@@ -13,13 +13,22 @@
 namespace qdb
 {
 
+// What a type's creates do while their OID is still mapped.
+enum class DeletePatience
+{
+    None,    // try again at once, and not at all with a backlog of events
+    Pauses,  // pause before that
+    KeepsOn, // pause, and try again with a backlog, too
+};
+
 // Maps an OID to its type. An OID that is still mapped, mostly because its
 // delete has not finished on another thread, is waited for, with the calling
 // thread's claim on the object (core/object_order.h) left to that delete.
 // Returns 0, the status of the failing prepare, bind or step (19: still mapped;
 // 5, 6: the database stayed busy), 8216 when the wait has put the object out of
 // date, or -1 without a connection.
-int insertinActiveOIDMapping(uint32_t oid, uint32_t objType);
+int insertinActiveOIDMapping(uint32_t oid, uint32_t objType,
+                             DeletePatience patience = DeletePatience::None);
 
 // Sets a table's change tag to the present second; a table without a tag is no
 // error. Returns 0, the status of prepare or bind, or -1.
@@ -31,13 +40,6 @@ int InsertInParentChildMappingTable(uint32_t oid, uint32_t parentOid);
 // The object type of a mapped OID; 0 when it isn't mapped or nothing could be
 // read.
 uint32_t GetObjType(uint32_t oid);
-
-// Whether a create of this type is worth waiting for, even while a backlog is
-// worked off. Only after QdbSortObjTypeLists.
-bool QdbObjTypeIsConstraintSkippable(uint32_t objType);
-
-// Sorts the lists of object types; before any thread looks into them.
-void QdbSortObjTypeLists();
 
 // Finalises the statements of these functions. No thread may use them any more.
 void FinalizeMappingStatements();

@@ -10,10 +10,6 @@
 #include "db/execute.h"
 #include "db/mapping.h"
 #include "db/turn.h"
-#include "queues/fail_queue.h"
-#include "queues/sorted_types.h"
-
-#include <algorithm>
 
 namespace qdb
 {
@@ -31,21 +27,13 @@ constexpr unsigned kBacklogBusyPauseMicroseconds = 50000;
 
 pthread_mutex_t gActiveOIDStmtMutex = PTHREAD_MUTEX_INITIALIZER;
 
-// Types whose creates often meet the delete of their predecessor.
-int gConstraintSkippable[] = {
-    0x16,  0x17,  0x1B,  0x42,  0x49,  0x802, 0x803, 0x804, 0x805,
-    0x806, 0x807, 0x808, 0x809, 0x80A, 0x80B, 0x80C, 0xD04,
-};
-
-constexpr uint32_t kAlsoWaitedFor[] = {0x5E, 0xD2, 0xD3, 0xE1, 0x42, 0x801};
-
 // One call's constants.
 struct Insert
 {
     uint32_t oid;
     uint32_t objType;
+    DeletePatience patience;
     bool backlog; // gSkipConstraintCheck, read once per call
-    bool tolerant;
 };
 
 void Pause(unsigned microseconds)
@@ -57,7 +45,7 @@ void Pause(unsigned microseconds)
 // Whether a mapped OID is waited for any longer.
 bool WaitForConstraint(const Insert &insert, bool lastAttempt)
 {
-    if (insert.backlog && !insert.tolerant)
+    if (insert.backlog && insert.patience != DeletePatience::KeepsOn)
     {
         QDB_LOG(kLogError,
                 "%s: [%x]skip constraint loop case ObjId:%x 0x%X could not "
@@ -72,8 +60,7 @@ bool WaitForConstraint(const Insert &insert, bool lastAttempt)
                 "objID:%d 0x%x \n",
                 insert.objType, StoredOid(insert.oid), insert.oid);
     }
-    if (insert.tolerant || std::ranges::find(kAlsoWaitedFor, insert.objType) !=
-                               std::end(kAlsoWaitedFor))
+    if (insert.patience != DeletePatience::None)
     {
         Pause(kConstraintPauseMicroseconds);
     }
@@ -204,15 +191,14 @@ int PrepareInsert(uint32_t objType)
     return status;
 }
 
-int InsertWithSlot(uint32_t oid, uint32_t objType)
+int InsertWithSlot(uint32_t oid, uint32_t objType, DeletePatience patience)
 {
     int status = PrepareInsert(objType);
     if (status != SQLITE_OK)
     {
         return status;
     }
-    const Insert insert = {oid, objType, gSkipConstraintCheck != 0,
-                           QdbObjTypeIsConstraintSkippable(objType)};
+    const Insert insert = {oid, objType, patience, gSkipConstraintCheck != 0};
     if (!StepInsert(insert, &status))
     {
         return status;
@@ -230,7 +216,8 @@ int InsertWithSlot(uint32_t oid, uint32_t objType)
 
 } // namespace
 
-int insertinActiveOIDMapping(uint32_t oid, uint32_t objType)
+int insertinActiveOIDMapping(uint32_t oid, uint32_t objType,
+                             DeletePatience patience)
 {
     QDB_LOG(kLogTrace,
             "%s: [%x]Entering insertinActiveOIDMapping for OID- 0x%x %d\n",
@@ -242,23 +229,12 @@ int insertinActiveOIDMapping(uint32_t oid, uint32_t objType)
     }
     else
     {
-        status = InsertWithSlot(oid, objType);
+        status = InsertWithSlot(oid, objType, patience);
     }
     QDB_LOG(kLogTrace,
             "%s: [%x]Exiting insertinActiveOIDMapping for OID- 0x%x %d\n",
             objType, oid, StoredOid(oid));
     return status;
-}
-
-bool QdbObjTypeIsConstraintSkippable(uint32_t objType)
-{
-    return FindType(gConstraintSkippable, static_cast<int>(objType)) >= 0;
-}
-
-void QdbSortObjTypeLists()
-{
-    SortTypes(gConstraintSkippable);
-    SortFailTypes();
 }
 
 } // namespace qdb

@@ -112,17 +112,14 @@ ConfigObjectPtr FetchGroup(const BusEvent &event)
 struct WriteKind
 {
     bool create;
-    CreateFunction function;
     const char *name;
 };
 
-WriteKind WriteKindOf(const BusRow &row, const BusEvent &event)
+WriteKind WriteKindOf(const BusEvent &event)
 {
     return event.kind == DATA_EVENT_DATA_OBJ_CREATE
-               ? WriteKind{true, row.row->CreateObjFP,
-                           "DATA_EVENT_DATA_OBJ_CREATE"}
-               : WriteKind{false, row.row->RefreshObjFP,
-                           "DATA_EVENT_DATA_OBJ_DIRTY_LIST"};
+               ? WriteKind{true, "DATA_EVENT_DATA_OBJ_CREATE"}
+               : WriteKind{false, "DATA_EVENT_DATA_OBJ_DIRTY_LIST"};
 }
 
 void LogWrite(const WriteKind &kind, const BusEvent &event)
@@ -184,14 +181,16 @@ int WriteAttribute(const BusEvent &event)
     }
     QDB_LOG(kLogTrace, "%s: thisEvent_p->evtType=%d\n", event.kind);
     const ConfigObjectPtr parent = FetchGroup(event);
-    const WriteKind kind = WriteKindOf(*row, event);
+    const WriteKind kind = WriteKindOf(event);
     LogWrite(kind, event);
     const FetchesAgain fetchesAgain;
     const int status = RunStatusLoop(
         {.pauseWhenBusy = false}, SQLITE_OK,
         [&]
         {
-            return kind.function(object.get(), parent.get());
+            return kind.create
+                       ? CreateObject(*row->row, object.get(), parent.get())
+                       : RefreshObject(*row->row, object.get(), parent.get());
         },
         [&]
         {

@@ -12,6 +12,7 @@
 #include "objects/catalogue.h"
 #include "objects/handlers.h"
 #include "objects/parent_links.h"
+#include "objects/predicates.h"
 #include "queues/event_queue.h"
 #include "queues/event_record.h"
 #include "reconcile/fru_cache.h"
@@ -25,9 +26,6 @@ namespace qdb
 {
 namespace
 {
-
-constexpr uint32_t kPhysicalDisk = 0x304;
-constexpr uint32_t kFru = 0x42;
 
 // How long the callback's thread waits for who has an object in hand.
 constexpr int kCallbackPatienceMs = 100;
@@ -63,7 +61,7 @@ int RunCreate(Visit &visit, const ObjTypeRow &row)
                        &visit.object, WhenGone::FetchAgain,
                        [&](const DataObjHeader *pDOH)
                        {
-                           return row.CreateObjFP(pDOH, visit.parent.get());
+                           return CreateObject(row, pDOH, visit.parent.get());
                        });
 }
 
@@ -77,7 +75,7 @@ int RunRefresh(Visit &visit, const ObjTypeRow &row)
                        &visit.object, WhenGone::Fail,
                        [&](const DataObjHeader *pDOH)
                        {
-                           return row.RefreshObjFP(pDOH, nullptr);
+                           return RefreshObject(row, pDOH, nullptr);
                        });
 }
 
@@ -138,18 +136,18 @@ int RunDelete(Visit &visit, const ObjTypeRow &row)
 }
 
 // What some types need after their handler, unless the database is corrupt.
-void RunAfterStep(const Visit &visit, int status)
+void RunAfterStep(const Visit &visit, const ObjTypeRow &row, int status)
 {
     if (status == SQLITE_CORRUPT || visit.object == nullptr)
     {
         return;
     }
-    if (visit.objType == kPhysicalDisk &&
+    if (row.Has(Trait::MovesAmongParents) &&
         visit.notification.eventType == DATA_EVENT_DATA_OBJ_DIRTY_LIST)
     {
         RefreshParentChildMapping(visit.object.get(), visit.oid);
     }
-    if (visit.objType == kFru &&
+    if (row.reload == Reload::Fru &&
         visit.notification.eventType == DATA_EVENT_DATA_OBJ_DESTROY)
     {
         ClearFRUCacheEntry(visit.oid);
@@ -171,8 +169,7 @@ void FindParent(Visit &visit)
 bool RowApplies(const Visit &visit, const ObjTypeRow &row)
 {
     return visit.notification.eventType == DATA_EVENT_DATA_OBJ_DESTROY ||
-           row.ObjMatchFP == nullptr ||
-           row.ObjMatchFP(visit.object.get(), visit.parent.get()) == 0;
+           Applies(row, visit.object.get(), visit.parent.get());
 }
 
 void RunRow(Visit &visit, const ObjTypeRow &row)
@@ -196,7 +193,7 @@ void RunRow(Visit &visit, const ObjTypeRow &row)
     {
         visit.notification.returnStatus = FailureOf(status);
     }
-    RunAfterStep(visit, status);
+    RunAfterStep(visit, row, status);
 }
 
 // Both rows of a two-row type are visited; a failure in one doesn't stop the

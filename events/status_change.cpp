@@ -4,7 +4,7 @@
 #include "core/status.h"
 #include "db/execute.h"
 #include "objects/cached_object.h"
-#include "objects/catalogue.h"
+#include "objects/handlers.h"
 #include "queues/event_record.h"
 #include "reconcile/key_reload.h"
 #include "reconcile/reloads.h"
@@ -13,11 +13,6 @@ namespace qdb
 {
 namespace
 {
-
-constexpr uint16_t kMemory = 0xE1;
-constexpr uint16_t kFru = 0x42;
-constexpr uint16_t kDevBlt = 0xEB;
-constexpr uint16_t kDevUsb = 0xEC;
 
 void LogReload(const char *function, const DataObjHeader &object)
 {
@@ -42,7 +37,7 @@ int RefreshRows(const DataObjHeader &object)
             RunStatusLoop({}, SQLITE_OK,
                           [&]
                           {
-                              return row.RefreshObjFP(&object, nullptr);
+                              return RefreshObject(row, &object, nullptr);
                           });
         if (!IsSuccess(status))
         {
@@ -72,22 +67,23 @@ int HandleOther(const DataObjHeader &object)
 
 int HandleObject(const DataObjHeader &object)
 {
-    switch (object.objType)
+    switch (ReloadOf(object.objType))
     {
-    case kMemory:
+    case Reload::Memory:
         LogReload("ReLoadNCObjects", object);
         return RunMemoryReload();
-    case kFru:
+    case Reload::Fru:
         // The words are those of memory.
         LogReload("ReLoadNCObjects", object);
         return RunFRUReload();
-    case kDevBlt:
-    case kDevUsb:
+    case Reload::Device:
         LogReload("ObjTypeBasedNCObjects", object);
         return RunTypeReload();
-    default:
-        return HandleOther(object);
+    case Reload::HostPower:
+    case Reload::None:
+        break;
     }
+    return HandleOther(object);
 }
 
 } // namespace

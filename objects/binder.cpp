@@ -15,8 +15,6 @@ namespace qdb
 namespace
 {
 
-constexpr uint32_t kHvxInventory = 0x49;
-
 int BindText(sqlite3_stmt *statement, int parameter,
              std::optional<std::string_view> text)
 {
@@ -119,7 +117,7 @@ bool IsNeverStored(const ObjTypeRow &row, const Column &column,
         "PreviousVersionHash",
         "Sha256String",
     };
-    if (row.objType != kHvxInventory ||
+    if (!row.Has(Trait::WithholdsReleases) ||
         std::ranges::find(kNames, column.name) == std::end(kNames))
     {
         return false;

@@ -1,90 +1,49 @@
 #include "objects/catalogue.h"
 
 #include "objects/array_tables.h"
-#include "objects/handlers.h"
-#include "objects/predicates.h"
-#include "objects/schema/rows.h"
-#include "queues/fail_queue.h"
 
 #include <algorithm>
-#include <string_view>
-#include <utility>
 
 namespace qdb
 {
 namespace
 {
 
-// The thunks that give each row functions of its own.
-template <size_t Index>
-int CreateObj(const DataObjHeader *pDOH, const DataObjHeader *pParentDOH)
-{
-    return CreateObject(ObjectTypeTable[Index], pDOH, pParentDOH);
-}
+constexpr size_t kRetriedCount = static_cast<size_t>(
+    std::ranges::count_if(ObjectTypeTable,
+                          [](const ObjTypeRow &row)
+                          {
+                              return row.Has(Trait::RetriesCreate);
+                          }));
 
-template <size_t Index>
-int RefreshObj(const DataObjHeader *pDOH, const DataObjHeader *pParentDOH)
+consteval auto SortRetried()
 {
-    return RefreshObject(ObjectTypeTable[Index], pDOH, pParentDOH);
-}
-
-template <size_t Index>
-int DeleteObj(const DataObjHeader *pDOH)
-{
-    return DeleteObject(ObjectTypeTable[Index], pDOH);
-}
-
-consteval MatchFunction PredicateOf(const RowData &row)
-{
-    switch (row.objType)
+    std::array<const ObjTypeRow *, kRetriedCount> sorted = {};
+    auto *next = sorted.begin();
+    for (const ObjTypeRow &row : ObjectTypeTable)
     {
-    case 0x31B:
-        return std::string_view(row.suffix) == "31B_RAID_PDSmartData_NVMe"
-                   ? Is_NVMe
-                   : Is_SAS_SATA;
-    case 0x45:
-        return std::string_view(row.suffix) == "45_RAID_EmptySlot"
-                   ? Is_Raid_Empty_Slot_Obj
-                   : Is_Empty_Slot_Obj;
-    case 0x706:
-    case 0x726:
-    case 0x746:
-    case 0x786:
-        return GetDependencyListOffsetHiiEnum;
-    default:
-        return nullptr;
+        if (row.Has(Trait::RetriesCreate))
+        {
+            *next++ = &row;
+        }
     }
+    std::ranges::sort(sorted, {},
+                      [](const ObjTypeRow *row)
+                      {
+                          return row->objType;
+                      });
+    return sorted;
 }
 
-template <size_t... Index>
-consteval std::array<ObjTypeRow, kRowCount>
-MakeTable(std::index_sequence<Index...> /*rows*/)
-{
-    return {ObjTypeRow{kRowData[Index].objType, CreateObj<Index>,
-                       RefreshObj<Index>, DeleteObj<Index>,
-                       PredicateOf(kRowData[Index]), kRowData[Index].table,
-                       kRowData[Index].suffix}...};
-}
+constexpr auto kRetried = SortRetried();
 
-// Types whose listeners need the old values, too.
-constexpr uint32_t kWithPreviousValues[] = {
-    0x304, 0x703, 0x704, 0x706, 0x723, 0x724,  0x726,  0x743,
-    0x744, 0x746, 0x783, 0x784, 0x786, 0x4051, 0x4052, 0x4053,
-};
-
-// In the fail-type list, and yet its refreshes are not kept.
-constexpr uint32_t kFru = 0x42;
-
-ObjRowState gRowStates[kRowCount];
+std::array<ObjRowState, ObjectTypeTable.size()> gRowStates;
 
 } // namespace
 
-constexpr std::array<ObjTypeRow, kRowCount> ObjectTypeTable =
-    MakeTable(std::make_index_sequence<kRowCount>());
-
 ObjRowState &StateOf(const ObjTypeRow &row)
 {
-    return gRowStates[&row - ObjectTypeTable.data()];
+    return gRowStates[static_cast<size_t>(&row - ObjectTypeTable.data())];
 }
 
 const ObjTypeRow *FindRow(uint32_t objType)
@@ -94,16 +53,51 @@ const ObjTypeRow *FindRow(uint32_t objType)
     return row == ObjectTypeTable.end() ? nullptr : &*row;
 }
 
-bool HasPreviousValues(const ObjTypeRow &row)
+const ObjTypeRow &RowOf(Reload reload)
 {
-    return std::ranges::find(kWithPreviousValues, row.objType) !=
-           std::end(kWithPreviousValues);
+    return *std::ranges::find(ObjectTypeTable, reload, &ObjTypeRow::reload);
 }
 
-bool KeepsMissedRefreshes(const ObjTypeRow &row)
+Reload ReloadOf(uint32_t objType)
 {
-    return row.objType != kFru &&
-           QdbFailObjTypeIndex(static_cast<int>(row.objType)) != -1;
+    const ObjTypeRow *row = FindRow(objType);
+    return row == nullptr ? Reload::None : row->reload;
+}
+
+DeletePatience PatienceOf(const ObjTypeRow &row)
+{
+    return row.Has(Trait::KeepsOnForDelete)  ? DeletePatience::KeepsOn
+           : row.Has(Trait::PausesForDelete) ? DeletePatience::Pauses
+                                             : DeletePatience::None;
+}
+
+bool IsConfigType(uint32_t objType)
+{
+    const ObjTypeRow *row = FindRow(objType);
+    return row != nullptr && row->Has(Trait::Attribute);
+}
+
+int QdbFailObjTypeIndex(uint32_t objType)
+{
+    if (objType == 0)
+    {
+        return 0;
+    }
+    const auto found = std::ranges::find_if(kRetried,
+                                            [&](const ObjTypeRow *row)
+                                            {
+                                                return row->objType == objType;
+                                            });
+    return found == kRetried.end()
+               ? -1
+               : 1 + static_cast<int>(found - kRetried.begin());
+}
+
+const ObjTypeRow *RowOfFailIndex(int index)
+{
+    return index > 0 && static_cast<size_t>(index) <= kRetried.size()
+               ? kRetried[static_cast<size_t>(index) - 1]
+               : nullptr;
 }
 
 void FinalizeHandlerStatements()

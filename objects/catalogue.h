@@ -1,53 +1,22 @@
-// The catalogue of object types: handlers, tables and run-time state, one row
-// each.
+// The catalogue of object types at run time.
 //
-// The 161 handlers of a kind are one routine (handlers.h) over the row; the
-// table below gives it a function pointer per row, so that callers can treat
-// rows as data. Two types have two rows, told apart by their predicates.
+// `ObjectTypeTable` has a row for each of them, with all that is special about
+// it (objects/schema/rows.h). The handlers of all rows are three routines
+// (handlers.h). Two types have two rows, told apart by predicates.h.
 //
-// To add an object type: 1. its column list in objects/schema/, 2. its line in
-// objects/schema/rows.h, in order, 3. if it shares its type with another table,
-// a predicate in predicates.h and in PredicateOf(), 4. its name in
-// TelemetryDetachTableList, 5. the checked-in renderings under tests/ and
-// docs/.
+// To add an object type: its column list in objects/schema/, its line in
+// rows.h, and the checked-in renderings under tests/ and docs/.
 #pragma once
 
+#include "db/mapping.h"
 #include "db/statement.h"
-#include "objects/schema/table.h"
+#include "objects/schema/rows.h"
 #include "platform/zoil.h"
 
 #include <pthread.h>
 
-#include <array>
-
 namespace qdb
 {
-
-// Put an object into the database, bring its row up to date, remove it. The
-// objects stay the caller's; the parent may be NULL. See handlers.h.
-using CreateFunction = int (*)(const DataObjHeader *pDOH,
-                               const DataObjHeader *pParentDOH);
-using RefreshFunction = CreateFunction;
-using DeleteFunction = int (*)(const DataObjHeader *pDOH);
-
-// 0 if the row applies to the object. See predicates.h.
-using MatchFunction = int (*)(DataObjHeader *pDOH,
-                              const DataObjHeader *pParentDOH);
-
-struct ObjTypeRow
-{
-    uint32_t objType;
-    CreateFunction CreateObjFP;
-    RefreshFunction RefreshObjFP;
-    DeleteFunction DeleteObjFP;
-    MatchFunction ObjMatchFP; // NULL: every object of the type
-    const Table *table;
-    const char *suffix; // of the handlers' names in log lines
-};
-
-inline constexpr size_t kRowCount = 161;
-
-extern const std::array<ObjTypeRow, kRowCount> ObjectTypeTable;
 
 // What a row needs at run time. Static storage; a statement is used only under
 // the mutex of its operation.
@@ -79,16 +48,23 @@ ObjRowState &StateOf(const ObjTypeRow &row);
 // The only row, or the first one, of a type; NULL for a type without one.
 const ObjTypeRow *FindRow(uint32_t objType);
 
-// The types of configuration attributes; their objects come from the
-// configuration manager, never from the Data Manager.
-constexpr bool IsConfigType(uint32_t objType)
-{
-    return objType >= 0x4051 && objType <= 0x4054;
-}
+// The first row of a reload, and the reload of a type.
+const ObjTypeRow &RowOf(Reload reload);
+Reload ReloadOf(uint32_t objType);
 
-// Which of the variants a row belongs to.
-bool HasPreviousValues(const ObjTypeRow &row);
-bool KeepsMissedRefreshes(const ObjTypeRow &row);
+// What the row's creates do while their OID is still mapped.
+DeletePatience PatienceOf(const ObjTypeRow &row);
+
+// Whether it is an attribute's type; false for a type without a row.
+bool IsConfigType(uint32_t objType);
+
+// A type whose creates are retried is known to the fail queue by its place
+// among all of these, in the order of their numbers, from 1. That of the type;
+// -1 for any other type, 0 for type 0.
+int QdbFailObjTypeIndex(uint32_t objType);
+
+// The row of such a place; NULL when there is none.
+const ObjTypeRow *RowOfFailIndex(int index);
 
 // Finalises the statements of all rows. No thread may use them any more.
 void FinalizeHandlerStatements();

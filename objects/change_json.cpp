@@ -93,8 +93,8 @@ JsonText SpliceDifference(const ObjTypeRow &row, const RowText &before,
         {kChanged, &after, changed},
         {kPrevious, &before, changed},
     };
-    return Splice(row,
-                  std::span(members).first(HasPreviousValues(row) ? 3 : 2));
+    return Splice(
+        row, std::span(members).first(row.Has(Trait::PreviousValues) ? 3 : 2));
 }
 
 } // namespace
@@ -131,7 +131,7 @@ ChangeSet CompareRows(const ObjTypeRow &row, json_t *before,
 {
     ChangeSet changes;
     changes.changed.reset(json_object());
-    const bool withPrevious = HasPreviousValues(row);
+    const bool withPrevious = row.Has(Trait::PreviousValues);
     if (withPrevious)
     {
         changes.previous.reset(json_object());

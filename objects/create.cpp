@@ -86,8 +86,7 @@ int PrepareInsert(const Create &create)
 
 void KeepForLater(const Create &create)
 {
-    const int index =
-        QdbFailObjTypeIndex(static_cast<int>(create.pDOH->objType));
+    const int index = QdbFailObjTypeIndex(create.pDOH->objType);
     if (index != -1)
     {
         QDB_LOG(kLogTrace,
@@ -99,6 +98,12 @@ void KeepForLater(const Create &create)
     }
 }
 
+int MapOnce(const Create &create)
+{
+    return insertinActiveOIDMapping(create.Oid(), create.pDOH->objType,
+                                    PatienceOf(create.row));
+}
+
 // The mapping insert, once more after it met a busy database.
 int MapAgain(const Create &create, int status)
 {
@@ -106,7 +111,7 @@ int MapAgain(const Create &create, int status)
             "%s: [%s]LINE:%d insertinActiveOIDMapping() failed 1st attemp "
             "failed:%d",
             create.row.suffix, __LINE__, status);
-    status = insertinActiveOIDMapping(create.Oid(), create.pDOH->objType);
+    status = MapOnce(create);
     if (!IsBusy(status))
     {
         QDB_LOG(kLogError,
@@ -126,8 +131,7 @@ int MapAgain(const Create &create, int status)
 
 int MapObject(const Create &create)
 {
-    const int status =
-        insertinActiveOIDMapping(create.Oid(), create.pDOH->objType);
+    const int status = MapOnce(create);
     QDB_LOG(kLogTrace, "%s: [%s] %s%s status:%d", create.row.suffix, kStem,
             create.row.suffix, status);
     if (status == SQLITE_OK)

@@ -107,4 +107,25 @@ int GetDependencyListOffsetHiiEnum(DataObjHeader *pDOH,
     return 0;
 }
 
+bool Applies(const ObjTypeRow &row, DataObjHeader *pDOH,
+             const DataObjHeader *pParentDOH)
+{
+    switch (row.match)
+    {
+    case Match::NvmeDrive:
+        return Is_NVMe(pDOH, pParentDOH) == 0;
+    case Match::SasSataDrive:
+        return Is_SAS_SATA(pDOH, pParentDOH) == 0;
+    case Match::RaidSlot:
+        return Is_Raid_Empty_Slot_Obj(pDOH, pParentDOH) == 0;
+    case Match::OtherSlot:
+        return Is_Empty_Slot_Obj(pDOH, pParentDOH) == 0;
+    case Match::SetupEnum:
+        return GetDependencyListOffsetHiiEnum(pDOH, pParentDOH) == 0;
+    case Match::Every:
+        break;
+    }
+    return true;
+}
+
 } // namespace qdb

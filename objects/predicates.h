@@ -3,6 +3,7 @@
 // bounded by its objSize; the parent isn't looked at and may be NULL.
 #pragma once
 
+#include "objects/schema/object_type.h"
 #include "platform/zoil.h"
 
 namespace qdb
@@ -23,5 +24,9 @@ int Is_Empty_Slot_Obj(DataObjHeader *pDOH, const DataObjHeader *pParentDOH);
 // where an object is changed.
 int GetDependencyListOffsetHiiEnum(DataObjHeader *pDOH,
                                    const DataObjHeader *pParentDOH);
+
+// Whether the row is about the object, by its predicate.
+bool Applies(const ObjTypeRow &row, DataObjHeader *pDOH,
+             const DataObjHeader *pParentDOH);
 
 } // namespace qdb

@@ -24,8 +24,6 @@ namespace
 {
 
 constexpr char kStem[] = "RefreshObj_";
-constexpr uint32_t kStringAttribute = 0x4052;
-constexpr uint32_t kJobInfo = 0xA03;
 
 struct Refresh
 {
@@ -48,9 +46,8 @@ struct Refresh
 // An object without a row: types whose failures are kept come back later.
 int KeepForLater(const Refresh &refresh)
 {
-    const int index =
-        QdbFailObjTypeIndex(static_cast<int>(refresh.pDOH->objType));
-    if (!KeepsMissedRefreshes(refresh.row))
+    const int index = QdbFailObjTypeIndex(refresh.pDOH->objType);
+    if (!refresh.row.Has(Trait::RetriesMissedRefresh))
     {
         return SQLITE_DONE;
     }
@@ -89,7 +86,7 @@ int PrepareUpdate(const Refresh &refresh)
         return SQLITE_OK;
     }
     const SqlText sql =
-        UpdateSql(*refresh.row.table, refresh.row.objType == kStringAttribute);
+        UpdateSql(*refresh.row.table, refresh.row.Has(Trait::RawValues));
     bool wasReady = false;
     const int status =
         slot.Prepare(sql.c_str(), static_cast<int>(sql.size()), &wasReady);
@@ -129,7 +126,7 @@ int WriteRow(const Refresh &refresh)
     }
     const int result = FailureOf(LastStepStatus());
     LogNotUpdated(refresh, "2nd", status);
-    if (refresh.row.objType == kJobInfo)
+    if (refresh.row.Has(Trait::RetriesRefresh))
     {
         QDB_LOG(kLogTrace,
                 "%s: Refresh_[A03]:Sqlite refresh entry failed so add to Fail "
@@ -146,8 +143,7 @@ int UpdateRow(Refresh &refresh)
     const StatementReset reset(refresh.state.UpdateStmt.statement);
     refresh.ret = bind_values_to_statement(
         refresh.state.UpdateStmt.statement, refresh.row, refresh.pDOH,
-        refresh.key, BindMode::Update,
-        refresh.pDOH->objType == kStringAttribute);
+        refresh.key, BindMode::Update, refresh.row.Has(Trait::RawValues));
     if (refresh.ret != SQLITE_OK)
     {
         QDB_LOG(kLogError, "%s: [%s]Bind failed for %d %X. Error: %d",

@@ -25,7 +25,7 @@ int PrepareSelect(const ObjTypeRow &row, uint32_t oid, StatementSlot &slot)
         return SQLITE_OK;
     }
     // The tables of configuration attributes were written by another hand.
-    const SqlText sql = SelectJsonSql(*row.table, IsConfigType(row.objType));
+    const SqlText sql = SelectJsonSql(*row.table, row.Has(Trait::Attribute));
     bool wasReady = false;
     const int status = slot.Prepare(sql.c_str(), -1, &wasReady);
     if (status != SQLITE_OK)

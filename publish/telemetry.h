@@ -6,9 +6,8 @@
 // cannot be written at once is dropped and not counted.
 #pragma once
 
-#include <array>
-#include <cstddef>
 #include <cstdint>
+#include <span>
 
 struct sqlite3;
 
@@ -37,11 +36,8 @@ int PublishTelemetryLine(const char *lineText);
 // Closes the pipe if it is open; no thread may write any more.
 void CloseTelemetryPipe();
 
-inline constexpr size_t kDetachTableCount = 111;
-
 // All object tables, in the order in which a detach reports them gone. Readers
 // know the order.
-extern const std::array<const char *, kDetachTableCount>
-    TelemetryDetachTableList;
+extern const std::span<const char *const> TelemetryDetachTableList;
 
 } // namespace qdb

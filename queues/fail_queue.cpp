@@ -2,7 +2,6 @@
 
 #include "core/lock.h"
 #include "core/log.h"
-#include "queues/sorted_types.h"
 
 #include <cstdlib>
 
@@ -12,14 +11,6 @@ namespace
 {
 
 pthread_mutex_t gMutex = PTHREAD_MUTEX_INITIALIZER;
-
-// Types whose failed operations are kept. 0 stands for no type.
-int gFailTypes[kFailTypeCount] = {
-    0,     0x15,  0x16,  0x17,  0x19,  0x1B,  0x40,  0x42,   0x49,  0x58,
-    0x5D,  0x5E,  0xD2,  0xD3,  0xE1,  0xE6,  0x220, 0x221,  0x223, 0x230,
-    0x231, 0x701, 0x741, 0x781, 0x802, 0x803, 0x804, 0x805,  0x806, 0x807,
-    0x808, 0x809, 0x80A, 0x80B, 0x80C, 0xA03, 0xD04, 0x2356,
-};
 
 } // namespace
 
@@ -74,21 +65,6 @@ QdbFailQNode *QdbFaildeQueue(FailQueue *queue)
     }
     --queue->count;
     return node;
-}
-
-int QdbFailObjTypeIndex(int objType)
-{
-    return FindType(gFailTypes, objType);
-}
-
-void SortFailTypes()
-{
-    SortTypes(gFailTypes);
-}
-
-std::span<const int, kFailTypeCount> FailTypes()
-{
-    return gFailTypes;
 }
 
 void FreeFailQueue(FailQueue *queue)

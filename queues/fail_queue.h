@@ -6,7 +6,8 @@
 //    that the newest one stays until another failure pushes it forward. An
 //    empty queue has 0 when it is new or was found empty, and -1 when its last
 //    node has just been taken.
-// 2. An index is a position in the sorted fail-type list.
+// 2. An index says which type failed (QdbFailObjTypeIndex, in
+//    objects/catalogue.h).
 //
 // Any thread that runs a handler appends; one thread takes. Duplicates are not
 // detected. Nothing survives a restart.
@@ -15,7 +16,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <span>
 
 namespace qdb
 {
@@ -45,8 +45,6 @@ struct FailQueue
     std::atomic<int> count; // also read without the mutex
 };
 
-inline constexpr size_t kFailTypeCount = 38;
-
 // A node for free(); NULL when there is no memory.
 QdbFailQNode *QdbFailnewNode(uint32_t oid, FailedOperation operation,
                              int index);
@@ -57,16 +55,6 @@ void QdbFailenQueue(FailQueue *queue, uint32_t oid, FailedOperation operation,
 
 // Takes the oldest node, for free(); NULL and count 0 when the queue is empty.
 QdbFailQNode *QdbFaildeQueue(FailQueue *queue);
-
-// The type's position in the fail-type list, -1 when its failures aren't kept.
-// Only after SortFailTypes.
-int QdbFailObjTypeIndex(int objType);
-
-// Sorts the fail-type list; before any thread looks into it.
-void SortFailTypes();
-
-// The list, for what runs parallel to it.
-std::span<const int, kFailTypeCount> FailTypes();
 
 // Frees what is left on the queue and the queue itself; no thread may use it
 // any more. NULL is a no-op.

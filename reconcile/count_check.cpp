@@ -4,7 +4,7 @@
 #include "core/platform_ptr.h"
 #include "core/status.h"
 #include "db/clearing.h"
-#include "objects/catalogue.h"
+#include "objects/handlers.h"
 #include "objects/object_view.h"
 #include "reconcile/count_queries.h"
 #include "reconcile/fail_drain.h"
@@ -92,14 +92,13 @@ int VisitObject(const RecreateRow &row, uint32_t oid, ObjectPtr object,
         return returnStatus;
     }
     const ObjTypeRow &handlers = *FindRow(row.objType);
-    const auto function =
-        recreate ? handlers.CreateObjFP : handlers.RefreshObjFP;
-    const int status =
-        RunOnObject(kName, returnStatus, oid, &object, WhenGone::FetchAgain,
-                    [&](const DataObjHeader *pDOH)
-                    {
-                        return function(pDOH, parent.get());
-                    });
+    const int status = RunOnObject(
+        kName, returnStatus, oid, &object, WhenGone::FetchAgain,
+        [&](const DataObjHeader *pDOH)
+        {
+            return recreate ? CreateObject(handlers, pDOH, parent.get())
+                            : RefreshObject(handlers, pDOH, parent.get());
+        });
     return IsSuccess(status) ? returnStatus : FailureOf(status);
 }
 

@@ -3,10 +3,11 @@
 #include "core/log.h"
 #include "core/platform_ptr.h"
 #include "core/state.h"
-#include "objects/catalogue.h"
+#include "objects/handlers.h"
 #include "queues/fail_queue.h"
 #include "reconcile/parent.h"
 
+#include <algorithm>
 #include <memory>
 
 // All lines of a drain begin alike.
@@ -20,32 +21,7 @@ namespace qdb
 namespace
 {
 
-constexpr uint32_t kJob = 0xA03;
-
 using FailNodePtr = std::unique_ptr<QdbFailQNode, CFree>;
-
-// The handlers of the types whose failures are kept, by their position in the
-// sorted list; NULL at the first, which stands for no type.
-const ObjTypeRow *RowOfIndex(int index)
-{
-    const auto types = FailTypes();
-    return index <= 0 || static_cast<size_t>(index) >= types.size()
-               ? nullptr
-               : FindRow(
-                     static_cast<uint32_t>(types[static_cast<size_t>(index)]));
-}
-
-CreateFunction FailCreateObjFP(int index)
-{
-    const ObjTypeRow *row = RowOfIndex(index);
-    return row == nullptr ? nullptr : row->CreateObjFP;
-}
-
-DeleteFunction FailDeleteObjFP(int index)
-{
-    const ObjTypeRow *row = RowOfIndex(index);
-    return row == nullptr ? nullptr : row->DeleteObjFP;
-}
 
 // What a node is about, once its object has been found.
 struct Repetition
@@ -61,22 +37,29 @@ void LogResult(const Repetition &what, const char *name, int status)
               what.node.oid, what.pDOH->objType, status);
 }
 
-// `name` is Delete or Create, as the lines have it.
-template <typename Function, typename... Arguments>
-void RepeatByIndex(const Repetition &what, const char *name, Function function,
-                   Arguments... arguments)
+// `name` is Delete or Create, as the lines have it; the first place stands for
+// no type and has no row.
+template <typename Operation>
+void RepeatByIndex(const Repetition &what, const char *name,
+                   Operation operation)
 {
     LOG_DRAIN("Calling %s Function for OID=0x%x objtype=%d", name,
               what.node.oid, what.pDOH->objType);
-    LogResult(what, name, function == nullptr ? 0 : function(arguments...));
+    const ObjTypeRow *row = RowOfFailIndex(what.node.index);
+    LogResult(what, name, row == nullptr ? 0 : operation(*row));
 }
 
-// Only jobs keep refreshes; their handler is taken whatever the type.
+// The handler of the one type that keeps refreshes is taken whatever the type.
 void RepeatRefresh(const Repetition &what)
 {
     LOG_DRAIN("Calling Refresh Function");
-    LogResult(what, "Refresh",
-              FindRow(kJob)->RefreshObjFP(what.pDOH, what.pParentDOH));
+    const ObjTypeRow &row =
+        *std::ranges::find_if(ObjectTypeTable,
+                              [](const ObjTypeRow &any)
+                              {
+                                  return any.Has(Trait::RetriesRefresh);
+                              });
+    LogResult(what, "Refresh", RefreshObject(row, what.pDOH, what.pParentDOH));
 }
 
 // A refresh that found no row is made good by a create, unless the OID belongs
@@ -93,9 +76,9 @@ void RepeatRefreshFailure(const Repetition &what)
                 what.node.oid, what.pDOH->objType);
         return;
     }
-    if (const CreateFunction function = FailCreateObjFP(what.node.index))
+    if (const ObjTypeRow *row = RowOfFailIndex(what.node.index))
     {
-        function(what.pDOH, what.pParentDOH);
+        CreateObject(*row, what.pDOH, what.pParentDOH);
     }
 }
 
@@ -104,12 +87,18 @@ void Repeat(const Repetition &what)
     switch (what.node.operation)
     {
     case FailedOperation::Delete:
-        RepeatByIndex(what, "Delete", FailDeleteObjFP(what.node.index),
-                      what.pDOH);
+        RepeatByIndex(what, "Delete",
+                      [&](const ObjTypeRow &row)
+                      {
+                          return DeleteObject(row, what.pDOH);
+                      });
         break;
     case FailedOperation::Create:
-        RepeatByIndex(what, "Create", FailCreateObjFP(what.node.index),
-                      what.pDOH, what.pParentDOH);
+        RepeatByIndex(what, "Create",
+                      [&](const ObjTypeRow &row)
+                      {
+                          return CreateObject(row, what.pDOH, what.pParentDOH);
+                      });
         break;
     case FailedOperation::Refresh:
         RepeatRefresh(what);

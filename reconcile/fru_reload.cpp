@@ -4,7 +4,7 @@
 #include "core/platform_ptr.h"
 #include "core/status.h"
 #include "db/execute.h"
-#include "objects/catalogue.h"
+#include "objects/handlers.h"
 #include "objects/object_view.h"
 #include "reconcile/fru_cache.h"
 #include "reconcile/parent.h"
@@ -16,7 +16,6 @@ namespace qdb
 namespace
 {
 
-constexpr uint16_t kFru = 0x42;
 constexpr size_t kSerialNumberWordAt = 0x1D;
 
 // "" where there is none that ends inside the object.
@@ -39,7 +38,7 @@ void RefreshWithRetry(uint32_t oid, ObjectPtr object,
                 return ZO_STATUS_INVALID_VALUE;
             }
             const int result =
-                FindRow(kFru)->RefreshObjFP(object.get(), parent);
+                RefreshObject(RowOf(Reload::Fru), object.get(), parent);
             QDB_LOG(kLogTrace,
                     "%s: ReLoadFRUNCObjects: RefreshObjFP retval=%d \n",
                     result);
@@ -97,7 +96,7 @@ void VisitFru(uint32_t oid, int *pStatus)
 
 int VisitFrus()
 {
-    const OidList list = ListChildren(kFru);
+    const OidList list = ListChildren(RowOf(Reload::Fru).objType);
     if (list.IsNull())
     {
         return ZO_STATUS_NO_SUCH_OBJECT;

@@ -3,7 +3,7 @@
 #include "core/log.h"
 #include "core/status.h"
 #include "db/execute.h"
-#include "objects/catalogue.h"
+#include "objects/handlers.h"
 #include "reconcile/parent.h"
 
 namespace qdb
@@ -24,13 +24,13 @@ int Write(const KeyedRow &row, const DataObjHeader *object, RowWrite write)
     const ObjTypeRow &handlers = *FindRow(row.objType);
     if (write == RowWrite::Refresh)
     {
-        return handlers.RefreshObjFP(object, nullptr);
+        return RefreshObject(handlers, object, nullptr);
     }
     DataObjHeader *found = nullptr;
     static_cast<void>(GetParentDOH(object, &found));
     const ObjectPtr parent(found);
     QDB_LOG(kLogError, "%s: Insert the row\n");
-    return handlers.CreateObjFP(object, parent.get());
+    return CreateObject(handlers, object, parent.get());
 }
 
 } // namespace

@@ -3,7 +3,7 @@
 #include "core/log.h"
 #include "core/platform_ptr.h"
 #include "core/status.h"
-#include "objects/catalogue.h"
+#include "objects/handlers.h"
 #include "reconcile/memory_checks.h"
 #include "reconcile/object_loop.h"
 #include "reconcile/parent.h"
@@ -16,10 +16,9 @@ pthread_mutex_t gReLoadNCMutex = PTHREAD_MUTEX_INITIALIZER;
 namespace
 {
 
-constexpr uint16_t kMemory = 0xE1;
-constexpr uint16_t kHostPower = 0x36;
-
-constexpr uint16_t NCObjectsTable[] = {kMemory, kHostPower};
+// In this order, since what the memory leaves in the findings judges the host's
+// power, too.
+constexpr Reload NCObjectsTable[] = {Reload::Memory, Reload::HostPower};
 
 // One pass.
 struct Pass
@@ -58,7 +57,7 @@ int RunDelete(const Visit &visit)
     return RunAsItIs(visit,
                      [&]
                      {
-                         return visit.row.DeleteObjFP(visit.object.get());
+                         return DeleteObject(visit.row, visit.object.get());
                      });
 }
 
@@ -68,8 +67,8 @@ int RunCreate(const Visit &visit)
     return RunAsItIs(visit,
                      [&]
                      {
-                         return visit.row.CreateObjFP(visit.object.get(),
-                                                      visit.parent.get());
+                         return CreateObject(visit.row, visit.object.get(),
+                                             visit.parent.get());
                      });
 }
 
@@ -80,7 +79,8 @@ int RunRefresh(Visit &visit)
         WhenGone::Fail,
         [&](const DataObjHeader *pDOH)
         {
-            const int result = visit.row.RefreshObjFP(pDOH, visit.parent.get());
+            const int result =
+                RefreshObject(visit.row, pDOH, visit.parent.get());
             QDB_LOG(kLogTrace, "%s: ReLoadNCObjects: RefreshObjFP retval=%d \n",
                     result);
             return result;
@@ -118,8 +118,8 @@ int RunActions(Visit &visit, const Actions &actions)
 // go.
 bool IsSkipped(const Visit &visit, const Findings &findings)
 {
-    if (visit.object->objType == kMemory && !findings.memoryRefresh &&
-        !findings.nvdimmRefresh)
+    if (ReloadOf(visit.object->objType) == Reload::Memory &&
+        !findings.memoryRefresh && !findings.nvdimmRefresh)
     {
         QDB_LOG(kLogTrace,
                 "%s: ReLoadNCObjects: OID = %x Refresh skipped for E1 objtype "
@@ -127,8 +127,8 @@ bool IsSkipped(const Visit &visit, const Findings &findings)
                 visit.oid);
         return true;
     }
-    if (visit.object->objType == kHostPower && !findings.powerRefresh &&
-        !findings.powerCreate)
+    if (ReloadOf(visit.object->objType) == Reload::HostPower &&
+        !findings.powerRefresh && !findings.powerCreate)
     {
         QDB_LOG(kLogTrace,
                 "%s: ReLoadNCObjects: OID = %x Refresh skipped for 0x36 "
@@ -161,12 +161,12 @@ Actions ChooseActions(const Findings &findings)
 
 void Check(const Visit &visit, Findings *pFindings)
 {
-    switch (visit.object->objType)
+    switch (ReloadOf(visit.object->objType))
     {
-    case kMemory:
+    case Reload::Memory:
         CheckMemory(visit.object.get(), visit.oid, pFindings);
         break;
-    case kHostPower:
+    case Reload::HostPower:
         CheckPower(visit.object.get(), visit.oid, pFindings);
         break;
     default:
@@ -203,9 +203,9 @@ void VisitObject(Pass &pass, const ObjTypeRow &row, uint32_t oid)
     }
 }
 
-void VisitRow(Pass &pass, uint16_t objType)
+void VisitRow(Pass &pass, const ObjTypeRow &row)
 {
-    const OidList list = ListChildren(objType);
+    const OidList list = ListChildren(row.objType);
     if (list.IsNull())
     {
         pass.returnStatus = ZO_STATUS_NO_SUCH_OBJECT;
@@ -213,7 +213,7 @@ void VisitRow(Pass &pass, uint16_t objType)
     }
     for (const uint32_t oid : list.Oids())
     {
-        VisitObject(pass, *FindRow(objType), oid);
+        VisitObject(pass, row, oid);
     }
 }
 
@@ -223,9 +223,9 @@ int ReLoadNCObjects()
 {
     QDB_LOG(kLogTrace, "%s: Entering ReLoadNCObjects \n");
     Pass pass;
-    for (const uint16_t objType : NCObjectsTable)
+    for (const Reload reload : NCObjectsTable)
     {
-        VisitRow(pass, objType);
+        VisitRow(pass, RowOf(reload));
     }
     QDB_LOG(kLogTrace, "%s: ReLoadNCObjects total objects created: %d \n",
             static_cast<int>(pass.visited));

@@ -5,7 +5,8 @@
 #include "core/status.h"
 #include "core/threads.h"
 #include "db/turn.h"
-#include "objects/catalogue.h"
+#include "objects/handlers.h"
+#include "objects/predicates.h"
 #include "reconcile/object_loop.h"
 #include "reconcile/parent.h"
 
@@ -29,7 +30,7 @@ void CreateWithRetry(Walk &walk, const ObjTypeRow &row, uint32_t oid,
                                    &object, WhenGone::FetchAgain,
                                    [&](const DataObjHeader *pDOH)
                                    {
-                                       return row.CreateObjFP(pDOH, parent);
+                                       return CreateObject(row, pDOH, parent);
                                    });
     if (!IsSuccess(status))
     {
@@ -49,8 +50,7 @@ void VisitObject(Walk &walk, const ObjTypeRow &row, uint32_t oid)
             walk.function, object->objType, object->objType);
     const ObjectPtr parent = FetchParent(object.get(), nullptr);
     ++walk.visited;
-    if (row.ObjMatchFP != nullptr &&
-        row.ObjMatchFP(object.get(), parent.get()) != 0)
+    if (!Applies(row, object.get(), parent.get()))
     {
         return;
     }
@@ -99,7 +99,7 @@ void LoadConfigRow(const ObjTypeRow &row, const ConfigObjectList &groups)
 
 void VisitRow(Walk &walk, const ObjTypeRow &row, const ConfigObjectList &groups)
 {
-    if (IsConfigType(row.objType))
+    if (row.Has(Trait::Attribute))
     {
         LoadConfigRow(row, groups);
         return;
@@ -119,7 +119,7 @@ const ObjTypeRow &RowForType(uint32_t objType)
 {
     if (IsConfigType(objType))
     {
-        for (size_t i = 0; i < kRowCount; ++i)
+        for (size_t i = 0; i < ObjectTypeTable.size(); ++i)
         {
             QDB_LOG(kLogTrace,
                     "%s: Skipping legacy DM Event for ObjType=0x%04x!!\n",

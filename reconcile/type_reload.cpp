@@ -6,8 +6,10 @@
 #include "db/execute.h"
 #include "db/mapping.h"
 #include "objects/cached_object.h"
-#include "objects/catalogue.h"
+#include "objects/handlers.h"
 #include "reconcile/parent.h"
+
+#include <algorithm>
 
 namespace qdb
 {
@@ -19,13 +21,32 @@ namespace
 
 struct TypeRow
 {
-    uint16_t objType;
+    const ObjTypeRow *row;
     CachedObject cached = {};
     uint32_t cachedOid = 0;
 };
 
+constexpr bool IsDevice(const ObjTypeRow &row)
+{
+    return row.reload == Reload::Device;
+}
+
+constexpr auto MakeTypeRows()
+{
+    std::array<TypeRow, std::ranges::count_if(ObjectTypeTable, IsDevice)> made;
+    auto next = made.begin();
+    for (const ObjTypeRow &row : ObjectTypeTable)
+    {
+        if (IsDevice(row))
+        {
+            *next++ = {&row};
+        }
+    }
+    return made;
+}
+
 // Guarded by gObjTypeBasedNCMutex.
-TypeRow ObjTypeBasedNCObjTable[] = {{0xEB}, {0xEC}};
+auto ObjTypeBasedNCObjTable = MakeTypeRows();
 
 void LogCleared()
 {
@@ -99,13 +120,13 @@ void VisitObject(size_t rowIndex, uint32_t oid, int *pStatus)
 void VisitRow(size_t rowIndex, int *pStatus)
 {
     TypeRow &row = ObjTypeBasedNCObjTable[rowIndex];
-    const OidList list = ListChildren(row.objType);
+    const OidList list = ListChildren(row.row->objType);
     if (list.IsNull())
     {
         QDB_LOG(kLogTrace,
                 "%s: ObjTypeBasedNCObjRefreshHandling: ZOILListChildOIDByType "
                 "failed for objtype=0x%x\n",
-                row.objType);
+                row.row->objType);
         ClearPrevious(row);
         *pStatus = ZO_STATUS_NO_SUCH_OBJECT;
         return;
@@ -147,7 +168,7 @@ int ObjTypeBasedNCObjRefreshHandling(const DataObjHeader *pDOH,
                                      uint32_t oid, size_t rowIndex)
 {
     TypeRow &row = ObjTypeBasedNCObjTable[rowIndex];
-    const ObjTypeRow &handlers = *FindRow(row.objType);
+    const ObjTypeRow &handlers = *row.row;
     int result = SQLITE_OK;
     if (row.cached.copy != nullptr)
     {
@@ -155,7 +176,7 @@ int ObjTypeBasedNCObjRefreshHandling(const DataObjHeader *pDOH,
         result = Run(result,
                      [&]
                      {
-                         return handlers.DeleteObjFP(pDOH);
+                         return DeleteObject(handlers, pDOH);
                      });
         LogCleared();
     }
@@ -169,7 +190,7 @@ int ObjTypeBasedNCObjRefreshHandling(const DataObjHeader *pDOH,
     return Run(result,
                [&]
                {
-                   return handlers.CreateObjFP(pDOH, pParentDOH);
+                   return CreateObject(handlers, pDOH, pParentDOH);
                });
 }
 

@@ -83,7 +83,6 @@ bool AllocateQueues()
 bool Prepare()
 {
     LogEntry("main");
-    QdbSortObjTypeLists();
     ClearReadiness();
     CreateMutex(gQdbDBMutex, "gQdbDBMutex");
     CreateMutex(gNamedPipeMutex, "gNamedPipeMutex");

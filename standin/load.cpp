@@ -28,7 +28,7 @@ constexpr size_t kWindow = 64;
 std::vector<uint16_t> AllTypes()
 {
     std::vector<uint16_t> types;
-    for (const qdb::RowData &row : qdb::kRowData)
+    for (const qdb::ObjTypeRow &row : qdb::ObjectTypeTable)
     {
         const bool isSecond = !types.empty() && types.back() == row.objType;
         if (!isSecond && !IsConfigType(row.objType))

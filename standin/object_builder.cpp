@@ -486,9 +486,9 @@ bool IsFirstOfTwo(uint16_t type, const json_t *values)
 
 const qdb::Table *TableFor(uint16_t type, json_t *values)
 {
-    const auto *end = std::end(qdb::kRowData);
-    const auto *row =
-        std::ranges::find(qdb::kRowData, type, &qdb::RowData::objType);
+    const auto *end = std::end(qdb::ObjectTypeTable);
+    const auto *row = std::ranges::find(qdb::ObjectTypeTable, type,
+                                        &qdb::ObjTypeRow::objType);
     if (row == end)
     {
         return nullptr;

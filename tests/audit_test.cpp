@@ -88,7 +88,7 @@ class AuditTest : public DbTest
         PutObject(kStatus, kParent);
         PutObject(kStatus, kOtherParent);
         uint32_t oid = kFirstOfAll;
-        for (const RowData &row : kRowData)
+        for (const ObjTypeRow &row : ObjectTypeTable)
         {
             const JsonPtr values = ValuesFor(row, ValueSet::First);
             if (!IsConfigType(row.objType))
@@ -194,7 +194,7 @@ TEST_F(AuditTest, FindsNothingInWhatTheServiceWrites)
 
     uint32_t oid = kFirstOfAll;
     Words changed;
-    for (const RowData &row : kRowData)
+    for (const ObjTypeRow &row : ObjectTypeTable)
     {
         if (!IsConfigType(row.objType))
         {

@@ -6,7 +6,8 @@
 // service and the stand-in share. Each lies in a block of exactly its size, so
 // that a sanitizer sees any byte that is read outside of it.
 
-#include "objects/catalogue.h"
+#include "objects/handlers.h"
+#include "objects/predicates.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mirror.h"
 
@@ -116,7 +117,7 @@ void Check(std::span<const FieldCase> cases)
         Object object(test.type, ++oid, test.size, test.pieces);
         const ObjTypeRow &row = *FindRow(test.type);
         const bool refused = test.expected == nullptr;
-        EXPECT_EQ(row.CreateObjFP(object.Header(), nullptr),
+        EXPECT_EQ(CreateObject(row, object.Header(), nullptr),
                   refused ? kInvalidValue : 0);
         const std::string where = " WHERE OID = " + std::to_string(oid);
         const std::vector<std::string> none;
@@ -185,7 +186,7 @@ TEST(Binder, OffsetTextEndsAtEveryByte)
                       {Dword(0x18, 0x24), Chars(0x24, "abc")});
         const bool hasWord = size >= 0x1C;
         const bool hasText = size >= 0x28;
-        EXPECT_EQ(FindRow(0xE1)->CreateObjFP(object.Header(), nullptr),
+        EXPECT_EQ(CreateObject(*FindRow(0xE1), object.Header(), nullptr),
                   hasWord && !hasText ? kInvalidValue : 0);
         const auto rows = mirror.Rows("SELECT fqdd FROM TblMemoryInfo WHERE "
                                       "OID = " +
@@ -249,7 +250,7 @@ TEST(Binder, SkipsAddressesWithoutFamily)
     std::ranges::copy(ListObject(kGateway, 2, texts),
                       std::back_inserter(pieces));
     Object object(0x1200, kOid, 0x300, pieces);
-    EXPECT_EQ(FindRow(0x1200)->CreateObjFP(object.Header(), nullptr), 0);
+    EXPECT_EQ(CreateObject(*FindRow(0x1200), object.Header(), nullptr), 0);
     EXPECT_EQ(mirror.Value("SELECT quote(DNSServer), quote(GatewayAddress) "
                            "FROM TblOSLogicalNetworkIntfObj"),
               "'10.0.0.1'|''");
@@ -285,7 +286,8 @@ TEST(Binder, KeepsArraysInsideTheObject)
         SCOPED_TRACE(test.name);
         const Mirror mirror;
         Object object(test.type, kOid, test.size, test.pieces);
-        EXPECT_EQ(FindRow(test.type)->CreateObjFP(object.Header(), nullptr), 0);
+        EXPECT_EQ(CreateObject(*FindRow(test.type), object.Header(), nullptr),
+                  0);
         EXPECT_EQ(mirror.Rows(std::string("SELECT ") + test.query),
                   test.expected);
     }
@@ -319,10 +321,8 @@ TEST(Predicate, ChooseBetweenTwoRows)
         SCOPED_TRACE(test.name);
         Object object(test.type, kOid, test.size, test.pieces);
         const ObjTypeRow *row = FindRow(test.type);
-        EXPECT_EQ(row[0].ObjMatchFP(object.Header(), nullptr),
-                  test.first ? 0 : 1);
-        EXPECT_EQ(row[1].ObjMatchFP(object.Header(), nullptr),
-                  test.second ? 0 : 1);
+        EXPECT_EQ(Applies(row[0], object.Header(), nullptr), test.first);
+        EXPECT_EQ(Applies(row[1], object.Header(), nullptr), test.second);
     }
 }
 
@@ -345,7 +345,7 @@ TEST(Predicate, RepairsDependencyOffset)
             Object object(static_cast<uint16_t>(type), kOid, 0x60,
                           {Word(0x4C, test.before)});
             object.Header()->objSize = test.size;
-            EXPECT_EQ(FindRow(type)->ObjMatchFP(object.Header(), nullptr), 0);
+            EXPECT_TRUE(Applies(*FindRow(type), object.Header(), nullptr));
             EXPECT_EQ(object.WordAt(0x4C), test.after);
         }
     }

@@ -21,7 +21,7 @@ TEST_F(Handler, NothingHappensWithoutADatabase)
     EXPECT_EQ(Create(object), 0);
     Announced();
     Restart(3);
-    EXPECT_EQ(FindRow(kStatus)->DeleteObjFP(nullptr), -1);
+    EXPECT_EQ(DeleteObject(*FindRow(kStatus), nullptr), -1);
     sqlite3 *const handle = QDVdbHandle.exchange(nullptr);
     EXPECT_EQ(Create(object), -1);
     EXPECT_EQ(Refresh(object), -1);

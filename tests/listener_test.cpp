@@ -6,7 +6,7 @@
 #include "core/ready.h"
 #include "core/state.h"
 #include "events/listener.h"
-#include "objects/catalogue.h"
+#include "objects/handlers.h"
 #include "queues/event_queue.h"
 #include "queues/event_record.h"
 #include "tests/support/change_listener.h"
@@ -75,8 +75,8 @@ class Listener : public DbTest
   protected:
     void CreateRow(uint32_t oid)
     {
-        EXPECT_EQ(FindRow(kStatus)->CreateObjFP(
-                      HeaderOf(MakeObject(kStatus, oid)), nullptr),
+        EXPECT_EQ(CreateObject(*FindRow(kStatus),
+                               HeaderOf(MakeObject(kStatus, oid)), nullptr),
                   0);
     }
 

@@ -75,7 +75,7 @@ Lines ExpectedChange(const Subject &subject, const JsonPtr &before,
         return {};
     }
     return Expected("Changed", subject, after, changed,
-                    HasPreviousValues(*FindRow(subject.row->objType))
+                    subject.row->Has(Trait::PreviousValues)
                         ? Difference(after.get(), before.get())
                         : nullptr);
 }
@@ -84,7 +84,7 @@ TEST_F(RandomObjects, AreSignalledAsTheyAreStored)
 {
     int told = 0;
     uint32_t seed = 0;
-    for (const RowData &row : kRowData)
+    for (const ObjTypeRow &row : ObjectTypeTable)
     {
         RandomRows random(++seed);
         const Subject subject = {&row, kOid};

@@ -20,12 +20,8 @@ constexpr Column kColumns[] = {
 constexpr Table kTable = {"TblTwo", kColumns, {}};
 
 // Rows of a type whose listeners need the old values, and of another.
-constexpr ObjTypeRow RowOf(uint32_t type)
-{
-    return {type, nullptr, nullptr, nullptr, nullptr, &kTable, ""};
-}
-constexpr ObjTypeRow kWithOld = RowOf(0x304);
-constexpr ObjTypeRow kWithout = RowOf(0x16);
+constexpr ObjTypeRow kWithOld = {0x304, "", &kTable, Trait::PreviousValues};
+constexpr ObjTypeRow kWithout = {0x16, "", &kTable};
 
 enum class Road
 {

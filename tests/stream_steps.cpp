@@ -146,7 +146,7 @@ void Battery(const std::string &rowKey, const std::string &key)
     Object(Counted(0x1B, 16, key, 1), {900});
 }
 
-void Failed(uint32_t oid, FailedOperation operation, int type)
+void Failed(uint32_t oid, FailedOperation operation, uint32_t type)
 {
     QdbFailenQueue(gFailQueue, oid, operation, QdbFailObjTypeIndex(type));
 }
@@ -281,14 +281,16 @@ constexpr char kMapped[] =
 template <uint32_t kType>
 int Map()
 {
-    return insertinActiveOIDMapping(kMappedOid, kType);
+    return insertinActiveOIDMapping(kMappedOid, kType,
+                                    PatienceOf(*FindRow(kType)));
 }
 
 template <uint32_t kType>
 int MapInBacklog()
 {
     gSkipConstraintCheck = 1;
-    const int result = insertinActiveOIDMapping(kMappedOid, kType);
+    const int result = insertinActiveOIDMapping(kMappedOid, kType,
+                                                PatienceOf(*FindRow(kType)));
     gSkipConstraintCheck = 0;
     return result;
 }

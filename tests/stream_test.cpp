@@ -318,7 +318,7 @@ class StreamTest : public ::testing::Test
                      "UPDATE TblEtag SET MultiRecordEtag = NULL");
     }
 
-    void Sweep(const RowData &row, uint32_t oid)
+    void Sweep(const ObjTypeRow &row, uint32_t oid)
     {
         static const std::set<std::string> kWhole = {
             "1001", "4051", "45_EmptySlotObj", "706", "801"};
@@ -376,8 +376,8 @@ class StreamTest : public ::testing::Test
 
     void Tell(const Story &story, uint32_t oid)
     {
-        const RowData &row = *std::ranges::find(
-            kRowData, std::string(story.suffix), &RowData::suffix);
+        const ObjTypeRow &row = *std::ranges::find(
+            ObjectTypeTable, std::string(story.suffix), &ObjTypeRow::suffix);
         const Subject subject = {&row, oid};
         FinalizeHandlerStatements();
         FinalizeMappingStatements();
@@ -540,7 +540,7 @@ class StreamTest : public ::testing::Test
 TEST_F(StreamTest, IsTheRecordedOne)
 {
     uint32_t index = 0;
-    for (const RowData &row : kRowData)
+    for (const ObjTypeRow &row : ObjectTypeTable)
     {
         // OIDs on both sides of the sign.
         Sweep(row, (index % 2 == 0 ? 0x5A000000u : 0xA5000000u) + index);

@@ -103,7 +103,7 @@ TEST_F(PipeTest, RecordsAreBytesWithoutEnd)
 TEST(TelemetryTest, TheDetachListHasAllTables)
 {
     std::set<std::string> tables;
-    for (const RowData &row : kRowData)
+    for (const ObjTypeRow &row : ObjectTypeTable)
     {
         tables.insert(row.table->name);
     }

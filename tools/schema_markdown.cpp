@@ -150,7 +150,7 @@ void WriteObjectTable(const Table &table, std::ostream &out)
 {
     out << "\n## " << table.name << "\n\nObject types:";
     const char *separator = " ";
-    for (const RowData &row : kRowData)
+    for (const ObjTypeRow &row : ObjectTypeTable)
     {
         if (row.table == &table)
         {

@@ -200,7 +200,7 @@ bool RemoveJournals(const std::string &path, std::string *pError)
 std::vector<const Table *> ObjectTables()
 {
     std::vector<const Table *> tables;
-    for (const RowData &row : kRowData)
+    for (const ObjTypeRow &row : ObjectTypeTable)
     {
         tables.push_back(row.table);
     }

@@ -9,52 +9,14 @@ namespace qdb
 namespace
 {
 
-// Whether the row is the first of its table. Compared by name: addresses of
-// objects are no constants for a compiler that instruments them.
-constexpr bool IsFirstOfTable(const RowData &row)
-{
-    const RowData *other = kRowData;
-    while (std::string_view(other->table->name) != row.table->name)
-    {
-        ++other;
-    }
-    return std::string_view(other->suffix) == row.suffix;
-}
-
-consteval size_t CountTables()
-{
-    return static_cast<size_t>(std::ranges::count_if(kRowData, IsFirstOfTable));
-}
-
-// Columns over all tables, each table counted once, that satisfy `test`.
-template <typename Test>
-consteval size_t CountColumns(Test test)
-{
-    size_t count = 0;
-    for (const RowData &row : kRowData)
-    {
-        if (IsFirstOfTable(row))
-        {
-            count += static_cast<size_t>(
-                std::ranges::count_if(row.table->columns, test));
-        }
-    }
-    return count;
-}
-
-constexpr bool Narrowed(const Column &column, Form form)
-{
-    return column.source.form == form && column.source.aux == kNarrowed;
-}
-
 consteval bool RowsAreInOrder()
 {
     // The order of the lower-case hexadecimal texts: digits come before
     // letters in either case, so the suffix up to its `_` serves.
-    for (size_t i = 1; i < std::size(kRowData); ++i)
+    for (size_t i = 1; i < std::size(ObjectTypeTable); ++i)
     {
-        const std::string_view before = kRowData[i - 1].suffix;
-        const std::string_view after = kRowData[i].suffix;
+        const std::string_view before = ObjectTypeTable[i - 1].suffix;
+        const std::string_view after = ObjectTypeTable[i].suffix;
         const auto a = before.substr(0, before.find('_'));
         const auto b = after.substr(0, after.find('_'));
         if (b < a)
@@ -73,7 +35,7 @@ constexpr bool Overlap(const Source &a, const Source &b)
 
 consteval bool PlacedFieldsOverlapNoDocumentedOne()
 {
-    for (const RowData &row : kRowData)
+    for (const ObjTypeRow &row : ObjectTypeTable)
     {
         for (const Column &column : row.table->columns)
         {
@@ -95,7 +57,7 @@ consteval bool PlacedFieldsOverlapNoDocumentedOne()
 
 consteval bool NamesAreUnique()
 {
-    for (const RowData &row : kRowData)
+    for (const ObjTypeRow &row : ObjectTypeTable)
     {
         const auto columns = row.table->columns;
         for (size_t i = 0; i < columns.size(); ++i)
@@ -112,32 +74,9 @@ consteval bool NamesAreUnique()
     return true;
 }
 
-static_assert(std::size(kRowData) == 161);
-static_assert(kRowData[157].objType == 0xE1);
-static_assert(CountTables() == 111);
 static_assert(RowsAreInOrder());
 static_assert(NamesAreUnique());
 static_assert(PlacedFieldsOverlapNoDocumentedOne());
-static_assert(CountColumns(
-                  [](const Column &c)
-                  {
-                      return Narrowed(c, Form::OffsetText16);
-                  }) == 94);
-static_assert(CountColumns(
-                  [](const Column &c)
-                  {
-                      return Narrowed(c, Form::U8);
-                  }) == 2);
-static_assert(CountColumns(
-                  [](const Column &c)
-                  {
-                      return c.source.placed;
-                  }) == 404);
-static_assert(std::ranges::count_if(kRowData,
-                                    [](const RowData &row)
-                                    {
-                                        return ReadsWithSelectStar(*row.table);
-                                    }) == 11);
 
 } // namespace
 } // namespace qdb

@@ -6,7 +6,7 @@
 #include "core/state.h"
 #include "db/clearing.h"
 #include "db/mapping.h"
-#include "objects/catalogue.h"
+#include "objects/handlers.h"
 #include "publish/change_signal.h"
 #include "queues/fail_queue.h"
 #include "tests/support/change_listener.h"
@@ -31,18 +31,18 @@ inline constexpr uint16_t kList = 0x801;
 inline int Create(const Bytes &object, const DataObjHeader *parent = nullptr)
 {
     const DataObjHeader *pDOH = HeaderOf(object);
-    return FindRow(pDOH->objType)->CreateObjFP(pDOH, parent);
+    return CreateObject(*FindRow(pDOH->objType), pDOH, parent);
 }
 
 inline int Refresh(const Bytes &object, const DataObjHeader *parent = nullptr)
 {
     const DataObjHeader *pDOH = HeaderOf(object);
-    return FindRow(pDOH->objType)->RefreshObjFP(pDOH, parent);
+    return RefreshObject(*FindRow(pDOH->objType), pDOH, parent);
 }
 
 inline int Delete(const Bytes &object)
 {
-    return FindRow(HeaderOf(object)->objType)->DeleteObjFP(HeaderOf(object));
+    return DeleteObject(*FindRow(HeaderOf(object)->objType), HeaderOf(object));
 }
 
 // The next calls prepare their statements anew.

@@ -98,7 +98,6 @@ Mirror::Mirror(MirrorParts parts) : threads_(parts.threads)
     {
         root_.MakePipe();
     }
-    QdbSortObjTypeLists();
     AllocateQueues();
     EXPECT_EQ(QDVDBInit(), 0);
     sqlite3_update_hook(QDVdbHandle, TelemetryUpdateHook, nullptr);

@@ -170,14 +170,14 @@ json_t *RandomRows::Value(const Table &table, const Column &column,
     }
 }
 
-JsonPtr RandomRows::Values(const RowData &row)
+JsonPtr RandomRows::Values(const ObjTypeRow &row)
 {
     JsonPtr values = ValuesFor(row, ValueSet::First);
     Vary(row, values.get());
     return values;
 }
 
-void RandomRows::Vary(const RowData &row, json_t *values)
+void RandomRows::Vary(const ObjTypeRow &row, json_t *values)
 {
     const uint32_t oneIn = 1 + Below(8);
     const bool nothing = Below(8) == 0;

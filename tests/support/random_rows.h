@@ -19,11 +19,11 @@ class RandomRows
     explicit RandomRows(uint32_t seed);
 
     // Values for the builder, for an object that takes the row.
-    JsonPtr Values(const RowData &row);
+    JsonPtr Values(const ObjTypeRow &row);
 
     // Gives some of the values anew, none now and then. Arrays of a counted
     // length grow and shrink. One text in forty isn't UTF-8.
-    void Vary(const RowData &row, json_t *values);
+    void Vary(const ObjTypeRow &row, json_t *values);
 
   private:
     uint32_t Below(uint32_t limit);

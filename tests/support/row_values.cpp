@@ -224,7 +224,7 @@ void AddArrays(const Table &table, ValueSet set, json_t *values)
 }
 
 // What makes an object of a two-row type take this row.
-void AddKind(const RowData &row, json_t *values)
+void AddKind(const ObjTypeRow &row, json_t *values)
 {
     if (row.table == &kTblRAID_PDSmartData_NVMe)
     {
@@ -380,7 +380,7 @@ JsonPtr AsSignalled(const Table &table, const json_t *row)
 
 } // namespace
 
-JsonPtr ValuesFor(const RowData &row, ValueSet set)
+JsonPtr ValuesFor(const ObjTypeRow &row, ValueSet set)
 {
     const Table &table = *row.table;
     JsonPtr values(json_object());

@@ -24,7 +24,7 @@ enum class ValueSet
 
 // Values for the builder: columns, arrays and lists, so that the object takes
 // the given row of its type.
-JsonPtr ValuesFor(const RowData &row, ValueSet set);
+JsonPtr ValuesFor(const ObjTypeRow &row, ValueSet set);
 
 // A row as signals must show it, tag and arrays included, read by a connection
 // of its own; NULL when there is none or it can't be told in JSON.

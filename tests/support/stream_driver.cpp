@@ -5,7 +5,7 @@
 #include "events/bus_dispatch.h"
 #include "events/dispatch.h"
 #include "events/status_change.h"
-#include "objects/catalogue.h"
+#include "objects/handlers.h"
 
 #include <gtest/gtest.h>
 
@@ -14,7 +14,7 @@ namespace qdb::test
 namespace
 {
 
-std::string InterfaceOf(const RowData &row)
+std::string InterfaceOf(const ObjTypeRow &row)
 {
     static const std::string kNames[] = {"CfgIntAttribute", "CfgStrAttribute",
                                          "CfgEnumAttribute",
@@ -86,8 +86,8 @@ int Notify(const Subject &subject, uint16_t kind)
         const auto *pDOH =
             reinterpret_cast<const DataObjHeader *>(object.data());
         const ObjTypeRow &row = *FindRow(subject.row->objType);
-        return kind == kCreateOnce ? row.CreateObjFP(pDOH, nullptr)
-                                   : row.RefreshObjFP(pDOH, nullptr);
+        return kind == kCreateOnce ? CreateObject(row, pDOH, nullptr)
+                                   : RefreshObject(row, pDOH, nullptr);
     }
     if (IsAttribute(subject))
     {

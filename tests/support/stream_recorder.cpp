@@ -270,7 +270,7 @@ void StreamRecorder::RecordAll(const std::string &name,
     }
     std::set<const Table *> tables;
     std::string sql;
-    for (const RowData &row : kRowData)
+    for (const ObjTypeRow &row : ObjectTypeTable)
     {
         if ((types.empty() || types.contains(row.objType)) &&
             tables.insert(row.table).second)

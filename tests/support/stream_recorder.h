@@ -17,7 +17,7 @@ namespace qdb::test
 // An object and the row of the catalogue that it takes.
 struct Subject
 {
-    const RowData *row;
+    const ObjTypeRow *row;
     uint32_t oid;
 };
 

@@ -36,7 +36,7 @@ struct Subject
 {
     const Object &object;
     const ObjectBytes bytes;
-    const RowData *const row;
+    const ObjTypeRow *const row;
     const int64_t oid;
 
     explicit Subject(const Object &given)
@@ -85,7 +85,7 @@ class Comparison
     const Content &content_;
     const Snapshot &snapshot_;
     std::unordered_map<uint32_t, const Object *> parents_; // all objects
-    std::map<int64_t, const RowData *> expected_;          // by OID
+    std::map<int64_t, const ObjTypeRow *> expected_;       // by OID
     std::set<int64_t> unjudged_;
     std::map<int64_t, uint32_t> types_;
     std::set<ElementPlace> elements_;             // that are expected
@@ -122,7 +122,7 @@ bool Comparison::IsJudged(int64_t oid) const
 
 bool Comparison::IsExpected(int64_t oid, const Table &table) const
 {
-    const RowData *const *row = Find(expected_, oid);
+    const ObjTypeRow *const *row = Find(expected_, oid);
     return row != nullptr && (*row)->table == &table;
 }
 

@@ -142,22 +142,22 @@ Value ElementField(const ObjectBytes &bytes, const SideTable &table,
 
 } // namespace
 
-const RowData *RowOf(const Object &object, const ObjectBytes &bytes)
+const ObjTypeRow *RowOf(const Object &object, const ObjectBytes &bytes)
 {
     if (!object.group && IsAttributeType(object.type))
     {
         return nullptr;
     }
     const auto *found = std::ranges::find_if(
-        kRowData,
-        [&](const RowData &row)
+        ObjectTypeTable,
+        [&](const ObjTypeRow &row)
         {
             return row.objType == object.type && Takes(*row.table, bytes);
         });
-    return found == std::end(kRowData) ? nullptr : found;
+    return found == std::end(ObjectTypeTable) ? nullptr : found;
 }
 
-bool IsWithheld(const RowData &row, const Column &column)
+bool IsWithheld(const ObjTypeRow &row, const Column &column)
 {
     static constexpr std::string_view kNames[] = {
         "CurrentReleaseDate", "PreviousReleaseDate", "PreviousVersionHash",
@@ -213,7 +213,7 @@ std::optional<Value> FieldOf(const ObjectBytes &bytes, const Source &source,
     return Value();
 }
 
-std::optional<Value> ColumnOf(const ObjectBytes &bytes, const RowData &row,
+std::optional<Value> ColumnOf(const ObjectBytes &bytes, const ObjTypeRow &row,
                               const Column &column)
 {
     if (bytes.Size() < kSmallestObject)

@@ -18,10 +18,10 @@ namespace qdb::audit
 // The row of the catalogue that mirrors the object; NULL when none does: types
 // without a table, hard disks' SMART data, and attributes that the Data
 // Manager claims to have.
-const RowData *RowOf(const Object &object, const ObjectBytes &bytes);
+const ObjTypeRow *RowOf(const Object &object, const ObjectBytes &bytes);
 
 // Whether the row never shows the column, though its objects fill it.
-bool IsWithheld(const RowData &row, const Column &column);
+bool IsWithheld(const ObjTypeRow &row, const Column &column);
 
 // The value of a field; `base` is added to its offset. Nothing when the field
 // leads outside of what an object may hold, so that the object can't be
@@ -30,7 +30,7 @@ std::optional<Value> FieldOf(const ObjectBytes &bytes, const Source &source,
                              size_t base = 0);
 
 // The value of a column of the object's row; the rest as FieldOf().
-std::optional<Value> ColumnOf(const ObjectBytes &bytes, const RowData &row,
+std::optional<Value> ColumnOf(const ObjectBytes &bytes, const ObjTypeRow &row,
                               const Column &column);
 
 // One element of an array property: the columns of its side table.
