@@ -1,7 +1,7 @@
 #include "busintake/match_rules.h"
 
 #include "busintake/handlers.h"
-#include "config/config_objects.h"
+#include "config/bus_rows.h"
 
 namespace qdb
 {
@@ -27,6 +27,7 @@ std::string BuildPropertiesChangedMatch(const std::string &interface)
 
 std::array<MatchRule, 13> MatchRules()
 {
+    const auto &attributes = DBusObj_Notification_Map_Table;
     const auto changed = [](const char *interface)
     {
         return MatchRule{BuildPropertiesChangedMatch(interface),
@@ -36,10 +37,10 @@ std::array<MatchRule, 13> MatchRules()
         {BuildNameOwnerChangedMatch(kConfigService), cfgmgr_name_owner_changed},
         {"type='signal',member='InterfacesAdded'", interfaces_added},
         {"type='signal',member='qdb_object_removed'", object_removed},
-        changed(kIntInterface),
-        changed(kStrInterface),
-        changed(kEnumInterface),
-        changed(kPasswdInterface),
+        changed(attributes[0].interfaceName),
+        changed(attributes[1].interfaceName),
+        changed(attributes[2].interfaceName),
+        changed(attributes[3].interfaceName),
         changed("com.vexo.tarnu.Sensor.ProbeObj"),
         changed("com.vexo.tarnu.Sensor.FanExtObj"),
         changed("com.vexo.tarnu.Sensor.HvxStatusObj"),

@@ -1,50 +1,55 @@
 #include "config/bus_rows.h"
 
-#include "config/config_objects.h"
-
-#include <cstring>
+#include <algorithm>
+#include <string_view>
 
 namespace qdb
 {
 namespace
 {
 
-consteval size_t IndexOf(uint32_t objType)
+template <uint32_t Type>
+consteval const ObjTypeRow *RowOf()
 {
-    size_t index = 0;
-    while (ObjectTypeTable[index].objType != objType)
-    {
-        ++index;
-    }
-    return index;
+    return &*std::ranges::find(ObjectTypeTable, Type, &ObjTypeRow::objType);
 }
 
-template <uint32_t Type>
-constexpr const ObjTypeRow *RowOf()
+template <typename Test>
+const BusRow *FindIf(Test test)
 {
-    return &ObjectTypeTable[IndexOf(Type)];
+    const auto row = std::ranges::find_if(DBusObj_Notification_Map_Table, test);
+    return row == DBusObj_Notification_Map_Table.end() ? nullptr : &*row;
 }
 
 } // namespace
 
-constexpr std::array<BusRow, 4> DBusObj_Notification_Map_Table = {{
-    {kIntInterface, TYPE_CFGINT, "TYPE_CFGINT", RowOf<TYPE_CFGINT>()},
-    {kStrInterface, TYPE_CFGSTR, "TYPE_CFGSTR", RowOf<TYPE_CFGSTR>()},
-    {kEnumInterface, TYPE_CFGENUM, "TYPE_CFGENUM", RowOf<TYPE_CFGENUM>()},
-    {kPasswdInterface, TYPE_CFGPASSWD, "TYPE_CFGPASSWD",
-     RowOf<TYPE_CFGPASSWD>()},
+constinit const std::array<BusRow, 4> DBusObj_Notification_Map_Table = {{
+    {kIntInterface, "CfgIntAttribute", "TYPE_CFGINT",
+     CfgIntAttribute_get_object, RowOf<TYPE_CFGINT>()},
+    {kStrInterface, "CfgStrAttribute", "TYPE_CFGSTR",
+     CfgStrAttribute_get_object, RowOf<TYPE_CFGSTR>()},
+    {kEnumInterface, "CfgEnumAttribute", "TYPE_CFGENUM",
+     CfgEnumAttribute_get_object, RowOf<TYPE_CFGENUM>()},
+    {kPasswdInterface, "CfgPasswdAttribute", "TYPE_CFGPASSWD",
+     CfgPasswdAttribute_get_object, RowOf<TYPE_CFGPASSWD>()},
 }};
 
 const BusRow *FindBusRow(const char *interfaceName)
 {
-    for (const BusRow &row : DBusObj_Notification_Map_Table)
-    {
-        if (std::strcmp(row.interfaceName, interfaceName) == 0)
+    return FindIf(
+        [&](const BusRow &row)
         {
-            return &row;
-        }
-    }
-    return nullptr;
+            return std::string_view(row.interfaceName) == interfaceName;
+        });
+}
+
+const BusRow *FindBusRow(uint32_t objType)
+{
+    return FindIf(
+        [&](const BusRow &row)
+        {
+            return row.row->objType == objType;
+        });
 }
 
 } // namespace qdb

@@ -1,6 +1,7 @@
-// The four attribute interfaces and the catalogue rows behind them.
+// The four attribute interfaces: all that differs from one to the other.
 #pragma once
 
+#include "config/config_objects.h"
 #include "objects/catalogue.h"
 
 #include <array>
@@ -11,14 +12,17 @@ namespace qdb
 struct BusRow
 {
     const char *interfaceName;
-    uint32_t objType;
-    const char *nameInLog;
+    const char *shortName;
+    const char *nameInLog; // of the type
+    int (*getObject)(const char *service, const char *path,
+                     DataObjHeader **ppDOH);
     const ObjTypeRow *row;
 };
 
 extern const std::array<BusRow, 4> DBusObj_Notification_Map_Table;
 
-// The row of an interface; NULL for any other name.
+// The row of an interface, or of a type; NULL for any other.
 const BusRow *FindBusRow(const char *interfaceName);
+const BusRow *FindBusRow(uint32_t objType);
 
 } // namespace qdb

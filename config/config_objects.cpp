@@ -1,8 +1,8 @@
 #include "config/config_objects.h"
 
+#include "config/bus_rows.h"
 #include "core/log.h"
 #include "core/status.h"
-#include "objects/catalogue.h"
 #include "objects/object_view.h"
 
 #include <libgen.h>
@@ -39,33 +39,12 @@ bool BelongsTo(const char *attributeKey, const DataObjHeader *group)
     return std::strncmp(attributeKey, prefix, std::strlen(prefix)) == 0;
 }
 
-using GetObjectFunction = int (*)(const char *service, const char *path,
-                                  DataObjHeader **ppDOH);
-
-GetObjectFunction GetterOf(uint32_t objType)
-{
-    switch (objType)
-    {
-    case TYPE_CFGINT:
-        return CfgIntAttribute_get_object;
-    case TYPE_CFGSTR:
-        return CfgStrAttribute_get_object;
-    case TYPE_CFGENUM:
-        return CfgEnumAttribute_get_object;
-    case TYPE_CFGPASSWD:
-        return CfgPasswdAttribute_get_object;
-    default:
-        return nullptr;
-    }
-}
-
 // Fetches an attribute. Notes when it was asked, for object_order.h.
-int FetchAttribute(GetObjectFunction getObject, const char *path,
-                   DataObjHeader **ppDOH)
+int FetchAttribute(const BusRow &row, const char *path, DataObjHeader **ppDOH)
 {
     const Wait wait;
     const uint64_t asked = Tick();
-    const int status = getObject(kConfigService, path, ppDOH);
+    const int status = row.getObject(kConfigService, path, ppDOH);
     NoteFetch(*ppDOH, asked);
     return status;
 }
@@ -127,13 +106,13 @@ int dbus_get_data_obj_hdr(uint32_t objType, const char *path,
         QDB_LOG(kLogTrace, "%s: ERROR: Invalid parameter pDOH.\n");
         return 1;
     }
-    const GetObjectFunction getObject = GetterOf(objType);
-    if (getObject == nullptr)
+    const BusRow *row = FindBusRow(objType);
+    if (row == nullptr)
     {
         QDB_LOG(kLogWarning, "%s: Unknown objType=0x%4x\n", objType);
         return 1;
     }
-    if (FetchAttribute(getObject, path, ppDOH) != 0)
+    if (FetchAttribute(*row, path, ppDOH) != 0)
     {
         QDB_LOG(kLogWarning, "%s: ERROR: get_object failed: %s\n", path);
         return 1;

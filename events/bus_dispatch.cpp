@@ -85,7 +85,8 @@ int FetchAttribute(const BusRow &row, const BusEvent &event,
                    ConfigObjectPtr *pObject)
 {
     DataObjHeader *object = nullptr;
-    const int status = dbus_get_data_obj_hdr(row.objType, event.path, &object);
+    const int status =
+        dbus_get_data_obj_hdr(row.row->objType, event.path, &object);
     pObject->reset(object);
     return status;
 }
@@ -256,7 +257,7 @@ int DestroyAttribute(const BusEvent &event)
     {
         return kFailed;
     }
-    stub.objType = static_cast<uint16_t>(row->objType);
+    stub.objType = row->row->objType;
     QDB_LOG(kLogTrace, "%s: found_i=  %d DOH_p->objType = %x oid = %d\n",
             static_cast<int>(row - DBusObj_Notification_Map_Table.data()),
             stub.objType, StoredOid(event.oid));

@@ -11,13 +11,12 @@
 #include "db/turn.h"
 #include "objects/catalogue.h"
 #include "objects/handlers.h"
-#include "objects/parent_links.h"
+#include "objects/object_loop.h"
+#include "objects/parents.h"
 #include "objects/predicates.h"
 #include "queues/event_queue.h"
 #include "queues/event_record.h"
 #include "reconcile/fru_cache.h"
-#include "reconcile/object_loop.h"
-#include "reconcile/parent.h"
 
 #include <cstdlib>
 #include <cstring>

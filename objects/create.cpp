@@ -12,7 +12,7 @@
 #include "objects/change_json.h"
 #include "objects/claimed.h"
 #include "objects/handlers.h"
-#include "objects/parent_links.h"
+#include "objects/parents.h"
 #include "objects/row_log.h"
 #include "objects/row_reader.h"
 #include "objects/sql_text.h"

@@ -5,11 +5,11 @@
 #include "core/status.h"
 #include "db/clearing.h"
 #include "objects/handlers.h"
+#include "objects/object_loop.h"
 #include "objects/object_view.h"
+#include "objects/parents.h"
 #include "reconcile/count_queries.h"
 #include "reconcile/fail_drain.h"
-#include "reconcile/object_loop.h"
-#include "reconcile/parent.h"
 
 #include <algorithm>
 #include <cstring>

@@ -4,8 +4,8 @@
 #include "core/platform_ptr.h"
 #include "core/state.h"
 #include "objects/handlers.h"
+#include "objects/parents.h"
 #include "queues/fail_queue.h"
-#include "reconcile/parent.h"
 
 #include <algorithm>
 #include <memory>

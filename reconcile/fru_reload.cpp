@@ -6,8 +6,8 @@
 #include "db/execute.h"
 #include "objects/handlers.h"
 #include "objects/object_view.h"
+#include "objects/parents.h"
 #include "reconcile/fru_cache.h"
-#include "reconcile/parent.h"
 
 #include <cstring>
 

@@ -4,7 +4,7 @@
 #include "core/status.h"
 #include "db/execute.h"
 #include "objects/handlers.h"
-#include "reconcile/parent.h"
+#include "objects/parents.h"
 
 namespace qdb
 {

@@ -4,9 +4,9 @@
 #include "core/platform_ptr.h"
 #include "core/status.h"
 #include "objects/handlers.h"
+#include "objects/object_loop.h"
+#include "objects/parents.h"
 #include "reconcile/memory_checks.h"
-#include "reconcile/object_loop.h"
-#include "reconcile/parent.h"
 
 namespace qdb
 {

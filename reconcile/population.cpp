@@ -1,14 +1,15 @@
 #include "reconcile/population.h"
 
+#include "config/bus_rows.h"
 #include "config/config_load.h"
 #include "core/log.h"
 #include "core/status.h"
 #include "core/threads.h"
 #include "db/turn.h"
 #include "objects/handlers.h"
+#include "objects/object_loop.h"
+#include "objects/parents.h"
 #include "objects/predicates.h"
-#include "reconcile/object_loop.h"
-#include "reconcile/parent.h"
 
 namespace qdb
 {
@@ -72,18 +73,7 @@ void VisitObjects(Walk &walk, const ObjTypeRow &row, const OidList &list)
 
 void LoadConfigRow(const ObjTypeRow &row, const ConfigObjectList &groups)
 {
-    static constexpr struct
-    {
-        uint32_t objType;
-        const char *shortName;
-        const char *interfaceName;
-    } kInterfaces[] = {
-        {TYPE_CFGINT, "CfgIntAttribute", kIntInterface},
-        {TYPE_CFGSTR, "CfgStrAttribute", kStrInterface},
-        {TYPE_CFGENUM, "CfgEnumAttribute", kEnumInterface},
-        {TYPE_CFGPASSWD, "CfgPasswdAttribute", kPasswdInterface},
-    };
-    const auto &entry = kInterfaces[row.objType - TYPE_CFGINT];
+    const BusRow &entry = *FindBusRow(row.objType);
     QDB_LOG(kLogTrace, "%s: Calling OnLoadConfigObjectsCreation(%s)\n",
             entry.shortName);
     const int status =

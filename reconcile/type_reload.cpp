@@ -7,7 +7,7 @@
 #include "db/mapping.h"
 #include "objects/cached_object.h"
 #include "objects/handlers.h"
-#include "reconcile/parent.h"
+#include "objects/parents.h"
 
 #include <algorithm>
 

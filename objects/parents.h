@@ -1,4 +1,6 @@
-// The parent of an object.
+// The parents that the Data Manager gives an object: the one whose key goes into
+// its row, and all of them as rows of ParentChildMapping. All ask the Data
+// Manager, and so must be called without the turn at the database.
 #pragma once
 
 #include "core/platform_ptr.h"
@@ -18,5 +20,9 @@ int GetParentDOH(const DataObjHeader *pDOH, DataObjHeader **ppParentDOH);
 // gets the result.
 ObjectPtr FetchParent(const DataObjHeader *pDOH, int *pStatus,
                       const char *prefix = "");
+
+// Records the links of an object to those of its parents that the Data Manager
+// still has. pDOH isn't NULL; its OID is `oid`.
+void RefreshParentChildMapping(const DataObjHeader *pDOH, uint32_t oid);
 
 } // namespace qdb
