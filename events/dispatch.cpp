@@ -16,7 +16,7 @@
 #include "objects/predicates.h"
 #include "queues/event_queue.h"
 #include "queues/event_record.h"
-#include "reconcile/fru_cache.h"
+#include "reconcile/fru_reload.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,5 +1,6 @@
-// A handler run on an object in a status loop, with the object fetched again
-// whenever it cannot be read as it stands.
+// What all walks over objects share: an object is fetched, and a handler is run
+// on it in a status loop, with the object fetched again whenever it cannot be
+// read as it stands.
 #pragma once
 
 #include "core/log.h"
@@ -10,6 +11,21 @@
 
 namespace qdb
 {
+
+// Fetches an object of a list, with the line that tells its type; `caller`
+// begins it. Without one *pStatus becomes ZO_STATUS_NO_SUCH_OBJECT.
+inline ObjectPtr FetchListed(const char *caller, uint32_t oid, int *pStatus)
+{
+    ObjectPtr object = FetchObject(oid);
+    if (object == nullptr)
+    {
+        *pStatus = ZO_STATUS_NO_SUCH_OBJECT;
+        return object;
+    }
+    QDB_LOG(kLogTrace, "%s: %s: pDOH->objType=%d, pDOH->objType=0x%x\n", caller,
+            object->objType, object->objType);
+    return object;
+}
 
 // What an object that has vanished meanwhile means.
 enum class WhenGone

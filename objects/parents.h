@@ -1,5 +1,5 @@
-// The parents that the Data Manager gives an object: the one whose key goes into
-// its row, and all of them as rows of ParentChildMapping. All ask the Data
+// The parents that the Data Manager gives an object: the one whose key goes
+// into its row, and all of them as rows of ParentChildMapping. All ask the Data
 // Manager, and so must be called without the turn at the database.
 #pragma once
 

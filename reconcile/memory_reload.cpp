@@ -176,15 +176,12 @@ void Check(const Visit &visit, Findings *pFindings)
 
 void VisitObject(Pass &pass, const ObjTypeRow &row, uint32_t oid)
 {
-    Visit visit = {row, oid, FetchObject(oid), nullptr, pass.returnStatus};
-    if (visit.object == nullptr)
+    ObjectPtr object = FetchListed("ReLoadNCObjects", oid, &pass.returnStatus);
+    if (object == nullptr)
     {
-        pass.returnStatus = ZO_STATUS_NO_SUCH_OBJECT;
         return;
     }
-    QDB_LOG(kLogTrace,
-            "%s: ReLoadNCObjects: pDOH->objType=%d, pDOH->objType=0x%x\n",
-            visit.object->objType, visit.object->objType);
+    Visit visit = {row, oid, std::move(object), nullptr, pass.returnStatus};
     Check(visit, &pass.findings);
     visit.parent = FetchParent(visit.object.get(), nullptr, "ReLoadNCObjects ");
     ++pass.visited;

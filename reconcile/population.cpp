@@ -41,14 +41,11 @@ void CreateWithRetry(Walk &walk, const ObjTypeRow &row, uint32_t oid,
 
 void VisitObject(Walk &walk, const ObjTypeRow &row, uint32_t oid)
 {
-    ObjectPtr object = FetchObject(oid);
+    ObjectPtr object = FetchListed(walk.function, oid, &walk.returnStatus);
     if (object == nullptr)
     {
-        walk.returnStatus = ZO_STATUS_NO_SUCH_OBJECT;
         return;
     }
-    QDB_LOG(kLogTrace, "%s: %s: pDOH->objType=%d, pDOH->objType=0x%x\n",
-            walk.function, object->objType, object->objType);
     const ObjectPtr parent = FetchParent(object.get(), nullptr);
     ++walk.visited;
     if (!Applies(row, object.get(), parent.get()))

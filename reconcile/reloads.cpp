@@ -4,7 +4,6 @@
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/status.h"
-#include "reconcile/fru_cache.h"
 #include "reconcile/fru_reload.h"
 #include "reconcile/key_reload.h"
 #include "reconcile/memory_reload.h"

@@ -6,7 +6,6 @@
 // it to a known state first, or uses OIDs of its own.
 
 #include "events/dispatch.h"
-#include "reconcile/fru_cache.h"
 #include "reconcile/fru_reload.h"
 #include "reconcile/memory_reload.h"
 #include "tests/support/config_bytes.h"

@@ -15,7 +15,7 @@
 #include "queues/event_queue.h"
 #include "queues/event_record.h"
 #include "reconcile/count_check.h"
-#include "reconcile/fru_cache.h"
+#include "reconcile/fru_reload.h"
 #include "reconcile/key_reload.h"
 #include "reconcile/memory_reload.h"
 #include "reconcile/population.h"
