@@ -50,6 +50,8 @@ int ResultOf(int ret)
                                                               : FailureOf(ret);
 }
 
+// Invariant 4. Before the claim is taken, since the delete needs it to end;
+// with CreateObjMutex in hand, since a delete doesn't take that.
 void WaitForDelete(const Create &create)
 {
     const MutexLock lock(create.state.DeleteWaitMutex);
@@ -84,6 +86,8 @@ int PrepareInsert(const Create &create)
     return status;
 }
 
+// Only a busy database is worth another try later: all other failures would
+// come again, and a mapped OID is the delete's business.
 void KeepForLater(const Create &create)
 {
     const int index = QdbFailObjTypeIndex(create.pDOH->objType);
@@ -129,6 +133,9 @@ int MapAgain(const Create &create, int status)
     return status;
 }
 
+// From here on the OID counts as live, also when its row can't be written:
+// nothing is rolled back (invariant 1). An OID that was mapped before keeps its
+// row as it is.
 int MapObject(const Create &create)
 {
     const int status = MapOnce(create);
@@ -164,7 +171,8 @@ int MapObject(const Create &create)
     return status;
 }
 
-// Steps the bound INSERT, and once more if that fails.
+// Steps the bound INSERT, and once more if that fails. The bindings live
+// through a failed step, and so serve both.
 int WriteRow(const Create &create)
 {
     sqlite3_stmt *statement = create.state.InsertStmt.statement;
@@ -208,7 +216,9 @@ void LogNotInserted(const Create &create, int ret)
     LogRowError(kLogError, kStem, create.row);
 }
 
-// Binds, maps and writes; the statement is clean afterwards.
+// Binds, maps and writes; the statement is clean afterwards. Bound first: an
+// object that can't be read leaves no mapping behind and is fetched again. Then
+// the mapping, which the table's row refers to (invariant 1).
 int InsertRow(const Create &create)
 {
     const StatementReset reset(create.state.InsertStmt.statement);
@@ -240,6 +250,7 @@ int InsertRow(const Create &create)
 // *pRow set on success.
 int FinishRow(const Create &create, RowReading *pRow)
 {
+    // Before the row is read back: an array's elements are part of it.
     InsertArrays(create.row, create.pDOH);
     int status = ReadRow(create.row, create.Oid(), pRow);
     if (status == SQLITE_DONE)
@@ -247,6 +258,7 @@ int FinishRow(const Create &create, RowReading *pRow)
         status = kFailed;
     }
     status = AddArrays(create.row, create.Oid(), status, pRow);
+    // Last: whoever looks at the tag first finds the row behind it.
     if (InsertInTblEtag(create.row.table->name) != SQLITE_OK)
     {
         QDB_LOG(kLogError, "%s: TblEtag could not be updated for %s",
@@ -273,6 +285,7 @@ void Announce(const Create &create, RowReading reading)
 // whether there is a row.
 int WriteInTurn(const Create &create, RowReading *pRow, bool *pWritten)
 {
+    // Its end is before the links are asked for (invariant 7).
     const DbTurn turn;
     int ret = PrepareInsert(create);
     if (ret == SQLITE_OK)
@@ -291,6 +304,7 @@ int RunSteps(const Create &create)
     RowReading reading;
     bool written = false;
     const int ret = WriteInTurn(create, &reading, &written);
+    // Also of a row that couldn't be read back: it is there.
     if (written)
     {
         RefreshParentChildMapping(create.pDOH, create.Oid());
@@ -312,6 +326,7 @@ int RunSteps(const Create &create)
 int CreateObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
                  const DataObjHeader *pParentDOH)
 {
+    // The parent's key comes from the platform, and so before any lock.
     const Create create = {row, StateOf(row), pDOH, FetchParentKey(pParentDOH)};
     QDB_LOG(kLogTrace, "%s: [%s] %s%s Entry for OID: %d", row.suffix, kStem,
             row.suffix, create.LogOid());

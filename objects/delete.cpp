@@ -25,7 +25,9 @@ namespace
 
 constexpr char kStem[] = "DeleteObj_";
 
-// Announces the OID as being deleted, after any delete of the same OID.
+// Tells creates of the row that this OID is being deleted, after any delete of
+// the same OID. Before the claim is waited for: a create that comes from now on
+// waits for the end of the delete instead of finding the OID mapped.
 void BeginDelete(const ObjTypeRow &row, ObjRowState &state, uint32_t oid)
 {
     const MutexLock lock(state.DeleteWaitMutex);
@@ -77,6 +79,8 @@ void LogEnd(const ObjTypeRow &row, uint32_t oid, int status)
 // logged, and that of a failed removal isn't.
 int RemoveInTurn(const ObjTypeRow &row, uint32_t oid, RowReading *pReading)
 {
+    // The row is read before it goes: a cascade from its mapping takes it
+    // along, and a removal is announced with the last values.
     const DbTurn turn;
     int read = ReadRow(row, oid, pReading);
     read = AddArrays(row, oid, read, pReading);
@@ -109,15 +113,21 @@ int RemoveRow(const ObjTypeRow &row, uint32_t oid, Destroy &event)
         event.heldUp = true;
         return kFailed;
     }
+    // Asked before it is noted that the row is gone. A row that shows something
+    // newer than this destroy goes all the same, since that is what was asked
+    // for; the caller has the object created again then.
     const bool overtaken = claim.IsOvertaken();
     RowReading reading;
     const int status = RemoveInTurn(row, oid, &reading);
+    // Also when nothing was removed: an object that was fetched before this
+    // destroy must not come back as a row (invariant 6).
     claim.NoteKnown();
     if (status != SQLITE_OK)
     {
         return status;
     }
     event.overtaken = event.overtaken || overtaken;
+    // With the claim still held, so that no Added overtakes it.
     Announce(row, std::move(reading));
     LogEnd(row, oid, SQLITE_OK);
     return SQLITE_OK;
@@ -133,6 +143,7 @@ int DeleteLocked(const ObjTypeRow &row, const DataObjHeader *pDOH,
         event.heldUp = true;
         return kFailed;
     }
+    // Before DeletingOID is set, so that no way out leaves a create waiting.
     const DeleteEnd end(state);
     if (pDOH == nullptr || QDVdbHandle == nullptr)
     {

@@ -43,7 +43,10 @@ struct Refresh
     }
 };
 
-// An object without a row: types whose failures are kept come back later.
+// An object without a row. Mostly its create is still on the queue, and will
+// write what this refresh would have written. It isn't left at that where
+// creates are known to fail: types whose failures are kept come back
+// later.
 int KeepForLater(const Refresh &refresh)
 {
     const int index = QdbFailObjTypeIndex(refresh.pDOH->objType);
@@ -64,6 +67,7 @@ int KeepForLater(const Refresh &refresh)
     return kFailed;
 }
 
+// What the row shows, and what was announced last (invariant 5).
 int ReadBefore(const Refresh &refresh, RowReading *pBefore)
 {
     int status = ReadRow(refresh.row, refresh.Oid(), pBefore);
@@ -109,7 +113,8 @@ void LogNotUpdated(const Refresh &refresh, const char *attempt, int status)
     LogRowError(kLogError, kStem, refresh.row);
 }
 
-// Steps the bound UPDATE, and once more if that fails.
+// Steps the bound UPDATE, and once more if that fails. The row stays as it was
+// then, and so does what is known of it.
 int WriteRow(const Refresh &refresh)
 {
     sqlite3_stmt *statement = refresh.state.UpdateStmt.statement;
@@ -156,6 +161,8 @@ int UpdateRow(Refresh &refresh)
     return refresh.ret;
 }
 
+// What is announced is what the table holds now (invariant 3): SQLite may have
+// stored a value in another form than the object's.
 int ReadAfter(const Refresh &refresh, RowReading *pAfter)
 {
     int status = ReadRow(refresh.row, refresh.Oid(), pAfter);
@@ -166,7 +173,8 @@ int ReadAfter(const Refresh &refresh, RowReading *pAfter)
     return AddArrays(refresh.row, refresh.Oid(), status, pAfter);
 }
 
-// Announces what changed, if more than the tag did.
+// Announces what changed, if more than the tag did: that is stamped by every
+// UPDATE, and would make each refresh a change.
 void Announce(const Refresh &refresh, RowReading before, RowReading after)
 {
     int changes = 0;
@@ -189,6 +197,9 @@ void Announce(const Refresh &refresh, RowReading before, RowReading after)
 // The statements of a refresh, in one turn.
 int WriteInTurn(Refresh &refresh, RowReading *pBefore, RowReading *pAfter)
 {
+    // From the first reading to the last nobody else's statement comes between,
+    // unless a busy database makes the turn end early; the claim holds even
+    // then.
     const DbTurn turn;
     int status = ReadBefore(refresh, pBefore);
     const int prepared = PrepareUpdate(refresh);
@@ -203,6 +214,7 @@ int WriteInTurn(Refresh &refresh, RowReading *pBefore, RowReading *pAfter)
     }
     if (status == SQLITE_OK)
     {
+        // Replaced as a whole, before they are read as a part of the row.
         InsertArrays(refresh.row, refresh.pDOH);
         status = ReadAfter(refresh, pAfter);
     }

@@ -40,6 +40,9 @@ size_t SkipKey(std::string_view text, std::string_view name)
 
 bool RowText::Split(const Table &table, std::string_view text)
 {
+    // SQLite makes the text, of the table's columns in their order and the tag.
+    // Anything else, a duplicate or a value that isn't plain, is left to the
+    // parser: what isn't understood to the last byte isn't spliced.
     count_ = 0;
     const size_t tag = table.columns.size();
     if (tag >= kMaxRowFields ||
@@ -71,6 +74,7 @@ bool RowText::Split(const Table &table, std::string_view text)
     {
         return false;
     }
+    // SQLite's buffer ends with the statement's next step.
     try
     {
         text_.assign(text);
@@ -120,6 +124,8 @@ bool RowText::SetValue(std::string_view name, std::string_view value)
 
 FieldSet RowText::DifferentFrom(const RowText &other) const
 {
+    // Byte by byte: the same SQLite made both texts, so that equal values have
+    // equal bytes (plain_value.h keeps out those for which that isn't so).
     FieldSet different = 0;
     for (size_t i = 0; i < count_; ++i)
     {
@@ -165,6 +171,7 @@ char *RowText::Render(const FieldSet &fields, char *to) const
         std::memcpy(to, text_.data() + begin, end - begin);
         to += end - begin;
     };
+    // As Jansson prints an object: consumers see no difference between the two.
     *to++ = '{';
     bool isFirst = true;
     for (size_t i = 0; i < count_; ++i)

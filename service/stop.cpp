@@ -92,6 +92,7 @@ void LetStopIn()
     action.sa_handler = HandleSignal;
     sigemptyset(&action.sa_mask);
     sigaction(SIGTERM, &action, nullptr);
+    // Made while SIGTERM is blocked, which it inherits.
     const int status =
         CreateThread(&gStopThread, nullptr, RunStopThread, nullptr);
     gStarted = status == 0;
@@ -103,15 +104,20 @@ void LetStopIn()
                 status);
         signal(SIGTERM, SIG_DFL);
     }
+    // One that came meanwhile arrives here.
     ChangeMask(SIG_UNBLOCK);
     WatchForRequestsOnly();
 }
 
 void StopService()
 {
+    // First of all, since the watch counts from here.
     RequestStop();
+    // Before the stop records: what is queued behind them nobody takes. It may
+    // hang in the platform; the watch goes on with EndThreads then.
     RemoveListener();
     EndThreads();
+    // Last, since it needs SQLite, which may be at work for somebody.
     ShortenBusyWaits();
 }
 
@@ -123,8 +129,12 @@ void EndThreads()
         return;
     }
     gStepsDone = true;
+    // One for each worker, behind all that is queued: that is still carried
+    // out.
     QueueStopRecords();
     SetCancelNCThread();
+    // These two wait where only a cancel reaches them; the others look at their
+    // flags by themselves.
     CancelThread(gCorruptionThread);
     CancelThread(gBusServiceThread);
     SetCancelSignalThread();
@@ -139,6 +149,8 @@ void FinishStop()
         pthread_join(gStopThread, nullptr);
         gStarted = false;
     }
+    // From here on the watch, too, has no more steps to take: what they use is
+    // about to be freed.
     const MutexLock lock(gStepsMutex);
     gStepsDone = true;
 }
