@@ -34,6 +34,7 @@ bool ReadIsWanted(int64_t now)
                             (gWorkAhead > 0 || QdbEventQSize > 0));
 }
 
+// How long the turn was had is what admission lets workers in by.
 void PassTurn(int64_t now)
 {
     tTurnNanoseconds += now - tTurnSince;
@@ -45,7 +46,9 @@ void PassTurn(int64_t now)
 
 DbTurn::DbTurn()
 {
+    // Whoever had the turn already would wait for itself.
     AssertMayWait();
+    // Counted before the wait, so that the owner leaves the read open for us.
     ++gWaiting;
     pthread_mutex_lock(&gTurnMutex);
     --gWaiting;
@@ -65,6 +68,8 @@ void DbTurn::End()
         return;
     }
     const int64_t now = NowNanoseconds();
+    // While the turn is still ours: behind it the read would be the next
+    // owner's.
     if (!ReadIsWanted(now))
     {
         GiveUpRead();
@@ -76,6 +81,8 @@ void GiveUpTurn()
 {
     if (tHasTurn)
     {
+        // Whatever this thread is about to wait for, other processes may want
+        // to write meanwhile, wanted read or not.
         GiveUpRead();
         PassTurn(NowNanoseconds());
     }
@@ -83,6 +90,7 @@ void GiveUpTurn()
 
 StatementLock::StatementLock(pthread_mutex_t &mutex) : mutex_(mutex)
 {
+    // Its holder may sleep through a busy database.
     if (pthread_mutex_trylock(&mutex_) != 0)
     {
         GiveUpTurn();
@@ -107,6 +115,7 @@ WorkAhead::~WorkAhead()
 
 ReadWatch::~ReadWatch()
 {
+    // In this order: a turn that ends in between sees that nobody watches.
     gWatchedAt = 0;
     GiveUpRead();
 }
@@ -122,6 +131,7 @@ void ReadWatch::Tick()
 
 void KeepRead()
 {
+    // Without a turn there is nobody who would give it up in time.
     if (gReadKept || !tHasTurn)
     {
         return;
@@ -133,6 +143,7 @@ void KeepRead()
     {
         return;
     }
+    // A statement that stands on a row holds the shared lock: that is the read.
     gReadKept = sqlite3_step(gReadStmt.statement) == SQLITE_ROW;
     if (!gReadKept)
     {
@@ -147,6 +158,7 @@ bool ReadIsKept()
 
 bool GiveUpRead()
 {
+    // Without the lock, which each end of a turn would pay for otherwise.
     if (!gReadKept)
     {
         return false;

@@ -75,6 +75,8 @@ struct AtWork
 
 AtWork CountAtWork(int64_t now)
 {
+    // Measured by what records take just now: with a platform that takes 5 ms a
+    // call, 50 ms are nothing strange.
     const int64_t limit = kManyRecords * gWhole.value;
     AtWork atWork;
     for (const Seat &seat : gSeats)
@@ -109,12 +111,15 @@ void NoteRecord(int64_t now)
 
 void Enter()
 {
+    // One at a time counts and enters, so that no two take the same place.
     const MutexLock line(gLineMutex);
     const LeafLock lock(gLeftMutex);
     int64_t now = NowNanoseconds();
     AtWork atWork = CountAtWork(now);
     while (atWork.count >= Wanted())
     {
+        // Until somebody leaves, or until the first of them counts as hanging
+        // and so makes room without leaving.
         const timespec until = ToTimespec(atWork.firstHangsAt);
         pthread_cond_clockwait(&gLeft, &gLeftMutex, CLOCK_MONOTONIC, &until);
         now = NowNanoseconds();
@@ -169,6 +174,8 @@ void AwaitRecord()
     {
         const int64_t now = NowNanoseconds();
         NoteRecord(now);
+        // On from record to record, without a wake-up, while there is work. One
+        // that has come back after hanging may be one too many, and leaves.
         if (CountAtWork(now).count <= Wanted() &&
             sem_trywait(&gQdbEventSem) == 0)
         {
@@ -177,6 +184,8 @@ void AwaitRecord()
         }
         Leave();
     }
+    // The record first and then the place: a worker without a record would keep
+    // the place from one that has one.
     sem_wait(&gQdbEventSem);
     if (tSeat != nullptr)
     {

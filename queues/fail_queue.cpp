@@ -36,6 +36,7 @@ void QdbFailenQueue(FailQueue *queue, uint32_t oid, FailedOperation operation,
         return;
     }
     const LeafLock lock(gMutex);
+    // Invariant 1: the first node of an empty queue isn't counted.
     if (queue->tail == nullptr)
     {
         queue->head = node;
@@ -52,6 +53,7 @@ QdbFailQNode *QdbFaildeQueue(FailQueue *queue)
 {
     const LeafLock lock(gMutex);
     QdbFailQNode *node = queue->head;
+    // The -1 that the last node left becomes 0 again here, and only here.
     if (node == nullptr)
     {
         queue->count = 0;
