@@ -280,8 +280,8 @@ void ChurnObjects(const json_t *request, json_t *)
     {
         Refuse("\"rate\" has to be a number");
     }
-    Check(Churn(Number<uint32_t>(request, "count"), json_number_value(rate),
-                Numbers<uint16_t>(request, "types")));
+    Check(Churn(Number<uint32_t>(request, "count", 100),
+                json_number_value(rate), Numbers<uint16_t>(request, "types")));
 }
 
 // The events of objects as they are, a record for each or one for all: at a

@@ -273,7 +273,7 @@ TEST_F(MirrorTest, DelaysAreSetAndReleased)
     {
         CLI::App app;
         Invocation invocation;
-        AddBenchCommands(app, &invocation);
+        AddManagerCommands(app, &invocation);
         app.parse(arguments);
         testing::internal::CaptureStdout();
         try

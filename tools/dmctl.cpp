@@ -20,8 +20,7 @@ int Parse(int argc, char **argv, std::string *pSocket,
     app.add_option("--socket", *pSocket, "control socket of the stand-in")
         ->envname("QDB_STANDIN_SOCKET");
     app.require_subcommand(1);
-    qdb::AddObjectCommands(app, pInvocation);
-    qdb::AddBenchCommands(app, pInvocation);
+    qdb::AddManagerCommands(app, pInvocation);
     qdb::AddConfigCommands(app, pInvocation);
     qdb::AddAuditCommand(app, pInvocation);
     qdb::AddHostCommand(app, pInvocation);

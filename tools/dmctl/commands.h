@@ -5,8 +5,9 @@
 // connected. Such a function prints its result on standard output and throws
 // what the client throws.
 //
-// To add a subcommand: 1. give its arguments a place in Invocation; 2. declare
-// it with AddSubcommand in the Add function of its kind.
+// To add a subcommand that is one operation of the stand-in: a line in
+// manager_commands.cpp. Any other: 1. give its arguments a place in Invocation;
+// 2. declare it with AddSubcommand in the Add function of its kind.
 #pragma once
 
 #include "tools/dmctl/client.h"
@@ -21,31 +22,26 @@
 namespace qdb
 {
 
+struct Invocation;
+
+using Run = std::function<void(Client &, const Invocation &)>;
+
 struct Invocation
 {
-    void (*run)(Client &, const Invocation &) = nullptr;
+    Run run;
 
-    std::string name; // of a platform function, an interface or a file
-    std::string key;  // of an object or attribute, or a prefix
+    // Of the subcommands that are operations: their members.
+    Json request = Json(json_object());
+
+    // Of all others.
+    std::string name;               // of an interface or a file
+    std::string key;                // of an object or attribute, or a prefix
     std::vector<std::string> names; // of interfaces
     std::string database;           // path of the file
-    uint16_t type = 0;              // 0: not given
     uint32_t oid = 0;               // 0: not given
-    std::vector<uint32_t> oids;
-    std::vector<uint16_t> types;
     std::vector<std::string> assignments; // COLUMN=VALUE
-    int status = 0;
-    uint32_t count = 0;
-    int times = 0;
-    int skip = 0;
-    std::string duration; // of a delay: microseconds, or "hang"
-    std::string text;     // in a log line
-    bool random = false;  // a delay of any length up to that
-    bool late = false;    // a delay behind the call's answer
-    bool isOn = false;
-    double rate = 0;     // events a second; 0: as fast as they are taken
-    uint32_t passes = 0; // 0: without end
-    double interval = 1; // seconds between passes
+    uint32_t passes = 0;                  // 0: without end
+    double interval = 1;                  // seconds between passes
     // How long to hold a name; default: without end.
     double seconds = std::numeric_limits<double>::infinity();
     bool json = false;
@@ -59,18 +55,13 @@ class CannotLook : public std::runtime_error
     using std::runtime_error::runtime_error;
 };
 
-using Run = decltype(Invocation::run);
-
 // Declares a subcommand, whose own arguments the caller adds to the result.
 CLI::App *AddSubcommand(CLI::App &app, Invocation *pInvocation,
                         const char *name, const char *description, Run run);
 
-// create, set, delete, status, list, show
-void AddObjectCommands(CLI::App &app, Invocation *pInvocation);
-
-// detach, attach, event, generate, churn, fault, delay, release, calls,
-// hanging, measure, cost, attributes
-void AddBenchCommands(CLI::App &app, Invocation *pInvocation);
+// create, set, show, event, delay and all others that are operations of the
+// stand-in
+void AddManagerCommands(CLI::App &app, Invocation *pInvocation);
 
 // cfg list, show, add, set, remove, commit, raw, own
 void AddConfigCommands(CLI::App &app, Invocation *pInvocation);
