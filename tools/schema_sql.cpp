@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 namespace qdb
 {
@@ -55,9 +56,8 @@ std::string Quoted(std::string_view name)
 
 std::string ColumnSql(const Column &column)
 {
-    std::string sql = "    " + Quoted(column.name) + ' ';
-    sql += SqlType(column.source.form);
-    return sql;
+    return "    " + Quoted(column.name) + ' ' +
+           FactsOf(column.source.form).sqlType;
 }
 
 std::string ObjectTableSql(const Table &table)
@@ -211,36 +211,6 @@ std::vector<const Table *> ObjectTables()
     std::sort(tables.begin(), tables.end(), byName);
     tables.erase(std::unique(tables.begin(), tables.end()), tables.end());
     return tables;
-}
-
-std::string_view SqlType(Form form)
-{
-    switch (form)
-    {
-    case Form::U8:
-    case Form::U16:
-    case Form::U32:
-    case Form::U64:
-    case Form::I8:
-    case Form::I16:
-    case Form::I32:
-    case Form::Bits:
-        return "INTEGER";
-    case Form::F32:
-    case Form::F64:
-        return "REAL";
-    case Form::Text:
-    case Form::TextOrNull:
-    case Form::OffsetText:
-    case Form::OffsetText16:
-    case Form::OffsetTextIf:
-    case Form::BodyText:
-    case Form::Joined:
-    case Form::ParentKey:
-    case Form::Null:
-        return "TEXT";
-    }
-    return "TEXT";
 }
 
 std::string SchemaSql()

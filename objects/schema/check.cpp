@@ -47,6 +47,18 @@ constexpr bool Narrowed(const Column &column, Form form)
     return column.source.form == form && column.source.aux == kNarrowed;
 }
 
+consteval bool FormsAreInOrder()
+{
+    for (size_t i = 0; i < std::size(kForms); ++i)
+    {
+        if (kForms[i].form != static_cast<Form>(i))
+        {
+            return false;
+        }
+    }
+    return kForms[std::size(kForms) - 1].form == Form::Null;
+}
+
 consteval bool RowsAreInOrder()
 {
     // The order of the lower-case hexadecimal texts: digits come before
@@ -63,12 +75,6 @@ consteval bool RowsAreInOrder()
         }
     }
     return true;
-}
-
-constexpr bool Overlap(const Source &a, const Source &b)
-{
-    return HasField(a) && HasField(b) && a.offset < b.offset + FieldSize(b) &&
-           b.offset < a.offset + FieldSize(a);
 }
 
 consteval bool PlacedFieldsOverlapNoDocumentedOne()
@@ -112,6 +118,7 @@ consteval bool NamesAreUnique()
     return true;
 }
 
+static_assert(FormsAreInOrder());
 static_assert(std::size(kRowData) == 161);
 static_assert(kRowData[157].objType == 0xE1);
 static_assert(CountTables() == 111);
@@ -128,6 +135,13 @@ static_assert(CountColumns(
                   {
                       return Narrowed(c, Form::U8);
                   }) == 2);
+static_assert(CountColumns(
+                  [](const Column &c)
+                  {
+                      const IntegerRange range = RangeOf(c.source);
+                      return KindOf(c.source.form) == FormKind::Integer &&
+                             (range.bits == 0 || FieldSize(c.source) > 8);
+                  }) == 0);
 static_assert(CountColumns(
                   [](const Column &c)
                   {
