@@ -1,6 +1,7 @@
 // The SQL of the tables, and the file that they are made in.
 #include "tools/schema_sql.h"
 
+#include "db/statement_ptr.h"
 #include "objects/schema/rows.h"
 
 #include <fcntl.h>
@@ -12,7 +13,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
 namespace qdb
@@ -99,14 +99,6 @@ std::string SideTableSql(const SideTable &table)
     return sql + "    PRIMARY KEY (\"OID\", \"PROP\", \"ARR_INDEX\")\n);\n";
 }
 
-struct CloseDatabase
-{
-    void operator()(sqlite3 *db) const
-    {
-        sqlite3_close(db);
-    }
-};
-
 // The file that the work is done in; removed unless it was handed on.
 class NewFile
 {
@@ -164,7 +156,7 @@ bool FillDatabase(const std::string &path, std::string *pError)
     sqlite3 *opened = nullptr;
     int status =
         sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE, nullptr);
-    const std::unique_ptr<sqlite3, CloseDatabase> db(opened);
+    const ConnectionPtr db(opened);
     if (status == SQLITE_OK)
     {
         // A half-made file is dropped, so there is nothing to roll back.

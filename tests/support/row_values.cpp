@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 
 namespace qdb::test
 {
@@ -309,14 +308,6 @@ void AddElements(const ArrayProperty &property, const std::string &database,
     }
 }
 
-struct CloseConnection
-{
-    void operator()(sqlite3 *connection) const
-    {
-        sqlite3_close(connection);
-    }
-};
-
 // A row as its table holds it, without its tag; NULL when there is none.
 JsonPtr TableRow(const std::string &database, const Table &table, uint32_t oid)
 {
@@ -324,7 +315,7 @@ JsonPtr TableRow(const std::string &database, const Table &table, uint32_t oid)
     EXPECT_EQ(sqlite3_open_v2(database.c_str(), &opened, SQLITE_OPEN_READONLY,
                               nullptr),
               SQLITE_OK);
-    const std::unique_ptr<sqlite3, CloseConnection> connection(opened);
+    const ConnectionPtr connection(opened);
     sqlite3_busy_timeout(opened, 10000);
     const std::string sql =
         std::string("SELECT * FROM ") + table.name +
