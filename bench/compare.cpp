@@ -1,8 +1,7 @@
 #include "bench/compare.h"
 
-#include <sqlite3.h>
+#include "db/statement_ptr.h"
 
-#include <memory>
 #include <stdexcept>
 #include <vector>
 
@@ -13,17 +12,8 @@ namespace
 
 constexpr int kBusyTimeoutMs = 10000;
 
-struct CloseConnection
-{
-    void operator()(sqlite3 *connection) const
-    {
-        sqlite3_close(connection);
-    }
-};
-using Connection = std::unique_ptr<sqlite3, CloseConnection>;
-
 // The first column of all rows that a query gives.
-std::vector<std::string> Query(const Connection &connection,
+std::vector<std::string> Query(const ConnectionPtr &connection,
                                const std::string &sql)
 {
     const auto append = [](void *values, int, char **texts, char **)
@@ -61,7 +51,7 @@ void CheckSameRows(const std::string &service, const std::string &plain,
 {
     sqlite3 *opened = nullptr;
     sqlite3_open_v2(service.c_str(), &opened, SQLITE_OPEN_READONLY, nullptr);
-    const Connection connection(opened);
+    const ConnectionPtr connection(opened);
     sqlite3_busy_timeout(opened, kBusyTimeoutMs);
     Query(connection, "ATTACH '" + plain + "' AS plain");
     for (const std::string &table :

@@ -6,11 +6,8 @@
 #include "objects/predicates.h"
 #include "objects/sql_text.h"
 
-#include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <stdexcept>
-#include <string_view>
 
 namespace qdb::bench
 {
@@ -18,22 +15,6 @@ namespace
 {
 
 constexpr char kTag[] = "SingleRecordEtag";
-
-// What the rows of one type never store.
-constexpr uint32_t kHvxInventory = 0x49;
-constexpr std::string_view kNeverStored[] = {
-    "CurrentReleaseDate",
-    "PreviousReleaseDate",
-    "PreviousVersionHash",
-    "Sha256String",
-};
-
-bool IsNeverStored(const ObjTypeRow &row, const Column &column)
-{
-    return row.objType == kHvxInventory &&
-           std::ranges::find(kNeverStored, column.name) !=
-               std::end(kNeverStored);
-}
 
 const char *TextAt(sqlite3_stmt *statement, int column)
 {

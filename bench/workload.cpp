@@ -121,14 +121,14 @@ void PutPopulation(const Json &operations, uint32_t count)
 // A whole number of its own that has room for a step's value.
 const char *ChangedColumn(const Table &table)
 {
-    const auto found = std::ranges::find_if(
-        table.columns,
-        [&](const Column &column)
-        {
-            return column.source.form != Form::Bits &&
-                   standin::RangeOf(column.source).bits >= 16 &&
-                   standin::IsFree(table, column);
-        });
+    const auto found =
+        std::ranges::find_if(table.columns,
+                             [&](const Column &column)
+                             {
+                                 return column.source.form != Form::Bits &&
+                                        RangeOf(column.source).bits >= 16 &&
+                                        standin::IsFree(table, column);
+                             });
     if (found == table.columns.end())
     {
         throw std::runtime_error(std::string(table.name) +

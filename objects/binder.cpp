@@ -6,7 +6,6 @@
 #include "db/mapping.h"
 #include "objects/joiners.h"
 
-#include <algorithm>
 #include <cmath>
 #include <string_view>
 
@@ -24,14 +23,21 @@ int BindText(sqlite3_stmt *statement, int parameter,
                 : sqlite3_bind_null(statement, parameter);
 }
 
-template <typename T>
-int BindInteger(sqlite3_stmt *statement, int parameter,
+int BindInteger(sqlite3_stmt *statement, int parameter, const Source &source,
                 const ObjectView &object, size_t offset)
 {
-    const std::optional<T> value = object.Read<T>(offset);
-    return value ? sqlite3_bind_int64(statement, parameter,
-                                      static_cast<sqlite3_int64>(*value))
-                 : sqlite3_bind_null(statement, parameter);
+    const auto field = object.Number(offset, FieldSize(source));
+    if (!field)
+    {
+        return sqlite3_bind_null(statement, parameter);
+    }
+    // Its bits go up to the top, and down again with their sign.
+    const auto [bits, isSigned] = RangeOf(source);
+    const uint64_t top = *field >> source.bit << (64 - bits);
+    return sqlite3_bind_int64(
+        statement, parameter,
+        isSigned ? static_cast<sqlite3_int64>(top) >> (64 - bits)
+                 : static_cast<sqlite3_int64>(top >> (64 - bits)));
 }
 
 // A real that isn't finite could never be read back as JSON.
@@ -45,55 +51,20 @@ int BindReal(sqlite3_stmt *statement, int parameter, const ObjectView &object,
                : sqlite3_bind_null(statement, parameter);
 }
 
-int BindBits(sqlite3_stmt *statement, int parameter, const Source &source,
-             const ObjectView &object, size_t offset)
+int BindInlineText(sqlite3_stmt *statement, int parameter, Form form,
+                   const ObjectView &object, size_t offset)
 {
-    const auto bytes = object.Bytes(offset, FieldSize(source));
-    if (!bytes)
-    {
-        return sqlite3_bind_null(statement, parameter);
-    }
-    uint64_t value = 0;
-    for (size_t i = 0; i < bytes->size(); ++i)
-    {
-        value |= uint64_t{static_cast<uint8_t>((*bytes)[i])} << (8 * i);
-    }
-    value = (value >> source.bit) & ((uint64_t{1} << source.width) - 1);
-    return sqlite3_bind_int64(statement, parameter,
-                              static_cast<sqlite3_int64>(value));
+    const auto text = object.TextToEnd(offset);
+    const bool isNull = text && text->empty() && form == Form::TextOrNull;
+    return BindText(statement, parameter, isNull ? std::nullopt : text);
 }
 
-// The word of an offset text; nothing when it isn't inside the object.
-std::optional<uint32_t> OffsetWord(const Source &source,
-                                   const ObjectView &object, size_t offset)
+// A text or a list that the word at `offset` leads to; NULL when the word is 0
+// or isn't inside the object.
+int BindBehindWord(sqlite3_stmt *statement, int parameter, const Source &source,
+                   const ObjectView &object, size_t offset)
 {
-    if (FieldSize(source) == 2)
-    {
-        return object.Read<uint16_t>(offset);
-    }
-    return object.Read<uint32_t>(offset);
-}
-
-// The text that a word leads to, counted from `origin`.
-int BindOffsetText(sqlite3_stmt *statement, int parameter,
-                   std::optional<uint32_t> word, const ObjectView &object,
-                   size_t origin)
-{
-    if (word.value_or(0) == 0)
-    {
-        return sqlite3_bind_null(statement, parameter);
-    }
-    const auto text = *word > kMaxTextOffset
-                          ? std::nullopt
-                          : object.TextInside(origin + *word);
-    return text ? BindText(statement, parameter, text)
-                : ZO_STATUS_INVALID_VALUE;
-}
-
-int BindJoined(sqlite3_stmt *statement, int parameter, const Source &source,
-               const ObjectView &object)
-{
-    const uint32_t word = OffsetWord(source, object, source.offset).value_or(0);
+    const uint64_t word = object.Number(offset, FieldSize(source)).value_or(0);
     if (word == 0)
     {
         return sqlite3_bind_null(statement, parameter);
@@ -102,26 +73,21 @@ int BindJoined(sqlite3_stmt *statement, int parameter, const Source &source,
     {
         return ZO_STATUS_INVALID_VALUE;
     }
-    return BindText(statement, parameter, JoinList(object, source.join, word));
+    if (source.form == Form::Joined)
+    {
+        return BindText(
+            statement, parameter,
+            JoinList(object, source.join, static_cast<uint32_t>(word)));
+    }
+    const auto text = object.TextInside(FactsOf(source.form).textBase + word);
+    return text ? BindText(statement, parameter, text)
+                : ZO_STATUS_INVALID_VALUE;
 }
 
-// The columns that the rows of one type never fill, though its objects have
-// them. The message speaks of the opposite of its test, and consumers of the
-// log know it so.
-bool IsNeverStored(const ObjTypeRow &row, const Column &column,
-                   const ObjectView &object)
+// The message speaks of the opposite of its test, and consumers of the log know
+// it so.
+void LogNeverStored(const Column &column, const ObjectView &object)
 {
-    static constexpr std::string_view kNames[] = {
-        "CurrentReleaseDate",
-        "PreviousReleaseDate",
-        "PreviousVersionHash",
-        "Sha256String",
-    };
-    if (!row.Has(Trait::WithholdsReleases) ||
-        std::ranges::find(kNames, column.name) == std::end(kNames))
-    {
-        return false;
-    }
     if (object.Read<uint32_t>(column.source.offset).value_or(0) != 0)
     {
         QDB_LOG(kLogTrace,
@@ -129,7 +95,6 @@ bool IsNeverStored(const ObjTypeRow &row, const Column &column,
                 "is not set. Binding with NULL.",
                 column.name);
     }
-    return true;
 }
 
 int BindColumn(sqlite3_stmt *statement, int parameter, const ObjTypeRow &row,
@@ -141,8 +106,9 @@ int BindColumn(sqlite3_stmt *statement, int parameter, const ObjTypeRow &row,
                               : sqlite3_bind_text(statement, parameter, key, -1,
                                                   SQLITE_TRANSIENT);
     }
-    if (IsNeverStored(row, column, object))
+    if (IsNeverStored(row, column))
     {
+        LogNeverStored(column, object);
         return sqlite3_bind_null(statement, parameter);
     }
     return BindField(statement, parameter, column.source, object);
@@ -192,54 +158,27 @@ int BindField(sqlite3_stmt *statement, int parameter, const Source &source,
               const ObjectView &object, size_t base)
 {
     const size_t offset = base + source.offset;
-    switch (source.form)
+    switch (KindOf(source.form))
     {
-    case Form::U8:
-        return BindInteger<uint8_t>(statement, parameter, object, offset);
-    case Form::U16:
-        return BindInteger<uint16_t>(statement, parameter, object, offset);
-    case Form::U32:
-        return BindInteger<uint32_t>(statement, parameter, object, offset);
-    case Form::U64:
-        return BindInteger<uint64_t>(statement, parameter, object, offset);
-    case Form::I8:
-        return BindInteger<int8_t>(statement, parameter, object, offset);
-    case Form::I16:
-        return BindInteger<int16_t>(statement, parameter, object, offset);
-    case Form::I32:
-        return BindInteger<int32_t>(statement, parameter, object, offset);
-    case Form::F32:
-        return BindReal<float>(statement, parameter, object, offset);
-    case Form::F64:
-        return BindReal<double>(statement, parameter, object, offset);
-    case Form::Bits:
-        return BindBits(statement, parameter, source, object, offset);
-    case Form::Text:
-        return BindText(statement, parameter, object.TextToEnd(offset));
-    case Form::TextOrNull:
-    {
-        const auto text = object.TextToEnd(offset);
-        return BindText(statement, parameter,
-                        text && !text->empty() ? text : std::nullopt);
-    }
-    case Form::OffsetText:
-    case Form::OffsetText16:
-        return BindOffsetText(statement, parameter,
-                              OffsetWord(source, object, offset), object, 0);
-    case Form::OffsetTextIf:
-        return object.Read<uint32_t>(source.aux).value_or(0) == 0
-                   ? sqlite3_bind_null(statement, parameter)
-                   : BindOffsetText(statement, parameter,
-                                    OffsetWord(source, object, offset), object,
-                                    0);
-    case Form::BodyText:
-        return BindOffsetText(statement, parameter,
-                              OffsetWord(source, object, offset), object,
-                              kBodyBase);
-    case Form::Joined:
-        return BindJoined(statement, parameter, source, object);
-    case Form::ParentKey:
-    case Form::Null:
+    case FormKind::Integer:
+        return BindInteger(statement, parameter, source, object, offset);
+    case FormKind::Real:
+        return source.form == Form::F32
+                   ? BindReal<float>(statement, parameter, object, offset)
+                   : BindReal<double>(statement, parameter, object, offset);
+    case FormKind::Text:
+        return BindInlineText(statement, parameter, source.form, object,
+                              offset);
+    case FormKind::WordText:
+        if (source.form == Form::OffsetTextIf &&
+            object.Read<uint32_t>(source.aux).value_or(0) == 0)
+        {
+            break;
+        }
+        [[fallthrough]];
+    case FormKind::List:
+        return BindBehindWord(statement, parameter, source, object, offset);
+    case FormKind::None:
         break;
     }
     return sqlite3_bind_null(statement, parameter);

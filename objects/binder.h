@@ -7,6 +7,11 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+#include <string_view>
+
 namespace qdb
 {
 
@@ -37,6 +42,20 @@ KeyOfParent FetchParentKey(const DataObjHeader *pParentDOH);
 int bind_values_to_statement(sqlite3_stmt *statement, const ObjTypeRow &row,
                              const DataObjHeader *pDOH, const KeyOfParent &key,
                              BindMode mode, bool rawGuard);
+
+// Whether the column is one that the rows of its type never fill, though their
+// objects have it.
+inline bool IsNeverStored(const ObjTypeRow &row, const Column &column)
+{
+    static constexpr std::string_view kNames[] = {
+        "CurrentReleaseDate",
+        "PreviousReleaseDate",
+        "PreviousVersionHash",
+        "Sha256String",
+    };
+    return row.Has(Trait::WithholdsReleases) &&
+           std::ranges::find(kNames, column.name) != std::end(kNames);
+}
 
 // Binds one field that needs nothing but the object; `base` is added to the
 // source's offset. A field that isn't wholly inside the object is NULL. Not

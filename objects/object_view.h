@@ -51,6 +51,24 @@ class ObjectView
         return value;
     }
 
+    // The unsigned number of `size` bytes, 1 to 8, at `offset`.
+    std::optional<uint64_t> Number(size_t offset, size_t size) const
+    {
+        if (offset > size_ || size_ - offset < size)
+        {
+            return std::nullopt;
+        }
+        uint64_t number = 0;
+        if (size_ - offset < sizeof(number))
+        {
+            std::memcpy(&number, bytes_ + offset, size);
+            return number;
+        }
+        // One load of a fixed size, where there is room for it.
+        std::memcpy(&number, bytes_ + offset, sizeof(number));
+        return number & UINT64_MAX >> (64 - 8 * size);
+    }
+
     // The text from `offset` to its NUL, or to the object's end when no NUL
     // comes before; nothing when it begins outside.
     std::optional<std::string_view> TextToEnd(size_t offset) const

@@ -20,7 +20,7 @@ namespace
 
 using qdb::ArrayProperty;
 using qdb::Column;
-using qdb::Form;
+using qdb::FormKind;
 using qdb::Join;
 
 struct Numbers
@@ -225,8 +225,7 @@ std::string DeviceName(const Subject &subject)
 
 json_t *Integer(const Column &column, uint64_t salt)
 {
-    const auto [bits, isSigned] = RangeOf(column.source);
-    const uint64_t most = UINT64_MAX >> (64 - bits + (isSigned ? 1 : 0));
+    const uint64_t most = RangeOf(column.source).Greatest();
     Numbers range = FindPart(kNumbers, LeafName(column.name));
     if (range.greatest > most)
     {
@@ -253,11 +252,12 @@ std::string Text(const Subject &subject, const Column &column, uint64_t salt)
 json_t *Value(const Subject &subject, const Column &column, size_t room,
               uint64_t salt)
 {
-    if (RangeOf(column.source).bits != 0)
+    const FormKind kind = KindOf(column.source.form);
+    if (kind == FormKind::Integer)
     {
         return Integer(column, salt);
     }
-    if (column.source.form == Form::F32 || column.source.form == Form::F64)
+    if (kind == FormKind::Real)
     {
         return json_real(static_cast<double>(Hash(column.name, salt) % 1000) /
                          8);
@@ -311,16 +311,18 @@ void Fill(const Subject &subject, json_t *values)
     for (const Column &column : table.columns)
     {
         const qdb::Source &source = column.source;
-        const bool isInteger = RangeOf(source).bits != 0;
+        const FormKind kind = KindOf(source.form);
         json_t *value = nullptr;
-        if (source.form == Form::Joined)
+        if (kind == FormKind::List)
         {
             value = List(subject, column);
         }
-        else if (HasField(source) && (!isInteger || IsFree(table, column)))
+        else if (HasField(source) &&
+                 (kind != FormKind::Integer || IsFree(table, column)))
         {
-            const size_t room =
-                IsText(source.form) ? TextRoom(table, source.offset) : SIZE_MAX;
+            const size_t room = kind == FormKind::Text
+                                    ? TextRoom(table, source.offset)
+                                    : SIZE_MAX;
             value = Value(subject, column, room, subject.oid);
         }
         if (value != nullptr)

@@ -15,11 +15,8 @@ namespace
 
 using qdb::ArrayProperty;
 using qdb::Column;
-using qdb::Form;
-using qdb::Join;
+using qdb::FormKind;
 using qdb::Source;
-
-constexpr size_t kLastTextRoom = 64;
 
 template <typename Entry>
 const Entry *FindName(std::span<const Entry> entries, std::string_view name)
@@ -114,73 +111,13 @@ const char *LeafName(const char *columnName)
     return columnName;
 }
 
-bool IsText(Form form)
-{
-    return form == Form::Text || form == Form::TextOrNull;
-}
-
-bool IsCellList(const Source &source)
-{
-    return source.join == Join::PossibleValues ||
-           source.join == Join::DisplayValues;
-}
-
-IntegerRange RangeOf(const Source &source)
-{
-    switch (source.form)
-    {
-    case Form::U8:
-    case Form::U16:
-    case Form::U32:
-    case Form::U64:
-        return {static_cast<unsigned>(FieldSize(source) * 8), false};
-    case Form::I8:
-    case Form::I16:
-    case Form::I32:
-        return {static_cast<unsigned>(FieldSize(source) * 8), true};
-    case Form::Bits:
-        return {source.width, false};
-    default:
-        return {0, false};
-    }
-}
-
-size_t TextRoom(const qdb::Table &table, size_t offset)
-{
-    size_t end = SIZE_MAX;
-    const auto limit = [&](size_t begin)
-    {
-        end = begin > offset ? std::min(end, begin) : end;
-    };
-    for (const Column &column : table.columns)
-    {
-        limit(HasField(column.source) ? column.source.offset : 0);
-    }
-    for (const ArrayProperty &array : table.arrays)
-    {
-        limit(array.firstAt);
-    }
-    return end == SIZE_MAX ? kLastTextRoom : end - offset;
-}
-
-size_t TextRoom(const qdb::SideTable &side, size_t offset)
-{
-    size_t end = side.recordSize;
-    for (const Column &column : side.columns)
-    {
-        const size_t begin = column.source.offset;
-        end = begin > offset ? std::min(end, begin) : end;
-    }
-    return end - offset;
-}
-
 size_t FixedSize(const qdb::Table &table)
 {
     size_t end = sizeof(DataObjHeader);
     for (const Column &column : table.columns)
     {
         const Source &source = column.source;
-        end = std::max(end, IsText(source.form)
+        end = std::max(end, KindOf(source.form) == FormKind::Text
                                 ? source.offset + TextRoom(table, source.offset)
                                 : FieldOf(source).end);
     }
@@ -210,7 +147,8 @@ bool IsFree(const qdb::Table &table, const Column &column)
 {
     const Range field = FieldOf(column.source);
     const std::string_view leaf = LeafName(column.name);
-    if (RangeOf(column.source).bits == 0 || leaf.ends_with("xtFlags") ||
+    if (KindOf(column.source.form) != FormKind::Integer ||
+        leaf.ends_with("xtFlags") ||
         field.begin < offsetof(DataObjHeader, objExtFlags) ||
         leaf == "protocol" || leaf == "slotType" || leaf == "attributes")
     {
@@ -228,12 +166,12 @@ bool IsFree(const qdb::Table &table, const Column &column)
     const auto isOfText = [&](const Column &other)
     {
         const Source &source = other.source;
-        const bool isNumber = RangeOf(source).bits != 0 ||
-                              source.form == Form::F32 ||
-                              source.form == Form::F64;
+        const FormKind kind = KindOf(source.form);
+        const bool isNumber =
+            kind == FormKind::Integer || kind == FormKind::Real;
         return !isNumber && HasField(source) &&
-               field.Meets(source.form == Form::Joined ? ListOf(source)
-                                                       : FieldOf(source));
+               field.Meets(kind == FormKind::List ? ListOf(source)
+                                                  : FieldOf(source));
     };
     return std::ranges::none_of(table.arrays, isOfArray) &&
            std::ranges::none_of(table.columns, isOfText);

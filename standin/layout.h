@@ -39,26 +39,6 @@ const qdb::Column *KeyColumn(const qdb::Table &table);
 // The last part of a column's name, behind the structures that it is nested in.
 const char *LeafName(const char *columnName);
 
-bool IsText(qdb::Form form);
-
-// A joined list of cells of one size, and not of addresses.
-bool IsCellList(const qdb::Source &source);
-
-// Bits of an integer form, and whether it is signed; 0 bits for other forms.
-struct IntegerRange
-{
-    unsigned bits;
-    bool isSigned;
-};
-IntegerRange RangeOf(const qdb::Source &source);
-
-// Bytes from the inline text at `offset` to whatever begins behind it: a field,
-// or an array that lies inside the object; 64 for a text that is the last.
-size_t TextRoom(const qdb::Table &table, size_t offset);
-
-// Bytes from the text at `offset` of a side table's record to the next field.
-size_t TextRoom(const qdb::SideTable &side, size_t offset);
-
 // Bytes of the object up to the texts behind its fields. Arrays of a counted
 // length are left out.
 size_t FixedSize(const qdb::Table &table);

@@ -112,11 +112,10 @@ json_int_t NextValue(const Object &object, const qdb::Source &source)
 {
     uint64_t old = 0;
     std::memcpy(&old, object.bytes.data() + source.offset, FieldSize(source));
-    const auto [bits, isSigned] = RangeOf(source);
-    old = old >> source.bit & UINT64_MAX >> (64 - bits);
+    const qdb::IntegerRange range = RangeOf(source);
+    old = old >> source.bit & UINT64_MAX >> (64 - range.bits);
     // Larger ones would not be JSON integers; negative ones look large here.
-    const uint64_t greatest =
-        UINT64_MAX >> std::max(64 - bits + (isSigned ? 1 : 0), 1U);
+    const uint64_t greatest = std::min<uint64_t>(range.Greatest(), INT64_MAX);
     return old >= greatest ? 0 : static_cast<json_int_t>(old + 1);
 }
 

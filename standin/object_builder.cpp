@@ -28,6 +28,7 @@ namespace
 using qdb::ArrayProperty;
 using qdb::Column;
 using qdb::Form;
+using qdb::FormKind;
 using qdb::Join;
 using qdb::Source;
 
@@ -88,23 +89,25 @@ void StoreOffset(Draft *pDraft, const Source &source, size_t base)
 void WriteInteger(Draft *pDraft, const Source &source, size_t at,
                   const json_t *value)
 {
-    const auto [bits, isSigned] = RangeOf(source);
-    const uint64_t greatest = UINT64_MAX >> (64 - bits);
-    const auto limit = static_cast<int64_t>(greatest / 2);
+    const qdb::IntegerRange range = RangeOf(source);
     const auto positive = UnsignedOf(value);
     const auto number = SignedOf(value);
-    if (isSigned ? !number || *number < -limit - 1 || *number > limit
-                 : !positive || *positive > greatest)
+    const bool fits =
+        range.isSigned ? number && *number >= range.Least() &&
+                             *number <= static_cast<int64_t>(range.Greatest())
+                       : positive && *positive <= range.Greatest();
+    if (!fits)
     {
         Refuse("wants %s integer of %u bits",
-               isSigned ? "a signed" : "an unsigned", bits);
+               range.isSigned ? "a signed" : "an unsigned", range.bits);
     }
+    const uint64_t mask = UINT64_MAX >> (64 - range.bits);
     uint64_t raw =
-        isSigned ? static_cast<uint64_t>(*number) & greatest : *positive;
+        range.isSigned ? static_cast<uint64_t>(*number) & mask : *positive;
     if (source.form == Form::Bits)
     {
         const uint64_t before = Load(*pDraft, at, FieldSize(source));
-        raw = (before & ~(greatest << source.bit)) | raw << source.bit;
+        raw = (before & ~(mask << source.bit)) | raw << source.bit;
     }
     Store(pDraft, at, FieldSize(source), raw);
 }
@@ -160,43 +163,28 @@ void WriteScalar(Draft *pDraft, const Source &source, size_t base, size_t room,
                  const json_t *value)
 {
     const size_t at = base + source.offset;
-    if (IsText(source.form))
+    switch (KindOf(source.form))
     {
+    case FormKind::Text:
         WriteInlineText(pDraft, at, room, value);
-    }
-    else if (source.form == Form::F32 || source.form == Form::F64)
-    {
+        break;
+    case FormKind::Real:
         WriteReal(pDraft, source, at, value);
-    }
-    else
-    {
+        break;
+    default:
         WriteInteger(pDraft, source, at, value);
     }
 }
 
-void WriteField(Draft *pDraft, const Source &source, const json_t *value)
+void WriteWordText(Draft *pDraft, const Source &source, const json_t *value)
 {
-    switch (source.form)
+    if (source.form == Form::OffsetTextIf)
     {
-    case Form::OffsetTextIf:
         StoreUnlessGiven(pDraft, source.aux, 4, 1);
-        [[fallthrough]];
-    case Form::OffsetText:
-    case Form::OffsetText16:
-    case Form::BodyText:
-    {
-        const std::string_view text = TextIn(value);
-        StoreOffset(pDraft, source,
-                    source.form == Form::BodyText ? qdb::kBodyBase : 0);
-        AppendText(pDraft, text);
-        return;
     }
-    default:
-        WriteScalar(pDraft, source, 0,
-                    IsText(source.form) ? TextRoom(pDraft->table, source.offset)
-                                        : 0,
-                    value);
-    }
+    const std::string_view text = TextIn(value);
+    StoreOffset(pDraft, source, qdb::FactsOf(source.form).textBase);
+    AppendText(pDraft, text);
 }
 
 // Cells of one size, each with a text and a NUL.
@@ -389,29 +377,35 @@ std::vector<Given> Resolve(const qdb::Table &table, json_t *values)
 void WriteColumn(Draft *pDraft, const Given &given)
 {
     const Source &source = given.column->source;
-    if (source.form == Form::Joined)
+    switch (KindOf(source.form))
     {
+    case FormKind::WordText:
+        WriteWordText(pDraft, source, given.value);
+        break;
+    case FormKind::List:
         WriteList(pDraft, source, given.value);
-    }
-    else if (source.form != Form::Null)
-    {
-        WriteField(pDraft, source, given.value);
-    }
-    else if (const auto *array = FindArray(pDraft->table, given.column->name))
-    {
-        WriteArray(pDraft, *array, given.value);
-    }
-    else
-    {
+        break;
+    case FormKind::None:
+        if (const auto *array = FindArray(pDraft->table, given.column->name))
+        {
+            WriteArray(pDraft, *array, given.value);
+            break;
+        }
         Refuse("the object has no such field");
+    case FormKind::Text:
+        WriteInlineText(pDraft, source.offset,
+                        TextRoom(pDraft->table, source.offset), given.value);
+        break;
+    default:
+        WriteScalar(pDraft, source, 0, 0, given.value);
     }
 }
 
 // Fields come first, arrays last.
 int PassOf(const Given &given)
 {
-    const Form form = given.column->source.form;
-    return form == Form::Joined ? 1 : form == Form::Null ? 2 : 0;
+    const FormKind kind = KindOf(given.column->source.form);
+    return kind == FormKind::List ? 1 : kind == FormKind::None ? 2 : 0;
 }
 
 void WriteColumns(Draft *pDraft)

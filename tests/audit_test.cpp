@@ -37,16 +37,6 @@ Content Managers()
     return audit::ParseContent(standin::Execute(request.get()).get());
 }
 
-struct CloseConnection
-{
-    void operator()(sqlite3 *connection) const
-    {
-        sqlite3_close(connection);
-    }
-};
-
-using ConnectionPtr = std::unique_ptr<sqlite3, CloseConnection>;
-
 // What an audit prints.
 Lines Printed(const audit::Report &report)
 {

@@ -134,7 +134,14 @@ const FieldCase kFields[] = {
     {"signed 32, unaligned", 0xE1, 0x120, {Dword(0xB6, 0xFFFFFFFE)}, "UpdateTime", "-2"},
     {"64 bits, all", 0xE1, 0x120, {Qword(0xEA, ~0ULL)}, "LogicalSize", "-1"},
     {"one byte before the next word", 0x40, 0x40, {Byte(0x21, 0x7B), Byte(0x22, 0xFF), Byte(0x23, 0xFF)}, "iFan", "123"},
+    {"signed 32, the object's last bytes", 0xE1, 0xBA, {Dword(0xB6, 0xFFFFFFFE)}, "UpdateTime", "-2"},
+    {"signed 32, cut by the object's end", 0xE1, 0xB9, {Dword(0xB6, 0xFFFFFFFE)}, "UpdateTime", "NULL"},
+    {"signed 32, before other bytes", 0xE1, 0x120, {Dword(0xB6, 0x7FFFFFFF), Raw(0xBA, "\xFF\xFF\xFF\xFF")}, "UpdateTime", "2147483647"},
+    {"64 bits, the object's last bytes", 0xE1, 0xF2, {Qword(0xEA, 0x8000000000000001)}, "LogicalSize", "-9223372036854775807"},
+    {"64 bits, cut by the object's end", 0xE1, 0xF1, {Qword(0xEA, ~0ULL)}, "LogicalSize", "NULL"},
 
+    {"bits in the object's last bytes", 0x31B, 0xF8, {Word(0xF6, 0xABCD)}, "smartData_DOT_ErrorInfoLogRecord_DOT_StatusField_DOT_Status", "21990"},
+    {"bits cut by the object's end", 0x31B, 0xF7, {Word(0xF6, 0xABCD)}, "smartData_DOT_ErrorInfoLogRecord_DOT_StatusField_DOT_Status", "NULL"},
     {"bits across two bytes", 0x31B, 0x800, {Word(0xF6, 0xABCD), Word(0xF8, 0xFFFF)}, "smartData_DOT_ErrorInfoLogRecord_DOT_StatusField_DOT_Status", "21990"},
 
     {"float", 0xD40, 0x60, {Put(0x2C, -2.25F)}, "sensorReading", "-2.25"},

@@ -69,49 +69,20 @@ const char *JoinWords(Join join)
 
 std::string FormWords(const Source &source)
 {
+    const std::string words = FactsOf(source.form).words;
     switch (source.form)
     {
-    case Form::U8:
-        return "unsigned, 8 bits";
-    case Form::U16:
-        return "unsigned, 16 bits";
-    case Form::U32:
-        return "unsigned, 32 bits";
-    case Form::U64:
-        return "64 bits";
-    case Form::I8:
-        return "signed, 8 bits";
-    case Form::I16:
-        return "signed, 16 bits";
-    case Form::I32:
-        return "signed, 32 bits";
-    case Form::F32:
-        return "float, 32 bits";
-    case Form::F64:
-        return "float, 64 bits";
     case Form::Bits:
         return BitRange(source);
-    case Form::Text:
-        return "text";
-    case Form::TextOrNull:
-        return "text, NULL when empty";
-    case Form::OffsetText:
-        return "offset of a text, 32 bits";
-    case Form::OffsetText16:
-        return "offset of a text, 16 bits";
     case Form::OffsetTextIf:
-        return "offset of a text, 32 bits; NULL while the word at " +
-               Hex(source.aux) + " is 0";
+        return words + Hex(source.aux) + " is 0";
     case Form::BodyText:
-        return "offset of a text, counted from byte " + Hex(kBodyBase);
+        return words + Hex(kBodyBase);
     case Form::Joined:
         return JoinWords(source.join);
-    case Form::ParentKey:
-        return "key of the parent";
-    case Form::Null:
-        return "always NULL";
+    default:
+        return words;
     }
-    return "";
 }
 
 // What the column holds; an array property names its side table.
@@ -139,8 +110,8 @@ void WriteColumns(std::span<const Column> columns,
     for (const Column &column : columns)
     {
         const Source &source = column.source;
-        out << "| `" << column.name << "` | " << SqlType(source.form) << " | "
-            << Holds(column, arrays) << " | "
+        out << "| `" << column.name << "` | " << FactsOf(source.form).sqlType
+            << " | " << Holds(column, arrays) << " | "
             << (HasField(source) ? Hex(source.offset) : "")
             << (source.placed ? "*" : "") << " |\n";
     }

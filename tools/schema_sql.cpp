@@ -1,6 +1,7 @@
 // The SQL of the tables, and the file that they are made in.
 #include "tools/schema_sql.h"
 
+#include "db/statement_ptr.h"
 #include "objects/schema/rows.h"
 
 #include <fcntl.h>
@@ -12,7 +13,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
+#include <string_view>
 
 namespace qdb
 {
@@ -55,9 +56,8 @@ std::string Quoted(std::string_view name)
 
 std::string ColumnSql(const Column &column)
 {
-    std::string sql = "    " + Quoted(column.name) + ' ';
-    sql += SqlType(column.source.form);
-    return sql;
+    return "    " + Quoted(column.name) + ' ' +
+           FactsOf(column.source.form).sqlType;
 }
 
 std::string ObjectTableSql(const Table &table)
@@ -98,14 +98,6 @@ std::string SideTableSql(const SideTable &table)
     }
     return sql + "    PRIMARY KEY (\"OID\", \"PROP\", \"ARR_INDEX\")\n);\n";
 }
-
-struct CloseDatabase
-{
-    void operator()(sqlite3 *db) const
-    {
-        sqlite3_close(db);
-    }
-};
 
 // The file that the work is done in; removed unless it was handed on.
 class NewFile
@@ -164,7 +156,7 @@ bool FillDatabase(const std::string &path, std::string *pError)
     sqlite3 *opened = nullptr;
     int status =
         sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE, nullptr);
-    const std::unique_ptr<sqlite3, CloseDatabase> db(opened);
+    const ConnectionPtr db(opened);
     if (status == SQLITE_OK)
     {
         // A half-made file is dropped, so there is nothing to roll back.
@@ -211,36 +203,6 @@ std::vector<const Table *> ObjectTables()
     std::sort(tables.begin(), tables.end(), byName);
     tables.erase(std::unique(tables.begin(), tables.end()), tables.end());
     return tables;
-}
-
-std::string_view SqlType(Form form)
-{
-    switch (form)
-    {
-    case Form::U8:
-    case Form::U16:
-    case Form::U32:
-    case Form::U64:
-    case Form::I8:
-    case Form::I16:
-    case Form::I32:
-    case Form::Bits:
-        return "INTEGER";
-    case Form::F32:
-    case Form::F64:
-        return "REAL";
-    case Form::Text:
-    case Form::TextOrNull:
-    case Form::OffsetText:
-    case Form::OffsetText16:
-    case Form::OffsetTextIf:
-    case Form::BodyText:
-    case Form::Joined:
-    case Form::ParentKey:
-    case Form::Null:
-        return "TEXT";
-    }
-    return "TEXT";
 }
 
 std::string SchemaSql()

@@ -16,7 +16,6 @@
 #include "objects/schema/table.h"
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace qdb
@@ -27,10 +26,6 @@ inline constexpr int kSchemaVersion = 1;
 
 // Every object table once, sorted by name.
 std::vector<const Table *> ObjectTables();
-
-// The SQL type of a column of this form: INTEGER, REAL or TEXT. It has the
-// affinity that leaves every value of the form as the service binds it.
-std::string_view SqlType(Form form);
 
 // The whole schema as one SQL script, in a transaction of its own.
 std::string SchemaSql();

@@ -9,6 +9,39 @@ namespace qdb
 namespace
 {
 
+consteval bool FormsAreInOrder()
+{
+    for (size_t i = 0; i < std::size(kForms); ++i)
+    {
+        if (kForms[i].form != static_cast<Form>(i))
+        {
+            return false;
+        }
+    }
+    return kForms[std::size(kForms) - 1].form == Form::Null;
+}
+
+// A value of up to eight bytes, of which some count.
+constexpr bool IsReadable(const Source &source)
+{
+    return KindOf(source.form) != FormKind::Integer ||
+           (RangeOf(source).bits != 0 && FieldSize(source) <= 8);
+}
+
+consteval bool IntegersAreReadable()
+{
+    return std::ranges::all_of(ObjectTypeTable,
+                               [](const ObjTypeRow &row)
+                               {
+                                   return std::ranges::all_of(
+                                       row.table->columns,
+                                       [](const Column &column)
+                                       {
+                                           return IsReadable(column.source);
+                                       });
+                               });
+}
+
 consteval bool RowsAreInOrder()
 {
     // The order of the lower-case hexadecimal texts: digits come before
@@ -25,12 +58,6 @@ consteval bool RowsAreInOrder()
         }
     }
     return true;
-}
-
-constexpr bool Overlap(const Source &a, const Source &b)
-{
-    return HasField(a) && HasField(b) && a.offset < b.offset + FieldSize(b) &&
-           b.offset < a.offset + FieldSize(a);
 }
 
 consteval bool PlacedFieldsOverlapNoDocumentedOne()
@@ -74,6 +101,8 @@ consteval bool NamesAreUnique()
     return true;
 }
 
+static_assert(FormsAreInOrder());
+static_assert(IntegersAreReadable());
 static_assert(RowsAreInOrder());
 static_assert(NamesAreUnique());
 static_assert(PlacedFieldsOverlapNoDocumentedOne());

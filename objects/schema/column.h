@@ -9,35 +9,16 @@
 // little-endian; no field is aligned.
 #pragma once
 
+#include "objects/schema/form.h"
+
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace qdb
 {
-
-enum class Form : uint8_t
-{
-    U8,
-    U16,
-    U32,
-    U64,
-    I8,
-    I16,
-    I32,
-    F32,
-    F64,
-    Bits,         // `width` bits from bit `bit` of the integer at the offset
-    Text,         // NUL-terminated, inline
-    TextOrNull,   // the same, NULL when empty
-    OffsetText,   // a 32-bit word: offset of a text, 0 for none
-    OffsetText16, // the same in a 16-bit word
-    OffsetTextIf, // OffsetText, NULL while the word at `aux` is 0
-    BodyText,     // a 32-bit word: offset of a text from byte 0x1C, 0 for none
-    Joined,       // several texts of the object joined into one
-    ParentKey,    // key of the parent object
-    Null,         // array properties, and fields that are never stored
-};
 
 // The lists that Form::Joined makes one text of.
 enum class Join : uint8_t
@@ -136,43 +117,20 @@ consteval Source Placed(Source source)
     return source;
 }
 
-// Bytes that a field of this form occupies; 0 for forms without a field of
-// their own and 1 for texts, whose length only the object knows.
+// A list of cells of one size, and not of addresses.
+constexpr bool IsCellList(const Source &source)
+{
+    return source.join == Join::PossibleValues ||
+           source.join == Join::DisplayValues;
+}
+
+// Bytes that the source's field occupies; 0 for forms without a field of their
+// own and 1 for texts, whose length only the object knows.
 constexpr size_t FieldSize(const Source &source)
 {
-    switch (source.form)
-    {
-    case Form::U8:
-    case Form::I8:
-    case Form::Text:
-    case Form::TextOrNull:
-        return 1;
-    case Form::U16:
-    case Form::I16:
-    case Form::OffsetText16:
-        return 2;
-    case Form::U32:
-    case Form::I32:
-    case Form::F32:
-    case Form::OffsetText:
-    case Form::OffsetTextIf:
-    case Form::BodyText:
-        return 4;
-    case Form::U64:
-    case Form::F64:
-        return 8;
-    case Form::Bits:
-        return (source.bit + source.width + 7u) / 8u;
-    case Form::Joined:
-        return source.join == Join::PossibleValues ||
-                       source.join == Join::DisplayValues
-                   ? 2
-                   : 4;
-    case Form::ParentKey:
-    case Form::Null:
-        return 0;
-    }
-    return 0;
+    return source.form == Form::Bits ? (source.bit + source.width + 7u) / 8u
+           : IsCellList(source)      ? 2
+                                     : FactsOf(source.form).size;
 }
 
 // Whether the source reads a field at its offset.
@@ -181,21 +139,48 @@ constexpr bool HasField(const Source &source)
     return FieldSize(source) != 0;
 }
 
-// Bytes from the field at `offset` to the next documented field behind it;
-// `none` when it is the last one.
-template <size_t N>
-constexpr size_t RoomBehind(const std::array<Column, N> &columns,
-                            uint16_t offset, size_t none)
+// Whether the fields have a byte in common.
+constexpr bool Overlap(const Source &a, const Source &b)
 {
-    size_t room = none;
-    for (const Column &other : columns)
+    return HasField(a) && HasField(b) && a.offset < b.offset + FieldSize(b) &&
+           b.offset < a.offset + FieldSize(a);
+}
+
+// The integers that a field can hold.
+struct IntegerRange
+{
+    unsigned bits; // 0: none
+    bool isSigned;
+
+    constexpr int64_t Least() const
     {
-        const Source &source = other.source;
-        if (HasField(source) && !source.placed && source.offset > offset &&
-            static_cast<size_t>(source.offset - offset) < room)
-        {
-            room = static_cast<size_t>(source.offset - offset);
-        }
+        return isSigned ? -static_cast<int64_t>(Greatest()) - 1 : 0;
+    }
+    constexpr uint64_t Greatest() const
+    {
+        return bits == 0 ? 0 : UINT64_MAX >> (64 - bits + (isSigned ? 1 : 0));
+    }
+};
+
+constexpr IntegerRange RangeOf(const Source &source)
+{
+    const FormFacts &facts = FactsOf(source.form);
+    return {source.form == Form::Bits         ? source.width
+            : facts.kind == FormKind::Integer ? facts.size * 8u
+                                              : 0u,
+            facts.isSigned};
+}
+
+// Bytes from `offset` to the first field that begins behind it, and at most
+// `most`.
+constexpr size_t RoomBehind(std::span<const Column> columns, size_t offset,
+                            size_t most)
+{
+    size_t room = most;
+    for (const Column &column : columns)
+    {
+        const size_t begin = column.source.offset;
+        room = begin > offset ? std::min(room, begin - offset) : room;
     }
     return room;
 }
@@ -211,7 +196,11 @@ template <size_t N>
 consteval std::array<Column, N> Layout(const Column (&listed)[N])
 {
     std::array<Column, N> columns = std::to_array(listed);
-    const std::array<Column, N> documented = columns;
+    std::array<Column, N> documented = columns;
+    for (Column &column : documented)
+    {
+        column.source = column.source.placed ? Null() : column.source;
+    }
     for (Column &column : columns)
     {
         Source &source = column.source;

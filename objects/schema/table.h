@@ -4,6 +4,7 @@
 
 #include "objects/schema/column.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -41,9 +42,26 @@ struct Table
     std::span<const ArrayProperty> arrays;
 };
 
-// Offset of the structure that the words of BodyText, of the joined address
-// lists and of ArrayProperty::offsetAt count from.
-inline constexpr uint16_t kBodyBase = 0x1C;
+// Bytes from the inline text at `offset` to whatever begins behind it: a field,
+// or an array that lies inside the object; 64 for a text that is the last.
+constexpr size_t TextRoom(const Table &table, size_t offset)
+{
+    constexpr size_t kLastTextRoom = 64;
+    size_t room = RoomBehind(table.columns, offset, SIZE_MAX);
+    for (const ArrayProperty &array : table.arrays)
+    {
+        const size_t begin = array.firstAt;
+        room = begin > offset ? std::min(room, begin - offset) : room;
+    }
+    return room == SIZE_MAX ? kLastTextRoom : room;
+}
+
+// Bytes from the text at `offset` of a side table's record to the next field,
+// or to the record's end.
+constexpr size_t TextRoom(const SideTable &side, size_t offset)
+{
+    return RoomBehind(side.columns, offset, side.recordSize - offset);
+}
 
 // SQLite calls a function with at most 127 arguments, 63 pairs for
 // json_object. A table that has more columns, its tag included, is read with

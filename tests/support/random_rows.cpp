@@ -145,29 +145,25 @@ json_t *RandomRows::Value(const Table &table, const Column &column,
                           const json_t *old)
 {
     const Source &source = column.source;
-    switch (source.form)
+    switch (KindOf(source.form))
     {
-    case Form::Null:
+    case FormKind::None:
         return Elements(*standin::FindArray(table, column.name), old);
-    case Form::Joined:
+    case FormKind::List:
         return List(old);
-    case Form::F32:
-    case Form::F64:
+    case FormKind::Real:
         return json_real(Real(source.form));
-    case Form::Text:
-    case Form::TextOrNull:
+    case FormKind::Text:
         return json_string_nocheck(
-            Text(standin::TextRoom(table, source.offset) - 1).c_str());
-    case Form::OffsetText:
-    case Form::OffsetText16:
-    case Form::OffsetTextIf:
-    case Form::BodyText:
+            Text(TextRoom(table, source.offset) - 1).c_str());
+    case FormKind::WordText:
         return Below(8) == 0 ? json_null()
                              : json_string_nocheck(Text(kLongestText).c_str());
-    default:
-        const auto [bits, isSigned] = standin::RangeOf(source);
-        return Integer(bits, isSigned);
+    case FormKind::Integer:
+        break;
     }
+    const auto [bits, isSigned] = RangeOf(source);
+    return Integer(bits, isSigned);
 }
 
 JsonPtr RandomRows::Values(const ObjTypeRow &row)

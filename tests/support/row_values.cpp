@@ -1,6 +1,5 @@
 #include "tests/support/row_values.h"
 
-#include "standin/layout.h"
 #include "tests/support/temp_root.h"
 #include "tools/audit/expected.h"
 
@@ -9,7 +8,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 
 namespace qdb::test
 {
@@ -36,11 +34,6 @@ size_t End(const Source &source)
     return source.offset + FieldSize(source);
 }
 
-bool Overlaps(const Source &a, const Source &b)
-{
-    return HasField(a) && HasField(b) && a.offset < End(b) && b.offset < End(a);
-}
-
 bool SharesBits(const Source &a, const Source &b)
 {
     return a.form == Form::Bits && b.form == Form::Bits &&
@@ -57,7 +50,7 @@ bool IsShared(const Table &table, const Column &column)
         {
             break;
         }
-        if (Overlaps(column.source, other.source) &&
+        if (Overlap(column.source, other.source) &&
             !SharesBits(column.source, other.source))
         {
             return true;
@@ -93,7 +86,7 @@ bool LiesUnderText(const Table &table, const Source &source)
                                [&](const Column &other)
                                {
                                    return other.source.form == Form::Text &&
-                                          Overlaps(other.source, source);
+                                          Overlap(other.source, source);
                                });
 }
 
@@ -152,33 +145,27 @@ json_t *ColumnValue(const Table &table, size_t index, ValueSet set)
 {
     const Column &column = table.columns[index];
     const Source &source = column.source;
-    switch (source.form)
+    switch (KindOf(source.form))
     {
-    case Form::ParentKey:
-    case Form::Null:
+    case FormKind::None:
         return nullptr;
-    case Form::F32:
-    case Form::F64:
+    case FormKind::Real:
         return json_real(static_cast<double>(index) +
                          (set == ValueSet::First ? 0.5 : 0.25));
-    case Form::Text:
-    case Form::TextOrNull:
+    case FormKind::Text:
         return json_string(
             TextOf(index, set,
-                   std::min(kLongestText,
-                            standin::TextRoom(table, source.offset) - 1))
+                   std::min(kLongestText, TextRoom(table, source.offset) - 1))
                 .c_str());
-    case Form::OffsetText:
-    case Form::OffsetText16:
-    case Form::OffsetTextIf:
-    case Form::BodyText:
+    case FormKind::WordText:
         return json_string(TextOf(index, set, kLongestText).c_str());
-    case Form::Joined:
+    case FormKind::List:
         return ListOf(source.join, set);
-    default:
-        return json_integer(
-            IntegerOf(source, index, set, LiesUnderText(table, source)));
+    case FormKind::Integer:
+        break;
     }
+    return json_integer(
+        IntegerOf(source, index, set, LiesUnderText(table, source)));
 }
 
 json_t *ElementValue(const SideTable &table, size_t index, ValueSet set)
@@ -321,14 +308,6 @@ void AddElements(const ArrayProperty &property, const std::string &database,
     }
 }
 
-struct CloseConnection
-{
-    void operator()(sqlite3 *connection) const
-    {
-        sqlite3_close(connection);
-    }
-};
-
 // A row as its table holds it, without its tag; NULL when there is none.
 JsonPtr TableRow(const std::string &database, const Table &table, uint32_t oid)
 {
@@ -336,7 +315,7 @@ JsonPtr TableRow(const std::string &database, const Table &table, uint32_t oid)
     EXPECT_EQ(sqlite3_open_v2(database.c_str(), &opened, SQLITE_OPEN_READONLY,
                               nullptr),
               SQLITE_OK);
-    const std::unique_ptr<sqlite3, CloseConnection> connection(opened);
+    const ConnectionPtr connection(opened);
     sqlite3_busy_timeout(opened, 10000);
     const std::string sql =
         std::string("SELECT * FROM ") + table.name +

@@ -1,5 +1,6 @@
 #include "tests/support/temp_root.h"
 
+#include "db/statement_ptr.h"
 #include "tools/schema_sql.h"
 
 #include <gtest/gtest.h>
@@ -9,21 +10,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <sstream>
 
 namespace qdb::test
 {
 namespace
 {
-
-struct CloseConnection
-{
-    void operator()(sqlite3 *connection) const
-    {
-        sqlite3_close(connection);
-    }
-};
 
 int AppendRow(void *rows, int columns, char **values, char ** /*names*/)
 {
@@ -94,7 +86,7 @@ std::vector<std::string> Query(const std::string &database,
     sqlite3 *connection = nullptr;
     const int opened = sqlite3_open_v2(database.c_str(), &connection,
                                        SQLITE_OPEN_READWRITE, nullptr);
-    const std::unique_ptr<sqlite3, CloseConnection> owner(connection);
+    const ConnectionPtr owner(connection);
     std::vector<std::string> rows;
     if (opened != SQLITE_OK)
     {

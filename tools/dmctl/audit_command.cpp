@@ -1,4 +1,5 @@
 // The subcommand that compares a service's database with its objects.
+#include "db/statement_ptr.h"
 #include "tools/audit/audit.h"
 #include "tools/dmctl/commands.h"
 
@@ -6,7 +7,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <memory>
 #include <thread>
 
 namespace qdb
@@ -26,15 +26,6 @@ void PauseAfter(int look)
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(50 << look));
 }
-
-struct CloseConnection
-{
-    void operator()(sqlite3 *connection) const
-    {
-        sqlite3_close(connection);
-    }
-};
-using ConnectionPtr = std::unique_ptr<sqlite3, CloseConnection>;
 
 ConnectionPtr OpenDatabase(const std::string &path)
 {

@@ -15,31 +15,14 @@ namespace
 // long enough for any name.
 constexpr size_t kOffsetTextRoom = 128;
 
-// What the last inline text of an object may take.
-constexpr size_t kLastTextRoom = 64;
-
 constexpr uint32_t kOidsPerKind = 0x10000;
 
 // Bytes for a text with its NUL.
-size_t TextRoom(const Table &table, const Column &column)
+size_t RoomOf(const Table &table, const Source &source)
 {
-    if (column.source.form != Form::Text &&
-        column.source.form != Form::TextOrNull)
-    {
-        return kOffsetTextRoom;
-    }
-    size_t room = SIZE_MAX;
-    for (const Column &other : table.columns)
-    {
-        if (HasField(other.source) &&
-            other.source.offset > column.source.offset)
-        {
-            room = std::min<size_t>(room,
-                                    static_cast<size_t>(other.source.offset -
-                                                        column.source.offset));
-        }
-    }
-    return room == SIZE_MAX ? kLastTextRoom : room;
+    return KindOf(source.form) == FormKind::Text
+               ? TextRoom(table, source.offset)
+               : kOffsetTextRoom;
 }
 
 bool IsContinuation(char byte)
@@ -75,30 +58,6 @@ Json TextThatFits(std::string text, size_t room)
     return value;
 }
 
-struct Limits
-{
-    int64_t least;
-    int64_t most;
-};
-
-Limits LimitsOf(const Source &source)
-{
-    switch (source.form)
-    {
-    case Form::I8:
-        return {INT8_MIN, INT8_MAX};
-    case Form::I16:
-        return {INT16_MIN, INT16_MAX};
-    case Form::I32:
-        return {INT32_MIN, INT32_MAX};
-    case Form::U64:
-        return {0, INT64_MAX};
-    default:
-        return {0,
-                (int64_t{1} << 8 * std::min<size_t>(FieldSize(source), 4)) - 1};
-    }
-}
-
 } // namespace
 
 HostValues::HostValues(const Table &table)
@@ -124,7 +83,7 @@ void HostValues::Text(const char *column,
     if (text && !text->empty())
     {
         Put(mValues, column,
-            TextThatFits(*text, TextRoom(mTable, Find(column))));
+            TextThatFits(*text, RoomOf(mTable, Find(column).source)));
     }
 }
 
@@ -132,9 +91,11 @@ void HostValues::Number(const char *column, std::optional<int64_t> number)
 {
     if (number)
     {
-        const Limits limits = LimitsOf(Find(column).source);
+        const IntegerRange range = RangeOf(Find(column).source);
+        const auto most = static_cast<int64_t>(
+            std::min<uint64_t>(range.Greatest(), INT64_MAX));
         Put(mValues, column,
-            Json(json_integer(std::clamp(*number, limits.least, limits.most))));
+            Json(json_integer(std::clamp(*number, range.Least(), most))));
     }
 }
 
