@@ -235,6 +235,24 @@ TEST(Process, EndsInOrderWhenTheDatabaseBecomesCorrupt)
     }
 }
 
+// A write to a pipe whose reader has gone would end the process by SIGPIPE.
+TEST(Process, GoesOnWithoutTheTelemetryReader)
+{
+    ServiceProcess service({.scenario = Scenario(3), .pipe = true});
+    {
+        PipeReader reader(service.Root().Pipe());
+        service.Start();
+        ASSERT_TRUE(service.WaitReady());
+        EXPECT_FALSE(reader.Take().empty());
+    }
+    service.Command(R"({"op":"set","oid":4096,"values":{"Speed":2933}})");
+    EXPECT_TRUE(service.WaitForLog("RefreshObj_E1 Exit for OID: 4096"));
+    EXPECT_EQ(QueryValue(service.Root().Database(),
+                         "SELECT Speed FROM TblMemoryInfo WHERE OID = 4096"),
+              "2933");
+    ExpectOrderlyEnd(service, service.Stop());
+}
+
 TEST(Process, GoesOnWithoutTheBus)
 {
     PrivateBus bus;
@@ -280,6 +298,52 @@ TEST(Stop, AtAnyMomentEndsInOrder)
 }
 
 // What goes on while the signal comes.
+size_t ThreadsOf(pid_t pid)
+{
+    const std::filesystem::directory_iterator tasks(
+        "/proc/" + std::to_string(pid) + "/task");
+    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+// What the daemon didn't take in time waits in the service.
+TEST(Stop, LetsTheLastSignalsOut)
+{
+    constexpr int kChanges = 60; // more than the socket holds
+    constexpr size_t kEndingThreads = 12;
+    const PrivateBus bus;
+    const ChangeListener listener;
+    ServiceProcess service({.scenario = Scenario(1), .logLevel = 2});
+    service.Start();
+    ASSERT_TRUE(service.WaitReady());
+    bus.Freeze();
+    for (int i = 0; i < kChanges; ++i)
+    {
+        const std::string name = std::to_string(i) + std::string(200000, 'x');
+        service.Command(R"({"op":"set","oid":4096,"values":{"friendlyFQDD":")" +
+                        name + "\"}}");
+        // One by one, or two would become one change.
+        EXPECT_TRUE(WaitUntil(
+            [&]
+            {
+                return QueryValue(service.Root().Database(),
+                                  "SELECT friendlyFQDD FROM TblMemoryInfo") ==
+                       name;
+            }));
+    }
+    const size_t threads = ThreadsOf(service.Pid());
+    service.Signal(SIGTERM);
+    // The workers and the bus thread have gone then, and only the end of the
+    // process can still send what waits.
+    EXPECT_TRUE(WaitUntil(
+        [&]
+        {
+            return ThreadsOf(service.Pid()) <= threads - kEndingThreads;
+        }));
+    bus.Thaw();
+    EXPECT_EQ(listener.WaitFor(kChanges).size(), size_t{kChanges});
+    EXPECT_EQ(service.WaitExit(kStopLimitMs), 0);
+}
+
 TEST(Stop, UnderWorkEndsInOrder)
 {
     struct

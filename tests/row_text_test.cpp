@@ -23,15 +23,15 @@ constexpr Table kTable = {"TblTwo", kColumns, {}};
 constexpr ObjTypeRow kWithOld = {0x304, "", &kTable, Trait::PreviousValues};
 constexpr ObjTypeRow kWithout = {0x16, "", &kTable};
 
-enum class Road
+enum class Parser
 {
     Text,
     Object,
 };
 
-RowReading Read(const std::string &text, Road road, json_error_t *pError)
+RowReading Read(const std::string &text, Parser parser, json_error_t *pError)
 {
-    if (road == Road::Object)
+    if (parser == Parser::Object)
     {
         return RowReading(JsonPtr(json_loads(text.c_str(), 0, pError)));
     }
@@ -47,10 +47,10 @@ std::string TextOf(const JsonText &text)
 }
 
 // What a row is announced as, or how its text fails.
-std::string Whole(const std::string &text, Road road)
+std::string Whole(const std::string &text, Parser parser)
 {
     json_error_t error = {};
-    RowReading reading = Read(text, road, &error);
+    RowReading reading = Read(text, parser, &error);
     return reading.IsEmpty()
                ? std::to_string(error.line) + error.text
                : TextOf(RenderWholeRow(kWithout, std::move(reading)));
@@ -58,23 +58,23 @@ std::string Whole(const std::string &text, Road road)
 
 // How many columns differ, and what they are announced as.
 std::string Difference(const ObjTypeRow &row, const std::string &before,
-                       const std::string &after, Road road)
+                       const std::string &after, Parser parser)
 {
     int count = -1;
-    RowReading old = Read(before, road, nullptr);
-    const JsonText text = RenderDifference(row, std::move(old),
-                                           Read(after, road, nullptr), &count);
+    RowReading old = Read(before, parser, nullptr);
+    const JsonText text = RenderDifference(
+        row, std::move(old), Read(after, parser, nullptr), &count);
     return std::to_string(count) + TextOf(text);
 }
 
 bool IsPlain(const std::string &text)
 {
-    return Read(text, Road::Text, nullptr).Plain() != nullptr;
+    return Read(text, Parser::Text, nullptr).Plain() != nullptr;
 }
 
 bool IsJson(const std::string &text)
 {
-    return !Read(text, Road::Object, nullptr).IsEmpty();
+    return !Read(text, Parser::Object, nullptr).IsEmpty();
 }
 
 // A row around the text of one value.
@@ -144,20 +144,21 @@ TEST(RowText, LeavesTheUnusualToJansson)
     {
         SCOPED_TRACE(test.name);
         EXPECT_EQ(IsPlain(test.text), test.plain);
-        EXPECT_EQ(Whole(test.text, Road::Text), Whole(test.text, Road::Object));
+        EXPECT_EQ(Whole(test.text, Parser::Text),
+                  Whole(test.text, Parser::Object));
         if (IsJson(test.text))
         {
-            EXPECT_EQ(Difference(kWithOld, usual, test.text, Road::Text),
-                      Difference(kWithOld, usual, test.text, Road::Object));
-            EXPECT_EQ(Difference(kWithOld, test.text, usual, Road::Text),
-                      Difference(kWithOld, test.text, usual, Road::Object));
+            EXPECT_EQ(Difference(kWithOld, usual, test.text, Parser::Text),
+                      Difference(kWithOld, usual, test.text, Parser::Object));
+            EXPECT_EQ(Difference(kWithOld, test.text, usual, Parser::Text),
+                      Difference(kWithOld, test.text, usual, Parser::Object));
         }
     }
     // Texts that end too early.
     for (size_t size = 0; size < usual.size(); ++size)
     {
         const std::string text = usual.substr(0, size);
-        EXPECT_EQ(Whole(text, Road::Text), Whole(text, Road::Object));
+        EXPECT_EQ(Whole(text, Parser::Text), Whole(text, Parser::Object));
     }
 }
 

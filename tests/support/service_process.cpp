@@ -138,10 +138,19 @@ void ServiceProcess::Start()
     posix_spawn_file_actions_addopen(
         &actions, STDERR_FILENO, (root_.Path() + "/log").c_str(),
         O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
+    // Whatever this process does with it, the service has to ignore it itself.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
     char *arguments[] = {const_cast<char *>(program), nullptr};
-    EXPECT_EQ(posix_spawn(&pid_, program, &actions, nullptr, arguments,
+    EXPECT_EQ(posix_spawn(&pid_, program, &actions, &attributes, arguments,
                           variables.data()),
               0);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
 }
 

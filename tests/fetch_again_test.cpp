@@ -1,5 +1,5 @@
 // Objects and attributes that can't be read as they stand, and that vanish or
-// are mended while the service tries again.
+// are repaired while the service tries again.
 
 #include "core/json.h"
 #include "events/bus_dispatch.h"
@@ -92,7 +92,7 @@ int NotifyBus()
 }
 
 // A way into the tables.
-struct Road
+struct Way
 {
     const char *line; // of each attempt
     void (*put)(int value);
@@ -108,94 +108,94 @@ constexpr char kCreating[] = "ObjectNotification: DATA_EVENT_DATA_OBJ_CREATE: ";
 constexpr char kChanging[] = "ObjectNotification: DATA_EVENT_DATA_OBJ_DIRTY_LIST: ";
 constexpr char kPopStatus[] = "SELECT popStatus FROM TblDMStatus_Child_Obj";
 constexpr char kCurrent[] = "SELECT currentValue FROM TblIntAttribute";
-constexpr Road kCreated = {kCreating, Put<kStatus>, Break<kStatus>, Remove, nullptr, Notify<kCreate>, kPopStatus};
-constexpr Road kChanged = {kChanging, Put<kStatus>, Break<kStatus>, Remove, Notify<kCreate>, Notify<kDirty>, kPopStatus};
-constexpr Road kBusCreated = {kCreating, PutAttribute, BreakAttribute, RemoveAttribute, nullptr, NotifyBus<kCreate>, kCurrent};
-constexpr Road kBusChanged = {kChanging, PutAttribute, BreakAttribute, RemoveAttribute, NotifyBus<kCreate>, NotifyBus<kDirty>, kCurrent};
-constexpr Road kPopulated = {"OnLoadObjectsCreation: ", Put<kStatus>, Break<kStatus>, Remove, nullptr, OnLoadObjectsCreation, kPopStatus};
-constexpr Road kRootData = {"InsertObjBasedOnObjType: ", Put<kRoot>, Break<kRoot>, Remove, nullptr, [] { return InsertObjBasedOnObjType(kRoot); }, "SELECT 7 FROM TbllmRootDataObj"};
+constexpr Way kCreated = {kCreating, Put<kStatus>, Break<kStatus>, Remove, nullptr, Notify<kCreate>, kPopStatus};
+constexpr Way kChanged = {kChanging, Put<kStatus>, Break<kStatus>, Remove, Notify<kCreate>, Notify<kDirty>, kPopStatus};
+constexpr Way kBusCreated = {kCreating, PutAttribute, BreakAttribute, RemoveAttribute, nullptr, NotifyBus<kCreate>, kCurrent};
+constexpr Way kBusChanged = {kChanging, PutAttribute, BreakAttribute, RemoveAttribute, NotifyBus<kCreate>, NotifyBus<kDirty>, kCurrent};
+constexpr Way kPopulated = {"OnLoadObjectsCreation: ", Put<kStatus>, Break<kStatus>, Remove, nullptr, OnLoadObjectsCreation, kPopStatus};
+constexpr Way kRootData = {"InsertObjBasedOnObjType: ", Put<kRoot>, Break<kRoot>, Remove, nullptr, [] { return InsertObjBasedOnObjType(kRoot); }, "SELECT 7 FROM TbllmRootDataObj"};
 
 const struct
 {
     const char *name;
-    const Road *road;
+    const Way *way;
     int goneAt;
-    int mendedAt;
+    int repairedAt;
     int result;
     int attempts;
     Lines value;
 } kCases[] = {
-    {"create, mended at once", &kCreated, 0, 1, 0, 1, {"7"}},
-    {"create, mended at last", &kCreated, 0, 99, 0, 99, {"7"}},
-    {"create, mended too late", &kCreated, 0, 100, -1, 100, {}},
+    {"create, repaired at once", &kCreated, 0, 1, 0, 1, {"7"}},
+    {"create, repaired at last", &kCreated, 0, 99, 0, 99, {"7"}},
+    {"create, repaired too late", &kCreated, 0, 100, -1, 100, {}},
     {"create, vanishes", &kCreated, 1, 0, -1, 100, {}},
     {"create, vanishes and comes back", &kCreated, 1, 50, 0, 50, {"7"}},
-    {"change, mended at the third", &kChanged, 0, 3, 0, 3, {"7"}},
+    {"change, repaired at the third", &kChanged, 0, 3, 0, 3, {"7"}},
     {"change, never", &kChanged, 0, 0, -1, 100, {"1"}},
     {"change, vanishes", &kChanged, 2, 0, -1, 2, {"1"}},
-    {"attribute, mended at the third", &kBusCreated, 0, 3, 0, 3, {"7"}},
+    {"attribute, repaired at the third", &kBusCreated, 0, 3, 0, 3, {"7"}},
     {"attribute, never", &kBusCreated, 0, 0, -1, 100, {}},
     {"attribute, vanishes", &kBusCreated, 2, 0, -1, 2, {}},
-    {"attribute's change, mended at the third", &kBusChanged, 0, 3, 0, 3, {"7"}},
+    {"attribute's change, repaired at the third", &kBusChanged, 0, 3, 0, 3, {"7"}},
     {"attribute's change, vanishes", &kBusChanged, 1, 0, -1, 1, {"1"}},
-    {"population, mended at last", &kPopulated, 0, 99, 0, 99, {"7"}},
+    {"population, repaired at last", &kPopulated, 0, 99, 0, 99, {"7"}},
     {"population, vanishes", &kPopulated, 1, 0, -1, 100, {}},
     {"population, vanishes and comes back", &kPopulated, 1, 9, 0, 9, {"7"}},
-    {"root data, mended at last", &kRootData, 0, 99, 0, 99, {"7"}},
+    {"root data, repaired at last", &kRootData, 0, 99, 0, 99, {"7"}},
     {"root data, vanishes and comes back", &kRootData, 1, 9, 0, 9, {"7"}},
 };
 // clang-format on
 
-using Mended = DbTest;
+using FetchAgain = DbTest;
 
-TEST_F(Mended, ObjectsAreFetchedAgain)
+TEST_F(FetchAgain, ObjectsAreFetchedAgain)
 {
     for (const auto &test : kCases)
     {
         SCOPED_TRACE(test.name);
-        const Road &road = *test.road;
+        const Way &way = *test.way;
         standin::Reset();
         mirror_.Rows("DELETE FROM ActiveOIDMapping");
-        if (road.first != nullptr)
+        if (way.first != nullptr)
         {
-            road.put(1);
-            EXPECT_EQ(road.first(), 0);
+            way.put(1);
+            EXPECT_EQ(way.first(), 0);
         }
-        road.breakIt();
+        way.breakIt();
         Restart();
         {
-            const FateHook hook(std::string(road.line) +
+            const FateHook hook(std::string(way.line) +
                                     "ZO_STATUS_INVALID_VALUE returned\n",
-                                test.goneAt, road.remove, test.mendedAt,
+                                test.goneAt, way.remove, test.repairedAt,
                                 [&]
                                 {
-                                    road.put(7);
+                                    way.put(7);
                                 });
-            EXPECT_EQ(road.take(), test.result);
+            EXPECT_EQ(way.take(), test.result);
             EXPECT_EQ(hook.Count(), test.attempts);
         }
         EXPECT_EQ(SleepCount(), 0);
-        EXPECT_EQ(mirror_.Rows(road.value), test.value);
+        EXPECT_EQ(mirror_.Rows(way.value), test.value);
     }
 }
 
 // Only a create says so when the attribute vanished meanwhile.
-TEST_F(Mended, AttributesThatVanishAreToldOf)
+TEST_F(FetchAgain, AttributesThatVanishAreToldOf)
 {
-    for (const Road *road : {&kBusCreated, &kBusChanged})
+    for (const Way *way : {&kBusCreated, &kBusChanged})
     {
-        if (road->first != nullptr)
+        if (way->first != nullptr)
         {
-            road->put(1);
-            EXPECT_EQ(road->first(), 0);
+            way->put(1);
+            EXPECT_EQ(way->first(), 0);
         }
-        road->breakIt();
+        way->breakIt();
         // The first fetch works, the second one doesn't.
         standin::SetFault("CfgIntAttribute_get_object", 5, 1, 1);
         CaptureLog(3);
-        EXPECT_EQ(road->take(), -1);
+        EXPECT_EQ(way->take(), -1);
         EXPECT_EQ(CountLog("ZO_STATUS_NO_SUCH_OBJECT3: " + kPath + "\n"),
-                  road == &kBusCreated ? 1 : 0);
+                  way == &kBusCreated ? 1 : 0);
     }
 }
 
