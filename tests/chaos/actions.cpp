@@ -2,11 +2,11 @@
 // steps of one object.
 #include "tests/chaos/actions.h"
 
-#include "tests/chaos/fate.h"
 #include "tests/chaos/steps.h"
 
 #include <algorithm>
 #include <iterator>
+#include <ranges>
 #include <utility>
 
 namespace qdb::chaos
@@ -24,21 +24,10 @@ void DeleteBunch(Chaos &chaos)
     {
         Slot *slot = chaos.Pick(kRemovable | kObject);
         Step(chaos, *slot, 'd');
-        chaos.world.Note(*slot, What::ToldDestroy);
+        chaos.world.Tell(*slot, Told::Destroy);
         oids.push_back(slot->oid);
     }
     SendList(chaos, 8, oids);
-}
-
-void NoteAll(Chaos &chaos, unsigned traits, What what)
-{
-    for (Slot &slot : chaos.world.slots)
-    {
-        if (slot.Is(traits))
-        {
-            chaos.world.Note(slot, what);
-        }
-    }
 }
 
 void CommitOne(Chaos &chaos, const std::string &name)
@@ -47,7 +36,7 @@ void CommitOne(Chaos &chaos, const std::string &name)
     {
         if (slot.IsAttribute() && name.ends_with(slot.kind->interface))
         {
-            chaos.world.Note(slot, What::ToldCreate);
+            chaos.world.Tell(slot, Told::Create);
         }
     }
     chaos.driver.Bus().SendCommit(name);
@@ -58,6 +47,19 @@ void Commit(Chaos &chaos)
     CommitOne(chaos, AttributeInterfaces({})[chaos.Below(4)]);
 }
 
+void DoubtAll(Chaos &chaos, unsigned traits)
+{
+    chaos.world.epoch.cleared = true;
+    for (Slot &slot : chaos.world.slots)
+    {
+        if (slot.Is(traits))
+        {
+            chaos.world.Note(slot, "cleared");
+            chaos.world.Doubt(slot);
+        }
+    }
+}
+
 // The manager comes back with other contents, and may announce them.
 void Restart(Chaos &chaos)
 {
@@ -65,8 +67,7 @@ void Restart(Chaos &chaos)
     {
         Step(chaos, *chaos.Pick(kAlive | kAttribute), step);
     }
-    NoteAll(chaos, kAttribute, What::Cleared);
-    chaos.world.epochs.back().cleared = true;
+    DoubtAll(chaos, kAttribute);
     chaos.driver.Bus().TakeName();
     chaos.driver.Bus().GiveUpName();
     if (chaos.Below(2) == 0)
@@ -83,9 +84,7 @@ void Restart(Chaos &chaos)
 // some comes back at once.
 void Detach(Chaos &chaos)
 {
-    NoteAll(chaos, 0, What::Cleared);
-    NoteAll(chaos, kRestored, What::Restored);
-    chaos.world.epochs.back().cleared = true;
+    DoubtAll(chaos, 0);
     chaos.driver.NoteDetach();
     chaos.driver.Do(R"({"op":"event","hex":"10000000)"
                     R"(0c0000000000000000000000"})");
@@ -96,7 +95,13 @@ void Detach(Chaos &chaos)
 void Attach(Chaos &chaos)
 {
     chaos.Settle(); // or all that comes back is told together with the clearing
-    NoteAll(chaos, kAlive | kObject, What::ToldCreate);
+    for (Slot &slot : chaos.world.slots)
+    {
+        if (slot.Is(kAlive | kObject))
+        {
+            chaos.world.Tell(slot, Told::Create);
+        }
+    }
     chaos.driver.Do(R"({"op":"attach"})");
     chaos.isCleared = false;
 }
@@ -234,36 +239,35 @@ void SlowDown(Chaos &chaos)
     }
 }
 
-// --- What is left to passes --------------------------------------------------
+// --- What makes rows exact ---------------------------------------------------
 
-// Objects that have no row change.
-void LeaveToFailQueue(Chaos &chaos)
+// Takes away what is in doubt, or everything, in one epoch, and brings back in
+// another what was there. False when the service is stuck.
+bool Renew(Chaos &chaos, bool everything)
 {
-    for (int i = 0; i < 5; ++i)
+    std::vector<Slot *> renewed;
+    // Children first: those that are there when their parent goes are in doubt.
+    for (Slot &slot : std::views::reverse(chaos.world.slots))
     {
-        Slot *slot = chaos.Pick(kRemovable | kKept);
-        Step(chaos, *slot, 'D');
-        chaos.Settle();
-        Step(chaos, *slot, 'a');
-        Step(chaos, *slot, 'C');
-        chaos.Settle();
+        if (!everything && (slot.isExact || slot.Is(kFixed)))
+        {
+            continue;
+        }
+        if (slot.alive)
+        {
+            renewed.push_back(&slot);
+        }
+        Step(chaos, slot, slot.alive ? 'D' : '8');
     }
-}
-
-// What happens without a word.
-void LeaveToReloads(Chaos &chaos)
-{
-    for (Slot &slot : chaos.world.slots)
+    if (!chaos.Settle())
     {
-        if (slot.Has(kCounted) && chaos.Below(3) == 0)
-        {
-            Step(chaos, slot, slot.alive ? 'd' : 'a');
-        }
-        if (slot.Is(kWatched))
-        {
-            Step(chaos, slot, 'w');
-        }
+        return false;
     }
+    for (Slot *slot : std::views::reverse(renewed))
+    {
+        Step(chaos, *slot, 'A');
+    }
+    return chaos.Settle();
 }
 
 } // namespace
@@ -296,10 +300,8 @@ Chaos::Chaos(uint32_t seed, World &theWorld, Driver &theDriver)
     checker.LetVanish(
         [this](const test::RowName &name)
         {
-            const auto slot =
-                std::ranges::find(world.slots, name.second, &Slot::Stored);
-            return slot == world.slots.end() ||
-                   slot->Has(kCounted | kMade | kReloaded);
+            const Slot *slot = world.Find(name.second);
+            return slot == nullptr || slot->Is(kPassed);
         });
 }
 
@@ -307,9 +309,11 @@ Chaos::Chaos(uint32_t seed, World &theWorld, Driver &theDriver)
 // unannounced; a pass that was under way may end in the next epoch.
 void Chaos::FollowSignals()
 {
-    const Epoch &epoch = world.epochs.back();
-    const bool isDoubted =
-        epoch.cleared || epoch.heldMs >= kLongHoldMs || isDoubtful;
+    // A row is asked for a second in vain before its reader gives up.
+    constexpr int kLongHoldMs = 1000;
+    const Epoch &epoch = world.epoch;
+    const bool isDoubtful = epoch.cleared || epoch.heldMs >= kLongHoldMs;
+    const bool isDoubted = isDoubtful || wasDoubtful;
     driver.Signals().Sync();
     for (const test::Change &change : driver.Signals().Take())
     {
@@ -324,6 +328,7 @@ void Chaos::FollowSignals()
     {
         checker.Doubt();
     }
+    wasDoubtful = isDoubtful && epoch.passRan;
 }
 
 std::string Chaos::JudgeSignals()
@@ -338,15 +343,12 @@ bool Chaos::Settle()
     {
         driver.Do(std::exchange(hang, ""));
     }
-    Epoch &epoch = world.epochs.back();
-    epoch.heldMs = driver.Release();
+    world.epoch.heldMs = driver.Release();
     bool passRan = false;
     const bool settled = driver.Settle(&passRan);
-    epoch.passRan = epoch.passRan || passRan;
+    world.epoch.passRan = world.epoch.passRan || passRan;
     FollowSignals();
-    isDoubtful =
-        epoch.passRan && (epoch.cleared || epoch.heldMs >= kLongHoldMs);
-    world.epochs.emplace_back();
+    world.EndEpoch();
     return settled;
 }
 
@@ -366,7 +368,7 @@ bool RunEpoch(Chaos &chaos)
     }
     if (fails)
     {
-        chaos.world.epochs.back().fault = call;
+        chaos.world.epoch.fault = call;
         chaos.driver.Do(FaultCommand(call, 1 + chaos.Below(3), chaos.Below(4)));
     }
     for (uint32_t i = 0; i < actions; ++i)
@@ -382,20 +384,13 @@ bool RunEpoch(Chaos &chaos)
     {
         chaos.driver.Do(FaultCommand(call, 0, 0));
     }
-    return settled;
+    return settled && (chaos.Below(4) > 0 || Renew(chaos, false));
 }
 
 bool Quieten(Chaos &chaos)
 {
-    constexpr size_t kPromisedPasses = 2;
-    Attach(chaos);
-    if (!chaos.Settle())
-    {
-        return false;
-    }
-    LeaveToFailQueue(chaos);
-    LeaveToReloads(chaos);
-    return chaos.Settle() && chaos.driver.WaitPasses(kPromisedPasses);
+    constexpr size_t kPasses = 2;
+    return Renew(chaos, true) && chaos.driver.WaitPasses(kPasses);
 }
 
 } // namespace qdb::chaos

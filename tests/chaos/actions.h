@@ -10,8 +10,8 @@ namespace qdb::chaos
 // service. False when it is stuck.
 bool RunEpoch(Chaos &chaos);
 
-// Ends what is still going on, leaves some of it to the passes that the service
-// promises, and waits for them. False when it is stuck.
+// Makes everything anew, and waits until passes have looked at it. False when
+// the service is stuck.
 bool Quieten(Chaos &chaos);
 
 } // namespace qdb::chaos

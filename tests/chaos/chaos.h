@@ -39,9 +39,9 @@ struct Chaos
     bool isCleared = false; // and not attached since
     std::string hang;       // the command that lets a hanging call go
     test::SignalChecker checker;
-    std::string signalFault; // the first, with the journal of its object
-    bool isDoubtful = false; // what the last epoch left in the tables
-    size_t signals = 0;      // that were judged
+    std::string signalFault;  // the first, with the journal of its object
+    bool wasDoubtful = false; // and so may this epoch's signals be
+    size_t signals = 0;       // that were judged
 };
 
 } // namespace qdb::chaos

@@ -17,7 +17,7 @@ std::string Announce(bool announce)
 }
 
 // An attribute as the configuration manager's signals tell of it.
-Json Told(const Slot &slot)
+Json Announced(const Slot &slot)
 {
     return Json(json_pack("{s:s,s:s,s:s,s:I}", "interface",
                           slot.kind->interface, "key", slot.key.c_str(), "path",
@@ -28,40 +28,47 @@ Json Told(const Slot &slot)
 void Appear(Chaos &chaos, Slot &slot, bool announce)
 {
     slot.alive = true;
-    chaos.world.Note(slot, What::Appear);
+    chaos.world.Note(slot, "appears");
+    chaos.world.DoubtChildren(slot);
     std::string command = chaos.world.Creation(slot);
     command.insert(command.size() - 1, Announce(announce));
     chaos.driver.Do(command);
-    if (announce)
+    if (!announce)
     {
-        chaos.world.Note(slot, What::ToldCreate);
-        if (slot.IsAttribute())
-        {
-            chaos.driver.Bus().SendAdded(Told(slot).get());
-        }
+        return chaos.world.Doubt(slot);
+    }
+    chaos.world.Tell(slot, Told::Create);
+    if (slot.IsAttribute())
+    {
+        chaos.driver.Bus().SendAdded(Announced(slot).get());
     }
 }
 
 void Change(Chaos &chaos, Slot &slot, const char *column, bool announce)
 {
     const std::string name = NameOf(column);
-    const bool isArray = name == NameOf(slot.kind->array);
-    const size_t length = isArray ? 1 + chaos.Below(8) : 0;
-    const std::string values = "{" +
-                               (isArray ? chaos.world.FreshArray(slot, length)
-                                        : chaos.world.Fresh(column)) +
-                               "}";
-    // An array brings its count along.
-    chaos.world.Note(slot, What::Change, isArray ? "*" : name, length);
+    const size_t before = slot.length;
+    const std::string values =
+        "{" +
+        (name == NameOf(slot.kind->array)
+             ? chaos.world.FreshArray(slot, 1 + chaos.Below(8))
+             : chaos.world.Fresh(column)) +
+        "}";
+    chaos.world.Note(slot, "changes " + values);
     chaos.driver.Do(slot.Command("set", "attribute") + R"(,"values":)" +
                     values + Announce(announce) + "}");
+    // Of an array that becomes shorter the elements past its end stay.
+    if (!announce || slot.length < before)
+    {
+        chaos.world.Doubt(slot);
+    }
     if (announce)
     {
-        chaos.world.Note(slot, What::ToldDirty);
+        chaos.world.Tell(slot, Told::Change);
         if (slot.IsAttribute())
         {
             chaos.driver.Bus().SendChanged(
-                Told(slot).get(),
+                Announced(slot).get(),
                 Json(json_loads(values.c_str(), 0, nullptr)).get());
         }
     }
@@ -78,32 +85,37 @@ void ChangeWatched(Chaos &chaos, Slot &slot)
 void Disappear(Chaos &chaos, Slot &slot, bool announce)
 {
     slot.alive = false;
-    chaos.world.Note(slot, What::Disappear);
+    chaos.world.Note(slot, "disappears");
+    chaos.world.DoubtChildren(slot);
     chaos.driver.Do(slot.Command("delete", "remove") + R"(,"oids":[)" +
                     std::to_string(slot.oid) + "]" + Announce(announce) + "}");
-    if (announce)
+    if (!announce)
     {
-        chaos.world.Note(slot, What::ToldDestroy);
-        if (slot.IsAttribute())
-        {
-            chaos.driver.Bus().SendRemoved(Told(slot).get());
-        }
+        return chaos.world.Doubt(slot);
+    }
+    chaos.world.Tell(slot, Told::Destroy);
+    if (slot.IsAttribute())
+    {
+        chaos.driver.Bus().SendRemoved(Announced(slot).get());
     }
 }
 
+// Of some types the status isn't written: their reload runs, and looks at other
+// columns.
 void ChangeStatus(Chaos &chaos, Slot &slot)
 {
-    chaos.world.Note(slot, What::Change, "DOH_ObjStatus");
-    chaos.world.Note(slot, What::ToldStatus);
-    if (slot.Has(kReloaded))
+    chaos.world.Tell(slot, Told::Change);
+    if (slot.Is(kReloaded))
     {
-        chaos.world.epochs.back().passRan = true;
+        chaos.world.Doubt(slot);
+        chaos.world.epoch.passRan = true;
     }
     chaos.driver.Do(slot.Command("status", "") + R"(,"status":)" +
                     std::to_string(chaos.Below(250)) + "}");
 }
 
-// A file comes, changes, is empty or is gone.
+// A file comes, changes, is empty or is gone. The row isn't written from its
+// attribute from then on.
 void ChangeRawData(Chaos &chaos, Slot &slot)
 {
     const std::string path = chaos.driver.Service().Root().Path() + "/raw" +
@@ -116,7 +128,8 @@ void ChangeRawData(Chaos &chaos, Slot &slot)
     {
         std::ofstream(path) << std::string(size - 20, 'r');
     }
-    chaos.world.Note(slot, What::ToldRaw);
+    chaos.world.Note(slot, "raw data");
+    chaos.world.Doubt(slot);
     chaos.driver.Bus().SendRawData(slot.key, path);
 }
 
@@ -151,10 +164,15 @@ void Step(Chaos &chaos, Slot &slot, char step)
     case 'w':
         return ChangeWatched(chaos, slot);
     case '3':
-        chaos.world.Note(slot, What::ToldDirty);
+        chaos.world.Tell(slot, Told::Change);
         return SendList(chaos, 3, {slot.oid});
+    case '8':
+        chaos.world.Tell(slot, Told::Destroy);
+        return slot.IsAttribute()
+                   ? chaos.driver.Bus().SendRemoved(Announced(slot).get())
+                   : SendList(chaos, 8, {slot.oid});
     case '7':
-        chaos.world.Note(slot, What::ToldCreate);
+        chaos.world.Tell(slot, Told::Create);
         return SendList(chaos, 7, {slot.oid});
     case 's':
         return ChangeStatus(chaos, slot);

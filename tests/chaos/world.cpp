@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <set>
 
 namespace qdb::chaos
 {
 namespace
 {
+
+constexpr size_t kFirstLength = 3; // of an array
 
 std::string Numbered(std::string text, uint32_t number)
 {
@@ -24,22 +27,14 @@ std::string NameOf(const char *column)
     return name.substr(0, name.find(':'));
 }
 
-unsigned Slot::Traits() const
-{
-    return kind->traits | (IsAttribute() ? kAttribute : kObject) |
-           (alive ? kAlive : kAbsent) |
-           (alive && (kind->traits & kFixed) == 0 ? kRemovable : 0u) |
-           (alive && *kind->watched != '\0' ? kWatched : 0u);
-}
-
-bool Slot::Has(unsigned traits) const
-{
-    return (Traits() & traits) != 0;
-}
-
 bool Slot::Is(unsigned traits) const
 {
-    return (Traits() & traits) == traits;
+    const unsigned has =
+        kind->traits | (IsAttribute() ? kAttribute : kObject) |
+        (alive ? kAlive : kAbsent) |
+        (alive && (kind->traits & kFixed) == 0 ? kRemovable : 0u) |
+        (alive && *kind->watched != '\0' ? kWatched : 0u);
+    return (has & traits) == traits;
 }
 
 std::string Slot::Command(const char *forObject, const char *forAttribute) const
@@ -58,43 +53,106 @@ uint32_t Slot::Parent() const
                                   : kind->parent + number % kind->parentCount;
 }
 
-bool Slot::Watches(const std::string &column) const
-{
-    const std::string watched = NameOf(kind->watched);
-    return watched == "*" || (!watched.empty() && watched == column);
-}
-
 World::World()
 {
     for (const Kind &kind : kKinds)
     {
         for (uint32_t i = 0; i < kind.count; ++i)
         {
-            const bool isAttribute = kind.interface != nullptr;
             slots.push_back({&kind, kind.first + i,
-                             isAttribute ? Numbered(kind.values, i + 1) : ""});
-            Note(slots.back(), What::Appear);
-            Note(slots.back(), What::ToldCreate);
+                             kind.interface == nullptr
+                                 ? ""
+                                 : Numbered(kind.values, i + 1)});
         }
     }
 }
 
-void World::Note(Slot &slot, What what, const std::string &column,
-                 size_t length)
+void World::Note(Slot &slot, const std::string &line)
 {
-    slot.journal.push_back({epochs.size() - 1, what, column, length});
+    slot.journal.push_back("epoch " + std::to_string(epochs) + ": " + line);
+}
+
+void World::Tell(Slot &slot, Told what)
+{
+    constexpr const char *kNames[] = {"", "created", "changed", "destroyed"};
+    Note(slot, std::string("told: ") + kNames[static_cast<size_t>(what)]);
+    const bool isAlone = slot.told == Told::Nothing ||
+                         (slot.told == what && what == Told::Change);
+    slot.told = isAlone ? what : Told::Several;
+    // Whatever the row was, it goes.
+    slot.isDoubted =
+        slot.isDoubted && !(isAlone && what == Told::Destroy && !slot.alive);
+}
+
+void World::Doubt(Slot &slot)
+{
+    slot.isExact = false;
+    slot.isDoubted = true;
+}
+
+void World::DoubtChildren(const Slot &slot)
+{
+    for (Slot &child : slots)
+    {
+        if (child.alive && child.Parent() == slot.oid)
+        {
+            Doubt(child);
+        }
+    }
+}
+
+void World::EndEpoch()
+{
+    const bool isFaulty =
+        epoch.heldMs != 0 || !epoch.fault.empty() || epoch.cleared;
+    std::set<uint16_t> moved; // types
+    for (const Slot &slot : slots)
+    {
+        if (slot.told != Told::Nothing || slot.isDoubted)
+        {
+            moved.insert(slot.kind->type);
+        }
+    }
+    for (Slot &slot : slots)
+    {
+        // A pass that meets a change, or a fault, may leave what it does to
+        // rows of the type to the next one.
+        const bool metPass = epoch.passRan && slot.Is(kPassed) &&
+                             (isFaulty || moved.contains(slot.kind->type));
+        const bool wasTold = slot.told != Told::Nothing;
+        if (metPass || slot.isDoubted || slot.told == Told::Several ||
+            (wasTold && isFaulty))
+        {
+            slot.isExact = false;
+        }
+        else if (slot.told == Told::Destroy)
+        {
+            slot.isExact = true; // there is nothing
+        }
+        if (wasTold && (isFaulty || epoch.passRan))
+        {
+            Note(slot, std::string(epoch.passRan ? "[pass]" : "") +
+                           (epoch.cleared ? "[cleared]" : "") +
+                           (epoch.heldMs == 0 ? "" : "[held]") + epoch.fault);
+        }
+        slot.told = Told::Nothing;
+        slot.isDoubted = false;
+    }
+    epoch = {};
+    ++epochs;
+}
+
+const Slot *World::Find(int64_t storedOid) const
+{
+    const auto slot = std::ranges::find(slots, storedOid, &Slot::Stored);
+    return slot == slots.end() ? nullptr : &*slot;
 }
 
 std::string World::PrintJournal(int64_t storedOid) const
 {
-    constexpr size_t kPrinted = 30;
-    constexpr const char *kNames[] = {
-        "appears",     "changes",      "disappears",    "told: create",
-        "told: dirty", "told: status", "told: destroy", "told: raw data",
-        "cleared",     "restored",
-    };
-    const auto slot = std::ranges::find(slots, storedOid, &Slot::Stored);
-    if (slot == slots.end())
+    constexpr size_t kPrinted = 20;
+    const Slot *slot = Find(storedOid);
+    if (slot == nullptr)
     {
         return "no such object: " + std::to_string(storedOid) + "\n";
     }
@@ -104,16 +162,7 @@ std::string World::PrintJournal(int64_t storedOid) const
     const size_t count = slot->journal.size();
     for (size_t i = count - std::min(count, kPrinted); i < count; ++i)
     {
-        const Entry &entry = slot->journal[i];
-        const Epoch &epoch = epochs[entry.epoch];
-        text += "  epoch " + std::to_string(entry.epoch) + ": " +
-                kNames[static_cast<size_t>(entry.what)] + " " + entry.column +
-                (epoch.passRan ? " [pass]" : "") +
-                (epoch.fault.empty() ? "" : " [" + epoch.fault + " fails]") +
-                (epoch.heldMs == 0
-                     ? ""
-                     : " [held " + std::to_string(epoch.heldMs) + " ms]") +
-                "\n";
+        text += "  " + slot->journal[i] + "\n";
     }
     return text;
 }
@@ -128,8 +177,9 @@ std::string World::Fresh(const char *column)
                            : "\"v" + mark + '"');
 }
 
-std::string World::FreshArray(const Slot &slot, size_t length)
+std::string World::FreshArray(Slot &slot, size_t length)
 {
+    slot.length = length;
     const std::string array = slot.kind->array;
     const size_t colon = array.find(':');
     std::string list;
@@ -144,7 +194,7 @@ std::string World::FreshArray(const Slot &slot, size_t length)
     return '"' + NameOf(slot.kind->array) + "\":[" + list + ']';
 }
 
-std::string World::Values(const Slot &slot)
+std::string World::Values(Slot &slot)
 {
     const Kind &kind = *slot.kind;
     std::string values = slot.IsAttribute()
@@ -171,7 +221,7 @@ std::string World::Values(const Slot &slot)
     return "{" + values + "}";
 }
 
-std::string World::Creation(const Slot &slot)
+std::string World::Creation(Slot &slot)
 {
     const uint32_t parent = slot.Parent() == 0 ? 1 : slot.Parent();
     return slot.Command("create", "attribute") + R"(,"type":)" +
@@ -183,7 +233,7 @@ std::string World::Scenario()
 {
     std::string objects;
     std::string attributes;
-    for (const Slot &slot : slots)
+    for (Slot &slot : slots)
     {
         std::string &list = slot.IsAttribute() ? attributes : objects;
         list += (list.empty() ? "" : ",") + Creation(slot);

@@ -1,10 +1,12 @@
-// The objects and attributes of a chaos run, and the journal of what was done
-// to each and what of it the service was told. Slots come and go and come back,
-// always under the same OID, key and parent.
+// The objects and attributes of a chaos run, and which of their rows must be
+// exact. Slots come and go and come back, always under the same OID, key and
+// parent.
 //
 // Time is counted in epochs: an epoch begins and ends with a service that has
-// worked off everything it was told. What is told of an object alone in its
-// epoch has its whole effect; what is told together has it in no order.
+// worked off everything it was told. Of an object that was told of alone in its
+// epoch, and met no fault, the row is exact behind it, and stays so. Everything
+// else is in doubt until the object is taken away and told of, and is then made
+// anew in an epoch of its own.
 #pragma once
 
 #include "tests/chaos/kinds.h"
@@ -16,33 +18,14 @@
 namespace qdb::chaos
 {
 
-enum class What
+// What the service was told of an object in this epoch.
+enum class Told
 {
-    // To the object, at its owner.
-    Appear,
-    Change, // `column`; `length`: the new one of an array
-    Disappear,
-    // To the service.
-    ToldCreate,
-    ToldDirty,
-    ToldStatus,
-    ToldDestroy,
-    ToldRaw,
-    Cleared,  // everything, or all attributes
-    Restored, // by the service itself, after it has cleared
-};
-
-struct Entry
-{
-    size_t epoch;
-    What what;
-    std::string column;
-    size_t length;
-
-    bool IsTold() const
-    {
-        return what >= What::ToldCreate && what <= What::Cleared;
-    }
+    Nothing,
+    Create,
+    Change, // any number of them
+    Destroy,
+    Several, // which may end in any order
 };
 
 struct Epoch
@@ -59,22 +42,25 @@ struct Slot
     uint32_t oid;
     std::string key; // of an attribute
     bool alive = true;
-    std::vector<Entry> journal = {};
+
+    bool isExact = true;
+    bool isDoubted = false; // in this epoch
+    Told told = Told::Nothing;
+    size_t length = 0; // of the array
+
+    std::vector<std::string> journal = {};
 
     bool IsAttribute() const
     {
         return kind->interface != nullptr;
     }
-    bool Has(unsigned traits) const; // any of them
-    bool Is(unsigned traits) const;  // all of them
-    unsigned Traits() const;
+    bool Is(unsigned traits) const; // all of them
     int64_t Stored() const
     {
         return audit::StoredOid(oid);
     }
     // The OID of the parent; 0: the root, or a group.
     uint32_t Parent() const;
-    bool Watches(const std::string &column) const;
     // An unfinished command for the object, or for the attribute.
     std::string Command(const char *forObject, const char *forAttribute) const;
 };
@@ -82,30 +68,43 @@ struct Slot
 class World
 {
   public:
-    World(); // everything is there and stored, in epoch 0
+    World(); // everything is there, and stored
 
     std::vector<Slot> slots;
-    std::vector<Epoch> epochs = std::vector<Epoch>(1);
+    Epoch epoch;
+    size_t epochs = 0; // that are over
 
-    void Note(Slot &slot, What what, const std::string &column = "",
-              size_t length = 0);
+    // A line of the slot's journal.
+    void Note(Slot &slot, const std::string &line);
 
-    // The last entries of an object's journal, a line each.
+    void Tell(Slot &slot, Told what);
+    void Doubt(Slot &slot);
+
+    // The slot came or went: rows of its children that are there tell of it as
+    // it was when they were made.
+    void DoubtChildren(const Slot &slot);
+
+    void EndEpoch();
+
+    const Slot *Find(int64_t storedOid) const; // or NULL
+
+    // The last lines of an object's journal.
     std::string PrintJournal(int64_t storedOid) const;
 
     // The command that makes the slot's object or attribute with new values,
     // and the JSON file that makes all.
-    std::string Creation(const Slot &slot);
+    std::string Creation(Slot &slot);
     std::string Scenario();
 
     // "name": value, with a value that the column never had, or not lately.
     std::string Fresh(const char *column);
 
-    // "property": [...] with so many elements.
-    std::string FreshArray(const Slot &slot, size_t length);
+    // "property": [...] with so many elements, none of which the array had
+    // lately.
+    std::string FreshArray(Slot &slot, size_t length);
 
   private:
-    std::string Values(const Slot &slot);
+    std::string Values(Slot &slot);
 
     int mark_ = 0;
     bool begun_ = false;
@@ -113,8 +112,5 @@ class World
 
 // A column's name in kKinds without its mark, and an array's without its field.
 std::string NameOf(const char *column);
-
-// How long the array is when an object appears.
-inline constexpr size_t kFirstLength = 3;
 
 } // namespace qdb::chaos
