@@ -1,3 +1,5 @@
+// Claims are a list in order of arrival, and not a table by OID: there are as
+// many as threads with an object in hand, a dozen at most.
 #include "core/object_order.h"
 
 #include "core/lock.h"
@@ -45,7 +47,8 @@ Known gKnown[kPlaces];
 
 Known &PlaceOf(uint32_t oid)
 {
-    // OIDs are often numbered in steps of a power of two.
+    // OIDs are often numbered in steps of a power of two, and would all fall on
+    // few places by their low bits alone.
     return gKnown[(oid ^ (oid >> 10) ^ (oid >> 20)) % kPlaces];
 }
 
@@ -135,12 +138,15 @@ void ObjectClaim::NoteKnown()
 {
     const LeafLock lock(gMutex);
     Known &known = PlaceOf(oid_);
+    // The one that loses its place is remembered with all that lost it before:
+    // too new at worst, and then fetched again for nothing.
     if (known.oid != oid_)
     {
         known.others = std::max(known.others, known.tick);
         known.tick = known.others;
         known.oid = oid_;
     }
+    // Never back: a destroy may be older than what the row showed.
     known.tick = std::max(known.tick, age_);
 }
 
@@ -201,6 +207,7 @@ void ObjectClaim::Remove()
         link = &(*link)->next_;
     }
     *link = next_;
+    // All of them, since each waits for another object's end.
     if (gWaiting > 0)
     {
         pthread_cond_broadcast(&gDone);

@@ -39,6 +39,8 @@ int StepOnce(sqlite3_stmt *statement, bool isFresh)
         sqlite3_reset(statement);
         status = sqlite3_step(statement);
     }
+    // The row that a reader stands on is the cheapest moment to keep the read:
+    // its statement holds the lock already.
     if (status == SQLITE_ROW)
     {
         KeepRead();
@@ -69,6 +71,7 @@ int StepStatement(sqlite3_stmt *statement)
          status == SQLITE_ABORT && isFresh && attempt < kAbortedAttempts;
          ++attempt)
     {
+        // Others' reads have to end, and theirs may wait for our turn.
         sqlite3_reset(statement);
         GiveUpTurn();
         SleepMicroseconds(kAbortedPauseMicroseconds);

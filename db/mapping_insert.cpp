@@ -1,4 +1,15 @@
 // The insert into ActiveOIDMapping, with its own rule for repeats.
+//
+// An OID that is mapped already is one of two things: an object that the
+// service knows, or one whose delete is still to come. The second ends by
+// itself, so that types which come and go in bursts wait for it
+// (DeletePatience), a millisecond at a time and a hundred times at most.
+// Whoever waits here has the create's claim and, at first, the turn; neither
+// may keep the delete from its work. So before each further attempt
+// 1. the turn is given up,
+// 2. the claim goes to the end of the line (object_order.h), and the object is
+//    looked at again: it may be out of date by then;
+// 3. the statement is free: its mutex is held for one attempt only.
 
 #include "core/log.h"
 #include "core/object_order.h"
@@ -45,6 +56,9 @@ void Pause(unsigned microseconds)
 // Whether a mapped OID is waited for any longer.
 bool WaitForConstraint(const Insert &insert, bool lastAttempt)
 {
+    // With a thousand events waiting each mapped OID would cost a tenth of a
+    // second; most are known objects, announced once more by a Data Manager
+    // that has just come up.
     if (insert.backlog && insert.patience != DeletePatience::KeepsOn)
     {
         QDB_LOG(kLogError,

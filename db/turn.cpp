@@ -14,7 +14,10 @@ pthread_mutex_t gTurnMutex = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<int> gWaiting = 0;   // threads that wait for gTurnMutex
 std::atomic<int> gWorkAhead = 0; // WorkAhead objects
 
-// When the watch came by last. One that doesn't come by watches over nothing.
+// A read may outlive a turn only under the eyes of the watch: a worker that
+// hangs behind its turn could keep the read, and other processes from writing,
+// for as long as it hangs. When the watch came by last. One that doesn't come
+// by watches over nothing.
 std::atomic<int64_t> gWatchedAt = 0;
 constexpr int64_t kWatchNanoseconds = 20000000;
 
@@ -90,7 +93,8 @@ void GiveUpTurn()
 
 StatementLock::StatementLock(pthread_mutex_t &mutex) : mutex_(mutex)
 {
-    // Its holder may sleep through a busy database.
+    // Its holder may sleep through a busy database, which may be busy because
+    // of the read that we keep.
     if (pthread_mutex_trylock(&mutex_) != 0)
     {
         GiveUpTurn();
@@ -123,6 +127,8 @@ ReadWatch::~ReadWatch()
 void ReadWatch::Tick()
 {
     gWatchedAt = NowNanoseconds();
+    // It outlives the last step beside it by one tick at least, and two at
+    // most.
     if (gReadKept && !gStepped.exchange(false))
     {
         GiveUpRead();
@@ -164,6 +170,7 @@ bool GiveUpRead()
         return false;
     }
     const LeafLock lock(gReadMutex);
+    // Two may come for it at once, the turn's end and the watch.
     const bool kept = gReadKept.exchange(false);
     if (kept)
     {

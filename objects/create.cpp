@@ -1,4 +1,12 @@
-// The create handler. See handlers.h.
+// The create handler. Its invariants, and their numbers, stand in handlers.h.
+//
+// 1. The parent's key is fetched, without a lock.
+// 2. A delete of the same OID in the same row is waited for.
+// 3. The object is claimed; one that is out of date is refused there.
+// 4. In one turn the object is bound, mapped and written, its arrays with it;
+//    the row is read back, and the table's tag stamped.
+// 5. Behind the turn, with the claim still held, the parents are asked for and
+//    linked, and the row is announced.
 
 #include "core/guard.h"
 #include "core/lock.h"
@@ -55,6 +63,8 @@ int ResultOf(int ret)
 void WaitForDelete(const Create &create)
 {
     const MutexLock lock(create.state.DeleteWaitMutex);
+    // A loop: one wake-up tells all waiters, and another delete of the OID may
+    // have begun before this thread runs.
     while (create.state.DeletingOID == create.Oid())
     {
         QDB_LOG(kLogTrace, "%s: [%s]Inside %s%s sleeping till delete complete ",
@@ -192,6 +202,8 @@ int WriteRow(const Create &create)
     {
         return status;
     }
+    // The mapping stays: the OID is live, and its row is the next refresh's or
+    // delete's to find missing (invariant 1).
     QDB_LOG(kLogError,
             "%s: [%s]2nd atmptEntry for %d %X could not inserted in "
             "%s.Error:%d",
@@ -216,7 +228,8 @@ void LogNotInserted(const Create &create, int ret)
     LogRowError(kLogError, kStem, create.row);
 }
 
-// Binds, maps and writes; the statement is clean afterwards. Bound first: an
+// Binds, maps and writes; the statement is clean afterwards (invariant 2),
+// also where a bind failed half-way. Bound first: an
 // object that can't be read leaves no mapping behind and is fetched again. Then
 // the mapping, which the table's row refers to (invariant 1).
 int InsertRow(const Create &create)
@@ -253,6 +266,7 @@ int FinishRow(const Create &create, RowReading *pRow)
     // Before the row is read back: an array's elements are part of it.
     InsertArrays(create.row, create.pDOH);
     int status = ReadRow(create.row, create.Oid(), pRow);
+    // Gone again already, by a cascade: a clearing takes no claims.
     if (status == SQLITE_DONE)
     {
         status = kFailed;
@@ -270,6 +284,7 @@ int FinishRow(const Create &create, RowReading *pRow)
 
 void Announce(const Create &create, RowReading reading)
 {
+    // What the table holds, not what the object said (invariant 3).
     const JsonText text = RenderWholeRow(create.row, std::move(reading));
     if (text == nullptr)
     {
@@ -341,6 +356,8 @@ int CreateObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
         Guard("create",
               [&]
               {
+                  // Creates of one row come one by one, since they share its
+                  // INSERT; those of other rows go on.
                   const MutexLock lock(create.state.CreateObjMutex);
                   WaitForDelete(create);
                   ret = RunClaimed(pDOH,

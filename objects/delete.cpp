@@ -1,4 +1,12 @@
-// The delete handler. See handlers.h.
+// The delete handler. Its invariants, and their numbers, stand in handlers.h.
+//
+// 1. DeletingOID tells creates of the row which OID is about to go.
+// 2. The object is claimed. Whoever has it in hand is waited for, on the Data
+//    Manager's callback only for a while.
+// 3. In one turn the row is read, and its mapping deleted; the row goes with
+//    it by a cascade, and so do its elements and links.
+// 4. With the claim still held the row is announced as it was.
+// 5. On every way out DeletingOID is free again, and creates go on.
 
 #include "core/guard.h"
 #include "core/lock.h"
@@ -84,6 +92,8 @@ int RemoveInTurn(const ObjTypeRow &row, uint32_t oid, RowReading *pReading)
     const DbTurn turn;
     int read = ReadRow(row, oid, pReading);
     read = AddArrays(row, oid, read, pReading);
+    // What can't be read isn't removed: nobody could be told of it, and a
+    // consumer would keep it for ever.
     if (read != SQLITE_OK || pReading->IsEmpty())
     {
         QDB_LOG(kLogWarning,
@@ -107,6 +117,8 @@ int RemoveInTurn(const ObjTypeRow &row, uint32_t oid, RowReading *pReading)
 
 int RemoveRow(const ObjTypeRow &row, uint32_t oid, Destroy &event)
 {
+    // As old as its record: a destroy that waited long on the queue is older
+    // than an object that was fetched meanwhile.
     ObjectClaim claim(oid, event.taken, event.patienceMs);
     if (!claim.IsHeld())
     {

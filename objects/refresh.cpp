@@ -1,4 +1,9 @@
-// The refresh handler. See handlers.h.
+// The refresh handler. Its invariants, and their numbers, stand in handlers.h.
+//
+// 1. The parent's key is fetched, without a lock.
+// 2. The object is claimed; one that is out of date is refused there.
+// 3. In one turn the row is read, written, its arrays with it, and read again.
+// 4. Behind the turn, with the claim still held, the difference is announced.
 
 #include "core/guard.h"
 #include "core/lock.h"
@@ -80,6 +85,7 @@ int ReadBefore(const Refresh &refresh, RowReading *pBefore)
 
 int PrepareUpdate(const Refresh &refresh)
 {
+    // The slot's lock is RefreshObjMutex.
     StatementSlot &slot = refresh.state.UpdateStmt;
     QDB_LOG(kLogTrace, "%s: [%s]line=%d", refresh.row.suffix, __LINE__);
     QDB_LOG(kLogTrace, "%s: [%s]line=%d", refresh.row.suffix, __LINE__);
@@ -129,6 +135,8 @@ int WriteRow(const Refresh &refresh)
     {
         return status;
     }
+    // Asked before anything else steps: execute_statement only says that it
+    // failed, and a corrupt database must be told from all else.
     const int result = FailureOf(LastStepStatus());
     LogNotUpdated(refresh, "2nd", status);
     if (refresh.row.Has(Trait::RetriesRefresh))
@@ -137,12 +145,13 @@ int WriteRow(const Refresh &refresh)
                 "%s: Refresh_[A03]:Sqlite refresh entry failed so add to Fail "
                 "Queue objtype:0x%x objID:0x%x objtype index %d",
                 refresh.pDOH->objType, refresh.Oid(), 0);
+        // No index: one type keeps its refreshes, and the drain knows which.
         QdbFailenQueue(gFailQueue, refresh.Oid(), FailedOperation::Refresh, 0);
     }
     return result;
 }
 
-// Binds and writes; the statement is clean afterwards.
+// Binds and writes; the statement is clean afterwards (invariant 2).
 int UpdateRow(Refresh &refresh)
 {
     const StatementReset reset(refresh.state.UpdateStmt.statement);
@@ -177,6 +186,7 @@ int ReadAfter(const Refresh &refresh, RowReading *pAfter)
 // UPDATE, and would make each refresh a change.
 void Announce(const Refresh &refresh, RowReading before, RowReading after)
 {
+    // JSON takes as long as the statements, and needs no turn.
     int changes = 0;
     const JsonText text = RenderDifference(refresh.row, std::move(before),
                                            std::move(after), &changes);
@@ -202,6 +212,7 @@ int WriteInTurn(Refresh &refresh, RowReading *pBefore, RowReading *pAfter)
     // then.
     const DbTurn turn;
     int status = ReadBefore(refresh, pBefore);
+    // Also without a row: a statement that can't be prepared outweighs that.
     const int prepared = PrepareUpdate(refresh);
     if (prepared != SQLITE_OK)
     {
@@ -243,6 +254,7 @@ int RunSteps(Refresh &refresh)
 int RefreshObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
                   const DataObjHeader *pParentDOH)
 {
+    // The key comes from the platform, and so before any lock (invariant 7).
     Refresh refresh = {row, StateOf(row), pDOH, FetchParentKey(pParentDOH)};
     QDB_LOG(kLogTrace, "%s: [%s] %s%s Entry for OID: %d", row.suffix, kStem,
             row.suffix, refresh.LogOid());
@@ -258,6 +270,8 @@ int RefreshObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
         Guard("refresh",
               [&]
               {
+                  // Outside the claim, as in every handler, so that nobody
+                  // waits for a mutex whose holder waits for his claim.
                   const MutexLock lock(refresh.state.RefreshObjMutex);
                   status = RunClaimed(pDOH,
                                       [&]

@@ -1,3 +1,4 @@
+// The promises named here stand in the header.
 #include "objects/row_text.h"
 
 #include "objects/plain_value.h"
@@ -61,6 +62,7 @@ bool RowText::Split(const Table &table, std::string_view text)
         const size_t keySize = SkipKey(
             text.substr(key), i == tag ? kTagColumn : table.columns[i].name);
         const size_t value = key + keySize;
+        // Nothing but what keeps promises 1 to 3 has a size.
         const size_t valueSize = PlainValueSize(text.substr(value));
         if (keySize == 0 || valueSize == 0)
         {
@@ -70,6 +72,7 @@ bool RowText::Split(const Table &table, std::string_view text)
         fields_[i] = {static_cast<uint32_t>(key), static_cast<uint32_t>(value),
                       static_cast<uint32_t>(end)};
     }
+    // A column that the table's list doesn't have would be left out.
     if (text.substr(end) != "}")
     {
         return false;
@@ -101,6 +104,8 @@ bool RowText::SetValue(std::string_view name, std::string_view value)
     {
         return false;
     }
+    // replace() leaves the text as it was when it throws, and the fields are
+    // moved only behind it.
     try
     {
         text_.replace(field->value, field->end - field->value, value);
@@ -158,6 +163,7 @@ size_t RowText::RenderedSize(const FieldSet &fields) const
         if (fields[i])
         {
             // A blank behind the colon; a comma and a blank, or the braces.
+            // Never less than Render writes: it doesn't look at the end.
             size += fields_[i].end - fields_[i].key + 3;
         }
     }
@@ -196,6 +202,7 @@ char *RowText::Render(const FieldSet &fields, char *to) const
 
 void KeepRowText::operator()(RowText *text) const
 {
+    // Also where it isn't kept nothing may throw: this is a destructor.
     std::unique_ptr<RowText> owned(text);
     if (owned->Text().capacity() > kKeptCapacity)
     {

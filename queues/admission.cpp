@@ -1,3 +1,17 @@
+// Counts who is at work, and lets in who is wanted.
+//
+// A worker's ways: outside -> in line [AwaitRecord, with a record in hand]
+// -> at work [Enter] -> outside [Leave], or at once at work again on the next
+// record. Those in line stand one behind the other at gLineMutex; the first of
+// them sleeps on gLeft.
+//
+// Invariants:
+// 1. Nobody waits for a place without a record, so that no record waits while
+//    a place is free.
+// 2. Who sleeps in line wakes up when somebody leaves, and when the first of
+//    those at work counts as hanging: no record waits for a call that hangs.
+// 3. What a record took counts only where it ended, and never more than a
+//    multiple of what the others took.
 #include "queues/admission.h"
 
 #include "core/lock.h"
@@ -57,6 +71,7 @@ pthread_cond_t gLeft = PTHREAD_COND_INITIALIZER;
 // How many workers are to be at work.
 int Wanted()
 {
+    // All, since each has a stop record to take.
     if (StopRequested())
     {
         return kWorkerCount;
@@ -98,7 +113,9 @@ void Begin(int64_t now)
     tSeat->since = now;
 }
 
-// One record that hung, or met a busy database, isn't to decide for many.
+// One record that hung, or met a busy database, isn't to decide for many
+// (invariant 3). The first records of all are measured against the guesses that
+// the values begin with.
 void NoteRecord(int64_t now)
 {
     const int64_t whole = now - tSeat->since;
@@ -106,6 +123,7 @@ void NoteRecord(int64_t now)
     const int64_t waited = tWaitedNanoseconds - tSeat->waitedBefore;
     gWhole.Add(std::min(whole, kManyRecords * gWhole.value));
     gTurn.Add(std::min(turn, kManyRecords * std::max<int64_t>(gTurn.value, 1)));
+    // More than would let everybody in is no news, and takes long to forget.
     gWaits.Add(std::min(waited, 2 * kWorkerCount * gTurn.value));
 }
 
@@ -118,8 +136,8 @@ void Enter()
     AtWork atWork = CountAtWork(now);
     while (atWork.count >= Wanted())
     {
-        // Until somebody leaves, or until the first of them counts as hanging
-        // and so makes room without leaving.
+        // Invariant 2. That more are wanted by now is noticed at the next of
+        // these.
         const timespec until = ToTimespec(atWork.firstHangsAt);
         pthread_cond_clockwait(&gLeft, &gLeftMutex, CLOCK_MONOTONIC, &until);
         now = NowNanoseconds();
@@ -130,6 +148,7 @@ void Enter()
 
 void Leave()
 {
+    // Under the lock, or the one in line could count us and then miss this.
     const LeafLock lock(gLeftMutex);
     tSeat->since = 0;
     pthread_cond_signal(&gLeft);
@@ -184,8 +203,7 @@ void AwaitRecord()
         }
         Leave();
     }
-    // The record first and then the place: a worker without a record would keep
-    // the place from one that has one.
+    // The record first and then the place (invariant 1).
     sem_wait(&gQdbEventSem);
     if (tSeat != nullptr)
     {

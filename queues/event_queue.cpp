@@ -1,3 +1,11 @@
+// A list with its tail, a counter that the semaphore of the workers repeats,
+// and ten nodes that are never allocated.
+//
+// Invariants:
+// 1. The semaphore is posted once for each node, behind its appending: a worker
+//    that got through finds a node, and no lock is held while it waits.
+// 2. A record belongs to its node from QdbenQueue on, and goes with it.
+// 3. The stop nodes are out at most once: the list would be a ring otherwise.
 #include "queues/event_queue.h"
 
 #include "core/lock.h"
@@ -145,6 +153,8 @@ QdbEventNode *QdbdeQueue(QdbEventQueue *queue)
         if (queue->head != nullptr)
         {
             node = TakeHead(*queue);
+            // Under the lock, so that of two records about one object the
+            // later one has the greater tick.
             node->taken = Tick();
             LogExit("QdbdeQueue");
             sizeBefore = QdbEventQSize.fetch_sub(1);
@@ -160,6 +170,7 @@ QdbEventNode *QdbdeQueue(QdbEventQueue *queue)
 
 void QueueStopRecords()
 {
+    // Invariant 3. A second stop finds the first one's nodes still out.
     int out = 0;
     if (!gStopNodesOut.compare_exchange_strong(out, kWorkerCount))
     {

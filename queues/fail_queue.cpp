@@ -1,3 +1,4 @@
+// See the header for what `count` means; the lines that keep it so are marked.
 #include "queues/fail_queue.h"
 
 #include "core/lock.h"
@@ -10,6 +11,7 @@ namespace qdb
 namespace
 {
 
+// A leaf: handlers append with their turn in hand.
 pthread_mutex_t gMutex = PTHREAD_MUTEX_INITIALIZER;
 
 } // namespace
@@ -28,6 +30,7 @@ QdbFailQNode *QdbFailnewNode(uint32_t oid, FailedOperation operation, int index)
 void QdbFailenQueue(FailQueue *queue, uint32_t oid, FailedOperation operation,
                     int index)
 {
+    // Outside the lock; whoever has it must not wait for the allocator.
     QdbFailQNode *node = QdbFailnewNode(oid, operation, index);
     if (node == nullptr)
     {
@@ -36,7 +39,8 @@ void QdbFailenQueue(FailQueue *queue, uint32_t oid, FailedOperation operation,
         return;
     }
     const LeafLock lock(gMutex);
-    // Invariant 1: the first node of an empty queue isn't counted.
+    // Invariant 1: the first node of an empty queue isn't counted, so that the
+    // -1 of a queue just emptied lasts until the next drain finds it.
     if (queue->tail == nullptr)
     {
         queue->head = node;
@@ -65,6 +69,7 @@ QdbFailQNode *QdbFaildeQueue(FailQueue *queue)
     {
         queue->tail = nullptr;
     }
+    // Down to -1 with the last node, which was never counted.
     --queue->count;
     return node;
 }

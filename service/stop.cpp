@@ -52,6 +52,7 @@ void *RunStopThread(void * /*argument*/)
         {
             return nullptr;
         }
+        // Another SIGTERM only shows that somebody is impatient.
         if (!stopped)
         {
             stopped = true;
@@ -92,7 +93,8 @@ void LetStopIn()
     action.sa_handler = HandleSignal;
     sigemptyset(&action.sa_mask);
     sigaction(SIGTERM, &action, nullptr);
-    // Made while SIGTERM is blocked, which it inherits.
+    // Made while SIGTERM is blocked, which it inherits: the signal is always
+    // the main thread's, and its handler only posts.
     const int status =
         CreateThread(&gStopThread, nullptr, RunStopThread, nullptr);
     gStarted = status == 0;
@@ -123,6 +125,8 @@ void StopService()
 
 void EndThreads()
 {
+    // By the stop thread or, when that hangs in the platform, by the watch;
+    // whoever comes second finds it done, or waits for it to be.
     const MutexLock lock(gStepsMutex);
     if (gStepsDone)
     {
