@@ -21,8 +21,8 @@
 #include "objects/claimed.h"
 #include "objects/handlers.h"
 #include "objects/parents.h"
-#include "objects/row_log.h"
 #include "objects/row_reader.h"
+#include "objects/row_statement.h"
 #include "objects/sql_text.h"
 #include "publish/change_signal.h"
 #include "queues/fail_queue.h"
@@ -74,26 +74,15 @@ void WaitForDelete(const Create &create)
     }
 }
 
+// Fills the slot whose mutex is CreateObjMutex.
 int PrepareInsert(const Create &create)
 {
-    StatementSlot &slot = create.state.InsertStmt;
-    if (slot.statement != nullptr)
-    {
-        QDB_LOG(kLogTrace, "%s: [%s]Using prepared statement",
-                create.row.suffix);
-        return SQLITE_OK;
-    }
-    const SqlText sql = InsertSql(*create.row.table);
-    bool wasReady = false;
-    const int status =
-        slot.Prepare(sql.c_str(), static_cast<int>(sql.size()), &wasReady);
-    if (status != SQLITE_OK)
-    {
-        QDB_LOG(kLogError, "%s: [%s]sqlite3_prepare_v2 Error: %d oID:%d",
-                create.row.suffix, status, create.LogOid());
-        LogRowError(kLogError, kStem, create.row);
-    }
-    return status;
+    return PrepareForRow(create.row, create.Oid(), kStem,
+                         create.state.InsertStmt,
+                         [&]
+                         {
+                             return InsertSql(*create.row.table);
+                         });
 }
 
 // Only a busy database is worth another try later: all other failures would

@@ -17,8 +17,8 @@
 #include "objects/change_json.h"
 #include "objects/claimed.h"
 #include "objects/handlers.h"
-#include "objects/row_log.h"
 #include "objects/row_reader.h"
+#include "objects/row_statement.h"
 #include "objects/sql_text.h"
 #include "publish/change_signal.h"
 #include "queues/fail_queue.h"
@@ -83,30 +83,18 @@ int ReadBefore(const Refresh &refresh, RowReading *pBefore)
     return AddArrays(refresh.row, refresh.Oid(), status, pBefore);
 }
 
+// Fills the slot whose mutex is RefreshObjMutex.
 int PrepareUpdate(const Refresh &refresh)
 {
-    // The slot's lock is RefreshObjMutex.
-    StatementSlot &slot = refresh.state.UpdateStmt;
     QDB_LOG(kLogTrace, "%s: [%s]line=%d", refresh.row.suffix, __LINE__);
     QDB_LOG(kLogTrace, "%s: [%s]line=%d", refresh.row.suffix, __LINE__);
-    if (slot.statement != nullptr)
-    {
-        QDB_LOG(kLogTrace, "%s: [%s]Using prepared statement",
-                refresh.row.suffix);
-        return SQLITE_OK;
-    }
-    const SqlText sql =
-        UpdateSql(*refresh.row.table, refresh.row.Has(Trait::RawValues));
-    bool wasReady = false;
-    const int status =
-        slot.Prepare(sql.c_str(), static_cast<int>(sql.size()), &wasReady);
-    if (status != SQLITE_OK)
-    {
-        QDB_LOG(kLogError, "%s: [%s]sqlite3_prepare_v2 Error: %d oID:%d",
-                refresh.row.suffix, status, refresh.LogOid());
-        LogRowError(kLogError, kStem, refresh.row);
-    }
-    return status;
+    return PrepareForRow(
+        refresh.row, refresh.Oid(), kStem, refresh.state.UpdateStmt,
+        [&]
+        {
+            return UpdateSql(*refresh.row.table,
+                             refresh.row.Has(Trait::RawValues));
+        });
 }
 
 void LogNotUpdated(const Refresh &refresh, const char *attempt, int status)

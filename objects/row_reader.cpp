@@ -6,8 +6,8 @@
 #include "db/mapping.h"
 #include "db/turn.h"
 #include "objects/json_text.h"
-#include "objects/row_log.h"
 #include "objects/row_query.h"
+#include "objects/row_statement.h"
 #include "objects/sql_text.h"
 
 namespace qdb
@@ -19,22 +19,13 @@ constexpr char kStem[] = "GetRowData_";
 
 int PrepareSelect(const ObjTypeRow &row, uint32_t oid, StatementSlot &slot)
 {
-    if (slot.statement != nullptr)
-    {
-        QDB_LOG(kLogTrace, "%s: [%s]Using prepared statement", row.suffix);
-        return SQLITE_OK;
-    }
     // The tables of configuration attributes were written by another hand.
-    const SqlText sql = SelectJsonSql(*row.table, row.Has(Trait::Attribute));
-    bool wasReady = false;
-    const int status = slot.Prepare(sql.c_str(), -1, &wasReady);
-    if (status != SQLITE_OK)
-    {
-        QDB_LOG(kLogError, "%s: [%s]sqlite3_prepare_v2 Error: %d oID:%d",
-                row.suffix, status, StoredOid(oid));
-        LogRowError(kLogError, kStem, row);
-    }
-    return status;
+    return PrepareForRow(row, oid, kStem, slot,
+                         [&]
+                         {
+                             return SelectJsonSql(*row.table,
+                                                  row.Has(Trait::Attribute));
+                         });
 }
 
 const char *ColumnText(sqlite3_stmt *statement)
