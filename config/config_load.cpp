@@ -4,6 +4,7 @@
 #include "core/gate.h"
 #include "core/guard.h"
 #include "core/log.h"
+#include "core/object_order.h"
 #include "core/status.h"
 #include "core/threads.h"
 #include "db/execute.h"
@@ -12,27 +13,48 @@
 
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 namespace qdb
 {
 namespace
 {
 
+// The attributes of one interface on their way into the tables.
+struct Load
+{
+    const char *interfaceName;
+    const ConfigObjectList *groups; // NULL: without parents
+    GroupCache cache = nullptr;
+    int status = SQLITE_OK; // the last failure decides
+
+    // Whose rows show, or lack, something newer than the list.
+    std::vector<uint32_t> outOfDate = {};
+};
+
 // One attempt at an object: the Create of every row of the interface, until
 // one of them succeeds. An interface without a row counts as done.
-int TryCreate(const char *interfaceName, const DataObjHeader *object,
+int TryCreate(Load &load, const DataObjHeader *object,
               const DataObjHeader *parent)
 {
+    const FetchesAgain fetchesAgain;
     int status = SQLITE_OK;
     bool found = false;
     for (const BusRow &row : DBusObj_Notification_Map_Table)
     {
-        if (std::strcmp(row.interfaceName, interfaceName) != 0)
+        if (std::strcmp(row.interfaceName, load.interfaceName) != 0)
         {
             continue;
         }
         status = CreateObject(*row.row, object, parent);
+        if (fetchesAgain.Refused())
+        {
+            load.outOfDate.push_back(object->objID);
+            return SQLITE_OK;
+        }
         if (status == SQLITE_OK)
         {
             return status;
@@ -70,36 +92,57 @@ const DataObjHeader *FindParent(const DataObjHeader *object,
     return parent;
 }
 
-// Creates all objects; the last failure decides.
-int LoadObjects(const char *interfaceName, const ConfigObjectList &objects,
-                const ConfigObjectList *groups)
+void LoadObject(Load &load, const DataObjHeader *object, uint64_t asked)
 {
-    GroupCache cache = nullptr;
+    const DataObjHeader *parent = FindParent(object, load.groups, &load.cache);
+    const int last = RunStatusLoop({}, load.status,
+                                   [&]
+                                   {
+                                       NoteFetch(object, asked);
+                                       return TryCreate(load, object, parent);
+                                   });
+    if (!IsSuccess(last))
+    {
+        load.status = FailureOf(last);
+    }
+}
+
+// Creates the objects of a list, all or those of `oids`.
+void LoadObjects(Load &load, const ConfigObjectList &list,
+                 const std::vector<uint32_t> *oids)
+{
     const WorkAhead more;
-    int status = SQLITE_OK;
-    for (const DataObjHeader *object : objects.Objects())
+    for (const DataObjHeader *object : list.Objects())
     {
         if (StopRequested())
         {
             break;
         }
-        if (object == nullptr)
+        if (object != nullptr &&
+            (oids == nullptr ||
+             std::ranges::find(*oids, object->objID) != oids->end()))
         {
-            continue;
-        }
-        const DataObjHeader *parent = FindParent(object, groups, &cache);
-        const int last =
-            RunStatusLoop({}, status,
-                          [&]
-                          {
-                              return TryCreate(interfaceName, object, parent);
-                          });
-        if (!IsSuccess(last))
-        {
-            status = FailureOf(last);
+            LoadObject(load, object, list.Asked());
         }
     }
-    return status;
+}
+
+// What was told of while the list was worked off is taken from a newer list.
+void LoadOutOfDate(Load &load)
+{
+    for (int attempt = 0; attempt < kAttempts && !load.outOfDate.empty();
+         ++attempt)
+    {
+        const std::vector<uint32_t> oids = std::exchange(load.outOfDate, {});
+        ConfigObjectList newer;
+        if (newer.Fetch(load.interfaceName) != 0)
+        {
+            load.status = ZO_STATUS_NO_SUCH_OBJECT;
+            return;
+        }
+        load.cache = nullptr;
+        LoadObjects(load, newer, &oids);
+    }
 }
 
 void LogDuration(const timeval &begin)
@@ -154,9 +197,11 @@ int OnLoadConfigObjectsCreation(const char *interfaceName,
         QDB_LOG(kLogError, "%s: Objects not found: %s\n", interfaceName);
         return ZO_STATUS_NO_SUCH_OBJECT;
     }
-    const int status = LoadObjects(interfaceName, objects, groups);
+    Load load = {interfaceName, groups};
+    LoadObjects(load, objects, nullptr);
+    LoadOutOfDate(load);
     LogDuration(begin);
-    return status;
+    return load.status;
 }
 
 void *ReloadConfigObjectsThread(void * /*argument*/)

@@ -86,6 +86,7 @@ ConfigObjectList::~ConfigObjectList()
 int ConfigObjectList::Fetch(const char *interfaceName)
 {
     const Wait wait;
+    asked_ = Tick();
     return client_get_objects(interfaceName, "", &list_);
 }
 

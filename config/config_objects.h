@@ -53,8 +53,15 @@ class ConfigObjectList
     // Empty for a NULL list.
     std::span<DataObjHeader *const> Objects() const;
 
+    // The tick at which they were asked for (core/object_order.h).
+    uint64_t Asked() const
+    {
+        return asked_;
+    }
+
   private:
     uintptr_t *list_ = nullptr;
+    uint64_t asked_ = 0;
 };
 
 // The group that the last attribute of a load belonged to; attributes mostly

@@ -1,6 +1,7 @@
 #include "config/key_reload.h"
 
 #include "core/log.h"
+#include "core/object_order.h"
 #include "core/status.h"
 #include "db/execute.h"
 #include "db/mapping.h"
@@ -132,6 +133,7 @@ int CfgKeyBasedNCObjRefreshHandling(ConfigObjectPtr *ppObject, size_t rowIndex,
         QDB_LOG(kLogError, "%s: %s: Memory allocation failed\n", kHandling);
         return kNoMemory;
     }
+    const FetchesAgain fetchesAgain;
     const int status = RunStatusLoop(
         {.pauseWhenBusy = false}, SQLITE_OK,
         [&]

@@ -24,7 +24,7 @@ struct Fetch
     uint64_t asked;
 };
 constinit thread_local Fetch tFetch = {};
-constinit thread_local bool tFetchesAgain = false;
+constinit thread_local FetchesAgain *tFetchesAgain = nullptr;
 constinit thread_local ObjectClaim *tClaim = nullptr;
 
 // A leaf; guards all below and the links of the claims.
@@ -82,7 +82,7 @@ uint64_t AgeOf(const void *object)
 
 FetchesAgain::FetchesAgain() : before_(tFetchesAgain)
 {
-    tFetchesAgain = true;
+    tFetchesAgain = this;
 }
 
 FetchesAgain::~FetchesAgain()
@@ -131,7 +131,12 @@ bool ObjectClaim::IsOvertaken() const
 
 bool ObjectClaim::RefusesObject() const
 {
-    return tFetchesAgain && IsOvertaken();
+    if (tFetchesAgain == nullptr || !IsOvertaken())
+    {
+        return false;
+    }
+    tFetchesAgain->refused_ = true;
+    return true;
 }
 
 void ObjectClaim::NoteKnown()

@@ -49,8 +49,18 @@ class FetchesAgain
     FetchesAgain(const FetchesAgain &) = delete;
     FetchesAgain &operator=(const FetchesAgain &) = delete;
 
+    // Whether an object was refused since; only then does the status mean that,
+    // and not an object that can't be read.
+    bool Refused() const
+    {
+        return refused_;
+    }
+
   private:
-    bool before_;
+    friend class ObjectClaim;
+
+    FetchesAgain *const before_;
+    bool refused_ = false;
 };
 
 // A claim on one object, first come, first served. A thread has at most one.

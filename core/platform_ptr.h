@@ -76,15 +76,34 @@ class OidList
     std::unique_ptr<uint32_t, FreeGeneric> list_;
 };
 
-// The object as the Data Manager has it now, NULL: not at all. Notes when it
-// was asked, for object_order.h.
-inline ObjectPtr FetchObject(uint32_t oid)
+// Asks the Data Manager for an object, and notes when, for object_order.h.
+template <typename Ask>
+ObjectPtr FetchNoted(Ask ask)
 {
     const Wait wait;
     const uint64_t asked = Tick();
-    ObjectPtr object(ZOILGetObjByOID(&oid));
+    ObjectPtr object(ask());
     NoteFetch(object.get(), asked);
     return object;
+}
+
+// The object as the Data Manager has it now, NULL: not at all.
+inline ObjectPtr FetchObject(uint32_t oid)
+{
+    return FetchNoted(
+        [&]
+        {
+            return ZOILGetObjByOID(&oid);
+        });
+}
+
+inline ObjectPtr FetchByKey(const char *key)
+{
+    return FetchNoted(
+        [&]
+        {
+            return ZOILGetObjByKey(key);
+        });
 }
 
 // A relation of an object that is in hand: its parent, say.
@@ -92,12 +111,6 @@ inline ObjectPtr FetchRelated(uint32_t oid)
 {
     const Wait wait;
     return ObjectPtr(ZOILGetObjByOID(&oid));
-}
-
-inline ObjectPtr FetchByKey(const char *key)
-{
-    const Wait wait;
-    return ObjectPtr(ZOILGetObjByKey(key));
 }
 
 inline OidList ListParents(uint32_t oid)

@@ -5,6 +5,7 @@
 #include "db/execute.h"
 #include "objects/cached_object.h"
 #include "objects/handlers.h"
+#include "objects/object_loop.h"
 #include "queues/event_record.h"
 #include "reconcile/key_reload.h"
 #include "reconcile/reloads.h"
@@ -22,8 +23,9 @@ void LogReload(const char *function, const DataObjHeader &object)
 
 // Refreshes the object in every row of its type, in status loops; the first
 // failure ends the walk.
-int RefreshRows(const DataObjHeader &object)
+int RefreshRows(const DataObjHeader &object, uint64_t taken)
 {
+
     for (const ObjTypeRow &row : ObjectTypeTable)
     {
         if (object.objType == 0 || row.objType != object.objType)
@@ -33,12 +35,17 @@ int RefreshRows(const DataObjHeader &object)
         QDB_LOG(kLogTrace,
                 "%s: Request:DATA_EVENT_OBJ_STATUS_CHG Update: OID: %X",
                 object.objID);
-        const int status =
-            RunStatusLoop({}, SQLITE_OK,
-                          [&]
-                          {
-                              return RefreshObject(row, &object, nullptr);
-                          });
+        const int status = RunStatusLoop(
+            {}, SQLITE_OK,
+            [&]
+            {
+                NoteFetch(&object, taken);
+                return RunOnNewest(&object,
+                                   [&](const DataObjHeader *pDOH)
+                                   {
+                                       return RefreshObject(row, pDOH, nullptr);
+                                   });
+            });
         if (!IsSuccess(status))
         {
             return FailureOf(status);
@@ -49,7 +56,7 @@ int RefreshRows(const DataObjHeader &object)
 
 // Any type that has no reload of its own. The keyed object is known by its OID
 // alone, so that without it nothing can be told from it, and nothing is done.
-int HandleOther(const DataObjHeader &object)
+int HandleOther(const DataObjHeader &object, uint64_t taken)
 {
     const ObjectPtr keyed = FetchKeyedObject();
     if (keyed == nullptr)
@@ -59,13 +66,13 @@ int HandleOther(const DataObjHeader &object)
     }
     if (keyed->objID != object.objID)
     {
-        return RefreshRows(object);
+        return RefreshRows(object, taken);
     }
     LogReload("ReLoadKeyBasedNCObjects", object);
     return RunKeyReload();
 }
 
-int HandleObject(const DataObjHeader &object)
+int HandleObject(const DataObjHeader &object, uint64_t taken)
 {
     switch (ReloadOf(object.objType))
     {
@@ -83,12 +90,12 @@ int HandleObject(const DataObjHeader &object)
     case Reload::None:
         break;
     }
-    return HandleOther(object);
+    return HandleOther(object, taken);
 }
 
 } // namespace
 
-int ObjectNotificationStChg(const DataEventHeader *event)
+int ObjectNotificationStChg(const DataEventHeader *event, uint64_t taken)
 {
     QDB_LOG(kLogTrace, "%s: ObjectNotificationStChg: Entry\n");
     if (event == nullptr)
@@ -114,7 +121,7 @@ int ObjectNotificationStChg(const DataEventHeader *event)
         QDB_LOG(kLogTrace, "%s: ObjectNotificationStChg: pDOH NO memory\n");
         return kNoMemory;
     }
-    const int status = HandleObject(*object);
+    const int status = HandleObject(*object, taken);
     QDB_LOG(kLogTrace, "%s: ObjectNotificationStChg: Exit: %d", status);
     return status;
 }

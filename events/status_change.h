@@ -2,6 +2,7 @@
 // sends the object along.
 #pragma once
 
+#include "core/object_order.h"
 #include "platform/zoil.h"
 
 namespace qdb
@@ -13,7 +14,10 @@ namespace qdb
 // and stays the caller's. Returns 0, also when the type has no row and when the
 // keyed object, which others are told from, can't be had; 2 for a NULL record
 // or an object that doesn't fit in it; 272 without memory; -1 or 11 when a
-// handler failed; or the reload's status. Takes the reload's mutex.
-int ObjectNotificationStChg(const DataEventHeader *event);
+// handler failed; or the reload's status. `taken` is the tick at which the
+// record was taken: what rows show that is newer than that stays, or is written
+// from what the Data Manager has now. Takes the reload's mutex.
+int ObjectNotificationStChg(const DataEventHeader *event,
+                            uint64_t taken = Tick());
 
 } // namespace qdb

@@ -56,7 +56,7 @@ int Dispatch(const QdbEventNode &node, int thID, int status)
         LogBusRecord(record, thID);
         return ObjectNotificationDbus(&record, record.evtType, node.taken);
     case DATA_EVENT_OBJ_STATUS_CHG:
-        return ObjectNotificationStChg(&record);
+        return ObjectNotificationStChg(&record, node.taken);
     case ZO_EVENT_RAW_DATA_UPDATE:
         return ObjectNotificationRawData(&record, record.evtType);
     default:

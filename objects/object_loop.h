@@ -74,4 +74,33 @@ int RunOnObject(const char *caller, int returnStatus, uint32_t oid,
         });
 }
 
+// Runs `operation`, which takes a const DataObjHeader *, on an object that the
+// caller has, and, for as long as that is out of date, on what the Data Manager
+// has now. Returns its status, or ZO_STATUS_NO_SUCH_OBJECT when the object has
+// gone meanwhile.
+template <typename Operation>
+int RunOnNewest(const DataObjHeader *pDOH, Operation operation)
+{
+    const uint32_t oid = pDOH->objID;
+    const uint16_t objType = pDOH->objType;
+    ObjectPtr newer;
+    int status = ZO_STATUS_INVALID_VALUE;
+    for (int attempt = 0; attempt < kAttempts; ++attempt)
+    {
+        const FetchesAgain fetchesAgain;
+        status = operation(pDOH);
+        if (!fetchesAgain.Refused())
+        {
+            break;
+        }
+        newer = FetchObject(oid);
+        if (newer == nullptr || newer->objType != objType)
+        {
+            return ZO_STATUS_NO_SUCH_OBJECT;
+        }
+        pDOH = newer.get();
+    }
+    return status;
+}
+
 } // namespace qdb

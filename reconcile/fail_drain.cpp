@@ -4,6 +4,7 @@
 #include "core/platform_ptr.h"
 #include "core/state.h"
 #include "objects/handlers.h"
+#include "objects/object_loop.h"
 #include "objects/parents.h"
 #include "queues/fail_queue.h"
 
@@ -31,26 +32,26 @@ struct Repetition
     const DataObjHeader *pParentDOH;
 };
 
-void LogResult(const Repetition &what, const char *name, int status)
+int LogResult(const Repetition &what, const char *name, int status)
 {
     LOG_DRAIN("%s function for OID=0x%x objtype=%d return status %d", name,
               what.node.oid, what.pDOH->objType, status);
+    return status;
 }
 
 // `name` is Delete or Create, as the lines have it; the first place stands for
 // no type and has no row.
 template <typename Operation>
-void RepeatByIndex(const Repetition &what, const char *name,
-                   Operation operation)
+int RepeatByIndex(const Repetition &what, const char *name, Operation operation)
 {
     LOG_DRAIN("Calling %s Function for OID=0x%x objtype=%d", name,
               what.node.oid, what.pDOH->objType);
     const ObjTypeRow *row = RowOfFailIndex(what.node.index);
-    LogResult(what, name, row == nullptr ? 0 : operation(*row));
+    return LogResult(what, name, row == nullptr ? 0 : operation(*row));
 }
 
 // The handler of the one type that keeps refreshes is taken whatever the type.
-void RepeatRefresh(const Repetition &what)
+int RepeatRefresh(const Repetition &what)
 {
     LOG_DRAIN("Calling Refresh Function");
     const ObjTypeRow &row =
@@ -59,12 +60,13 @@ void RepeatRefresh(const Repetition &what)
                               {
                                   return any.Has(Trait::RetriesRefresh);
                               });
-    LogResult(what, "Refresh", RefreshObject(row, what.pDOH, what.pParentDOH));
+    return LogResult(what, "Refresh",
+                     RefreshObject(row, what.pDOH, what.pParentDOH));
 }
 
 // A refresh that found no row is made good by a create, unless the OID belongs
 // to an object of another type by now.
-void RepeatRefreshFailure(const Repetition &what)
+int RepeatRefreshFailure(const Repetition &what)
 {
     LOG_DRAIN("Handling Refresh Failure case for OID=0x%x objtype=%d",
               what.node.oid, what.pDOH->objType);
@@ -74,39 +76,36 @@ void RepeatRefreshFailure(const Repetition &what)
                 "%s: ObjectType is not Same as refresh failure case for "
                 "OID=0x%x objtype=%d\n",
                 what.node.oid, what.pDOH->objType);
-        return;
+        return SQLITE_OK;
     }
-    if (const ObjTypeRow *row = RowOfFailIndex(what.node.index))
-    {
-        CreateObject(*row, what.pDOH, what.pParentDOH);
-    }
+    const ObjTypeRow *row = RowOfFailIndex(what.node.index);
+    return row == nullptr ? SQLITE_OK
+                          : CreateObject(*row, what.pDOH, what.pParentDOH);
 }
 
-void Repeat(const Repetition &what)
+int Repeat(const Repetition &what)
 {
     switch (what.node.operation)
     {
     case FailedOperation::Delete:
-        RepeatByIndex(what, "Delete",
-                      [&](const ObjTypeRow &row)
-                      {
-                          return DeleteObject(row, what.pDOH);
-                      });
-        break;
+        return RepeatByIndex(what, "Delete",
+                             [&](const ObjTypeRow &row)
+                             {
+                                 return DeleteObject(row, what.pDOH);
+                             });
     case FailedOperation::Create:
-        RepeatByIndex(what, "Create",
-                      [&](const ObjTypeRow &row)
-                      {
-                          return CreateObject(row, what.pDOH, what.pParentDOH);
-                      });
-        break;
+        return RepeatByIndex(what, "Create",
+                             [&](const ObjTypeRow &row)
+                             {
+                                 return CreateObject(row, what.pDOH,
+                                                     what.pParentDOH);
+                             });
     case FailedOperation::Refresh:
-        RepeatRefresh(what);
-        break;
+        return RepeatRefresh(what);
     case FailedOperation::RefreshFailure:
-        RepeatRefreshFailure(what);
-        break;
+        return RepeatRefreshFailure(what);
     }
+    return SQLITE_OK;
 }
 
 void DrainNode(const QdbFailQNode &node)
@@ -122,7 +121,13 @@ void DrainNode(const QdbFailQNode &node)
               object->objType);
     const ObjectPtr parent = FetchParent(
         object.get(), nullptr, "CheckDMObjCountandReCreateEntries__:");
-    Repeat({node, object.get(), parent.get()});
+    // Its event, or another failure, may have come first: a row that has gone
+    // since the object was fetched must not come back.
+    static_cast<void>(RunOnNewest(object.get(),
+                                  [&](const DataObjHeader *pDOH)
+                                  {
+                                      return Repeat({node, pDOH, parent.get()});
+                                  }));
 }
 
 } // namespace

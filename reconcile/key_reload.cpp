@@ -1,6 +1,7 @@
 #include "reconcile/key_reload.h"
 
 #include "core/log.h"
+#include "core/object_order.h"
 #include "core/status.h"
 #include "db/execute.h"
 #include "objects/handlers.h"
@@ -68,6 +69,7 @@ int ReLoadKeyBasedNCObject(ObjectPtr object, KeyedRow &row, RowWrite write)
                 "%s: ReLoadKeyBasedNCObjects: Memory allocation failed\n");
         return kNoMemory;
     }
+    const FetchesAgain fetchesAgain;
     const int status = RunStatusLoop(
         {}, SQLITE_OK,
         [&]

@@ -54,10 +54,13 @@ int RunAsItIs(const Visit &visit, Operation operation)
 
 int RunDelete(const Visit &visit)
 {
+    // As old as the object, which is then not out of date by it.
+    Destroy destroy = {AgeOf(visit.object.get())};
     return RunAsItIs(visit,
                      [&]
                      {
-                         return DeleteObject(visit.row, visit.object.get());
+                         return DeleteObject(visit.row, visit.object.get(),
+                                             &destroy);
                      });
 }
 
@@ -67,8 +70,13 @@ int RunCreate(const Visit &visit)
     return RunAsItIs(visit,
                      [&]
                      {
-                         return CreateObject(visit.row, visit.object.get(),
-                                             visit.parent.get());
+                         return RunOnNewest(visit.object.get(),
+                                            [&](const DataObjHeader *pDOH)
+                                            {
+                                                return CreateObject(
+                                                    visit.row, pDOH,
+                                                    visit.parent.get());
+                                            });
                      });
 }
 

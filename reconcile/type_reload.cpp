@@ -7,6 +7,7 @@
 #include "db/mapping.h"
 #include "objects/cached_object.h"
 #include "objects/handlers.h"
+#include "objects/object_loop.h"
 #include "objects/parents.h"
 
 #include <algorithm>
@@ -173,10 +174,12 @@ int ObjTypeBasedNCObjRefreshHandling(const DataObjHeader *pDOH,
     if (row.cached.copy != nullptr)
     {
         row.cached.Clear();
+        // As old as the object, which is then not out of date by it.
+        Destroy destroy = {AgeOf(pDOH)};
         result = Run(result,
                      [&]
                      {
-                         return DeleteObject(handlers, pDOH);
+                         return DeleteObject(handlers, pDOH, &destroy);
                      });
         LogCleared();
     }
@@ -190,7 +193,12 @@ int ObjTypeBasedNCObjRefreshHandling(const DataObjHeader *pDOH,
     return Run(result,
                [&]
                {
-                   return CreateObject(handlers, pDOH, pParentDOH);
+                   return RunOnNewest(pDOH,
+                                      [&](const DataObjHeader *newest)
+                                      {
+                                          return CreateObject(handlers, newest,
+                                                              pParentDOH);
+                                      });
                });
 }
 

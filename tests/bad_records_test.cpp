@@ -37,7 +37,10 @@ int TakeRaw(const DataEventHeader *record)
     return ObjectNotificationRawData(record, kRawData);
 }
 
-constexpr auto TakeStatus = ObjectNotificationStChg;
+int TakeStatus(const DataEventHeader *record)
+{
+    return ObjectNotificationStChg(record);
+}
 
 // A list that claims `count` OIDs and has them.
 Bytes Whole(uint32_t count)
