@@ -528,7 +528,7 @@ class StreamTest : public ::testing::Test
         std::ostringstream text;
         text << in.rdbuf();
         const std::string differences =
-            Differences(ParseStream(text.str()), stream);
+            Differences(text.str(), RenderStream(stream, kComment));
         EXPECT_TRUE(differences.empty()) << path << ":\n" << differences;
     }
 
