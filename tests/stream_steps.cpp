@@ -147,20 +147,12 @@ int RemoveAttributeOf(const Arguments &about)
     return 0;
 }
 
-// A failure that was kept: OID, operation and type.
+// A failure that was kept: OID, operation (0 delete, 1 create, 2 refresh, 3
+// refresh of no row) and type.
 int KeepFailure(const Arguments &about)
 {
-    static const std::map<std::string, FailedOperation> kOperations = {
-        {"Create", FailedOperation::Create},
-        {"Refresh", FailedOperation::Refresh},
-        {"Delete", FailedOperation::Delete},
-        {"RefreshFailure", FailedOperation::RefreshFailure},
-    };
-    const char *name = about.Text(1);
     QdbFailenQueue(gFailQueue, about.Number(0),
-                   name == nullptr
-                       ? static_cast<FailedOperation>(about.Number(1))
-                       : kOperations.at(name),
+                   static_cast<FailedOperation>(about.Number(1)),
                    QdbFailObjTypeIndex(about.Number(2)));
     return 0;
 }
@@ -330,7 +322,7 @@ JsonPtr LoadSteps(const std::string &name)
     const std::string path =
         std::string(std::getenv("QDB_TEST_SOURCE")) + "/tests/data/" + name;
     json_error_t error = {};
-    JsonPtr file(json_load_file(path.c_str(), 0, &error));
+    JsonPtr file(json_load_file(path.c_str(), JSON_REJECT_DUPLICATES, &error));
     EXPECT_NE(file, nullptr)
         << path << ": " << error.line << ": " << error.text;
     return file;
@@ -351,9 +343,9 @@ uint32_t NumberOf(const json_t *word)
                : static_cast<uint32_t>(json_integer_value(word));
 }
 
-std::vector<const json_t *> Elements(const json_t *array)
+std::vector<json_t *> Elements(const json_t *array)
 {
-    std::vector<const json_t *> elements;
+    std::vector<json_t *> elements;
     for (size_t i = 0; i < json_array_size(array); ++i)
     {
         elements.push_back(json_array_get(array, i));

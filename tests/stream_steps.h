@@ -36,7 +36,7 @@ Faults FaultsOf(const json_t *step);
 uint32_t NumberOf(const json_t *word);
 
 // The elements of an array; none of anything else.
-std::vector<const json_t *> Elements(const json_t *array);
+std::vector<json_t *> Elements(const json_t *array);
 Words NumbersOf(const json_t *array);
 
 // The OIDs that are given, or the parent that objects have otherwise.

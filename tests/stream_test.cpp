@@ -142,8 +142,18 @@ class StreamTest : public ::testing::Test
 
     // Another process's work on the tables, and the statements that fail, if
     // the step has any.
-    void Arm(const json_t *step)
+    void Arm(json_t *step)
     {
+        static const std::set<std::string> kKeys = {
+            "step",  "sql",    "fail",  "unprepared", "skip",
+            "event", "values", "patch", "parents",    "first",
+            "act",   "lost",   "afresh"};
+        const char *key = nullptr;
+        json_t *value = nullptr;
+        json_object_foreach(step, key, value)
+        {
+            EXPECT_TRUE(kKeys.contains(key)) << key;
+        }
         if (const char *sql = json_string_value(json_object_get(step, "sql")))
         {
             mirror_.Rows(sql);
@@ -158,7 +168,7 @@ class StreamTest : public ::testing::Test
 
     // What happens to one object: its values, if it gets new ones, its bytes
     // behind them, its parents then, and the event.
-    void Take(const json_t *step, const Subject &subject)
+    void Take(json_t *step, const Subject &subject)
     {
         const Words parents = ParentsOf(json_object_get(step, "parents"));
         if (json_t *values = json_object_get(step, "values"))
@@ -189,7 +199,7 @@ class StreamTest : public ::testing::Test
         FinalizeMappingStatements();
         recorder_.KeepWhole(true);
         clock_.Set(kThen);
-        for (const json_t *step : Elements(json_object_get(story, "steps")))
+        for (json_t *step : Elements(json_object_get(story, "steps")))
         {
             Take(step, subject);
             clock_.Set(kNow);
@@ -274,7 +284,7 @@ class StreamTest : public ::testing::Test
 
     // What concerns several objects or tables: what there is, then what is
     // made of it, of which the recording has the tables of these types.
-    void TakeWide(const json_t *file, const json_t *step)
+    void TakeWide(const json_t *file, json_t *step)
     {
         static const std::set<uint32_t> kTypes = {
             0xE1, 0x36,   0x42, 0x91,  0x4051, 0x4052, 0xEB,
@@ -361,7 +371,7 @@ TEST_F(StreamTest, IsTheRecordedOne)
     TellPopulationAndDetach();
     recorder_.KeepWhole(false);
     const JsonPtr file = LoadSteps("steps.json");
-    for (const json_t *step : Elements(json_object_get(file.get(), "steps")))
+    for (json_t *step : Elements(json_object_get(file.get(), "steps")))
     {
         TakeWide(file.get(), step);
     }

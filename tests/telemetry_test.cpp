@@ -1,6 +1,5 @@
 // The telemetry records, on a real named pipe.
 #include "core/state.h"
-#include "objects/schema/rows.h"
 #include "publish/telemetry.h"
 #include "publish/telemetry_pipe.h"
 #include "tests/support/change_listener.h"
@@ -10,11 +9,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <functional>
-#include <map>
 #include <optional>
-#include <set>
-#include <thread>
 
 namespace qdb::test
 {
@@ -97,19 +92,6 @@ TEST_F(PipeTest, RecordsAreBytesWithoutEnd)
     EXPECT_EQ(cut.size(), 4095U);
 }
 
-TEST(TelemetryTest, TheDetachListHasAllTables)
-{
-    std::set<std::string> tables;
-    for (const ObjTypeRow &row : ObjectTypeTable)
-    {
-        tables.insert(row.table->name);
-    }
-    const std::set<std::string> listed(TelemetryDetachTableList.begin(),
-                                       TelemetryDetachTableList.end());
-    EXPECT_EQ(listed, tables);
-    EXPECT_EQ(TelemetryDetachTableList.size(), tables.size());
-}
-
 void Publish(const char *table)
 {
     FormatTelemetryLine(18, table, 1);
@@ -136,53 +118,29 @@ TEST_F(PipeTest, ThePipeFollowsItsReader)
         "Write to pipe failed with error: 32, Broken pipe \n", kFailed,
         "On error(32) pipe closed successfully\n"};
     std::optional<PipeReader> reader;
-    unlink(path.c_str());
-    const struct
+    const auto check = [&](const char *name, const Lines &lines)
     {
-        const char *name;
-        std::function<void()> change = [] {};
-        Lines lines;
-    } kSteps[] = {
-        {.name = "no file", .lines = kNoFile},
-        {.name = "still none", .lines = kNoFile},
-        {"no reader",
-         [&]
-         {
-             mirror_.Root().MakePipe();
-         },
-         kNoReader},
-        {"a reader",
-         [&]
-         {
-             reader.emplace(path);
-         },
-         kOpened},
-        {.name = "the same", .lines = {}},
-        {"it has gone",
-         [&]
-         {
-             reader.reset();
-         },
-         kBroken},
-        {.name = "still gone", .lines = kNoReader},
-        {"its successor",
-         [&]
-         {
-             reader.emplace(path);
-         },
-         kOpened},
-    };
-    for (const auto &step : kSteps)
-    {
-        SCOPED_TRACE(step.name);
-        step.change();
+        SCOPED_TRACE(name);
         CaptureLog();
         Publish("T");
-        EXPECT_EQ(PipeLines(), step.lines);
+        EXPECT_EQ(PipeLines(), lines);
         EXPECT_EQ(gTelemetryPipeFd >= 0, reader.has_value());
         EXPECT_EQ(reader ? reader->Take() : Lines{},
                   Lines(reader ? 1 : 0, "T|1|18"));
-    }
+    };
+    unlink(path.c_str());
+    check("no file", kNoFile);
+    check("still none", kNoFile);
+    mirror_.Root().MakePipe();
+    check("no reader", kNoReader);
+    reader.emplace(path);
+    check("a reader", kOpened);
+    check("the same", {});
+    reader.reset();
+    check("it has gone", kBroken);
+    check("still gone", kNoReader);
+    reader.emplace(path);
+    check("its successor", kOpened);
 }
 
 TEST_F(PipeTest, AFullPipeDropsRecordsAndStaysOpen)
@@ -226,37 +184,6 @@ TEST_F(PipeTest, AnotherErrorLeavesThePipeAsItIs)
                      "descriptor \n",
                      "Write to pipe failed\n"}));
     EXPECT_GE(gTelemetryPipeFd, 0);
-}
-
-TEST_F(PipeTest, RecordsOfManyWritersStayWhole)
-{
-    constexpr int kWriters = 10;
-    constexpr long long kEach = 500;
-    PipeReader reader(mirror_.Root().Pipe());
-    standin::SetLog(0, nullptr);
-    std::vector<std::jthread> writers;
-    for (int writer = 0; writer < kWriters; ++writer)
-    {
-        writers.emplace_back(
-            [writer]
-            {
-                const std::string table = "T" + std::to_string(writer);
-                for (long long i = 1; i <= kEach; ++i)
-                {
-                    FormatTelemetryLine(23, table.c_str(), i);
-                }
-            });
-    }
-    writers.clear();
-    const Lines records = reader.Take();
-    EXPECT_EQ(records.size(), 1U * kWriters * kEach);
-    std::map<std::string, long long> last;
-    for (const std::string &record : records)
-    {
-        const std::string table = record.substr(0, record.find('|'));
-        EXPECT_EQ(record, table + "|" + std::to_string(++last[table]) + "|23");
-    }
-    EXPECT_EQ(last.size(), 1U * kWriters);
 }
 
 } // namespace
