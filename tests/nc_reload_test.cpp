@@ -1,9 +1,9 @@
-// The reloads of memory, host power and FRUs: their bounds, and objects that
-// change under their hands. What they make of ordinary ones and of failures is
-// recorded in the stream.
+// The reloads of memory, host power and FRUs at their bounds, and with objects
+// that change under their hands. What they make of ordinary objects and of
+// failures is recorded in the stream.
 //
 // What the reloads keep lives as long as the process. A test therefore brings
-// it to a known state first, or uses OIDs of its own.
+// it to a known state first, or uses OIDs or values of its own.
 
 #include "events/dispatch.h"
 #include "reconcile/fru_reload.h"
@@ -16,14 +16,17 @@ namespace qdb::test
 namespace
 {
 
-constexpr uint16_t kMemory = 0xE1;
-constexpr uint16_t kPower = 0x36;
-constexpr uint16_t kFru = 0x42;
+constexpr uint32_t kWorn = 0xE1001; // an NVDIMM
+
+std::string Text(uint32_t number)
+{
+    return std::to_string(number);
+}
 
 Bytes Memory(uint32_t oid, const std::string &key, int typeDetail = 0,
              int endurance = 0)
 {
-    return MakeObject(kMemory, oid,
+    return MakeObject(0xE1, oid,
                       R"({"Key": ")" + key + R"(", "TypeDetail": )" +
                           std::to_string(typeDetail) +
                           R"(, "RemainingRatedWriteEndurance": )" +
@@ -32,16 +35,20 @@ Bytes Memory(uint32_t oid, const std::string &key, int typeDetail = 0,
 
 Bytes Power(uint32_t oid, int state)
 {
-    return MakeObject(kPower, oid,
+    return MakeObject(0x36, oid,
                       R"({"powerState": )" + std::to_string(state) + "}");
 }
 
-Bytes Fru(uint32_t oid, const std::string &serial,
-          const std::string &key = "Disk.Bay.1")
+Bytes Fru(uint32_t oid, const std::string &serial)
 {
-    return MakeObject(kFru, oid,
-                      R"({"Key": ")" + key + R"(", "SerialNumber": ")" +
-                          serial + R"("})");
+    return MakeObject(0x42, oid,
+                      R"({"Key": "Disk.Bay.1", "SerialNumber": ")" + serial +
+                          R"("})");
+}
+
+void Remove(uint32_t oid)
+{
+    EXPECT_EQ(standin::DeleteObjects(Words{oid}, false), "");
 }
 
 // A column that isn't there is an error of the connection, which another thread
@@ -63,7 +70,6 @@ TEST_F(NcReload, ReadsNoColumnWithoutARow)
 // what an NVDIMM needs is also done to what follows it.
 TEST_F(NcReload, RefreshesWornNvdimms)
 {
-    constexpr uint32_t kWorn = 0xE1001;
     constexpr uint32_t kDimm = 0xE1002; // behind it in the list
     const auto put = [](int endurance)
     {
@@ -120,6 +126,7 @@ TEST_F(NcReload, RefreshesWornNvdimms)
     EXPECT_EQ(Calls().back(), "Refresh " + Text(0xE1100 + 46));
 }
 
+// A refresh takes what it gets then; a delete and a create try it as it is.
 TEST_F(NcReload, FetchesUnreadableMemoryAgain)
 {
     const struct
@@ -135,9 +142,8 @@ TEST_F(NcReload, FetchesUnreadableMemoryAgain)
         {"refresh, mended", true, 0, 3, 3, 0, 4},
         {"refresh, never", true, 0, 0, 100, -1, 101},
         {"refresh, vanishes", true, 2, 0, 2, -1, 3},
-        {"create, never", false, 0, 3, 100, -1, 1},
+        {"create, mended", false, 0, 3, 100, -1, 1},
     };
-    constexpr uint32_t kWorn = 0xE1001;
     for (const auto &test : cases)
     {
         SCOPED_TRACE(test.name);
@@ -150,7 +156,7 @@ TEST_F(NcReload, FetchesUnreadableMemoryAgain)
             EXPECT_EQ(ReLoadNCObjects(), 0);
         }
         const Bytes changed = Memory(kWorn, "DIMM.A1", typeDetail, 49);
-        Put(Broken(changed, 0x18));
+        Put(Broken(changed));
         const uint64_t before = standin::CallCount("ZOILGetObjByOID");
         const FateHook hook(
             "ReLoadNCObjects: ZO_STATUS_INVALID_VALUE returned\n", test.goneAt,
@@ -173,16 +179,10 @@ TEST_F(NcReload, FetchesUnreadableMemoryAgain)
 // Short objects are read to their end and no further.
 TEST_F(NcReload, TakesMissingFieldsForZero)
 {
-    Bytes memory = Memory(0xE1200, "DIMM.A1", 0x1000, 50);
-    memory.resize(0xD1);
-    Put(With(memory, kSizeWord, 0xD1));
-    Bytes power = Power(7, 3);
-    power.resize(0x18);
-    Put(With(power, kSizeWord, 0x18), {80});
+    PutShort(Memory(0xE1200, "DIMM.A1", 0x1000, 50), 0xD1);
+    PutShort(Power(7, 3), 0x18, {80});
     MakeRow(Power(7, 0));
-    Bytes fru = Fru(5, "S");
-    fru.resize(0x1F);
-    Put(With(fru, kSizeWord, 0x1F));
+    PutShort(Fru(5, "S"), 0x1F);
     Restart();
     EXPECT_EQ(ReLoadNCObjects(), 0);
     EXPECT_EQ(ReLoadFRUNCObjects(), 0);
@@ -196,21 +196,9 @@ class FruReload : public NcReload
     static constexpr uint32_t kFirst = 0x42000;
     static constexpr uint32_t kMany = 40;
 
-    FruReload()
-    {
-        Forget();
-    }
     ~FruReload() override
     {
         Forget();
-    }
-
-    // By an event, which a cached object notices.
-    static void Destroy(uint32_t oid)
-    {
-        MakeRow(Fru(oid, "A"));
-        Remove(oid);
-        EXPECT_EQ(ObjectNotification(EventOf(List(8, Words{oid})), 8), 0);
     }
 
     static void Forget()
@@ -232,8 +220,10 @@ TEST_F(FruReload, WatchesThirtySix)
     EXPECT_EQ(Calls().size(), 36U);
     EXPECT_EQ(CountLog("Cache: g_FRUCacheCount=36, OID="), 36);
     EXPECT_EQ(CountLog("Refresh skipped as cached data is same"), 4);
-    // A slot that becomes free is the next one's.
-    Destroy(kFirst + 3);
+    // A slot that becomes free, by an event, is the next one's.
+    MakeRow(Fru(kFirst + 3, "A"));
+    Remove(kFirst + 3);
+    EXPECT_EQ(ObjectNotification(EventOf(List(8, Words{kFirst + 3})), 8), 0);
     Restart();
     EXPECT_EQ(ReLoadFRUNCObjects(), 0);
     EXPECT_EQ(Calls(), Lines{"Refresh " + Text(kFirst + 36)});

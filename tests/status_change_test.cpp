@@ -1,9 +1,12 @@
-// Status changes on their way to the row, and the order of the NC thread's
-// passes. What becomes of single ones is recorded in the stream.
+// Status changes on their way to the row, the order of the NC thread's passes,
+// and its reloads of what is compared with a copy: without memory, and of
+// devices that are odd. What becomes of others is recorded in the stream.
 
+#include "config/key_reload.h"
 #include "core/cancel.h"
 #include "core/sleep.h"
 #include "events/status_change.h"
+#include "reconcile/key_reload.h"
 #include "reconcile/nc_thread.h"
 #include "tests/support/reload_fixture.h"
 
@@ -12,18 +15,84 @@ namespace qdb::test
 namespace
 {
 
-using StatusChanges = NcReload;
-
-TEST_F(StatusChanges, EndsWithoutMemory)
+Bytes Device(uint16_t type, uint32_t oid, const std::string &name)
 {
-    const Bytes object = Status(7, "x", 1);
+    return MakeObject(type, oid, R"({"productName": ")" + name + R"("})");
+}
+
+// The copy that can't be made ends the reload, and is made the next time.
+TEST_F(NcReload, EndsWithoutMemory)
+{
+    const Bytes status = Status(7, "x", 1);
     const Bytes record =
-        Record(4, {0}, std::string(object.begin(), object.end()));
-    Restart();
-    tNoMemory = true;
-    EXPECT_EQ(ObjectNotificationStChg(EventOf(record)), 272);
-    tNoMemory = false;
-    EXPECT_EQ(LogLines().back(), "ObjectNotificationStChg: pDOH NO memory\n");
+        Record(4, {0}, std::string(status.begin(), status.end()));
+    const struct
+    {
+        const char *name;
+        std::function<int()> act;
+        const char *line; // behind which there is no memory
+        const char *call; // that gets one object
+        uint64_t calls;   // until the end
+    } kCases[] = {
+        {"key", ReLoadKeyBasedNCObjects, "key=91||", "ZOILGetObjByKey", 1},
+        {"attributes", ReLoadCfgKeyBasedNCObjects,
+         "path=", "CfgIntAttribute_get_object", 1},
+        {"devices", ObjTypeBasedNCObjects, "No previous record",
+         "ZOILGetObjByOID", 1},
+        {"status change",
+         [&]
+         {
+             return ObjectNotificationStChg(EventOf(record));
+         },
+         "ObjectNotificationStChg: Entry", "ZOILGetObjByKey", 0},
+    };
+    MakeRow(status);
+    PutObject(0x91, 5,
+              R"({"Key": "91||System.Embedded.1", "HostName": "new"})");
+    for (const char *key : {"Tarnu.Embedded.1#SerialCapture.1#SerialDataSize",
+                            "System.Embedded.1#ServerOS.1#ServerPoweredOnTime"})
+    {
+        PutAttribute("CfgIntAttribute", key);
+    }
+    Put(Device(0xEB, 11, "a"));
+    Put(Device(0xEB, 12, "b"));
+    Put(Device(0xEC, 13, "u"));
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.name);
+        const uint64_t before = standin::CallCount(c.call);
+        {
+            const LineHook hook(c.line,
+                                [](int)
+                                {
+                                    tNoMemory = true;
+                                });
+            const int result = c.act();
+            tNoMemory = false;
+            EXPECT_EQ(result, 272);
+        }
+        EXPECT_EQ(standin::CallCount(c.call) - before, c.calls);
+        Restart();
+        EXPECT_NE(c.act(), 272);
+        EXPECT_NE(Calls(), Lines{});
+    }
+}
+
+// Its size is kept in 16 bits, so that it differs from its own copy.
+TEST_F(NcReload, ReplacesHugeDevicesEachTime)
+{
+    PutShort(Device(0xEC, 5, "a"), 0x10000 + 40);
+    EXPECT_EQ(ObjTypeBasedNCObjects(), 0);
+    EXPECT_EQ(ObjTypeBasedNCObjects(), 0);
+    EXPECT_EQ(Calls(), (Lines{"Create 5", "Delete 5", "Create 5"}));
+    EXPECT_EQ(CountLog("Data size mismatch. Recreate entry.\n"), 1);
+}
+
+TEST_F(NcReload, TriesUnreadableDevicesAsTheyAre)
+{
+    Put(Broken(Device(0xEC, 6, "u")));
+    EXPECT_EQ(ObjTypeBasedNCObjects(), -1);
+    EXPECT_EQ(Calls(), Lines(100, "Create 6"));
 }
 
 // From the Data Manager by a worker to the row; a corrupt database ends the
@@ -64,7 +133,7 @@ void CountTurn(unsigned microseconds)
 }
 
 // The only test of the thread: it can be told to end once in a process's life.
-TEST_F(StatusChanges, LeavesThePassesInOrder)
+TEST_F(NcReload, LeavesThePassesInOrder)
 {
     PutObject(0xE1, 7, R"({"Key": "DIMM.A1"})");
     MakeRow(MakeObject(0xE1, 7, R"({"Key": "A1"})"));

@@ -4,7 +4,6 @@
 #include "config/key_reload.h"
 #include "config/raw_data.h"
 #include "core/gate.h"
-#include "core/json.h"
 #include "events/bus_dispatch.h"
 #include "events/dispatch.h"
 #include "events/status_change.h"
@@ -22,243 +21,213 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <map>
+
 namespace qdb::test
 {
 namespace
 {
 
+// What a line is about, the word before not counted.
+class Arguments
+{
+  public:
+    explicit Arguments(const json_t *line) : line_(line)
+    {
+    }
+
+    size_t Size() const
+    {
+        return json_array_size(line_) - 1;
+    }
+    json_t *At(size_t i) const
+    {
+        return json_array_get(line_, i + 1);
+    }
+    uint32_t Number(size_t i, uint32_t otherwise = 0) const
+    {
+        return i < Size() ? NumberOf(At(i)) : otherwise;
+    }
+    const char *Text(size_t i) const
+    {
+        return json_string_value(At(i));
+    }
+
+  private:
+    const json_t *line_;
+};
+
+std::string TextOf(const json_t *values)
+{
+    const JsonText text(json_dumps(values, 0));
+    return text == nullptr ? "{}" : text.get();
+}
+
+Bytes ObjectOf(const json_t *description)
+{
+    if (!json_is_array(description))
+    {
+        return standin::ObjectBytes(NumberOf(description));
+    }
+    Bytes object = MakeObject(
+        static_cast<uint16_t>(NumberOf(json_array_get(description, 0))),
+        NumberOf(json_array_get(description, 1)),
+        TextOf(json_array_get(description, 2)));
+    const Words patch = NumbersOf(json_array_get(description, 3));
+    for (size_t i = 1; i < patch.size(); ++i)
+    {
+        object.at(patch[0] + i - 1) = static_cast<uint8_t>(patch[i]);
+    }
+    return object;
+}
+
 // --- What there is before a step ---------------------------------------------
 
-// An object of the Data Manager, of which the reload hears nothing.
-void Object(const Bytes &object, const Words &parents = {kParentOid})
+// An object, and its parents: nobody is told.
+int PutObjectOf(const Arguments &about)
 {
-    EXPECT_EQ(standin::PutRawObject(object, parents), "");
+    EXPECT_EQ(
+        standin::PutRawObject(ObjectOf(about.At(0)), ParentsOf(about.At(1))),
+        "");
+    return 0;
 }
 
-void Gone(uint32_t oid)
+// The row of an object that need not be there, and its parent.
+int CreateRow(const Arguments &about)
 {
-    standin::DeleteObjects(Words{oid}, false);
+    const Bytes parent = standin::ObjectBytes(about.Number(1));
+    EXPECT_EQ(Create(ObjectOf(about.At(0)),
+                     parent.empty() ? nullptr : HeaderOf(parent)),
+              0);
+    return 0;
 }
 
-// A row, and an object that may differ from it.
-void Row(const Bytes &row, const Bytes &object)
+// An object of the stand-in's making, without parents: its type, OID, values,
+// and the key that it is looked up by.
+int MakeObjectOf(const Arguments &about)
 {
-    EXPECT_EQ(Create(row), 0);
-    Object(object);
+    const char *key = about.Text(3);
+    const standin::ObjectSpec spec = {static_cast<uint16_t>(about.Number(0)),
+                                      about.Number(1),
+                                      {},
+                                      about.At(2),
+                                      key == nullptr ? "" : key};
+    EXPECT_EQ(standin::CreateObject(spec, false), "");
+    return 0;
 }
 
-void Lose(const char *call, int skip = 0)
+int LetGo(const Arguments &about)
 {
-    standin::SetFault(call, 0, 1, skip);
+    standin::DeleteObjects(Words{about.Number(0)}, false);
+    return 0;
 }
 
-Bytes Memory(const std::string &key, int typeDetail = 0, int endurance = 0)
+// A function of the platform fails: with a status, so often, after so many.
+int FailCall(const Arguments &about)
 {
-    return MakeObject(0xE1, 5,
-                      R"({"Key": ")" + key + R"(", "TypeDetail": )" +
-                          std::to_string(typeDetail) +
-                          R"(, "RemainingRatedWriteEndurance": )" +
-                          std::to_string(endurance) + "}");
+    standin::SetFault(about.Text(0), static_cast<int>(about.Number(1)),
+                      static_cast<int>(about.Number(2)),
+                      static_cast<int>(about.Number(3)));
+    return 0;
 }
 
-Bytes Power(int state)
+// Interface, key, OID and values.
+int PutAttributeOf(const Arguments &about)
 {
-    return MakeObject(0x36, 7,
-                      R"({"powerState": )" + std::to_string(state) + "}");
-}
-
-Bytes Fru(const std::string &serial, const std::string &key = "Disk.Bay.1")
-{
-    return MakeObject(0x42, 9,
-                      R"({"Key": ")" + key + R"(", "SerialNumber": ")" +
-                          serial + R"("})");
-}
-
-void System(const std::string &host)
-{
-    Gone(8); // its key is looked up
-    PutObject(0x91, 8,
-              R"({"Key": "91||System.Embedded.1", "HostName": ")" + host +
-                  R"("})");
-}
-
-Bytes Device(uint16_t type, uint32_t oid, const std::string &name)
-{
-    return MakeObject(type, oid, R"({"productName": ")" + name + R"("})");
-}
-
-// One of the five attributes that are reloaded.
-void Setting(int index, const std::string &name)
-{
-    static constexpr const char *kKeys[] = {
-        "Tarnu.Embedded.1#SerialCapture.1#SerialDataSize",
-        "System.Embedded.1#ServerOS.1#ServerPoweredOnTime",
-        "System.Embedded.1#Diagnostics.1#OSAppCollectionTime",
-        "System.Embedded.1#SystemInfo.1#BootTime",
-        "System.Embedded.1#SystemInfo.1#SysTime",
-    };
-    const JsonPtr values(json_pack("{s:s}", "Name", name.c_str()));
-    EXPECT_EQ(name.empty()
-                  ? standin::RemoveAttribute(kKeys[index])
-                  : standin::PutAttribute(
-                        index < 2 ? "CfgIntAttribute" : "CfgStrAttribute",
-                        kKeys[index], values.get(),
-                        0x4050 + static_cast<uint32_t>(index)),
+    EXPECT_EQ(standin::PutAttribute(about.Text(0), about.Text(1), about.At(3),
+                                    about.Number(2)),
               "");
+    return 0;
 }
 
-void Settings()
+int RemoveAttributeOf(const Arguments &about)
 {
-    for (int index = 0; index < 5; ++index)
-    {
-        Setting(index, "0");
-    }
+    EXPECT_EQ(standin::RemoveAttribute(about.Text(0)), "");
+    return 0;
 }
 
-// With one of a later table.
-void SettingsWithRows()
+// A failure that was kept: OID, operation (0 delete, 1 create, 2 refresh, 3
+// refresh of no row) and type.
+int KeepFailure(const Arguments &about)
 {
-    Settings();
-    standin::PutAttribute("CfgEnumAttribute", "A.1#B.1#E", nullptr, 20);
-    OnLoadObjectsCreation();
+    QdbFailenQueue(gFailQueue, about.Number(0),
+                   static_cast<FailedOperation>(about.Number(1)),
+                   QdbFailObjTypeIndex(about.Number(2)));
+    return 0;
 }
 
-// What the count check compares: a populator's status, a battery, a GPU.
-Bytes Counted(uint16_t type, uint32_t oid, const std::string &key, int value)
-{
-    return MakeObject(
-        type, oid,
-        std::string(type == 0x1001 ? R"({"key": ")" : R"({"Key": ")") + key +
-            R"(", ")" + (type == 0x1001 ? "popStatus" : "DOH_ObjStatus") +
-            "\": " + std::to_string(value) + "}");
-}
+constexpr int kRawDescriptor = 99;
 
-// A row of the battery's probe, and its object.
-void Battery(const std::string &rowKey, const std::string &key)
+// The file that is imported, in which "?" stands for a byte that no UTF-8 has.
+// A descriptor has the same path in every run.
+int WriteRawFile(const Arguments &about)
 {
-    standin::ObjectSpec battery;
-    battery.type = 0x5E;
-    battery.oid = 900;
-    battery.key = "Tarnu.Embedded.1#SubSystem.1#Battery";
-    EXPECT_EQ(standin::CreateObject(battery, false), "");
-    const Bytes parent = standin::ObjectBytes(900);
-    EXPECT_EQ(Create(Counted(0x1B, 16, rowKey, 1), HeaderOf(parent)), 0);
-    Object(Counted(0x1B, 16, key, 1), {900});
-}
-
-void Failed(uint32_t oid, FailedOperation operation, uint32_t type)
-{
-    QdbFailenQueue(gFailQueue, oid, operation, QdbFailObjTypeIndex(type));
-}
-
-// Three objects, of which one has a row.
-void Three()
-{
-    for (const uint32_t oid : {16u, 31u, 32u})
-    {
-        PutObject(kStatus, oid);
-    }
-    EXPECT_EQ(Create(MakeObject(kStatus, 16)), 0);
-}
-
-constexpr char kKey[] = "Test.1#Group.1#Name";
-
-void Attribute()
-{
-    standin::PutAttribute("CfgIntAttribute", kKey, nullptr, 17);
-}
-
-// One or two objects of several types, two attributes and root data.
-void Several()
-{
-    Three();
-    Attribute();
-    standin::PutAttribute("CfgPasswdAttribute", "A.1#B.1#D", nullptr, 18);
-    PutObject(0x31B, 21, R"({"protocol": 64})");
-    PutObject(0x31B, 22, R"({"protocol": 32})"); // a hard disk
-    PutObject(0xE1, 23);
-    PutObject(0x900, 14);
-    PutObject(0x900, 15);
-    Bytes unknown = MakeObject(kStatus, 61);
-    unknown[8] = unknown[9] = 0x77;
-    Object(unknown);
+    std::string content = about.Text(0);
+    std::ranges::replace(content, '?', '\xFF');
+    const int made = memfd_create("raw", MFD_CLOEXEC);
+    EXPECT_EQ(write(made, content.data(), content.size()),
+              static_cast<ssize_t>(content.size()));
+    EXPECT_EQ(dup2(made, kRawDescriptor), kRawDescriptor);
+    close(made);
+    return 0;
 }
 
 // --- What is carried out -----------------------------------------------------
 
-int Notify(uint16_t kind, const Words &oids)
+constexpr uint16_t kFromBus = 65533;
+constexpr char kKey[] = "Test.1#Group.1#Name";
+
+// The Data Manager's record of the kind about the OIDs.
+int Notify(const Arguments &about)
 {
-    return ObjectNotification(EventOf(List(kind, oids)), kind);
+    const uint16_t kind = KindOf(about.At(0));
+    return ObjectNotification(EventOf(List(kind, NumbersOf(about.At(1)))),
+                              kind);
 }
 
-int NotifyBus(uint16_t kind, uint32_t oid = 17)
+// The bus's record of the kind about the attribute, by its OID or another.
+int NotifyByBus(const Arguments &about)
 {
-    constexpr uint16_t kFromBus = 65533;
-    return ObjectNotificationDbus(
-        EventOf(BusRecord(kind, oid, standin::AttributePath(kKey),
-                          "com.vexo.tarnu.Config.CfgIntAttribute")),
-        kFromBus);
+    const Bytes record = BusRecord(KindOf(about.At(0)), about.Number(1, 17),
+                                   standin::AttributePath(kKey),
+                                   "com.vexo.tarnu.Config.CfgIntAttribute");
+    return ObjectNotificationDbus(EventOf(record), kFromBus);
 }
 
-int Status(const Bytes &object)
+// A status change that comes with the object.
+int NotifyStatus(const Arguments &about)
 {
+    const Bytes object = ObjectOf(about.At(0));
     return ObjectNotificationStChg(
         EventOf(Record(4, {0}, {object.begin(), object.end()})));
 }
 
-constexpr auto kEverything = OnLoadObjectsCreation;
-constexpr auto kMemory = ReLoadNCObjects;
-constexpr auto kFrus = ReLoadFRUNCObjects;
-constexpr auto kKeyed = ReLoadKeyBasedNCObjects;
-constexpr auto kSettings = ReLoadCfgKeyBasedNCObjects;
-constexpr auto kDevices = ObjTypeBasedNCObjects;
-constexpr auto kCounts = CheckDMObjCountandReCreateEntries;
-
-int ClearAll()
-{
-    return ClearTableData("ActiveOIDMapping");
-}
-
-int ClearType()
-{
-    return ClearTblDatabyObjType(kStatus);
-}
-
-int ReloadSettings()
+int ReloadAttributes()
 {
     EXPECT_TRUE(EnterGate());
     EXPECT_EQ(ReloadConfigObjectsThread(nullptr), nullptr);
     return 0;
 }
 
-int Fetch(uint32_t type)
+int Fetch(const Arguments &about)
 {
     DataObjHeader *fetched = nullptr;
     const int status = dbus_get_data_obj_hdr(
-        type, standin::AttributePath(kKey).c_str(), &fetched);
+        about.Number(0), standin::AttributePath(kKey).c_str(), &fetched);
     EXPECT_EQ(fetched, nullptr);
     return status;
 }
 
-int FetchGroup(const char *path)
+// The group of an attribute's path.
+int FetchGroup(const Arguments &about)
 {
     DataObjHeader *fetched = nullptr;
-    const int status = GetCfgGroupByPath(path, &fetched);
+    const int status = GetCfgGroupByPath(about.Text(0), &fetched);
     const ConfigObjectPtr owner(fetched);
     EXPECT_STREQ(fetched == nullptr ? "none" : GetCfgObjectKey(fetched),
                  status == 0 ? "Test.1#Group.1" : "none");
     return status;
-}
-
-// The file that is imported; a descriptor has the same path in every run.
-void RawFile(const std::string &content)
-{
-    constexpr int kDescriptor = 99;
-    const int made = memfd_create("raw", MFD_CLOEXEC);
-    EXPECT_EQ(write(made, content.data(), content.size()),
-              static_cast<ssize_t>(content.size()));
-    EXPECT_EQ(dup2(made, kDescriptor), kDescriptor);
-    close(made);
 }
 
 int ImportRaw()
@@ -268,309 +237,157 @@ int ImportRaw()
                                      1130);
 }
 
-const std::string kRawSelect = "SELECT json_object('accessType'";
-const std::string kRawUpdate = "UPDATE TblStrAttribute SET 'SingleRecordEtag'";
-constexpr char kRestoreRaw[] =
-    "UPDATE TblStrAttribute SET CurrentValue = 'old', isRawData = 0";
-
 constexpr uint32_t kMappedOid = 0x80000010;
-constexpr char kMapped[] =
-    "DELETE FROM ActiveOIDMapping;"
-    "INSERT INTO ActiveOIDMapping VALUES(-2147483632, 9)";
 
-template <uint32_t kType>
-int Map()
+int Map(const Arguments &about)
 {
-    return insertinActiveOIDMapping(kMappedOid, kType,
-                                    PatienceOf(*FindRow(kType)));
+    const uint32_t type = about.Number(0);
+    return insertinActiveOIDMapping(kMappedOid, type,
+                                    PatienceOf(*FindRow(type)));
 }
 
-template <uint32_t kType>
-int MapInBacklog()
+int MapInBacklog(const Arguments &about)
 {
     gSkipConstraintCheck = 1;
-    const int result = insertinActiveOIDMapping(kMappedOid, kType,
-                                                PatienceOf(*FindRow(kType)));
+    const int result = Map(about);
     gSkipConstraintCheck = 0;
     return result;
 }
 
-int TypeOfMapped()
+using Word = int (*)(const Arguments &);
+
+// A word that is about nothing.
+template <int (*kFunction)()>
+int Plain(const Arguments & /*about*/)
 {
-    return static_cast<int>(GetObjType(kMappedOid));
+    return kFunction();
 }
 
-const std::string kClear = "delete from ActiveOIDMapping";
-constexpr char kUnmap[] = "DELETE FROM ActiveOIDMapping";
-const std::string kRemove = "DELETE FROM ActiveOIDMapping WHERE Oid";
+// clang-format off
+const std::map<std::string, Word> kWords = {
+    {"put", PutObjectOf},
+    {"create", CreateRow},
+    {"make", MakeObjectOf},
+    {"gone", LetGo},
+    {"fault", FailCall},
+    {"attribute", PutAttributeOf},
+    {"no attribute", RemoveAttributeOf},
+    {"failed", KeepFailure},
+    {"raw file", WriteRawFile},
+    {"event", Notify},
+    {"bus", NotifyByBus},
+    {"status", NotifyStatus},
+    {"restart", [](const Arguments &) { return ObjectNotificationDbus(EventOf(Record(kFromBus, {23, 0, 0, 0})), kFromBus); }},
+    {"everything", Plain<OnLoadObjectsCreation>},
+    {"memory", Plain<ReLoadNCObjects>},
+    {"frus", Plain<ReLoadFRUNCObjects>},
+    {"keyed object", Plain<ReLoadKeyBasedNCObjects>},
+    {"keyed attributes", Plain<ReLoadCfgKeyBasedNCObjects>},
+    {"devices", Plain<ObjTypeBasedNCObjects>},
+    {"counts", Plain<CheckDMObjCountandReCreateEntries>},
+    {"clear all", [](const Arguments &) { return ClearTableData("ActiveOIDMapping"); }},
+    {"clear type", [](const Arguments &) { return ClearTblDatabyObjType(kStatus); }},
+    {"clear attributes", Plain<ClearCfgMgrData>},
+    {"reload attributes", Plain<ReloadAttributes>},
+    {"fetch", Fetch},
+    {"fetch nowhere", [](const Arguments &) { return dbus_get_data_obj_hdr(0x4051, "/x", nullptr); }},
+    {"group", FetchGroup},
+    {"import raw", Plain<ImportRaw>},
+    {"map", Map},
+    {"map in backlog", MapInBacklog},
+    {"type of mapped", [](const Arguments &) { return static_cast<int>(GetObjType(kMappedOid)); }},
+    {"one type", [](const Arguments &about) { return InsertObjBasedOnObjType(about.Number(0)); }},
+};
+// clang-format on
+
+std::vector<std::pair<std::string, Fault>> FaultList(const json_t *list)
+{
+    std::vector<std::pair<std::string, Fault>> faults;
+    for (const json_t *fault : Elements(list))
+    {
+        const json_t *times = json_array_get(fault, 2);
+        faults.push_back(
+            {json_string_value(json_array_get(fault, 0)),
+             {static_cast<int>(NumberOf(json_array_get(fault, 1))),
+              times == nullptr ? kForever
+                               : static_cast<int>(NumberOf(times))}});
+    }
+    return faults;
+}
 
 } // namespace
 
-// clang-format off
-const std::vector<WideStep> &WideSteps()
+JsonPtr LoadSteps(const std::string &name)
 {
-    static const std::vector<WideStep> kSteps = {
-        {"create of two", Three, [] { return Notify(kCreate, {31, 32}); }, {}, true},
-        {"gone first", Three, [] { return Notify(kCreate, {99, 31}); }, {}, true},
-        {"gone last", Three, [] { return Notify(kCreate, {31, 99}); }, {}, true},
-        {"refresh, gone in between", [] {}, [] { return Notify(kDirty, {99, 16, 99}); }},
-        {"refresh without a row", [] {}, [] { return Notify(kDirty, {32}); }},
-        {"create of a row", [] {}, [] { return Notify(kCreate, {16, 32}); }},
-        {"fails, then gone", Three, [] { return Notify(kCreate, {31, 99}); }, Failing(kMapping, 1, 1), true},
-        {"gone, then fails", [] {}, [] { return Notify(kCreate, {99, 31}); }, Failing(kMapping, 1, 1)},
-        {"corrupt, then gone", [] {}, [] { return Notify(kCreate, {31, 99}); }, Failing(kMapping, 11, 1)},
-        {"corrupt, then fails", [] {}, [] { return Notify(kCreate, {31, 32}); }, Failing(kMapping, {11, 1}, {1, 1})},
-        {"fails, then corrupt", [] {}, [] { return Notify(kCreate, {31, 32}); }, Failing(kMapping, {1, 1}, {11, 1})},
-        {"corrupt, then good", [] {}, [] { return Notify(kCreate, {31, 32}); }, Failing(kMapping, 11, 1)},
-        {"refresh locked", [] {}, [] { return Notify(kDirty, {16}); }, {{}, {{"UPDATE TblDMStatus", {6, 99}}}}},
-        {"refresh locked for ever", [] {}, [] { return Notify(kDirty, {16}); }, {{}, {{"UPDATE TblDMStatus", {6, 100}}}}},
-        {"destroy fails", [] {}, [] { return Notify(kDestroy, {16}); }, Failing("DELETE FROM Active", 1, 2)},
-        {"destroy corrupt", [] {}, [] { return Notify(kDestroy, {16}); }, Failing("DELETE FROM Active", 11, 2)},
-        {"destroy of one that is unknown", [] {}, [] { return Notify(kDestroy, {99, 16}); }},
-        {"create without a list of parents", [] { standin::SetFault("ZOILListParentOID", 0, 2); }, [] { return Notify(kCreate, {31}); }},
-
-        {"create of what is mapped as an attribute", [] {}, [] { return Notify(kCreate, {16}); }, {}, true, "INSERT INTO ActiveOIDMapping VALUES (16, 0x4051)"},
-        {"change of it", [] {}, [] { return Notify(kDirty, {16}); }, {}, false, "UPDATE ActiveOIDMapping SET ObjType = 0x4054"},
-        {"destroy of it", [] {}, [] { return Notify(kDestroy, {16}); }},
-        {"change of what is mapped as a group", [] {}, [] { return Notify(kDirty, {16}); }, {}, false, "UPDATE ActiveOIDMapping SET ObjType = 0x4050"},
-        {"create of an attribute's object", [] { Object(MakeObject(0x4051, 16)); }, [] { return Notify(kCreate, {16}); }, {}, false, kUnmap},
-        {"change of it", [] {}, [] { return Notify(kDirty, {16}); }},
-
-        {"attribute without a group", [] { Attribute(); standin::SetFault("CfgGroup_get_object", 5, 1); }, [] { return NotifyBus(kCreate); }, {}, true},
-        {"attribute busy", [] {}, [] { return NotifyBus(kDirty); }, {{}, {{"UPDATE TblInt", {6, 99}}}}},
-        {"attribute busy for ever", [] {}, [] { return NotifyBus(kDirty); }, {{}, {{"UPDATE TblInt", {5, 100}}}}},
-        {"attribute corrupt", [] {}, [] { return NotifyBus(kDirty); }, Unprepared("UPDATE TblInt", 11)},
-        {"attribute fails", [] {}, [] { return NotifyBus(kDirty); }, Unprepared("UPDATE TblInt", 1)},
-        {"attribute not destroyed, corrupt", [] {}, [] { return NotifyBus(kDestroy); }, Failing("DELETE FROM Active", 11, 2)},
-        {"attribute not destroyed", [] {}, [] { return NotifyBus(kDestroy); }, Failing("DELETE FROM Active", 1, 2)},
-        {"unknown attribute destroyed", [] {}, [] { return NotifyBus(kDestroy, 19); }},
-        {"tables not emptied", [] {}, [] { return ObjectNotificationDbus(EventOf(Record(65533, {23, 0, 0, 0})), 65533); }, Unprepared("INNER JOIN TblEnum", 1)},
-
-        {"everything", Several, kEverything, {}, true, kUnmap},
-        {"groups missing", Several, kEverything, {}, true, kUnmap, "client_get_objects"},
-        {"interface missing", Several, kEverything, {}, true, kUnmap, "client_get_objects", 1},
-        {"list of the first type missing", Several, kEverything, {}, true, kUnmap, "ZOILListChildOIDByType"},
-        {"list of the last type missing", Several, kEverything, {}, true, kUnmap, "ZOILListChildOIDByType", 156},
-        {"first object missing", Several, kEverything, {}, true, kUnmap, "ZOILGetObjByOID"},
-        {"parents missing", Several, kEverything, {}, true, kUnmap, "ZOILListParentOID"},
-        {"fails", Three, kEverything, Failing(kMapping, 1, 1), true, kUnmap},
-        {"fails, corrupt", Three, kEverything, Failing(kMapping, {1, 1}, {11, 1}), true, kUnmap},
-        {"corrupt, fails", Three, kEverything, Failing(kMapping, {11, 1}, {1, 1}), true, kUnmap},
-        {"corrupt, good", Three, kEverything, Failing(kMapping, 11, 1), true, kUnmap},
-        {"corrupt, gone", Three, kEverything, Failing(kMapping, 11, 1), true, kUnmap, "ZOILGetObjByOID", 2},
-        {"gone, corrupt", Three, kEverything, Failing(kMapping, 11, 1), true, kUnmap, "ZOILGetObjByOID"},
-        {"cleared", Several, ClearAll, {}, true},
-        {"clearing busy", Three, ClearAll, {{}, {{kClear, {5, 99}}}}, true},
-        {"clearing busy for ever", Three, ClearAll, {{}, {{kClear, {5, 100}}}}, true},
-        {"clearing invalid for ever", [] {}, ClearAll, {{}, {{kClear, {8216, 100}}}}},
-        {"clearing unprepared", [] {}, ClearAll, Unprepared(kClear, 1)},
-        {"clearing fails", [] {}, ClearAll, Failing(kClear, 19, 1)},
-        {"clearing prepared with another status", [] {}, ClearAll, Unprepared(kClear, 101)},
-        {"type's clearing fails", Several, ClearType, Failing(kClear, 19, 1), true},
-        {"type's clearing unprepared", [] {}, ClearType, Unprepared(kClear, 1)},
-        {"type cleared", [] {}, ClearType},
-        {"settings' clearing fails", SettingsWithRows, ClearCfgMgrData, Failing("INNER JOIN TblStr", 19, 1), true},
-        {"settings' clearing unprepared", SettingsWithRows, ClearCfgMgrData, Unprepared("INNER JOIN TblStr", 1), true},
-        {"settings cleared", SettingsWithRows, ClearCfgMgrData, {}, true},
-
-        {"settings reloaded", [] { Attribute(); Settings(); }, ReloadSettings, {}, true},
-        {"no groups", [] {}, ReloadSettings, {}, false, kUnmap, "client_get_objects"},
-        {"no list of groups", [] { standin::SetFault("client_get_objects", 0, 1); }, ReloadSettings, {}, false, kUnmap},
-        {"no strings", [] {}, ReloadSettings, {}, false, kUnmap, "client_get_objects", 2},
-        {"a row fails", [] {}, ReloadSettings, Failing("INTO TblStrAttribute", 1, 2), false, kUnmap},
-        {"no strings, and a row is corrupt", [] {}, ReloadSettings, Failing("INTO TblIntAttribute", 11, 2), false, kUnmap, "client_get_objects", 2},
-
-        {"attribute of a group's type", Attribute, [] { return Fetch(0x4050); }, {}, true},
-        {"attribute of a type too high", [] {}, [] { return Fetch(0x4055); }},
-        {"attribute of another type", [] {}, [] { return Fetch(0x4052); }},
-        {"attribute that is no object", [] { standin::SetFault("CfgIntAttribute_get_object", 0, 1); }, [] { return Fetch(0x4051); }},
-        {"attribute to be put nowhere", [] {}, [] { return dbus_get_data_obj_hdr(0x4051, "/x", nullptr); }},
-        {"group of an attribute", [] {}, [] { return FetchGroup("/com/vexo/tarnu/Config/Attributes/test_1/group_1/name"); }},
-        {"group that isn't there", [] {}, [] { return FetchGroup("/com/vexo/tarnu/Config/Attributes/test_1/group_10/name"); }},
-        {"group of no path's end", [] {}, [] { return FetchGroup("name"); }},
-        {"group of no path", [] {}, [] { return FetchGroup(nullptr); }},
-
-        {"raw data", [] { RawFile("new"); EXPECT_EQ(Create(MakeObject(0x4052, 19, R"({"Key": "Certs.1#Plain"})")), 0); }, ImportRaw, {}, true},
-        {"first prepare", [] {}, ImportRaw, Unprepared(kRawSelect, 1), false, kRestoreRaw},
-        {"prepare of the update", [] {}, ImportRaw, Unprepared(kRawUpdate, 7), false, kRestoreRaw},
-        {"first step", [] {}, ImportRaw, Failing(kRawSelect, 5, 1), false, kRestoreRaw},
-        {"row without text", [] {}, ImportRaw, Failing(kRawSelect, 100, 1), false, kRestoreRaw},
-        {"step of the update", [] {}, ImportRaw, Failing(kRawUpdate, 11, 1), false, kRestoreRaw},
-        {"update that waits", [] {}, ImportRaw, Failing(kRawUpdate, 5, 2), false, kRestoreRaw},
-        {"update that waits in vain", [] {}, ImportRaw, Failing(kRawUpdate, 6, 100), false, kRestoreRaw},
-        {"second step", [] {}, ImportRaw, {{{kRawSelect, {101, 1}}}, {}, 1}, false, kRestoreRaw},
-        {"content that is no text", [] { RawFile("\xFF"); }, ImportRaw, {}, false, kRestoreRaw},
-        {"behind such content", [] { RawFile("new"); }, ImportRaw},
-        {"no row", [] {}, ImportRaw, {}, false, kUnmap},
-
-        {"mapped before", [] {}, Map<0x15>, {}, true, kMapped},
-        {"mapped before, paused", [] {}, Map<0x5E>, {}, false, kMapped},
-        {"mapped before, tolerant", [] {}, Map<0x42>, {}, false, kMapped},
-        {"free in time", [] {}, Map<0x801>, Failing(kMapping, 19, 99), false, kUnmap},
-        {"mapping busy", [] {}, Map<0x15>, Failing(kMapping, 5, 100), false, kUnmap},
-        {"mapping corrupt", [] {}, Map<0x42>, Failing(kMapping, 11, 1), false, kUnmap},
-        {"mapping gives a row", [] {}, Map<0x15>, Failing(kMapping, 100, 1), false, kUnmap},
-        {"mapping invalid", [] {}, Map<0x15>, Failing(kMapping, 8216, 1), false, kUnmap},
-        {"backlog, mapped before", [] {}, MapInBacklog<0x15>, {}, false, kMapped},
-        {"backlog, mapped before, paused", [] {}, MapInBacklog<0x801>, {}, false, kMapped},
-        {"backlog, mapped before, tolerant", [] {}, MapInBacklog<0x42>, {}, false, kMapped},
-        {"backlog, busy", [] {}, MapInBacklog<0x15>, Failing(kMapping, 5, 100), false, kUnmap},
-        {"backlog, free in time", [] {}, MapInBacklog<0x16>, Failing(kMapping, 6, 99), false, kUnmap},
-        {"backlog, corrupt later", [] {}, MapInBacklog<0x15>, Failing(kMapping, {5, 2}, {11, 1}), false, kUnmap},
-        {"type of an OID", [] {}, TypeOfMapped, {}, false, "DELETE FROM ActiveOIDMapping; INSERT INTO ActiveOIDMapping VALUES (-2147483632, 225)"},
-        {"type unprepared", [] {}, TypeOfMapped, Unprepared("select ObjType", 1)},
-        {"type unread", [] {}, TypeOfMapped, Failing("select ObjType", 1, 1)},
-        {"type that is a real", [] {}, TypeOfMapped, {}, false, "UPDATE ActiveOIDMapping SET ObjType = 2.5"},
-        {"type that is a text", [] {}, TypeOfMapped, {}, false, "UPDATE ActiveOIDMapping SET ObjType = 'abc'"},
-        {"type of an OID that isn't mapped", [] {}, TypeOfMapped, {}, false, kUnmap},
-
-        {"one type", Several, [] { return InsertObjBasedOnObjType(0x900); }, {}, true, kUnmap},
-        {"one type fails, corrupt", [] {}, [] { return InsertObjBasedOnObjType(0x900); }, Failing(kMapping, {1, 1}, {11, 1}), false, kUnmap},
-        {"one type corrupt, fails", [] {}, [] { return InsertObjBasedOnObjType(0x900); }, Failing(kMapping, {11, 1}, {1, 1}), false, kUnmap},
-        {"one type unlisted", [] {}, [] { return InsertObjBasedOnObjType(0x900); }, {}, false, kUnmap, "ZOILListChildOIDByType"},
-        {"first row of two", [] {}, [] { return InsertObjBasedOnObjType(0x31B); }, {}, false, kUnmap},
-        {"no objects", [] {}, [] { return InsertObjBasedOnObjType(0x1C); }, {}, false, kUnmap},
-        {"unknown type", [] {}, [] { return InsertObjBasedOnObjType(0x7777); }, {}, false, kUnmap},
-        {"attributes, not from here", [] {}, [] { return InsertObjBasedOnObjType(0x4051); }, {}, false, kUnmap},
-
-        {"memory with a valid key", [] { Row(Memory("DIMM.A1"), Memory("DIMM.A1")); }, kMemory, {}, true},
-        {"memory without a row", [] { Object(Memory("DIMM.A1")); }, kMemory, {}, true},
-        {"memory with an invalid key", [] { Row(Memory("DIM.A1"), Memory("DIMM.A1")); }, kMemory, {}, true},
-        {"delete fails", [] { Row(Memory("DIM.A1"), Memory("DIMM.A1")); }, kMemory, Failing(kRemove, 1, 2), true},
-        {"delete corrupt", [] {}, kMemory, Failing(kRemove, 11, 2)},
-        {"create corrupt", [] {}, kMemory, Failing(kMapping, 11, 1)},
-        {"memory unlisted", [] { Row(Memory("DIM.A1"), Memory("DIMM.A1")); Row(Power(1), Power(2)); Lose("ZOILListChildOIDByType"); }, kMemory, {}, true},
-        {"memory gone", [] { Object(Power(1)); Lose("ZOILGetObjByOID"); }, kMemory},
-        {"gone, then fails", [] { Object(Power(2)); Lose("ZOILGetObjByOID"); }, kMemory, Failing(kRemove, 1, 2)},
-        {"power and memory differ", [] {}, kMemory},
-        {"nothing differs", [] {}, kMemory},
-        {"another count of parents", [] { Object(Power(2), {kParentOid, kOtherParentOid}); }, kMemory},
-        {"no parents", [] { Object(Power(0), {}); }, kMemory},
-        {"parents unlisted", [] { Object(Power(0)); Lose("ZOILListParentOID", 1); }, kMemory},
-        {"count unread", [] { Object(Power(2), {}); }, kMemory, Failing("SELECT count(*) FROM TblHostPower", 1, 1)},
-        {"first row", [] { Object(Power(0)); }, kMemory, {}, true},
-        {"NVDIMM", [] { Row(Memory("DIMM.A1", 0x1000, 50), Memory("DIMM.A1", 0x1000, 50)); }, kMemory, {}, true},
-        {"worn", [] { Object(Memory("DIMM.A1", 0x1000, 49)); }, kMemory},
-        {"still worn", [] {}, kMemory},
-        {"as at first", [] { Object(Memory("DIMM.A1", 0x1000, 50)); }, kMemory},
-
-        {"FRU of no disk", [] { Row(Fru("A"), Fru("A", "Disk.Ba.1")); }, kFrus, {}, true},
-        {"without a key", [] { Object(With(Fru("A"), 0x14, 0)); }, kFrus},
-        {"key outside", [] { Object(With(Fru("A"), 0x14, 4000)); }, kFrus},
-        {"new", [] { Object(Fru("A")); }, kFrus},
-        {"same", [] {}, kFrus},
-        {"changed", [] { Object(Fru("B")); }, kFrus},
-        {"corrupt", [] {}, kFrus, Unprepared("UPDATE TblFRUObj", 11)},
-        {"busy", [] {}, kFrus, {{}, {{"UPDATE TblFRUObj", {5, 1}}, {"UPDATE TblFRUObj", {6, 98}}}}},
-        {"busy for ever", [] {}, kFrus, {{}, {{"UPDATE TblFRUObj", {5, 100}}}}},
-        {"unreadable at first", [] {}, kFrus, {{}, {{"UPDATE TblFRUObj", {8216, 99}}}}},
-        {"unreadable", [] {}, kFrus, {{}, {{"UPDATE TblFRUObj", {8216, 100}}}}},
-        {"unlisted", [] { Lose("ZOILListChildOIDByType"); }, kFrus},
-        {"gone", [] { Lose("ZOILGetObjByOID"); }, kFrus},
-        {"too long", [] { Object(Fru(std::string(100, 'x'))); }, kFrus},
-        {"never the same", [] {}, kFrus},
-
-        {"keyed object", [] { System("a"); EXPECT_EQ(Create(standin::ObjectBytes(8)), 0); }, kKeyed, {}, true},
-        {"same", [] {}, kKeyed},
-        {"changed", [] { System("b"); }, kKeyed},
-        {"fails", [] { System("c"); }, kKeyed, Unprepared("UPDATE TblSystemInfo", 1)},
-        {"isn't tried again", [] {}, kKeyed},
-        {"corrupt", [] { System("d"); }, kKeyed, Unprepared("UPDATE TblSystemInfo", 11)},
-        {"busy", [] { System("e"); }, kKeyed, {{}, {{"UPDATE TblSystemInfo", {5, 1}}, {"UPDATE TblSystemInfo", {6, 98}}}}},
-        {"unreadable at first", [] { System("f"); }, kKeyed, {{}, {{"UPDATE TblSystemInfo", {8216, 99}}}}},
-        {"unreadable", [] { System("g"); }, kKeyed, {{}, {{"UPDATE TblSystemInfo", {8216, 100}}}}},
-        {"unreadable, then gone", [] { System("h"); Lose("ZOILGetObjByKey", 1); }, kKeyed, {{}, {{"UPDATE TblSystemInfo", {8216, 100}}}}},
-        {"gone", [] { Gone(8); }, kKeyed},
-
-        {"settings without rows", Settings, kSettings, {}, true},
-        {"same", [] {}, kSettings},
-        {"a size, and bytes", [] { Setting(0, "longer"); Setting(2, "1"); }, kSettings},
-        {"rows are missing, of which one has no group", [] { standin::SetFault("CfgGroup_get_object", 5, 1, 1); }, kSettings, {}, false, "DELETE FROM ActiveOIDMapping WHERE OID IN (0x4051, 0x4054)"},
-        {"corrupt", [] { Setting(4, "1"); }, kSettings, Unprepared("UPDATE TblStr", 11)},
-        {"earlier one corrupt", [] { Setting(2, "2"); }, kSettings, Unprepared("UPDATE TblStr", 11)},
-        {"busy", [] { Setting(4, "2"); }, kSettings, {{}, {{"UPDATE TblStr", {5, 99}}}}},
-        {"busy for ever", [] { Setting(4, "3"); }, kSettings, {{}, {{"UPDATE TblStr", {6, 100}}}}},
-        {"unreadable", [] { Setting(4, "4"); }, kSettings, Unprepared("UPDATE TblStr", 8216)},
-        {"unreadable, then gone", [] { Setting(4, "5"); standin::SetFault("CfgStrAttribute_get_object", 5, 1, 3); }, kSettings, Unprepared("UPDATE TblStr", 8216)},
-        {"checks unprepared", [] {}, kSettings, {{}, {{"SELECT EXISTS", {1, 5}}}}, false, "DELETE FROM ActiveOIDMapping"},
-        {"checks busy", [] {}, kSettings, Failing("SELECT EXISTS", 5, 5)},
-        {"checks without a row", [] {}, kSettings, Failing("SELECT EXISTS", 101, 5)},
-        {"first gone", [] { Setting(0, ""); }, kSettings},
-        {"last gone", [] { Setting(4, ""); }, kSettings},
-
-        {"devices unlisted", [] { standin::SetFault("ZOILListChildOIDByType", 0, 2); }, kDevices, {}, true},
-        {"devices", [] { Object(Device(0xEB, 5, "a")); Object(Device(0xEC, 6, "u")); }, kDevices},
-        {"same", [] {}, kDevices},
-        {"bytes", [] { Object(Device(0xEB, 5, "b")); }, kDevices},
-        {"size", [] { Object(Device(0xEB, 5, "bb")); }, kDevices},
-        {"fails", [] { Object(Device(0xEB, 5, "c")); }, kDevices, Failing(kMapping, 1, 1)},
-        {"isn't tried again", [] {}, kDevices},
-        {"no row to delete", [] { Object(Device(0xEB, 5, "d")); }, kDevices},
-        {"corrupt", [] { Object(Device(0xEB, 5, "e")); }, kDevices, Failing(kMapping, 11, 1)},
-        {"no list", [] { Lose("ZOILListChildOIDByType"); }, kDevices},
-        {"new again", [] {}, kDevices},
-        {"empty list", [] { Gone(5); }, kDevices},
-        {"as before", [] { Object(Device(0xEB, 5, "e")); }, kDevices},
-        {"list lost", [] { Lose("ZOILListChildOIDByType"); }, kDevices},
-        {"once more", [] {}, kDevices},
-        {"removal unprepared", [] { Lose("ZOILListChildOIDByType"); }, kDevices, Unprepared(kRemove, 1)},
-        {"there already", [] {}, kDevices},
-        {"removal fails", [] { Lose("ZOILListChildOIDByType"); }, kDevices, Failing(kRemove, 19, 1)},
-        {"two of a type", [] { Object(Device(0xEB, 5, "a")); Object(Device(0xEB, 4, "b")); }, kDevices},
-        {"replace each other", [] {}, kDevices},
-        {"first is gone", [] { Lose("ZOILGetObjByOID"); }, kDevices},
-
-        {"counts agree", [] { Row(Counted(0x1001, 11, "a", 1), Counted(0x1001, 11, "a", 1)); }, kCounts, {}, true},
-        {"one status differs", [] { Object(Counted(0x1001, 11, "a", 2)); }, kCounts},
-        {"status above a byte", [] { Object(Counted(0x1001, 11, "a", 0x101)); }, kCounts},
-        {"status still above a byte", [] {}, kCounts},
-        {"status unread", [] { Object(Counted(0x1001, 11, "a", 3)); }, kCounts, Failing("select popStatus", 1, 1)},
-        {"a row is busy", [] { Object(Counted(0x1001, 11, "a", 4)); }, kCounts, Failing("UPDATE \"TblDMStatus", 5, 1)},
-        {"count fails", [] { Object(Counted(0x1001, 12, "b", 1)); }, kCounts, Failing("SELECT count(*)", 1, 1)},
-        {"distinct count fails", [] {}, kCounts, Failing("SELECT count(distinct", 1, 1)},
-        {"clear fails", [] {}, kCounts, Failing("delete from ActiveOIDMapping where ObjType", 1, 1)},
-        {"row missing", [] {}, kCounts},
-        {"first object gone", [] { Object(Counted(0x1001, 13, "c", 1)); Lose("ZOILGetObjByOID", 1); }, kCounts},
-        {"list of a type lost", [] { Lose("ZOILListChildOIDByType"); Row(Counted(0x220, 14, "a", 1), Counted(0x220, 14, "b", 2)); Object(Counted(0x220, 15, "c", 1)); }, kCounts},
-        {"unreadable", [] { Bytes object = Counted(0x1001, 12, "b", 5); object[0x15] = 0x20; Object(object); }, kCounts},
-        {"no objects", [] { for (const uint32_t oid : {11u, 12u, 13u}) { Gone(oid); } }, kCounts},
-        {"same key twice", [] { for (const uint32_t oid : {11u, 12u}) { Row(Counted(0x1001, oid, "a", 1), Counted(0x1001, oid, "a", 1)); } }, kCounts, {}, true},
-        {"battery's key differs", [] { Battery("a", "ab"); }, kCounts, {}, true},
-        {"battery's key unread", [] { Battery("a", "ab"); }, kCounts, Failing("SELECT Key FROM Tblprobeobj", 1, 1), true},
-        {"battery's key goes on", [] { Battery("ab", "a"); }, kCounts, {}, true},
-
-        {"newest failure waits", [] { Object(MakeObject(0x40, 21)); Failed(21, FailedOperation::Create, 0x40); }, kCounts, {}, true},
-        {"failures in their order", []
-            {
-                Row(MakeObject(0x40, 22), MakeObject(0x40, 22));
-                Object(MakeObject(0x40, 23));
-                Row(MakeObject(0xA03, 24), MakeObject(0xA03, 24, R"({"jobInfo_DOT_percentComplete": 20})"));
-                Failed(22, FailedOperation::Delete, 0x40);
-                Failed(24, FailedOperation::Refresh, 0);
-                Failed(23, FailedOperation::RefreshFailure, 0x40);
-                Failed(23, FailedOperation::Create, 0); // of no type
-                Failed(77, FailedOperation::Create, 0x40); // gone
-                Failed(23, static_cast<FailedOperation>(4), 0x40);
-                Failed(23, FailedOperation::Create, 0x40);
-            }, kCounts},
-        {"fails again", [] { Object(MakeObject(0x40, 25)); Failed(25, FailedOperation::Create, 0x40); Failed(25, FailedOperation::Create, 0x40); }, kCounts, Failing(kMapping, 5, 200)},
-        {"works at last", [] { Failed(25, FailedOperation::Create, 0x40); Failed(25, FailedOperation::Create, 0x40); }, kCounts},
-
-        {"status of memory", [] { System("a"); }, [] { return Status(Memory("DIMM.A1")); }, {}, true},
-        {"of a FRU", [] {}, [] { return Status(Fru("A")); }},
-        {"of a device", [] {}, [] { return Status(Device(0xEB, 5, "a")); }},
-        {"of the keyed object, which fails", [] { System("b"); }, [] { return Status(standin::ObjectBytes(8)); }, Unprepared("UPDATE TblSystemInfo", 1)},
-        {"of another, by its OID keyed", [] { System("c"); }, [] { return Status(MakeObject(0x1001, 8)); }},
-        {"of another, busy", [] { EXPECT_EQ(Create(MakeObject(0x1001, 26)), 0); }, [] { return Status(MakeObject(0x1001, 26, R"({"popStatus": 3})")); }, {{}, {{"UPDATE Tbl", {5, 1}}, {"UPDATE Tbl", {6, 98}}}}},
-        {"of another, unreadable", [] {}, [] { return Status(MakeObject(0x1001, 26, R"({"popStatus": 4})")); }, {{}, {{"UPDATE Tbl", {8216, 100}}}}},
-        {"of another, corrupt", [] {}, [] { return Status(MakeObject(0x1001, 26)); }, Unprepared("UPDATE Tbl", 11)},
-        {"of two rows", [] {}, [] { return Status(MakeObject(0x31B, 27, R"({"protocol": 256, "attributes": 2})")); }},
-        {"of two rows, first fails", [] {}, [] { return Status(MakeObject(0x31B, 27, R"({"protocol": 256, "attributes": 2})")); }, Unprepared("UPDATE Tbl", 1)},
-        {"of an unknown type", [] {}, [] { return Status(With(MakeObject(0x1001, 26), kTypeWord, 0x9999)); }},
-        {"without a keyed object", [] { Gone(8); }, [] { return Status(MakeObject(0x1001, 26)); }},
-    };
-    return kSteps;
+    const std::string path =
+        std::string(std::getenv("QDB_TEST_SOURCE")) + "/tests/data/" + name;
+    json_error_t error = {};
+    JsonPtr file(json_load_file(path.c_str(), JSON_REJECT_DUPLICATES, &error));
+    EXPECT_NE(file, nullptr)
+        << path << ": " << error.line << ": " << error.text;
+    return file;
 }
-// clang-format on
+
+Faults FaultsOf(const json_t *step)
+{
+    return {FaultList(json_object_get(step, "fail")),
+            FaultList(json_object_get(step, "unprepared")),
+            static_cast<int>(NumberOf(json_object_get(step, "skip")))};
+}
+
+uint32_t NumberOf(const json_t *word)
+{
+    return json_is_string(word)
+               ? static_cast<uint32_t>(
+                     std::stoul(json_string_value(word), nullptr, 16))
+               : static_cast<uint32_t>(json_integer_value(word));
+}
+
+std::vector<json_t *> Elements(const json_t *array)
+{
+    std::vector<json_t *> elements;
+    for (size_t i = 0; i < json_array_size(array); ++i)
+    {
+        elements.push_back(json_array_get(array, i));
+    }
+    return elements;
+}
+
+Words NumbersOf(const json_t *array)
+{
+    Words numbers;
+    std::ranges::transform(Elements(array), std::back_inserter(numbers),
+                           NumberOf);
+    return numbers;
+}
+
+Words ParentsOf(const json_t *given)
+{
+    return given == nullptr ? Words{kParentOid} : NumbersOf(given);
+}
+
+uint16_t KindOf(const json_t *word)
+{
+    static const std::map<std::string, uint16_t> kKinds = {
+        {"create", kCreate},
+        {"refresh", kDirty},
+        {"destroy", kDestroy},
+        {"create once", kCreateOnce},
+        {"refresh once", kRefreshOnce},
+    };
+    return kKinds.at(json_string_value(word));
+}
+
+int RunLine(const json_t *file, const json_t *line)
+{
+    const char *word = json_string_value(json_array_get(line, 0));
+    const json_t *shared =
+        json_object_get(json_object_get(file, "shared"), word);
+    for (const json_t *part : Elements(shared))
+    {
+        RunLine(file, part);
+    }
+    return shared == nullptr ? kWords.at(word)(Arguments(line)) : 0;
+}
 
 } // namespace qdb::test

@@ -8,30 +8,13 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
-#include <memory>
+#include <cerrno>
 #include <utility>
 
 namespace qdb::test
 {
 namespace
 {
-
-struct CloseBus
-{
-    void operator()(sd_bus *bus) const
-    {
-        sd_bus_flush_close_unref(bus);
-    }
-};
-
-struct UnrefMessage
-{
-    void operator()(sd_bus_message *message) const
-    {
-        sd_bus_message_unref(message);
-    }
-};
-using MessagePtr = std::unique_ptr<sd_bus_message, UnrefMessage>;
 
 constexpr char kInterface[] = "com.vexo.tarnu.qdb.changeeventnotify";
 constexpr char kRule[] =
@@ -41,101 +24,49 @@ constexpr char kRule[] =
 } // namespace
 
 ChangeListener::ChangeListener()
-    : thread_(
-          [this]
-          {
-              Run();
-          })
 {
-    EXPECT_TRUE(WaitUntil(
-        [this]
-        {
-            return ready_.load();
-        }));
+    EXPECT_GE(sd_bus_open_system(&bus_), 0);
+    EXPECT_GE(sd_bus_add_match(bus_, nullptr, kRule, nullptr, nullptr), 0);
 }
 
 ChangeListener::~ChangeListener()
 {
-    stop_ = true;
-    thread_.join();
+    sd_bus_flush_close_unref(bus_);
 }
 
-void ChangeListener::Run()
+// Takes what has come from the bus.
+void ChangeListener::Read() const
 {
-    sd_bus *opened = nullptr;
-    ASSERT_GE(sd_bus_open_system(&opened), 0);
-    const std::unique_ptr<sd_bus, CloseBus> bus(opened);
-    ASSERT_GE(sd_bus_add_match(bus.get(), nullptr, kRule, nullptr, nullptr), 0);
-    ready_ = true;
-    while (!stop_)
+    sd_bus_message *message = nullptr;
+    while (sd_bus_process(bus_, &message) > 0)
     {
-        sd_bus_message *taken = nullptr;
-        const int processed = sd_bus_process(bus.get(), &taken);
-        const MessagePtr message(taken);
-        if (processed < 0)
-        {
-            return;
-        }
         const char *json = nullptr;
         if (message != nullptr &&
-            sd_bus_message_is_signal(message.get(), kInterface, nullptr) > 0 &&
-            sd_bus_message_read(message.get(), "s", &json) > 0)
+            sd_bus_message_is_signal(message, kInterface, nullptr) > 0 &&
+            sd_bus_message_read(message, "s", &json) > 0)
         {
             uint64_t serial = 0;
-            sd_bus_message_get_cookie(message.get(), &serial);
-            sender_ = sd_bus_message_get_sender(message.get());
-            const std::lock_guard<std::mutex> lock(mutex_);
+            sd_bus_message_get_cookie(message, &serial);
+            sender_ = sd_bus_message_get_sender(message);
             changes_.push_back(
-                {sd_bus_message_get_member(message.get()), json, serial});
+                {sd_bus_message_get_member(message), json, serial});
         }
-        AskForEnd(bus.get());
-        if (processed == 0)
-        {
-            sd_bus_wait(bus.get(), 10000);
-        }
+        message = sd_bus_message_unref(message);
     }
 }
 
-// The service's answer comes behind all signals that it has sent.
-void ChangeListener::AskForEnd(sd_bus *bus)
-{
-    if (syncsAsked_ == syncsWanted_)
-    {
-        return;
-    }
-    syncsAsked_ = syncsWanted_;
-    if (sender_.empty())
-    {
-        syncsDone_ = syncsAsked_;
-        return;
-    }
-    EXPECT_GE(sd_bus_call_method_async(bus, nullptr, sender_.c_str(), "/",
-                                       "org.freedesktop.DBus.Peer", "Ping",
-                                       OnEnd, this, ""),
-              0);
-}
-
-int ChangeListener::OnEnd(sd_bus_message *, void *listener, sd_bus_error *)
-{
-    auto *self = static_cast<ChangeListener *>(listener);
-    self->syncsDone_ = self->syncsAsked_;
-    return 0;
-}
-
+// The service's answer comes behind all signals that it has sent, and so does
+// the bus's that there is no service any more.
 bool ChangeListener::Sync()
 {
-    const int wanted = ++syncsWanted_;
-    return WaitUntil(
-        [&]
-        {
-            return syncsDone_ >= wanted;
-        });
-}
-
-std::vector<Change> ChangeListener::Changes() const
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return changes_;
+    Read();
+    const int result = sender_.empty()
+                           ? 0
+                           : sd_bus_call_method(bus_, sender_.c_str(), "/",
+                                                "org.freedesktop.DBus.Peer",
+                                                "Ping", nullptr, nullptr, "");
+    Read();
+    return result != -ETIMEDOUT;
 }
 
 std::vector<Change> ChangeListener::WaitFor(size_t count) const
@@ -143,15 +74,15 @@ std::vector<Change> ChangeListener::WaitFor(size_t count) const
     WaitUntil(
         [&]
         {
-            const std::lock_guard<std::mutex> lock(mutex_);
+            Read();
             return changes_.size() >= count;
         });
-    return Changes();
+    return changes_;
 }
 
 std::vector<Change> ChangeListener::Take()
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    Read();
     return std::exchange(changes_, {});
 }
 
@@ -159,25 +90,17 @@ std::vector<Change> ChangeListener::TakeAll()
 {
     static constexpr char kEnd[] = "end";
     ChangeJsonAdded(kEnd);
-    std::vector<Change> changes;
     EXPECT_TRUE(WaitUntil(
         [&]
         {
-            changes = Changes();
-            return !changes.empty() && changes.back().json == kEnd;
+            Read();
+            return !changes_.empty() && changes_.back().json == kEnd;
         }));
-    Clear();
-    if (!changes.empty())
+    if (!changes_.empty())
     {
-        changes.pop_back();
+        changes_.pop_back();
     }
-    return changes;
-}
-
-void ChangeListener::Clear()
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    changes_.clear();
+    return std::exchange(changes_, {});
 }
 
 PipeReader::PipeReader(const std::string &path)
@@ -211,22 +134,20 @@ std::string PipeReader::TakeBytes()
 
 std::vector<std::string> PipeReader::Take()
 {
-    const std::string bytes = TakeBytes();
     static const std::string kHead = "||DMLiveObjectDatabase.db|";
+    const std::string bytes = TakeBytes();
     std::vector<std::string> records;
-    size_t at = 0;
-    while (at < bytes.size())
+    for (size_t at = 0, end = 0; at < bytes.size(); at = end + 2)
     {
-        const size_t end = bytes.find("||", at + kHead.size());
+        end = bytes.find("||", at + kHead.size());
         if (bytes.compare(at, kHead.size(), kHead) != 0 ||
             end == std::string::npos)
         {
             records.push_back(bytes.substr(at));
             break;
         }
-        records.push_back(
-            bytes.substr(at + kHead.size(), end - at - kHead.size()));
-        at = end + 2;
+        at += kHead.size();
+        records.push_back(bytes.substr(at, end - at));
     }
     return records;
 }

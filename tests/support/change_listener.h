@@ -3,10 +3,7 @@
 
 #include <systemd/sd-bus.h>
 
-#include <atomic>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace qdb::test
@@ -20,7 +17,8 @@ struct Change
 };
 
 // Subscribed to the service's signals on the process's system bus from the end
-// of its constructor on.
+// of its constructor on. The bus keeps them until they are asked for. One
+// thread.
 class ChangeListener
 {
   public:
@@ -28,8 +26,6 @@ class ChangeListener
     ~ChangeListener();
     ChangeListener(const ChangeListener &) = delete;
     ChangeListener &operator=(const ChangeListener &) = delete;
-
-    std::vector<Change> Changes() const;
 
     // Waits for that many changes in all; what there is by the deadline.
     std::vector<Change> WaitFor(size_t count) const;
@@ -45,23 +41,12 @@ class ChangeListener
     // doesn't. A service that has never sent anything isn't waited for.
     bool Sync();
 
-    void Clear();
-
   private:
-    void Run();
-    void AskForEnd(sd_bus *bus);
-    static int OnEnd(sd_bus_message *reply, void *listener,
-                     sd_bus_error *error);
+    void Read() const;
 
-    mutable std::mutex mutex_;
-    std::vector<Change> changes_; // guarded by mutex_
-    std::atomic<bool> ready_ = false;
-    std::atomic<bool> stop_ = false;
-    std::atomic<int> syncsWanted_ = 0;
-    std::atomic<int> syncsDone_ = 0;
-    int syncsAsked_ = 0; // the thread's own, as is the next
-    std::string sender_; // of the last signal
-    std::thread thread_;
+    sd_bus *bus_ = nullptr;
+    mutable std::vector<Change> changes_; // read, and not taken yet
+    mutable std::string sender_;          // of the last signal
 };
 
 // The telemetry pipe's reader, from the end of its constructor on.

@@ -1,18 +1,14 @@
-// What tests of the reloads share: objects that come and go in silence, and the
-// handlers that a reload has called.
+// Objects and rows that come without a word, for tests of what notices them.
 #pragma once
 
+#include "reconcile/type_reload.h"
+#include "tests/support/config_bytes.h"
 #include "tests/support/event_records.h"
 #include "tests/support/handler_fixture.h"
 #include "tests/support/no_memory.h"
 
 namespace qdb::test
 {
-
-inline std::string Text(uint32_t number)
-{
-    return std::to_string(number);
-}
 
 inline void MakeRow(const Bytes &object)
 {
@@ -24,43 +20,41 @@ inline void Put(const Bytes &object, const Words &parents = {})
     EXPECT_EQ(standin::PutRawObject(object, parents), "");
 }
 
-inline void Remove(uint32_t oid)
+// One that says it is shorter, and is.
+inline void PutShort(Bytes object, uint32_t size, const Words &parents = {})
 {
-    EXPECT_EQ(standin::DeleteObjects(Words{oid}, false), "");
+    object.resize(size);
+    Put(With(object, kSizeWord, size), parents);
 }
 
-// An object whose text at the offset can't be read as it stands.
-inline Bytes Broken(Bytes object, size_t wordAt)
+// An object whose text at 0x18 can't be read as it stands.
+inline Bytes Broken(Bytes object)
 {
-    object[wordAt + 1] = 0x20;
+    object[0x19] = 0x20;
     return object;
 }
-
-// While it lives, allocations of this thread fail from a line on.
-struct OutOfMemoryAt : LineHook
-{
-    explicit OutOfMemoryAt(const std::string &line)
-        : LineHook(line,
-                   [](int)
-                   {
-                       tNoMemory = true;
-                   })
-    {
-    }
-    ~OutOfMemoryAt()
-    {
-        tNoMemory = false;
-    }
-};
 
 class NcReload : public Handler
 {
   protected:
+    NcReload()
+    {
+        Clear();
+    }
+    ~NcReload() override
+    {
+        Clear();
+    }
+
+    // Leaves nothing, and the reload of devices without copies: lists that
+    // can't be had take them.
     void Clear()
     {
         standin::Reset();
         mirror_.Rows("DELETE FROM ActiveOIDMapping");
         ForgetStatements();
+        standin::SetFault("ZOILListChildOIDByType", 0, 2);
+        EXPECT_EQ(ObjTypeBasedNCObjects(), 256);
         Restart();
     }
 

@@ -3,15 +3,15 @@
 #include "objects/catalogue.h"
 #include "tests/support/handler_fixture.h"
 
+#include <algorithm>
 #include <set>
 #include <thread>
+#include <utility>
 
 namespace qdb::test
 {
 namespace
 {
-
-constexpr int kEveryLevel = 9;
 
 // Control characters and bytes beyond ASCII as "\n" or "\xNN".
 std::string Escape(const std::string &text)
@@ -35,12 +35,21 @@ std::string Escape(const std::string &text)
     return escaped;
 }
 
-void Replace(std::string *pText, const std::string &from, const std::string &to)
+using Names = std::vector<std::pair<std::string, std::string>>;
+
+// Puts each name's second text in the place of its first.
+void ReplaceAll(Lines *pLines, const Names &names)
 {
-    for (size_t at = pText->find(from); at != std::string::npos;
-         at = pText->find(from, at + to.size()))
+    for (const auto &[from, to] : names)
     {
-        pText->replace(at, from.size(), to);
+        for (std::string &line : *pLines)
+        {
+            for (size_t at = line.find(from); at != std::string::npos;
+                 at = line.find(from, at + to.size()))
+            {
+                line.replace(at, from.size(), to);
+            }
+        }
     }
 }
 
@@ -71,11 +80,11 @@ std::string Hex(uint32_t number, bool upper)
 }
 
 // What is the subject's alone, with the name that takes its place.
-std::vector<std::pair<std::string, std::string>> NamesOf(const Subject &subject)
+Names NamesOf(const Subject &subject)
 {
     const std::string type = subject.row->suffix;
     const uint32_t number = subject.row->objType;
-    std::vector<std::pair<std::string, std::string>> names = {
+    Names names = {
         {subject.row->table->name, "<table>"},
         {"[" + type + "]", "[<T>]"},
         {"[" + Hex(number, false) + "]", "[<t>]"},
@@ -94,37 +103,25 @@ std::vector<std::pair<std::string, std::string>> NamesOf(const Subject &subject)
     return names;
 }
 
-// The lines of a thread.
-std::vector<std::string> LinesOf(const std::vector<LogRecord> &records,
-                                 std::thread::id thread)
+// This thread's lines, then those of the other one that there may be.
+Lines LinesByThread(std::vector<LogRecord> records)
 {
-    std::vector<std::string> lines;
+    const auto isForeign = [](const LogRecord &record)
+    {
+        return record.thread != std::this_thread::get_id();
+    };
+    std::ranges::stable_partition(records, std::not_fn(isForeign));
+    Lines lines;
+    bool foreign = false;
     for (const LogRecord &record : records)
     {
-        if (record.thread == thread)
-        {
-            lines.push_back(std::to_string(record.level) + " " +
-                            Escape(record.line));
-            HideChance(&lines.back());
-        }
-    }
-    return lines;
-}
-
-// Each thread's lines in their order, this thread's first.
-std::vector<std::string> LinesByThread(const std::vector<LogRecord> &records)
-{
-    std::vector<std::string> lines =
-        LinesOf(records, std::this_thread::get_id());
-    std::set<std::thread::id> seen = {std::this_thread::get_id()};
-    for (const LogRecord &record : records)
-    {
-        if (seen.insert(record.thread).second)
+        if (isForeign(record) && !std::exchange(foreign, true))
         {
             lines.emplace_back("another thread");
-            const auto more = LinesOf(records, record.thread);
-            lines.insert(lines.end(), more.begin(), more.end());
         }
+        lines.push_back(std::to_string(record.level) + " " +
+                        Escape(record.line));
+        HideChance(&lines.back());
     }
     return lines;
 }
@@ -151,16 +148,6 @@ constexpr char kBookkeepingSql[] =
 
 } // namespace
 
-StreamRecorder::StreamRecorder(const TempRoot &root)
-    : root_(root), pipe_(root.Pipe())
-{
-}
-
-void StreamRecorder::KeepWhole(bool whole)
-{
-    whole_ = whole;
-}
-
 void StreamRecorder::Forget()
 {
     listener_.TakeAll();
@@ -168,7 +155,7 @@ void StreamRecorder::Forget()
 }
 
 // All columns that the table has, also those that no object fills.
-std::string StreamRecorder::TableSql(const Table &table)
+const std::string &StreamRecorder::TableSql(const Table &table)
 {
     std::string &sql = tableSql_[table.name];
     if (!sql.empty())
@@ -195,9 +182,11 @@ std::string StreamRecorder::TableSql(const Table &table)
     return sql;
 }
 
+// What came of an operation, but for the rows.
 Operation StreamRecorder::Watch(const std::string &name,
                                 const std::function<int()> &act)
 {
+    constexpr int kEveryLevel = 9;
     CountSleeps();
     CaptureLog(kEveryLevel);
     Operation operation = {
@@ -217,10 +206,7 @@ Operation StreamRecorder::Watch(const std::string &name,
         operation.data.push_back("signal " +
                                  change.member.substr(kMemberPrefix.size()) +
                                  " " + json);
-        for (std::string &line : operation.log)
-        {
-            Replace(&line, json, "<signal>");
-        }
+        ReplaceAll(&operation.log, {{json, "<signal>"}});
     }
     DbusEventsEnabled = enabled;
     for (const std::string &record : pipe_.Take())
@@ -234,13 +220,14 @@ Operation StreamRecorder::Watch(const std::string &name,
     return operation;
 }
 
-void StreamRecorder::AddRows(Operation *pOperation, const std::string &tableSql)
+void StreamRecorder::Keep(Operation operation, const std::string &tableSql)
 {
     for (const std::string &row :
          Query(root_.Database(), tableSql + kBookkeepingSql))
     {
-        pOperation->data.push_back(Escape(row));
+        operation.data.push_back(Escape(row));
     }
+    stream_.push_back(std::move(operation));
 }
 
 void StreamRecorder::Record(const std::string &name, const Subject &subject,
@@ -248,15 +235,8 @@ void StreamRecorder::Record(const std::string &name, const Subject &subject,
 {
     Operation operation =
         Watch(std::string(subject.row->suffix) + " " + name, act);
-    for (const auto &[own, general] : NamesOf(subject))
-    {
-        for (std::string &line : operation.log)
-        {
-            Replace(&line, own, general);
-        }
-    }
-    AddRows(&operation, TableSql(*subject.row->table));
-    stream_.push_back(std::move(operation));
+    ReplaceAll(&operation.log, NamesOf(subject));
+    Keep(std::move(operation), TableSql(*subject.row->table));
 }
 
 void StreamRecorder::RecordAll(const std::string &name,
@@ -278,8 +258,7 @@ void StreamRecorder::RecordAll(const std::string &name,
             sql += TableSql(*row.table);
         }
     }
-    AddRows(&operation, sql);
-    stream_.push_back(std::move(operation));
+    Keep(std::move(operation), sql);
 }
 
 } // namespace qdb::test

@@ -26,10 +26,16 @@ struct Subject
 class StreamRecorder
 {
   public:
-    explicit StreamRecorder(const TempRoot &root);
+    explicit StreamRecorder(const TempRoot &root)
+        : root_(root), pipe_(root.Pipe())
+    {
+    }
 
-    // Operations from here on are kept without cuts.
-    void KeepWhole(bool whole);
+    // Operations from here on are kept without cuts, or with them.
+    void KeepWhole(bool whole)
+    {
+        whole_ = whole;
+    }
 
     // Carries out an operation and records its result, signals, telemetry
     // records, failures that were kept for later, the subject's table
@@ -54,8 +60,8 @@ class StreamRecorder
 
   private:
     Operation Watch(const std::string &name, const std::function<int()> &act);
-    void AddRows(Operation *pOperation, const std::string &tableSql);
-    std::string TableSql(const Table &table);
+    void Keep(Operation operation, const std::string &tableSql);
+    const std::string &TableSql(const Table &table);
 
     const TempRoot &root_;
     ChangeListener listener_;

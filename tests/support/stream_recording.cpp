@@ -63,59 +63,35 @@ std::string Join(const Lines &lines, const std::string &indent)
     return text;
 }
 
-bool TakePrefix(std::string *pLine, const std::string &prefix)
+// The operations of a rendered text, each the lines from its name to the last
+// of its log, wherever that stands.
+std::vector<Lines> OperationsOf(const std::string &text)
 {
-    const bool has = pLine->starts_with(prefix);
-    if (has)
+    std::vector<Lines> operations = {{"the comment"}};
+    std::map<std::string, Lines> logs;
+    Lines *pLog = nullptr;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
     {
-        pLine->erase(0, prefix.size());
+        if (line.starts_with(kOperationMark))
+        {
+            operations.emplace_back();
+        }
+        Lines &operation = operations.back();
+        if (line.starts_with(kLogMark))
+        {
+            // Its hash is no difference of its own.
+            pLog = &logs[line];
+            operation.insert(operation.end(), pLog->begin(), pLog->end());
+            continue;
+        }
+        operation.push_back(line);
+        if (line.starts_with(kLogIndent))
+        {
+            pLog->push_back(line);
+        }
     }
-    return has;
-}
-
-// --- Differences -------------------------------------------------------------
-
-constexpr int kShownOperations = 10;
-
-// The part of a line that is worth looking at: what surrounds its difference
-// from the other line; all of it when the other is only known by its hash.
-std::string Excerpt(const std::string &line, const std::string &other)
-{
-    constexpr size_t kAround = 100;
-    if (line.size() <= 2 * kAround || other.find(kCutMark) != std::string::npos)
-    {
-        return line;
-    }
-    const auto at = static_cast<size_t>(std::ranges::mismatch(line, other).in1 -
-                                        line.begin());
-    return "..." + line.substr(at - std::min(at, kAround), 2 * kAround) + "...";
-}
-
-// The first lines that differ.
-void CompareLines(const Lines &recorded, const Lines &lines, bool whole,
-                  std::ostream &out)
-{
-    const auto at = static_cast<size_t>(
-        std::ranges::mismatch(recorded, CutAll(lines, whole)).in1 -
-        recorded.begin());
-    if (at == recorded.size() && at == lines.size())
-    {
-        return;
-    }
-    const std::string was = at < recorded.size() ? recorded[at] : "(end)";
-    const std::string is = at < lines.size() ? lines[at] : "(end)";
-    out << "  line " << at + 1 << " of " << recorded.size() << ", now of "
-        << lines.size() << "\n  - " << Excerpt(was, is) << "\n  + "
-        << Excerpt(is, was) << '\n';
-}
-
-std::string CompareOperations(const Operation &recorded,
-                              const Operation &operation)
-{
-    std::ostringstream out;
-    CompareLines(recorded.data, operation.data, operation.whole, out);
-    CompareLines(recorded.log, operation.log, operation.whole, out);
-    return out.str();
+    return operations;
 }
 
 } // namespace
@@ -156,67 +132,29 @@ std::string RenderStream(const Stream &stream, const std::string &comment,
     return text;
 }
 
-Stream ParseStream(const std::string &text)
+std::string Differences(const std::string &recorded, const std::string &now)
 {
-    Stream stream;
-    std::map<std::string, Lines> logs;
-    std::vector<std::string> names; // of the operations' logs
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-    {
-        if (TakePrefix(&line, kOperationMark))
-        {
-            stream.push_back({line, {}, {}});
-            names.emplace_back();
-        }
-        else if (stream.empty())
-        {
-            continue; // the comment
-        }
-        else if (TakePrefix(&line, kLogIndent))
-        {
-            logs[names.back()].push_back(line);
-        }
-        else if (TakePrefix(&line, kLogMark))
-        {
-            names.back() = line;
-        }
-        else
-        {
-            stream.back().data.push_back(line);
-        }
-    }
-    for (size_t i = 0; i < stream.size(); ++i)
-    {
-        stream[i].log = logs[names[i]];
-    }
-    return stream;
-}
-
-std::string Differences(const Stream &recorded, const Stream &stream)
-{
+    constexpr int kShownOperations = 10;
+    const std::vector<Lines> before = OperationsOf(recorded);
+    const std::vector<Lines> after = OperationsOf(now);
     std::string text;
     int shown = 0;
-    for (size_t i = 0; i < std::max(recorded.size(), stream.size()); ++i)
+    for (size_t i = 0; i < std::max(before.size(), after.size()); ++i)
     {
-        const std::string was =
-            i < recorded.size() ? recorded[i].name : "(nothing)";
-        const std::string is = i < stream.size() ? stream[i].name : "(nothing)";
-        if (was != is)
-        {
-            return text + "in place of \"" + was + "\" now \"" + is + "\"\n";
-        }
-        const std::string difference =
-            CompareOperations(recorded[i], stream[i]);
-        if (difference.empty())
+        const Lines was = i < before.size() ? before[i] : Lines{"(nothing)"};
+        const Lines is = i < after.size() ? after[i] : Lines{"(nothing)"};
+        const auto [old, found] = std::ranges::mismatch(was, is);
+        if (old == was.end() && found == is.end())
         {
             continue;
         }
-        if (++shown > kShownOperations)
+        text += is[0] + ", line " + std::to_string(found - is.begin() + 1) +
+                "\n  - " + (old == was.end() ? "(end)" : *old) + "\n  + " +
+                (found == is.end() ? "(end)" : *found) + "\n";
+        if (was[0] != is[0] || ++shown == kShownOperations)
         {
-            return text + "and more\n";
+            return text + "and perhaps more\n";
         }
-        text += is + ":\n" + difference;
     }
     return text;
 }

@@ -32,11 +32,8 @@ std::vector<std::string> CutLog(std::vector<std::string> log);
 std::string RenderStream(const Stream &stream, const std::string &comment,
                          bool cutNothing = false);
 
-// The operations of a rendered text, with their cut lines.
-Stream ParseStream(const std::string &text);
-
-// The first operations that differ, for people: where their lines begin to.
-// Empty when there is none.
-std::string Differences(const Stream &recorded, const Stream &stream);
+// The first operations in which two rendered texts differ, for people: the
+// first line of each that isn't the same. Empty when there is none.
+std::string Differences(const std::string &recorded, const std::string &now);
 
 } // namespace qdb::test
