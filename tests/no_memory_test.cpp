@@ -1,7 +1,5 @@
-// Want of memory, swept: for each kind of work the first, second, ... n-th
-// allocation fails, until the work needs no more. Whatever the place, the
-// service goes on, nothing stays held or under way, and at most one object is
-// behind, until the same work comes again.
+// Want of memory in every kind of work; see memory_sweep.h.
+
 #include "busintake/match_rules.h"
 #include "busintake/signal_thread.h"
 #include "config/config_load.h"
@@ -9,71 +7,28 @@
 #include "config/raw_data.h"
 #include "core/gate.h"
 #include "core/json.h"
-#include "db/turn.h"
-#include "events/listener.h"
 #include "publish/telemetry.h"
-#include "queues/event_queue.h"
-#include "queues/event_record.h"
 #include "reconcile/count_check.h"
 #include "reconcile/fru_reload.h"
 #include "reconcile/key_reload.h"
-#include "reconcile/memory_reload.h"
 #include "reconcile/population.h"
 #include "reconcile/type_reload.h"
 #include "tests/support/bus_sender.h"
 #include "tests/support/config_bytes.h"
-#include "tests/support/reload_fixture.h"
-#include "tests/support/stream_clock.h"
+#include "tests/support/memory_sweep.h"
 
 #include <filesystem>
 #include <fstream>
-#include <set>
 
 namespace qdb::test
 {
 namespace
 {
 
-constexpr uint16_t kSystem = 0x91;
-constexpr uint16_t kJob = 0xA03;
 constexpr uint32_t kOid = 0x51;
 constexpr uint32_t kParent = 0x70;
 constexpr char kKey[] = "A.1#B.1#C";
-const Lines kListTables = {"TblSoftwareInventoryMetaDataObject",
-                           "INTEGERARR_TblSoftwareInventoryMetaDataObject"};
-
-using Action = std::function<void()>;
-const Action kNothing = [] {};
-
-// One kind of work, from the state that it begins in to what it leaves.
-struct Work
-{
-    std::string name;
-    Action begin;
-    Action run;
-    Lines tables = {};      // whose rows it writes
-    Action feed = kNothing; // its input, before each run
-    // What is lost stays lost until the object changes: a reload doesn't see a
-    // change twice, and a create doesn't write a row twice.
-    bool isOnce = false;
-    // Rows are also written, and announced, without a value: a joined list, or
-    // a file's content, that finds no memory.
-    bool leavesOut = false;
-    Action settle = kNothing; // waits for what the run has left to others
-};
-
-void Enqueue(const Bytes &record)
-{
-    auto *copy = static_cast<char *>(std::calloc(1, record.size()));
-    std::ranges::copy(record, copy);
-    QdbenQueue(gQdbEventQueue, reinterpret_cast<DataEventHeader *>(copy));
-}
-
-void RunWorker()
-{
-    QdbWorkerArg argument = {1};
-    QdbWorkerThread(&argument);
-}
+const Lines kStatusTable = {"TblDMStatus_Child_Obj"};
 
 // A worker's life with one record.
 Work OfWorker(const std::string &name, const Action &begin, const Bytes &record,
@@ -85,30 +40,49 @@ Work OfWorker(const std::string &name, const Action &begin, const Bytes &record,
         Enqueue(record);
         QdbenQueue(gQdbEventQueue, &stop);
     };
-    return {name, begin, RunWorker, tables, feed};
+    const auto run = []
+    {
+        QdbWorkerArg argument = {1};
+        QdbWorkerThread(&argument);
+    };
+    return {name, begin, run, tables, feed};
 }
 
+// A status change of an object that its reload has seen before, or not.
 Work OfReload(const std::string &name, const Action &begin, const Bytes &object,
-              const Lines &tables)
+              const std::string &table)
 {
+    const auto change = [=]
+    {
+        begin();
+        Put(object);
+    };
     Work work = OfWorker(
-        name,
-        [=]
-        {
-            begin();
-            Put(object);
-        },
-        Record(4, {0}, {object.begin(), object.end()}), tables);
+        name, change, Record(4, {0}, {object.begin(), object.end()}), {table});
     work.isOnce = true;
     return work;
 }
 
-Bytes Supply(const std::string &name)
+// Create, refresh and destroy, each by its event: of an object, which has a
+// parent, or of an attribute.
+std::vector<Work> OfEvents(const std::string &name, const Action &put,
+                           const Action &putWithOldRow,
+                           const std::function<Bytes(uint16_t)> &record,
+                           const Lines &tables)
 {
-    return MakeObject(0x15, kOid, R"({"boardProductName": ")" + name + R"("})");
+    std::vector<Work> works;
+    for (const uint16_t kind :
+         {DATA_EVENT_DATA_OBJ_CREATE, DATA_EVENT_DATA_OBJ_DIRTY_LIST,
+          DATA_EVENT_DATA_OBJ_DESTROY})
+    {
+        works.push_back(
+            OfWorker(name + " " + std::to_string(kind),
+                     kind == DATA_EVENT_DATA_OBJ_CREATE ? put : putWithOldRow,
+                     record(kind), tables));
+    }
+    return works;
 }
 
-// An object's create, refresh and destroy, each by its event. It has a parent.
 std::vector<Work> OfObject(const std::string &name, const Bytes &before,
                            const Bytes &after, const Lines &tables)
 {
@@ -122,12 +96,31 @@ std::vector<Work> OfObject(const std::string &name, const Bytes &before,
         put();
         MakeRow(before);
     };
-    return {OfWorker(name + " create", put,
-                     List(DATA_EVENT_DATA_OBJ_CREATE, {kOid}), tables),
-            OfWorker(name + " refresh", old,
-                     List(DATA_EVENT_DATA_OBJ_DIRTY_LIST, {kOid}), tables),
-            OfWorker(name + " destroy", old,
-                     List(DATA_EVENT_DATA_OBJ_DESTROY, {kOid}), tables)};
+    const auto record = [](uint16_t kind)
+    {
+        return List(kind, Words{kOid});
+    };
+    return OfEvents(name, put, old, record, tables);
+}
+
+void PutKey(const char *interface, const std::string &value = "a",
+            const char *key = kKey)
+{
+    const JsonPtr values(json_pack("{s:s}", "DisplayName", value.c_str()));
+    EXPECT_EQ(standin::PutAttribute(interface, key, values.get(), kOid), "");
+}
+
+Action PutRow(const Bytes &row)
+{
+    return [=]
+    {
+        MakeRow(row);
+    };
+}
+
+Bytes Supply(const std::string &name)
+{
+    return MakeObject(0x15, kOid, R"({"boardProductName": ")" + name + R"("})");
 }
 
 // A setting with two lists of texts.
@@ -138,239 +131,45 @@ Bytes Setting(const std::string &texts)
                           R"(], "display_value_": [)" + texts + "]}");
 }
 
-void PutKey(const char *interface, const std::string &value = "a",
-            const char *key = kKey)
+Bytes System(const char *host)
 {
-    const JsonPtr values(json_pack("{s:s}", "DisplayName", value.c_str()));
-    EXPECT_EQ(standin::PutAttribute(interface, key, values.get(), kOid), "");
+    return MakeObject(0x91, kOid,
+                      std::string(R"({"Key": "91||System.Embedded.1", )") +
+                          R"("HostName": ")" + host + R"("})");
 }
 
-void ExpectFree(pthread_mutex_t &mutex)
+Action Listen(const Bytes &record)
 {
-    const int taken = pthread_mutex_trylock(&mutex);
-    EXPECT_EQ(taken, 0) << "a mutex is held";
-    if (taken == 0)
+    // Needs no memory itself.
+    return [record = Bytes(record)]() mutable
     {
-        pthread_mutex_unlock(&mutex);
-    }
+        QDVEventListener(reinterpret_cast<DataEventHeader *>(record.data()));
+    };
 }
-
-// No lock is held, no statement is under way, no create waits for a delete.
-void ExpectIdle()
-{
-    GiveUpRead();
-    for (sqlite3_stmt *statement = sqlite3_next_stmt(QDVdbHandle, nullptr);
-         statement != nullptr;
-         statement = sqlite3_next_stmt(QDVdbHandle, statement))
-    {
-        EXPECT_EQ(sqlite3_stmt_busy(statement), 0) << sqlite3_sql(statement);
-    }
-    for (const ObjTypeRow &row : ObjectTypeTable)
-    {
-        ObjRowState &state = StateOf(row);
-        ExpectFree(state.CreateObjMutex);
-        ExpectFree(state.RefreshObjMutex);
-        ExpectFree(state.DeleteObjMutex);
-        ExpectFree(state.SelectObjMutex);
-        ExpectFree(state.DeleteWaitMutex);
-        EXPECT_EQ(state.DeletingOID, ObjRowState::kNoOid);
-    }
-    for (pthread_mutex_t *mutex :
-         {&gReLoadNCMutex, &gReLoadFRUNCMutex, &gReLoadKeyBasedNCMutex,
-          &gObjTypeBasedNCMutex, &SqliteStepMutex})
-    {
-        ExpectFree(*mutex);
-    }
-}
-
-// The clock stands still, so that tags don't differ.
-class NoMemory : StreamClock, public Handler
-{
-  protected:
-    NoMemory()
-    {
-        IgnoreSqlite();
-    }
-
-    // An empty mirror and Data Manager, and nobody who hears of it.
-    void Reset()
-    {
-        CaptureLog(1);
-        standin::Reset();
-        while (QdbEventQSize > 0)
-        {
-            EventNodePtr(QdbdeQueue(gQdbEventQueue)).reset();
-        }
-        Kept();
-        GiveUpRead();
-        Rows("DELETE FROM ActiveOIDMapping");
-    }
-
-    // By the service's own connection: another one reads the whole schema.
-    static Lines Rows(const std::string &sql)
-    {
-        Lines rows;
-        const auto append = [](void *to, int count, char **values, char **)
-        {
-            std::string row;
-            for (int i = 0; i < count; ++i)
-            {
-                row += values[i] == nullptr ? "NULL" : values[i];
-                row += "|";
-            }
-            static_cast<Lines *>(to)->push_back(row);
-            return 0;
-        };
-        EXPECT_EQ(
-            sqlite3_exec(QDVdbHandle, sql.c_str(), append, &rows, nullptr),
-            SQLITE_OK);
-        return rows;
-    }
-
-    // What the work leaves: rows, links, and records.
-    static Lines State(const Work &work)
-    {
-        Lines state;
-        for (const std::string &table :
-             work.tables + Lines{"ActiveOIDMapping", "ParentChildMapping"})
-        {
-            for (const std::string &row :
-                 Rows("SELECT * FROM " + table + " ORDER BY OID"))
-            {
-                state.push_back(table + " " + row);
-            }
-        }
-        std::set<std::string> records; // a repeated signal makes a second one
-        while (QdbEventQSize > 0)
-        {
-            const EventNodePtr node(QdbdeQueue(gQdbEventQueue));
-            const auto *bytes = reinterpret_cast<const char *>(node->data);
-            records.emplace(bytes, node->data->evtSize);
-        }
-        return state + Lines{records.begin(), records.end()};
-    }
-
-    std::multiset<std::string> Signals()
-    {
-        std::multiset<std::string> signals;
-        for (const Change &change : listener_.TakeAll())
-        {
-            signals.insert(change.member + " " + change.json);
-        }
-        return signals;
-    }
-
-    static int Mapped()
-    {
-        return static_cast<int>(
-            Rows("SELECT OID FROM ActiveOIDMapping").size());
-    }
-
-    void Begin(const Work &work)
-    {
-        DbusEventsEnabled = 0;
-        Reset();
-        work.begin();
-        DbusEventsEnabled = 1;
-        work.feed();
-    }
-
-    static void Run(const Work &work)
-    {
-        work.run();
-        work.settle();
-    }
-
-    // Returns how many allocations the work needs. At first all fail.
-    int Sweep(const Work &work, Caller caller = Caller::Service)
-    {
-        SCOPED_TRACE(work.name);
-        Begin(work);
-        Run(work);
-        const int mapped = Mapped();
-        const Lines state = State(work);
-        work.feed();
-        Run(work);
-        const std::multiset<std::string> signals = Signals();
-        bool failed = true;
-        int n = 0;
-        for (; failed && !HasFailure(); ++n)
-        {
-            SCOPED_TRACE("allocation " + std::to_string(n));
-            Begin(work);
-            {
-                const NoMemoryAt here(n, caller);
-                tNoMemory = n == 0;
-                work.run();
-                tNoMemory = false;
-                failed = here.HasFailed();
-            }
-            work.settle();
-            ExpectIdle();
-            EXPECT_LE(n == 0 ? 0 : std::abs(Mapped() - mapped), failed ? 1 : 0);
-            if (failed && !work.isOnce)
-            {
-                work.feed();
-                Run(work);
-                ExpectIdle();
-            }
-            if (!failed || !work.isOnce)
-            {
-                EXPECT_EQ(State(work), state);
-            }
-        }
-        // Nothing is announced by halves, or more often than is due.
-        const std::multiset<std::string> seen = Signals();
-        for (const std::string &signal :
-             std::set<std::string>(seen.begin(), seen.end()))
-        {
-            EXPECT_TRUE(work.leavesOut ||
-                        seen.count(signal) <=
-                            signals.count(signal) * static_cast<size_t>(n))
-                << signal;
-        }
-        return n - 2;
-    }
-
-    // Each kind of work needs some memory, or is not what it is taken for.
-    void SweepAll(const std::vector<Work> &works)
-    {
-        for (const Work &work : works)
-        {
-            EXPECT_GT(Sweep(work), 0) << work.name;
-        }
-    }
-};
 
 TEST_F(NoMemory, ObjectsAreCreatedRefreshedAndDeleted)
 {
-    const Lines status = {"TblDMStatus_Child_Obj"};
+    const Lines lists = {"TblSoftwareInventoryMetaDataObject",
+                         "INTEGERARR_TblSoftwareInventoryMetaDataObject"};
     const Lines supply = {"TblPowerSupplyObj"};
-    SweepAll(
-        OfObject("plain", Status(kOid, "a", 1), Status(kOid, "b", 2), status));
-    SweepAll(OfObject("escaped", Status(kOid, "\\u0001", 1),
-                      Status(kOid, "\\u0002", 1), status));
+    // clang-format off
+    SweepAll(OfObject("plain", Status(kOid, "a", 1), Status(kOid, "b", 2), kStatusTable));
+    SweepAll(OfObject("escaped", Status(kOid, "\\u0001", 1), Status(kOid, "\\u0002", 1), kStatusTable));
     SweepAll(OfObject("wide", Supply("a"), Supply("b"), supply));
-    SweepAll(
-        {OfObject("wide, escaped", Supply(""), Supply("\\\""), supply)[0]});
-    SweepAll(OfObject("array", List(kOid, "1, 2, 3"), List(kOid, "1, 7, 3"),
-                      kListTables));
-    std::vector<Work> joined =
-        OfObject("joined", Setting(R"("a", "b")"), Setting(R"("c", "b")"),
-                 {"TblHII_Enum_Obj"});
+    SweepAll({OfObject("wide, escaped", Supply(""), Supply("\\\""), supply)[0]});
+    SweepAll(OfObject("array", List(kOid, "1, 2, 3"), List(kOid, "1, 7, 3"), lists));
+    std::vector<Work> joined = OfObject("joined", Setting(R"("a", "b")"), Setting(R"("c", "b")"), {"TblHII_Enum_Obj"});
+    std::vector<Work> ofSqlite = OfObject("array", List(kOid, "1, 2"), List(kOid, "1, 7"), lists);
+    // clang-format on
     for (Work &work : joined)
     {
         work.leavesOut = true;
     }
     joined[0].isOnce = true;
     SweepAll(joined);
-}
-
-// SQLite tells by its statuses. What that costs a row is up to the statement.
-TEST_F(NoMemory, SqliteMayLackItToo)
-{
-    for (Work &work :
-         OfObject("array", List(kOid, "1, 2"), List(kOid, "1, 7"), kListTables))
+    // SQLite may lack memory too, and tells by its statuses. What that costs a
+    // row is up to the statement.
+    for (Work &work : ofSqlite)
     {
         work.leavesOut = work.isOnce = true;
         EXPECT_GT(Sweep(work, Caller::Sqlite), 0);
@@ -390,90 +189,62 @@ TEST_F(NoMemory, AttributesComeAndGoByTheBus)
         put();
     };
     put();
-    std::vector<Work> works;
-    for (const uint16_t kind :
-         {DATA_EVENT_DATA_OBJ_CREATE, DATA_EVENT_DATA_OBJ_DIRTY_LIST,
-          DATA_EVENT_DATA_OBJ_DESTROY})
+    const auto record = [](uint16_t kind)
     {
-        works.push_back(OfWorker(
-            "kind " + std::to_string(kind),
-            kind == DATA_EVENT_DATA_OBJ_CREATE ? Action(put) : Action(old),
-            BusRecord(kind, kOid, standin::AttributePath(kKey), kEnumInterface),
-            {"TblEnumAttribute"}));
-    }
-    SweepAll(works);
+        return BusRecord(kind, kOid, standin::AttributePath(kKey),
+                         kEnumInterface);
+    };
+    SweepAll(OfEvents("attribute", put, old, record, {"TblEnumAttribute"}));
 }
 
 TEST_F(NoMemory, StatusChangesReload)
 {
-    const auto makeRow = [](const Bytes &row, const Action &forget = kNothing)
+    const auto forgetFru = []
     {
-        return [=]
-        {
-            forget();
-            MakeRow(row);
-        };
+        ClearFRUCacheEntry(kOid);
+        MakeRow(MakeObject(0x42, kOid));
     };
     const auto forgetTypes = []
     {
         standin::SetFault("ZOILListChildOIDByType", 0, 2);
         EXPECT_EQ(ObjTypeBasedNCObjects(), ZO_STATUS_NO_SUCH_OBJECT);
     };
-    const auto forgetFru = []
+    const auto seeSystem = []
     {
-        ClearFRUCacheEntry(kOid);
-    };
-    const auto system = [](const char *host)
-    {
-        return MakeObject(kSystem, kOid,
-                          std::string(R"({"Key": "91||System.Embedded.1", )") +
-                              R"("HostName": ")" + host + R"("})");
-    };
-    const auto seeSystem = [=]
-    {
-        Put(system("old"));
-        MakeRow(system("old"));
+        Put(System("old"));
+        MakeRow(System("old"));
         ReLoadKeyBasedNCObjects();
     };
-    const auto seeAttribute = [](const std::string &value)
+    const auto seeAttribute = []
     {
-        PutKey("CfgIntAttribute", value,
-               "Tarnu.Embedded.1#SerialCapture.1#SerialDataSize");
+        constexpr char kSeen[] =
+            "Tarnu.Embedded.1#SerialCapture.1#SerialDataSize";
+        PutKey("CfgIntAttribute", "old", kSeen);
+        OnLoadConfigObjectsCreation(kIntInterface, nullptr);
+        ReLoadCfgKeyBasedNCObjects();
+        PutKey("CfgIntAttribute", "new", kSeen);
     };
-    const Bytes fru =
-        MakeObject(0x42, kOid, R"({"Key": "Disk.Bay.1", "SerialNumber": "S"})");
-    Work attributes = {"keyed attributes",
-                       [=]
-                       {
-                           seeAttribute("old");
-                           OnLoadConfigObjectsCreation(kIntInterface, nullptr);
-                           ReLoadCfgKeyBasedNCObjects();
-                           seeAttribute("new");
-                       },
-                       []
-                       {
-                           ReLoadCfgKeyBasedNCObjects();
-                       },
-                       {"TblIntAttribute"}};
-    attributes.isOnce = true;
+    const auto reload = []
+    {
+        ReLoadCfgKeyBasedNCObjects();
+    };
+    // clang-format off
     SweepAll({
-        OfReload("any", makeRow(Status(kOid, "a", 1)), Status(kOid, "b", 1),
-                 {"TblDMStatus_Child_Obj"}),
-        OfReload("memory", makeRow(MakeObject(0xE1, kOid, R"({"Key": "A1"})")),
-                 MakeObject(0xE1, kOid, R"({"Key": "DIMM.A1"})"),
-                 {"TblMemoryInfo"}),
-        OfReload("fru", makeRow(MakeObject(0x42, kOid), forgetFru), fru,
-                 {"TblFRUObj"}),
-        OfReload("type", forgetTypes,
-                 MakeObject(0xEB, kOid, R"({"productName": "b"})"),
-                 {"TblDevBLT"}),
-        OfReload("key", seeSystem, system("new"), {"TblSystemInfo"}),
-        attributes,
+        OfReload("any", PutRow(Status(kOid, "a", 1)), Status(kOid, "b", 1), "TblDMStatus_Child_Obj"),
+        OfReload("memory", PutRow(MakeObject(0xE1, kOid, R"({"Key": "A1"})")), MakeObject(0xE1, kOid, R"({"Key": "DIMM.A1"})"), "TblMemoryInfo"),
+        OfReload("fru", forgetFru, MakeObject(0x42, kOid, R"({"Key": "Disk.Bay.1", "SerialNumber": "S"})"), "TblFRUObj"),
+        OfReload("type", forgetTypes, MakeObject(0xEB, kOid, R"({"productName": "b"})"), "TblDevBLT"),
+        OfReload("key", seeSystem, System("new"), "TblSystemInfo"),
+        {"keyed attributes", seeAttribute, reload, {"TblIntAttribute"}, kNothing, true},
     });
+    // clang-format on
 }
 
 TEST_F(NoMemory, WalksGoOnWithTheNextObject)
 {
+    constexpr uint16_t kJob = 0xA03;
+    const Lines attributes = {"TblIntAttribute", "TblStrAttribute",
+                              "TblEnumAttribute", "TblPasswdAttribute"};
     const auto put = []
     {
         Put(Status(kOid, "a", 1));
@@ -481,14 +252,9 @@ TEST_F(NoMemory, WalksGoOnWithTheNextObject)
         for (const char *interface : {"CfgIntAttribute", "CfgStrAttribute",
                                       "CfgEnumAttribute", "CfgPasswdAttribute"})
         {
-            EXPECT_EQ(standin::PutAttribute(interface,
-                                            std::string("A.1#B.1#") + interface,
-                                            nullptr),
-                      "");
+            PutAttribute(interface, std::string("A.1#B.1#") + interface);
         }
     };
-    const Lines attributes = {"TblIntAttribute", "TblStrAttribute",
-                              "TblEnumAttribute", "TblPasswdAttribute"};
     const auto reload = []
     {
         EnterGateForOther();
@@ -511,11 +277,10 @@ TEST_F(NoMemory, WalksGoOnWithTheNextObject)
         CheckDMObjCountandReCreateEntries();
     };
     SweepAll({
-        {"population", put, OnLoadObjectsCreation,
-         attributes + Lines{"TblDMStatus_Child_Obj"}},
+        {"population", put, OnLoadObjectsCreation, attributes + kStatusTable},
         {"configuration", put, reload, attributes},
         {"drain", putJob, check, {"TblJobControlInfoObj"}, fail},
-        {"count check", put, check, {"TblDMStatus_Child_Obj"}},
+        {"count check", put, check, kStatusTable},
     });
 }
 
@@ -525,17 +290,12 @@ TEST_F(NoMemory, RawDataIsImported)
         mirror_.Root().Path() + "/mnt/persistent_data/data0/gen_certs/";
     std::filesystem::create_directories(directory);
     std::ofstream(directory + kKey) << "content";
-    const auto old = []
-    {
-        MakeRow(MakeObject(TYPE_CFGSTR, kOid,
-                           std::string(R"({"Key": ")") + kKey + R"("})"));
-    };
-    const auto keyEnd = static_cast<uint32_t>(24 + sizeof(kKey));
+    const Action old = PutRow(Attribute(kKey, kOid, TYPE_CFGSTR));
+    const Bytes record =
+        Record(ZO_EVENT_RAW_DATA_UPDATE, {24, 24 + sizeof(kKey)},
+               std::string(kKey) + '\0' + directory + kKey + '\0');
     std::vector<Work> works = {
-        OfWorker("event", old,
-                 Record(ZO_EVENT_RAW_DATA_UPDATE, {24, keyEnd},
-                        std::string(kKey) + '\0' + directory + kKey + '\0'),
-                 {"TblStrAttribute"}),
+        OfWorker("event", old, record, {"TblStrAttribute"}),
         {"directory", old, OnLoadRawObjectsUpdate, {"TblStrAttribute"}},
     };
     for (Work &work : works)
@@ -547,14 +307,6 @@ TEST_F(NoMemory, RawDataIsImported)
 
 TEST_F(NoMemory, TheListenerKeepsToTheDataManagersThread)
 {
-    const auto listen = [](const Bytes &record)
-    {
-        return [record = Bytes(record)]() mutable
-        {
-            QDVEventListener(
-                reinterpret_cast<DataEventHeader *>(record.data()));
-        };
-    };
     const auto rows = []
     {
         MakeRow(Status(kOid, "a", 1));
@@ -562,27 +314,23 @@ TEST_F(NoMemory, TheListenerKeepsToTheDataManagersThread)
         Put(MakeObject(0x900, kOid + 2));
         PutKey("CfgIntAttribute");
     };
-    Work detach = {"detach",
-                   rows,
-                   listen(Record(DATA_EVENT_DM_DETACHED, {})),
-                   {"TblIntAttribute", "TbllmRootDataObj"},
-                   []
-                   {
-                       CaptureLog(6);
-                   }};
+    const auto forgetLines = []
+    {
+        CaptureLog();
+    };
     // The configuration comes back on a thread of its own.
-    detach.settle = []
+    const auto awaitReload = []
     {
         WaitForLog("Reload Config Objects - Completed!\n");
     };
+    // clang-format off
     SweepAll({
-        {"queues", kNothing, listen(List(DATA_EVENT_DATA_OBJ_CREATE, {kOid}))},
-        {"bunch",
-         rows,
-         listen(List(DATA_EVENT_DATA_OBJ_DESTROY, {kOid, kOid + 1})),
-         {"TblDMStatus_Child_Obj"}},
-        detach,
+        {"queues", kNothing, Listen(List(DATA_EVENT_DATA_OBJ_CREATE, Words{kOid}))},
+        {"bunch", rows, Listen(List(DATA_EVENT_DATA_OBJ_DESTROY, Words{kOid, kOid + 1})), kStatusTable},
+        {"detach", rows, Listen(Record(DATA_EVENT_DM_DETACHED, {})), {"TblIntAttribute", "TbllmRootDataObj"},
+         forgetLines, false, false, awaitReload},
     });
+    // clang-format on
 }
 
 // What runs inside of SQLite's step, or under the bus mutex, needs no memory.
@@ -593,20 +341,19 @@ TEST_F(NoMemory, HookAndSendersNeedNone)
         CloseTelemetryPipe();
         TelemetryUpdateHook(nullptr, SQLITE_INSERT, "main", "TblFanExtObj", 1);
     };
+    const auto send = []
+    {
+        ChangeJsonChanged("{}");
+    };
     EXPECT_EQ(Sweep({"no pipe", kNothing, hook}), 0);
     mirror_.Root().MakePipe();
     const PipeReader reader(mirror_.Root().Pipe());
     EXPECT_EQ(Sweep({"pipe", kNothing, hook}), 0);
-    EXPECT_EQ(Sweep({"signal", kNothing,
-                     []
-                     {
-                         ChangeJsonChanged("{}");
-                     }}),
-              0);
+    EXPECT_EQ(Sweep({"signal", kNothing, send}), 0);
 }
 
-// A signal for each of the rules, in their order.
-TEST_F(NoMemory, SignalsOfEachRuleAreHeard)
+// A signal for each of the handlers.
+TEST_F(NoMemory, SignalsAreHeard)
 {
     const BusSender sender;
     sdbusplus::bus_t bus = sdbusplus::bus::new_default_system();
@@ -624,67 +371,30 @@ TEST_F(NoMemory, SignalsOfEachRuleAreHeard)
     }
     const auto hear = [&]
     {
-        while (!heard)
+        for (heard = false; !heard;)
         {
             bus.process_discard();
             bus.wait(1000);
         }
-        heard = false;
     };
-    const auto changed = [&](const char *interface)
+    const auto put = []
     {
-        return [&sender, interface]
-        {
-            sender.Emit("/x", "org.freedesktop.DBus.Properties",
-                        "PropertiesChanged", "sa{sv}as", interface, 0, 0);
-        };
+        PutKey("CfgEnumAttribute");
     };
-    const Action kSenders[] = {
-        [&]
-        {
-            sender.Own(kConfigService);
-            sender.Disown(kConfigService);
-        },
-        [&]
-        {
-            sender.Emit("/x", "a.b", "InterfacesAdded", "oa{sa{sv}}", "/x", 1,
-                        kIntInterface, 1, "oid", "u", 9);
-        },
-        [&]
-        {
-            sender.Emit("/x", kIntInterface, "qdb_object_removed", "us", 9,
-                        "x");
-        },
-        changed(kIntInterface),
-        changed(kStrInterface),
-        changed(kEnumInterface),
-        changed(kPasswdInterface),
-        changed("com.vexo.tarnu.Sensor.ProbeObj"),
-        changed("com.vexo.tarnu.Sensor.FanExtObj"),
-        changed("com.vexo.tarnu.Sensor.HvxStatusObj"),
-        changed("com.vexo.tarnu.Sensor.IntrusionObj"),
-        [&]
-        {
-            sender.Emit("/x", kEnumInterface, "qdb_bulk_commit", "");
-        },
-        [&]
-        {
-            sender.Emit("/x", "a.b", "RawDataUpdated", "ss", "Key", "/file");
-        },
+    // clang-format off
+    const std::pair<const char *, Action> kSignals[] = {
+        {"owner", [&] { sender.Own(kConfigService); sender.Disown(kConfigService); }},
+        {"added", [&] { sender.Emit("/x", "a.b", "InterfacesAdded", "oa{sa{sv}}", "/x", 1, kIntInterface, 1, "oid", "u", 9); }},
+        {"removed", [&] { sender.Emit("/x", kIntInterface, "qdb_object_removed", "us", 9, "x"); }},
+        {"changed", [&] { sender.Emit("/x", "org.freedesktop.DBus.Properties", "PropertiesChanged", "sa{sv}as", kStrInterface, 0, 0); }},
+        {"commit", [&] { sender.Emit("/x", kEnumInterface, "qdb_bulk_commit", ""); }},
+        {"raw data", [&] { sender.Emit("/x", "a.b", "RawDataUpdated", "ss", "Key", "/file"); }},
     };
-    std::vector<Work> works;
-    for (const Action &send : kSenders)
+    // clang-format on
+    for (const auto &[name, send] : kSignals)
     {
-        works.push_back({"rule " + std::to_string(works.size()),
-                         []
-                         {
-                             PutKey("CfgEnumAttribute");
-                         },
-                         hear,
-                         {"TblEnumAttribute"},
-                         send});
+        SweepAll({{name, put, hear, {"TblEnumAttribute"}, send}});
     }
-    SweepAll(works);
     // The thread itself ends when it can't begin.
     CaptureLog(2);
     tNoMemory = true;
