@@ -150,24 +150,6 @@ TEST_F(Listener, DestroysSeveralAtOnce)
     EXPECT_NE(sem_trywait(&gSqliteCorruptSem), 0);
 }
 
-TEST_F(Listener, Attaches)
-{
-    const std::tuple<const char *, int, int, const char *> cases[] = {
-        {"ZOILAddEventListener", 77, 77,
-         "ZOILAddEventListener failed: status: 77"},
-        {"ZOILIsDataManagerReady", 2, 0, "Client attachment failed."},
-    };
-    for (const auto &[call, status, result, line] : cases)
-    {
-        SCOPED_TRACE(call);
-        standin::SetFault(call, status, 1);
-        CaptureLog(8);
-        EXPECT_EQ(QDVEventListenerAttach(), result);
-        EXPECT_EQ(LogLines().back(), line);
-        ZOILRemoveEventListener(QDVEventListener);
-    }
-}
-
 // In a process of its own: the gate never opens again.
 TEST_F(Listener, DoesNothingOnceTheGateIsShut)
 {

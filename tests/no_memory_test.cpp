@@ -5,14 +5,10 @@
 #include "config/config_load.h"
 #include "config/key_reload.h"
 #include "config/raw_data.h"
-#include "core/gate.h"
 #include "core/json.h"
 #include "publish/telemetry.h"
 #include "reconcile/count_check.h"
-#include "reconcile/fru_reload.h"
-#include "reconcile/key_reload.h"
 #include "reconcile/population.h"
-#include "reconcile/type_reload.h"
 #include "tests/support/bus_sender.h"
 #include "tests/support/config_bytes.h"
 #include "tests/support/memory_sweep.h"
@@ -25,103 +21,9 @@ namespace qdb::test
 namespace
 {
 
-constexpr uint32_t kOid = 0x51;
-constexpr uint32_t kParent = 0x70;
+constexpr uint32_t kOid = kWorkOid;
 constexpr char kKey[] = "A.1#B.1#C";
 const Lines kStatusTable = {"TblDMStatus_Child_Obj"};
-
-// A worker's life with one record.
-Work OfWorker(const std::string &name, const Action &begin, const Bytes &record,
-              const Lines &tables)
-{
-    const auto feed = [record]
-    {
-        static DataEventHeader stop = {0, DATA_EVENT_WORKER_EXIT, 0, {}};
-        Enqueue(record);
-        QdbenQueue(gQdbEventQueue, &stop);
-    };
-    const auto run = []
-    {
-        QdbWorkerArg argument = {1};
-        QdbWorkerThread(&argument);
-    };
-    return {name, begin, run, tables, feed};
-}
-
-// A status change of an object that its reload has seen before, or not.
-Work OfReload(const std::string &name, const Action &begin, const Bytes &object,
-              const std::string &table)
-{
-    const auto change = [=]
-    {
-        begin();
-        Put(object);
-    };
-    Work work = OfWorker(
-        name, change, Record(4, {0}, {object.begin(), object.end()}), {table});
-    work.isOnce = true;
-    return work;
-}
-
-// Create, refresh and destroy, each by its event: of an object, which has a
-// parent, or of an attribute.
-std::vector<Work> OfEvents(const std::string &name, const Action &put,
-                           const Action &putWithOldRow,
-                           const std::function<Bytes(uint16_t)> &record,
-                           const Lines &tables)
-{
-    std::vector<Work> works;
-    for (const uint16_t kind :
-         {DATA_EVENT_DATA_OBJ_CREATE, DATA_EVENT_DATA_OBJ_DIRTY_LIST,
-          DATA_EVENT_DATA_OBJ_DESTROY})
-    {
-        works.push_back(
-            OfWorker(name + " " + std::to_string(kind),
-                     kind == DATA_EVENT_DATA_OBJ_CREATE ? put : putWithOldRow,
-                     record(kind), tables));
-    }
-    return works;
-}
-
-std::vector<Work> OfObject(const std::string &name, const Bytes &before,
-                           const Bytes &after, const Lines &tables)
-{
-    const auto put = [=]
-    {
-        Put(Status(kParent, "p", 0));
-        Put(after, {kParent});
-    };
-    const auto old = [=]
-    {
-        put();
-        MakeRow(before);
-    };
-    const auto record = [](uint16_t kind)
-    {
-        return List(kind, Words{kOid});
-    };
-    return OfEvents(name, put, old, record, tables);
-}
-
-void PutKey(const char *interface, const std::string &value = "a",
-            const char *key = kKey)
-{
-    const JsonPtr values(json_pack("{s:s}", "DisplayName", value.c_str()));
-    EXPECT_EQ(standin::PutAttribute(interface, key, values.get(), kOid), "");
-}
-
-Action PutRow(const Bytes &row)
-{
-    return [=]
-    {
-        MakeRow(row);
-    };
-}
-
-Bytes Supply(const std::string &name)
-{
-    return MakeObject(0x15, kOid, R"({"boardProductName": ")" + name + R"("})");
-}
 
 // A setting with two lists of texts.
 Bytes Setting(const std::string &texts)
@@ -131,35 +33,22 @@ Bytes Setting(const std::string &texts)
                           R"(], "display_value_": [)" + texts + "]}");
 }
 
-Bytes System(const char *host)
+Bytes Supply(const std::string &name)
 {
-    return MakeObject(0x91, kOid,
-                      std::string(R"({"Key": "91||System.Embedded.1", )") +
-                          R"("HostName": ")" + host + R"("})");
+    return MakeObject(0x15, kOid, R"({"boardProductName": ")" + name + R"("})");
 }
 
-Action Listen(const Bytes &record)
+TEST_F(NoMemory, WorkersGoOnWithTheNextRecord)
 {
-    // Needs no memory itself.
-    return [record = Bytes(record)]() mutable
-    {
-        QDVEventListener(reinterpret_cast<DataEventHeader *>(record.data()));
-    };
-}
-
-TEST_F(NoMemory, ObjectsAreCreatedRefreshedAndDeleted)
-{
-    const Lines lists = {"TblSoftwareInventoryMetaDataObject",
-                         "INTEGERARR_TblSoftwareInventoryMetaDataObject"};
     const Lines supply = {"TblPowerSupplyObj"};
+    const Lines settings = {"TblHII_Enum_Obj"};
+    SweepAll(WorksOfWorkers());
+    // Values that are told in other ways.
     // clang-format off
-    SweepAll(OfObject("plain", Status(kOid, "a", 1), Status(kOid, "b", 2), kStatusTable));
     SweepAll(OfObject("escaped", Status(kOid, "\\u0001", 1), Status(kOid, "\\u0002", 1), kStatusTable));
     SweepAll(OfObject("wide", Supply("a"), Supply("b"), supply));
     SweepAll({OfObject("wide, escaped", Supply(""), Supply("\\\""), supply)[0]});
-    SweepAll(OfObject("array", List(kOid, "1, 2, 3"), List(kOid, "1, 7, 3"), lists));
-    std::vector<Work> joined = OfObject("joined", Setting(R"("a", "b")"), Setting(R"("c", "b")"), {"TblHII_Enum_Obj"});
-    std::vector<Work> ofSqlite = OfObject("array", List(kOid, "1, 2"), List(kOid, "1, 7"), lists);
+    std::vector<Work> joined = OfObject("joined", Setting(R"("a", "b")"), Setting(R"("c", "b")"), settings);
     // clang-format on
     for (Work &work : joined)
     {
@@ -167,98 +56,31 @@ TEST_F(NoMemory, ObjectsAreCreatedRefreshedAndDeleted)
     }
     joined[0].isOnce = true;
     SweepAll(joined);
-    // SQLite may lack memory too, and tells by its statuses. What that costs a
-    // row is up to the statement.
-    for (Work &work : ofSqlite)
+}
+
+// SQLite tells by its statuses. What that costs a row is up to the statement.
+TEST_F(NoMemory, SqliteMayLackItToo)
+{
+    for (Work &work :
+         OfObject("array", List(kOid, "1, 2"), List(kOid, "1, 7"),
+                  {"TblSoftwareInventoryMetaDataObject",
+                   "INTEGERARR_TblSoftwareInventoryMetaDataObject"}))
     {
         work.leavesOut = work.isOnce = true;
         EXPECT_GT(Sweep(work, Caller::Sqlite), 0);
     }
 }
 
-TEST_F(NoMemory, AttributesComeAndGoByTheBus)
-{
-    const auto put = []
-    {
-        PutKey("CfgEnumAttribute", "b");
-    };
-    const auto old = [=]
-    {
-        PutKey("CfgEnumAttribute", "a");
-        OnLoadConfigObjectsCreation(kEnumInterface, nullptr);
-        put();
-    };
-    put();
-    const auto record = [](uint16_t kind)
-    {
-        return BusRecord(kind, kOid, standin::AttributePath(kKey),
-                         kEnumInterface);
-    };
-    SweepAll(OfEvents("attribute", put, old, record, {"TblEnumAttribute"}));
-}
-
-TEST_F(NoMemory, StatusChangesReload)
-{
-    const auto forgetFru = []
-    {
-        ClearFRUCacheEntry(kOid);
-        MakeRow(MakeObject(0x42, kOid));
-    };
-    const auto forgetTypes = []
-    {
-        standin::SetFault("ZOILListChildOIDByType", 0, 2);
-        EXPECT_EQ(ObjTypeBasedNCObjects(), ZO_STATUS_NO_SUCH_OBJECT);
-    };
-    const auto seeSystem = []
-    {
-        Put(System("old"));
-        MakeRow(System("old"));
-        ReLoadKeyBasedNCObjects();
-    };
-    const auto seeAttribute = []
-    {
-        constexpr char kSeen[] =
-            "Tarnu.Embedded.1#SerialCapture.1#SerialDataSize";
-        PutKey("CfgIntAttribute", "old", kSeen);
-        OnLoadConfigObjectsCreation(kIntInterface, nullptr);
-        ReLoadCfgKeyBasedNCObjects();
-        PutKey("CfgIntAttribute", "new", kSeen);
-    };
-    const auto reload = []
-    {
-        ReLoadCfgKeyBasedNCObjects();
-    };
-    // clang-format off
-    SweepAll({
-        OfReload("any", PutRow(Status(kOid, "a", 1)), Status(kOid, "b", 1), "TblDMStatus_Child_Obj"),
-        OfReload("memory", PutRow(MakeObject(0xE1, kOid, R"({"Key": "A1"})")), MakeObject(0xE1, kOid, R"({"Key": "DIMM.A1"})"), "TblMemoryInfo"),
-        OfReload("fru", forgetFru, MakeObject(0x42, kOid, R"({"Key": "Disk.Bay.1", "SerialNumber": "S"})"), "TblFRUObj"),
-        OfReload("type", forgetTypes, MakeObject(0xEB, kOid, R"({"productName": "b"})"), "TblDevBLT"),
-        OfReload("key", seeSystem, System("new"), "TblSystemInfo"),
-        {"keyed attributes", seeAttribute, reload, {"TblIntAttribute"}, kNothing, true},
-    });
-    // clang-format on
-}
-
 TEST_F(NoMemory, WalksGoOnWithTheNextObject)
 {
     constexpr uint16_t kJob = 0xA03;
-    const Lines attributes = {"TblIntAttribute", "TblStrAttribute",
-                              "TblEnumAttribute", "TblPasswdAttribute"};
-    const auto put = []
+    constexpr char kSeen[] = "Tarnu.Embedded.1#SerialCapture.1#SerialDataSize";
+    const Work configuration = OfConfiguration();
+    const auto put = [&]
     {
         Put(Status(kOid, "a", 1));
         Put(List(kOid + 1, "1, 2"));
-        for (const char *interface : {"CfgIntAttribute", "CfgStrAttribute",
-                                      "CfgEnumAttribute", "CfgPasswdAttribute"})
-        {
-            PutAttribute(interface, std::string("A.1#B.1#") + interface);
-        }
-    };
-    const auto reload = []
-    {
-        EnterGateForOther();
-        ReloadConfigObjectsThread(nullptr);
+        configuration.begin();
     };
     const auto putJob = []
     {
@@ -276,11 +98,30 @@ TEST_F(NoMemory, WalksGoOnWithTheNextObject)
     {
         CheckDMObjCountandReCreateEntries();
     };
+    const auto seeAttribute = [=]
+    {
+        PutAttribute("CfgIntAttribute", kSeen, kOid);
+        OnLoadConfigObjectsCreation(kIntInterface, nullptr);
+        ReLoadCfgKeyBasedNCObjects();
+        const JsonPtr values(json_pack("{s:s}", "DisplayName", "new"));
+        standin::PutAttribute("CfgIntAttribute", kSeen, values.get(), kOid);
+    };
+    const auto reload = []
+    {
+        ReLoadCfgKeyBasedNCObjects();
+    };
     SweepAll({
-        {"population", put, OnLoadObjectsCreation, attributes + kStatusTable},
-        {"configuration", put, reload, attributes},
+        configuration,
+        {"population", put, OnLoadObjectsCreation,
+         configuration.tables + kStatusTable},
         {"drain", putJob, check, {"TblJobControlInfoObj"}, fail},
         {"count check", put, check, kStatusTable},
+        {"keyed attributes",
+         seeAttribute,
+         reload,
+         {"TblIntAttribute"},
+         kNothing,
+         true},
     });
 }
 
@@ -290,7 +131,10 @@ TEST_F(NoMemory, RawDataIsImported)
         mirror_.Root().Path() + "/mnt/persistent_data/data0/gen_certs/";
     std::filesystem::create_directories(directory);
     std::ofstream(directory + kKey) << "content";
-    const Action old = PutRow(Attribute(kKey, kOid, TYPE_CFGSTR));
+    const auto old = []
+    {
+        MakeRow(Attribute(kKey, kOid, TYPE_CFGSTR));
+    };
     const Bytes record =
         Record(ZO_EVENT_RAW_DATA_UPDATE, {24, 24 + sizeof(kKey)},
                std::string(kKey) + '\0' + directory + kKey + '\0');
@@ -305,6 +149,15 @@ TEST_F(NoMemory, RawDataIsImported)
     SweepAll(works);
 }
 
+Action Listen(const Bytes &record)
+{
+    // Needs no memory itself.
+    return [record = Bytes(record)]() mutable
+    {
+        QDVEventListener(reinterpret_cast<DataEventHeader *>(record.data()));
+    };
+}
+
 TEST_F(NoMemory, TheListenerKeepsToTheDataManagersThread)
 {
     const auto rows = []
@@ -312,7 +165,7 @@ TEST_F(NoMemory, TheListenerKeepsToTheDataManagersThread)
         MakeRow(Status(kOid, "a", 1));
         MakeRow(Status(kOid + 1, "b", 1));
         Put(MakeObject(0x900, kOid + 2));
-        PutKey("CfgIntAttribute");
+        PutAttribute("CfgIntAttribute", kKey, kOid);
     };
     const auto forgetLines = []
     {
@@ -379,7 +232,7 @@ TEST_F(NoMemory, SignalsAreHeard)
     };
     const auto put = []
     {
-        PutKey("CfgEnumAttribute");
+        PutAttribute("CfgEnumAttribute", kKey, kOid);
     };
     // clang-format off
     const std::pair<const char *, Action> kSignals[] = {

@@ -23,6 +23,14 @@ namespace
 
 constexpr char kExit[] = "Main exited";
 
+// In a scenario; `more` of it.
+std::string Fault(const char *call, int status, const std::string &more = "")
+{
+    return std::string(R"("faults":[{"call":")") + call +
+           R"(","times":1000000,)" + more + R"("status":)" +
+           std::to_string(status) + "}],";
+}
+
 // Serves with that many memory modules, or with what SQLite says of them.
 Happening ServeWith(const std::string &modules)
 {
@@ -116,6 +124,10 @@ TEST(Process, LivesWithWhatIsMissing)
           "OnLoadRawObjectsUpdate: Exit", "Start thread: 1",
           "Start thread: 10, Status=0", "QDB is ready. Enable", "ACCEPT THREAD",
           "Main exit: closed DB", "Main exit: free globals", kExit}},
+        {"a Data Manager that listens", {.scenario = Server(3, Fault("ZOILAddEventListener", 77)), .logLevel = 8},
+         EndByItself, {"ZOILAddEventListener failed: status: 77", "Main exit: closed DB", kExit}},
+        {"a Data Manager that is up", {.scenario = Server(3, Fault("ZOILIsDataManagerReady", 2))},
+         Serve, {"Client attachment failed.", kExit}},
         {"no bus", {.scenario = Server(3), .busAddress = "unix:path=/nonexistent"}, ServeWith("3"),
          {"Failed to connect to bus", kExit}},
         {"no database file", {.scenario = Server(3), .database = false},
@@ -177,9 +189,7 @@ TEST(Process, SendsNoSignalBeforeReadiness)
         EXPECT_EQ(service.ReadyAttribute(), 1);
         service.Signal(SIGTERM);
     };
-    const std::string fault =
-        R"("faults":[{"call":"CfgSetAttributeInt","status":5,)"
-        R"("times":1000000,"skip":1}],)";
+    const std::string fault = Fault("CfgSetAttributeInt", 5, R"("skip":1,)");
     Live({{"", {.scenario = Server(20, fault)}, becomeReadyLate, {kExit}}});
 }
 

@@ -9,6 +9,7 @@
 
 #include <set>
 #include <thread>
+#include <tuple>
 
 namespace qdb::test
 {
@@ -105,57 +106,6 @@ TEST_F(QueueTest, StopRecordsNeedNoMemoryAndAreNeverFreed)
     Enqueue(Numbered(2));
 }
 
-TEST_F(QueueTest, ManyThreadsLoseNothing)
-{
-    constexpr uint32_t kThreads = 4; // on each side
-    constexpr uint32_t kEach = 2000;
-    std::multiset<uint32_t> taken[kThreads];
-    std::vector<std::jthread> consumers;
-    for (std::multiset<uint32_t> &numbers : taken)
-    {
-        consumers.emplace_back(
-            [&numbers]
-            {
-                uint32_t last[kThreads] = {};
-                for (EventNodePtr node = Take(); !IsStop(node); node = Take())
-                {
-                    // One consumer sees each producer's in their order.
-                    const uint32_t number = NumberOf(node);
-                    EXPECT_LT(last[number % kThreads], number);
-                    last[number % kThreads] = number;
-                    numbers.insert(number);
-                }
-            });
-    }
-    std::vector<std::jthread> producers;
-    for (uint32_t producer = 0; producer < kThreads; ++producer)
-    {
-        producers.emplace_back(
-            [producer]
-            {
-                for (uint32_t i = 1; i <= kEach; ++i)
-                {
-                    Enqueue(Numbered(i * kThreads + producer));
-                }
-            });
-    }
-    producers.clear();
-    QueueStopRecords();
-    consumers.clear();
-    std::multiset<uint32_t> all;
-    for (std::multiset<uint32_t> &numbers : taken)
-    {
-        all.merge(numbers);
-    }
-    std::multiset<uint32_t> expected;
-    for (uint32_t i = 0; i < kThreads * kEach; ++i)
-    {
-        expected.insert(kThreads + i);
-    }
-    EXPECT_EQ(all, expected);
-    EXPECT_EQ(TakeQueued().size(), size_t{kWorkerCount - kThreads});
-}
-
 // --- The fail queue ----------------------------------------------------------
 
 void Fail(uint32_t oid)
@@ -200,33 +150,54 @@ TEST_F(QueueTest, FailCountIsOneLess)
     }
 }
 
-TEST_F(QueueTest, ConcurrentFailuresAreAllKept)
+// --- Both --------------------------------------------------------------------
+
+void PutEvent(uint32_t number)
+{
+    Enqueue(Numbered(number));
+}
+
+uint32_t TakeEvent()
+{
+    return QdbEventQSize == 0 ? 0 : NumberOf(Take());
+}
+
+TEST_F(QueueTest, ManyThreadsLoseNothing)
 {
     constexpr uint32_t kThreads = 8;
     constexpr uint32_t kEach = 5000;
-    std::vector<std::jthread> threads;
-    for (uint32_t thread = 1; thread <= kThreads; ++thread)
+    const std::tuple<const char *, void (*)(uint32_t), uint32_t (*)()>
+        kQueues[] = {{"events", PutEvent, TakeEvent},
+                     {"failures", Fail, TakeFailure}};
+    for (const auto &[name, put, take] : kQueues)
     {
-        threads.emplace_back(
-            [thread]
-            {
-                for (uint32_t i = 0; i < kEach; ++i)
-                {
-                    Fail(thread << 16 | i);
-                }
-            });
-    }
-    // They are taken meanwhile.
-    std::set<uint32_t> oids;
-    EXPECT_TRUE(WaitUntil(
-        [&]
+        SCOPED_TRACE(name);
+        std::vector<std::jthread> threads;
+        for (uint32_t thread = 0; thread < kThreads; ++thread)
         {
-            while (const uint32_t oid = TakeFailure())
+            threads.emplace_back(
+                [thread, put = put]
+                {
+                    for (uint32_t i = 1; i <= kEach; ++i)
+                    {
+                        put(i * kThreads + thread);
+                    }
+                });
+        }
+        // They are taken meanwhile, those of one thread in their order.
+        uint32_t last[kThreads] = {};
+        uint32_t taken = 0;
+        EXPECT_TRUE(WaitUntil(
+            [&]
             {
-                EXPECT_TRUE(oids.insert(oid).second);
-            }
-            return oids.size() == kThreads * kEach;
-        }));
+                while (const uint32_t number = take())
+                {
+                    EXPECT_EQ(number / kThreads, ++last[number % kThreads]);
+                    ++taken;
+                }
+                return taken == kThreads * kEach;
+            }));
+    }
 }
 
 TEST_F(QueueTest, WithoutMemoryOneIsLost)

@@ -9,33 +9,13 @@
 #include "reconcile/key_reload.h"
 #include "reconcile/memory_reload.h"
 #include "reconcile/type_reload.h"
-#include "tests/support/reload_fixture.h"
 #include "tests/support/stream_clock.h"
+#include "tests/support/works.h"
 
 #include <set>
 
 namespace qdb::test
 {
-
-using Action = std::function<void()>;
-inline const Action kNothing = [] {};
-
-// One kind of work, from the state that it begins in to what it leaves.
-struct Work
-{
-    std::string name;
-    Action begin;
-    Action run;
-    Lines tables = {};      // whose rows it writes
-    Action feed = kNothing; // its input, before each run
-    // What is lost stays lost until the object changes: a reload doesn't see a
-    // change twice, and a create doesn't write a row twice.
-    bool isOnce = false;
-    // Rows are also written, and announced, without a value: a joined list, or
-    // a file's content, that finds no memory.
-    bool leavesOut = false;
-    Action settle = kNothing; // waits for what the run has left to others
-};
 
 inline void ExpectFree(pthread_mutex_t &mutex)
 {
