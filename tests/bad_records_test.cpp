@@ -72,65 +72,66 @@ std::string Unknown(const std::string &name)
     return "unknown intf/objType = " + name + ", notification not processed\n";
 }
 
+const std::string kEvent =
+    "Invalid Event information, notification not processed\n";
+const std::string kType = "Invalid Event Type, notification not processed\n";
+const std::string kRaw = "ObjectNotificationRawData: Invalid Argument, "
+                         "notification not processed\n";
+const std::string kKind = ", notification not processed\n";
+// clang-format off
+const struct Case
+{
+    const char *name;
+    Bytes record;
+    bool dropped; // by the listener
+    int result;   // of the dispatch
+    std::string line = {}; // the last then; "": as the listener's
+} kCases[] = {
+    {"list of one more", List(3, Words(4001, 5)), false, 257, Count("4001")},
+    {"absurd list", Record(3, {0xFFFFFFFF, 5}), false, 257, Count("4294967295")},
+    {"list cut off", Record(3, {2, 5, 5}, "", 27), false, 257, Count("2")},
+    {"list without count", Record(3, {1}, "", 19), true, 257, Count("0")},
+    {"create without count", Record(7, {}), true, 257, Count("0")},
+    {"destroy without count", Record(8, {1}, "", 17), true, 257, Count("0")},
+
+    {"status without an object", Record(4, {0}), true, 2},
+    {"status without the object's size", Record(4, {0, 16}, "", 23), true, 2},
+    {"status of an object below a header", Status(15), true, 2},
+    {"status of an object that is longer", Status(21), true, 2},
+    {"status of the greatest object", Status(0xFFFFFFFF), true, 2},
+
+    {"raw data without a path", Record(kRawData, {24}), true, 2, kRaw},
+    {"raw data, path cut off", Raw(16, 16, 23), true, 2, kRaw},
+    {"raw data, key at the end", Raw(34, 28), true, 2, kRaw},
+    {"raw data, path at the end", Raw(24, 34), true, 2, kRaw},
+    {"raw data, key far away", Raw(0xFFFFFFFF, 28), true, 2, kRaw},
+    {"raw data, path far away", Raw(24, 0x80000018), true, 2, kRaw},
+    {"raw data, endless path", Raw(24, 28, 33), true, 2, kRaw},
+    {"raw data, endless key", Raw(28, 24, 33), true, 2, kRaw},
+    {"raw data of no size", Raw(24, 28, 0), true, 2, kRaw},
+
+    {"header alone", Record(kFromBus, {}), false, 2, kEvent},
+    {"no path", Bus(7, 0, kIntAt), false, 2, kEvent},
+    {"no interface", Bus(7, 32, 0), false, 2, kEvent},
+    {"offsets cut off", Bus(7, 32, kIntAt, 31), false, 2, kEvent},
+    {"path at the end", Bus(7, kEnd, kIntAt), false, 2, kType},
+    {"interface at the end", Bus(7, 32, kEnd), false, 2, kType},
+    {"path far behind", Bus(7, 0xFFFFFFFF, kIntAt), false, 2, kType},
+    {"interface far behind", Bus(7, 32, 0xFFFFFFFF), false, 2, kType},
+    {"interface without end", Bus(7, 32, kIntAt, kEnd - 1), false, 2, kType},
+    {"path without end", Bus(7, kEnd - 2, 32, kEnd - 1), false, 2, kType},
+    {"unknown kind", Bus(4, 32, kIntAt), false, 2, "unknown thisEventType = 4" + kKind},
+    {"kind in the upper half", Bus(0x70000, 32, kIntAt), false, 2, "unknown thisEventType = 0" + kKind},
+    {"unknown interface created", BusRecord(7, 16, kPath, kInt + "s"), false, -1, Unknown(kInt + "s")},
+    {"unknown interface destroyed", BusRecord(8, 16, kPath, ""), false, -1, Unknown("")},
+};
+// clang-format on
+
 using BadRecords = DbTest;
 
 TEST_F(BadRecords, AreRefused)
 {
-    const std::string event =
-        "Invalid Event information, notification not processed\n";
-    const std::string type = "Invalid Event Type, notification not processed\n";
-    const std::string raw = "ObjectNotificationRawData: Invalid Argument, "
-                            "notification not processed\n";
-    const std::string kind = ", notification not processed\n";
-    // clang-format off
-    const struct
-    {
-        const char *name;
-        Bytes record;
-        bool dropped; // by the listener
-        int result;   // of the dispatch
-        std::string line = {}; // the last then; "": as the listener's
-    } cases[] = {
-        {"list of one more", List(3, Words(4001, 5)), false, 257, Count("4001")},
-        {"absurd list", Record(3, {0xFFFFFFFF, 5}), false, 257, Count("4294967295")},
-        {"list cut off", Record(3, {2, 5, 5}, "", 27), false, 257, Count("2")},
-        {"list without count", Record(3, {1}, "", 19), true, 257, Count("0")},
-        {"create without count", Record(7, {}), true, 257, Count("0")},
-        {"destroy without count", Record(8, {1}, "", 17), true, 257, Count("0")},
-
-        {"status without an object", Record(4, {0}), true, 2},
-        {"status without the object's size", Record(4, {0, 16}, "", 23), true, 2},
-        {"status of an object below a header", Status(15), true, 2},
-        {"status of an object that is longer", Status(21), true, 2},
-        {"status of the greatest object", Status(0xFFFFFFFF), true, 2},
-
-        {"raw data without a path", Record(kRawData, {24}), true, 2, raw},
-        {"raw data, path cut off", Raw(16, 16, 23), true, 2, raw},
-        {"raw data, key at the end", Raw(34, 28), true, 2, raw},
-        {"raw data, path at the end", Raw(24, 34), true, 2, raw},
-        {"raw data, key far away", Raw(0xFFFFFFFF, 28), true, 2, raw},
-        {"raw data, path far away", Raw(24, 0x80000018), true, 2, raw},
-        {"raw data, endless path", Raw(24, 28, 33), true, 2, raw},
-        {"raw data, endless key", Raw(28, 24, 33), true, 2, raw},
-        {"raw data of no size", Raw(24, 28, 0), true, 2, raw},
-
-        {"header alone", Record(kFromBus, {}), false, 2, event},
-        {"no path", Bus(7, 0, kIntAt), false, 2, event},
-        {"no interface", Bus(7, 32, 0), false, 2, event},
-        {"offsets cut off", Bus(7, 32, kIntAt, 31), false, 2, event},
-        {"path at the end", Bus(7, kEnd, kIntAt), false, 2, type},
-        {"interface at the end", Bus(7, 32, kEnd), false, 2, type},
-        {"path far behind", Bus(7, 0xFFFFFFFF, kIntAt), false, 2, type},
-        {"interface far behind", Bus(7, 32, 0xFFFFFFFF), false, 2, type},
-        {"interface without end", Bus(7, 32, kIntAt, kEnd - 1), false, 2, type},
-        {"path without end", Bus(7, kEnd - 2, 32, kEnd - 1), false, 2, type},
-        {"unknown kind", Bus(4, 32, kIntAt), false, 2, "unknown thisEventType = 4" + kind},
-        {"kind in the upper half", Bus(0x70000, 32, kIntAt), false, 2, "unknown thisEventType = 0" + kind},
-        {"unknown interface created", BusRecord(7, 16, kPath, kInt + "s"), false, -1, Unknown(kInt + "s")},
-        {"unknown interface destroyed", BusRecord(8, 16, kPath, ""), false, -1, Unknown("")},
-    };
-    // clang-format on
-    for (const auto &test : cases)
+    for (const Case &test : kCases)
     {
         SCOPED_TRACE(test.name);
         const DataEventHeader &header = *EventOf(test.record);

@@ -145,14 +145,13 @@ std::string ServiceProcess::Log() const
     return ReadFile(root_.Path() + "/log");
 }
 
-bool ServiceProcess::WaitForLog(const std::string &text, int deadlineMs) const
+bool ServiceProcess::WaitForLog(const std::string &text) const
 {
     return WaitUntil(
         [&]
         {
             return Log().find(text) != std::string::npos;
-        },
-        deadlineMs);
+        });
 }
 
 bool ServiceProcess::WaitReady() const

@@ -49,8 +49,7 @@ class ServiceProcess
     }
 
     std::string Log() const;
-    bool WaitForLog(const std::string &text,
-                    int deadlineMs = kDeadlineMs) const;
+    bool WaitForLog(const std::string &text) const;
 
     // Waits for the readiness attribute to be 1.
     bool WaitReady() const;
