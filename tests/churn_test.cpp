@@ -173,6 +173,29 @@ TEST_F(Churn, IsFollowedByItsSignalsAlone)
     }
 }
 
+// A fetch may come back with what the object was before.
+TEST_F(Churn, ARowEndsAsItsObjectDoes)
+{
+    constexpr uint32_t kEnd = 0x100 + 50;
+    for (uint32_t oid = 0x100; oid < kEnd; ++oid)
+    {
+        PutObject(0x1001, oid, "{}", true);
+    }
+    mirror_.Settle();
+    Delay("ZOILGetObjByOID",
+          {.microseconds = 6000, .random = true, .late = true});
+    for (int round = 0; round < 10 && !HasFailure(); ++round)
+    {
+        for (uint32_t oid = 0x100; oid < kEnd; ++oid)
+        {
+            const std::string name = std::to_string(round);
+            SetObject(oid, R"({"popName": "first)" + name + "\"}");
+            SetObject(oid, R"({"popName": "second)" + name + "\"}");
+        }
+        Check();
+    }
+}
+
 // --- Objects that are replaced -----------------------------------------------
 
 // Types whose creates wait for the end of a delete, and types whose don't.

@@ -21,7 +21,8 @@ namespace qdb::test
 namespace
 {
 
-constexpr char kExit[] = "Main exited";
+// Nothing was left behind.
+constexpr char kInOrder[] = "Main exit: closed DB";
 
 // In a scenario; `more` of it.
 std::string Fault(const char *call, int status, const std::string &more = "")
@@ -123,26 +124,26 @@ TEST(Process, LivesWithWhatIsMissing)
           "OnLoadObjectsCreation total objects created: 40",
           "OnLoadRawObjectsUpdate: Exit", "Start thread: 1",
           "Start thread: 10, Status=0", "QDB is ready. Enable", "ACCEPT THREAD",
-          "Main exit: closed DB", "Main exit: free globals", kExit}},
+          kInOrder, "Main exit: free globals", "Main exited"}},
         {"a Data Manager that listens", {.scenario = Server(3, Fault("ZOILAddEventListener", 77)), .logLevel = 8},
-         EndByItself, {"ZOILAddEventListener failed: status: 77", "Main exit: closed DB", kExit}},
+         EndByItself, {"ZOILAddEventListener failed: status: 77", kInOrder}},
         {"a Data Manager that is up", {.scenario = Server(3, Fault("ZOILIsDataManagerReady", 2))},
-         Serve, {"Client attachment failed.", kExit}},
+         Serve, {"Client attachment failed.", kInOrder}},
         {"no bus", {.scenario = Server(3), .busAddress = "unix:path=/nonexistent"}, ServeWith("3"),
-         {"Failed to connect to bus", kExit}},
+         {"Failed to connect to bus", kInOrder}},
         {"no database file", {.scenario = Server(3), .database = false},
-         ServeWith("no such table: TblMemoryInfo"), {"sqlite3_prepare_v2 Error: 1", kExit}},
+         ServeWith("no such table: TblMemoryInfo"), {"sqlite3_prepare_v2 Error: 1", kInOrder}},
         {"no database that can be opened", {.database = false}, EndByItself,
-         {"QDVDBInit() Error.", kExit}, 0, 0, PutADirectoryInItsPlace},
-        {"no telemetry pipe", {.scenario = Server(3)}, Serve, {noPipe + "2", kExit}},
-        {"no telemetry reader", {.scenario = Server(3), .pipe = true}, Serve, {noPipe + "6", kExit}},
-        {"the reader, later", {.scenario = Server(3), .pipe = true}, LoseTheReader, {kExit}},
+         {"QDVDBInit() Error.", kInOrder}, 0, 0, PutADirectoryInItsPlace},
+        {"no telemetry pipe", {.scenario = Server(3)}, Serve, {noPipe + "2", kInOrder}},
+        {"no telemetry reader", {.scenario = Server(3), .pipe = true}, Serve, {noPipe + "6", kInOrder}},
+        {"the reader, later", {.scenario = Server(3), .pipe = true}, LoseTheReader, {kInOrder}},
         {"a good database", {.scenario = Server(3)}, EndByItself,
          {"OnLoadObjectsCreation() returns ret=11"}, EXIT_FAILURE, 0, Corrupt},
         {"a good database, later, as a worker finds", {.scenario = Server(20)},
-         CorruptThen(module), {corrupt, kExit}},
+         CorruptThen(module), {corrupt, kInOrder}},
         {"the same, as a pass finds", {.scenario = Server(20, "", devices)}, CorruptThen(device),
-         {"sempost issued 11", corrupt, kExit}},
+         {"sempost issued 11", corrupt, kInOrder}},
     });
     // clang-format on
 }
@@ -164,7 +165,7 @@ TEST(Process, GoesOnWithoutTheBus)
     Live({{"",
            {.scenario = Server(3), .busAddress = bus.Address()},
            loseTheBus,
-           {kExit}}});
+           {kInOrder}}});
 }
 
 // Readiness cannot be published until the fault is lifted, so that there is all
@@ -190,7 +191,7 @@ TEST(Process, SendsNoSignalBeforeReadiness)
         service.Signal(SIGTERM);
     };
     const std::string fault = Fault("CfgSetAttributeInt", 5, R"("skip":1,)");
-    Live({{"", {.scenario = Server(20, fault)}, becomeReadyLate, {kExit}}});
+    Live({{"", {.scenario = Server(20, fault)}, becomeReadyLate, {kInOrder}}});
 }
 
 // --- Memory ------------------------------------------------------------------
