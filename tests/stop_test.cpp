@@ -12,7 +12,6 @@
 #include <signal.h>
 #include <sqlite3.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <random>
