@@ -1,40 +1,25 @@
 // The two queues: events on their way to the workers, and operations that the
 // database refused.
-#include "core/state.h"
-#include "queues/event_queue.h"
-#include "queues/event_record.h"
+
 #include "queues/fail_queue.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/mirror.h"
+#include "tests/support/db_fixture.h"
+#include "tests/support/event_records.h"
 #include "tests/support/no_memory.h"
 #include "tests/support/wait.h"
 
-#include <algorithm>
-#include <latch>
-#include <memory>
 #include <set>
 #include <thread>
+#include <tuple>
 
 namespace qdb::test
 {
 namespace
 {
 
-using Lines = std::vector<std::string>;
-
-struct QueueTest : ::testing::Test
+// The number tells records apart.
+Bytes Numbered(uint32_t number)
 {
-    Mirror mirror_;
-};
-
-// A record as the listener makes it; evtSize tells records apart.
-DataEventHeader *NewRecord(uint32_t number, uint16_t type = 3450)
-{
-    auto *record =
-        static_cast<DataEventHeader *>(std::calloc(1, sizeof(DataEventHeader)));
-    record->evtSize = number;
-    record->evtType = type;
-    return record;
+    return Record(3450, {number});
 }
 
 EventNodePtr Take()
@@ -42,65 +27,56 @@ EventNodePtr Take()
     return EventNodePtr(QdbdeQueue(gQdbEventQueue));
 }
 
-int Posts()
+uint32_t NumberOf(const EventNodePtr &node)
 {
-    int posts = -1;
-    sem_getvalue(&gQdbEventSem, &posts);
-    return posts;
+    return *RecordWord(*node->data, sizeof(DataEventHeader));
 }
 
-// --- The event queue ------------------------------------------------------
-
-TEST_F(QueueTest, EventsComeOutAsTheyWentIn)
+// Or none at all.
+bool IsStop(const EventNodePtr &node)
 {
-    const int first = gQdbSeqNumber;
-    for (uint32_t number = 1; number <= 3; ++number)
-    {
-        QdbenQueue(gQdbEventQueue, NewRecord(number));
-    }
-    EXPECT_EQ(QdbEventQSize, 3);
-    EXPECT_EQ(gQdbSeqNumber, first + 3);
-    EXPECT_EQ(Posts(), 3);
-    for (int i = 0; i < 3; ++i)
-    {
-        const EventNodePtr node = Take();
-        EXPECT_EQ(node->data->evtSize, static_cast<uint32_t>(i) + 1);
-        EXPECT_EQ(node->seqNo, first + i);
-    }
-    EXPECT_EQ(QdbEventQSize, 0);
+    return node == nullptr || node->data->evtType == DATA_EVENT_WORKER_EXIT;
+}
 
-    // A post without a node: the taker comes back with nothing.
-    sem_post(&gQdbEventSem);
-    EXPECT_EQ(Take(), nullptr);
-    EXPECT_EQ(QdbEventQSize, 0);
+struct QueueTest : ::testing::Test
+{
+    Mirror mirror_;
+};
 
+// --- The event queue ---------------------------------------------------------
+
+TEST_F(QueueTest, EventsComeOutAsTheyWentInAndFiftyEndTheBacklog)
+{
+    constexpr int kEvents = 53;
     // The emptied queue takes and gives again.
-    QdbenQueue(gQdbEventQueue, NewRecord(4));
-    EXPECT_EQ(Take()->data->evtSize, 4U);
-    EXPECT_EQ(Posts(), 0);
-}
-
-TEST_F(QueueTest, FiftyNodesEndTheBacklog)
-{
-    for (uint32_t number = 0; number < 53; ++number)
+    for (int round = 0; round < 2; ++round)
     {
-        QdbenQueue(gQdbEventQueue, NewRecord(number));
+        const int first = gQdbSeqNumber;
+        for (int i = 0; i < kEvents; ++i)
+        {
+            Enqueue(Numbered(static_cast<uint32_t>(i)));
+        }
+        for (int i = 0; i < kEvents; ++i)
+        {
+            gSkipConstraintCheck = 1;
+            const EventNodePtr node = Take();
+            EXPECT_EQ(NumberOf(node), static_cast<uint32_t>(i));
+            EXPECT_EQ(node->seqNo, first + i);
+            const int left = kEvents - 1 - i;
+            EXPECT_EQ(QdbEventQSize, left);
+            EXPECT_EQ(gSkipConstraintCheck, left > 50 ? 1 : 0);
+        }
+        EXPECT_EQ(gQdbSeqNumber, first + kEvents);
+        // A post without a node: the taker comes back with nothing.
+        sem_post(&gQdbEventSem);
+        EXPECT_EQ(Take(), nullptr);
+        EXPECT_EQ(QdbEventQSize, 0);
     }
-    gSkipConstraintCheck = 1;
-    Take(); // 53 to 52
-    EXPECT_EQ(gSkipConstraintCheck, 1);
-    Take(); // 52 to 51
-    EXPECT_EQ(gSkipConstraintCheck, 1);
-    Take(); // 51 to 50
-    EXPECT_EQ(gSkipConstraintCheck, 0);
-    gSkipConstraintCheck = 1;
-    Take(); // 50 to 49
-    EXPECT_EQ(gSkipConstraintCheck, 0);
 }
 
 TEST_F(QueueTest, StopRecordsNeedNoMemoryAndAreNeverFreed)
 {
-    QdbenQueue(gQdbEventQueue, NewRecord(1));
+    Enqueue(Numbered(1));
     // Two stops at once; and again when all that were queued are done with.
     for (const int before : {1, 0})
     {
@@ -109,17 +85,16 @@ TEST_F(QueueTest, StopRecordsNeedNoMemoryAndAreNeverFreed)
         QueueStopRecords();
         tNoMemory = false;
         EXPECT_EQ(QdbEventQSize, before + kWorkerCount);
-        EXPECT_EQ(Posts(), before + kWorkerCount);
         if (before == 1)
         {
-            EXPECT_EQ(Take()->data->evtType, 3450);
+            EXPECT_FALSE(IsStop(Take()));
         }
         std::set<const DataEventHeader *> records;
         for (int i = 0; i < kWorkerCount; ++i)
         {
             const EventNodePtr node = Take();
             ASSERT_NE(node, nullptr);
-            EXPECT_EQ(node->data->evtType, DATA_EVENT_WORKER_EXIT);
+            EXPECT_TRUE(IsStop(node));
             records.insert(node->data);
             QueueStopRecords(); // one is still on its way
         }
@@ -128,216 +103,124 @@ TEST_F(QueueTest, StopRecordsNeedNoMemoryAndAreNeverFreed)
     // What is left at the end is freed with the queue, but for the stop
     // records: the mirror does so.
     QueueStopRecords();
-    QdbenQueue(gQdbEventQueue, NewRecord(2));
+    Enqueue(Numbered(2));
 }
 
-constexpr uint32_t kProducers = 4;
-constexpr uint32_t kPerProducer = 2000;
+// --- The fail queue ----------------------------------------------------------
 
-void Produce(uint32_t producer)
+void Fail(uint32_t oid)
 {
-    for (uint32_t i = 0; i < kPerProducer; ++i)
+    QdbFailenQueue(gFailQueue, oid, FailedOperation::Create, 1);
+}
+
+// The OID of the oldest failure; 0: there is none.
+uint32_t TakeFailure()
+{
+    QdbFailQNode *node = QdbFaildeQueue(gFailQueue);
+    const uint32_t oid = node == nullptr ? 0 : node->oid;
+    std::free(node);
+    return oid;
+}
+
+TEST_F(QueueTest, FailCountIsOneLess)
+{
+    // Steps that put the next OID on the queue (0), or take that one.
+    using Steps = std::vector<std::pair<uint32_t, int>>; // and the count then
+    const Steps kCases[] = {
+        {{0, 0}, {0, 1}, {0, 2}, {1, 1}, {2, 0}, {0, 1}, {3, 0}, {4, -1}},
+        {{0, 0}, {1, -1}},
+    };
+    for (const Steps &steps : kCases)
     {
-        QdbenQueue(gQdbEventQueue, NewRecord(producer << 16 | i));
+        uint32_t put = 0;
+        for (const auto &[taken, count] : steps)
+        {
+            if (taken == 0)
+            {
+                Fail(++put);
+            }
+            else
+            {
+                EXPECT_EQ(TakeFailure(), taken);
+            }
+            EXPECT_EQ(gFailQueue.load()->count, count);
+        }
+        EXPECT_EQ(TakeFailure(), 0U);
+        EXPECT_EQ(gFailQueue.load()->count, 0);
     }
 }
 
-// The records that a consumer takes up to a stop record.
-std::vector<uint32_t> Consume()
+// --- Both --------------------------------------------------------------------
+
+void PutEvent(uint32_t number)
 {
-    std::vector<uint32_t> taken;
-    while (true)
-    {
-        const EventNodePtr node = Take();
-        if (node == nullptr)
-        {
-            ADD_FAILURE() << "a post without a node";
-            continue;
-        }
-        if (node->data->evtType == DATA_EVENT_WORKER_EXIT)
-        {
-            return taken;
-        }
-        taken.push_back(node->data->evtSize);
-    }
+    Enqueue(Numbered(number));
+}
+
+uint32_t TakeEvent()
+{
+    return QdbEventQSize == 0 ? 0 : NumberOf(Take());
 }
 
 TEST_F(QueueTest, ManyThreadsLoseNothing)
 {
-    const int first = gQdbSeqNumber;
-    std::vector<uint32_t> taken[4];
-    std::vector<std::jthread> consumers;
-    for (std::vector<uint32_t> &list : taken)
+    constexpr uint32_t kThreads = 8;
+    constexpr uint32_t kEach = 5000;
+    const std::tuple<const char *, void (*)(uint32_t), uint32_t (*)()>
+        kQueues[] = {{"events", PutEvent, TakeEvent},
+                     {"failures", Fail, TakeFailure}};
+    for (const auto &[name, put, take] : kQueues)
     {
-        consumers.emplace_back(
-            [&list]
+        SCOPED_TRACE(name);
+        std::vector<std::jthread> threads;
+        for (uint32_t thread = 0; thread < kThreads; ++thread)
+        {
+            threads.emplace_back(
+                [thread, put = put]
+                {
+                    for (uint32_t i = 1; i <= kEach; ++i)
+                    {
+                        put(i * kThreads + thread);
+                    }
+                });
+        }
+        // They are taken meanwhile, those of one thread in their order.
+        uint32_t last[kThreads] = {};
+        uint32_t taken = 0;
+        EXPECT_TRUE(WaitUntil(
+            [&]
             {
-                list = Consume();
-            });
+                while (const uint32_t number = take())
+                {
+                    EXPECT_EQ(number / kThreads, ++last[number % kThreads]);
+                    ++taken;
+                }
+                return taken == kThreads * kEach;
+            }));
     }
-    std::vector<std::jthread> producers;
-    for (uint32_t producer = 0; producer < kProducers; ++producer)
-    {
-        producers.emplace_back(Produce, producer);
-    }
-    producers.clear();
-    QueueStopRecords();
-    consumers.clear();
-
-    std::vector<uint32_t> all;
-    for (const std::vector<uint32_t> &list : taken)
-    {
-        // One consumer sees each producer's records in their order.
-        std::vector<uint32_t> sorted = list;
-        std::ranges::stable_sort(sorted, {},
-                                 [](uint32_t number)
-                                 {
-                                     return number >> 16;
-                                 });
-        EXPECT_TRUE(std::ranges::is_sorted(sorted));
-        all.insert(all.end(), list.begin(), list.end());
-    }
-    std::ranges::sort(all);
-    std::vector<uint32_t> expected;
-    for (uint32_t i = 0; i < kProducers * kPerProducer; ++i)
-    {
-        expected.push_back(i / kPerProducer << 16 | i % kPerProducer);
-    }
-    EXPECT_EQ(all, expected);
-    EXPECT_EQ(QdbEventQSize, kWorkerCount - 4);
-    EXPECT_EQ(gQdbSeqNumber, first + 8000 + kWorkerCount);
 }
 
-TEST_F(QueueTest, WithoutMemoryTheEventIsLostAndAStopRecordIsLeftAlone)
+TEST_F(QueueTest, WithoutMemoryOneIsLost)
 {
     DataEventHeader stop = {0, DATA_EVENT_WORKER_EXIT, 0, {}};
-    for (DataEventHeader *record : {NewRecord(1), &stop})
-    {
-        const int number = gQdbSeqNumber;
-        tNoMemory = true;
-        QdbenQueue(gQdbEventQueue, record);
-        tNoMemory = false;
-        EXPECT_EQ(QdbEventQSize, 0);
-        EXPECT_EQ(gQdbSeqNumber, number);
-        EXPECT_EQ(Posts(), 0);
-    }
-}
-
-// --- The fail queue -------------------------------------------------------
-
-TEST_F(QueueTest, FailCountIsOneLess)
-{
-    // Each letter puts a node on the queue (p) or takes one (t).
-    const std::pair<const char *, std::vector<int>> kCases[] = {
-        {"pppttp", {0, 1, 2, 1, 0, 1}},
-        {"pt", {0, -1}},
-        {"t", {0}},
-        {"pptttpp", {0, 1, 0, -1, 0, 0, 1}},
-    };
-    for (const auto &[steps, expected] : kCases)
-    {
-        SCOPED_TRACE(steps);
-        FailQueue queue = {};
-        std::vector<int> counts;
-        uint32_t put = 0;
-        uint32_t taken = 0;
-        const auto take = [&]
-        {
-            QdbFailQNode *node = QdbFaildeQueue(&queue);
-            EXPECT_EQ(node == nullptr, taken == put);
-            EXPECT_EQ(node == nullptr ? put : node->oid,
-                      node == nullptr ? taken : ++taken);
-            std::free(node);
-        };
-        for (const char step : std::string(steps))
-        {
-            if (step == 'p')
-            {
-                QdbFailenQueue(&queue, ++put, FailedOperation::Create, 0);
-            }
-            else
-            {
-                take();
-            }
-            counts.push_back(queue.count);
-        }
-        EXPECT_EQ(counts, expected);
-        while (taken < put)
-        {
-            take();
-        }
-        EXPECT_EQ(queue.head, nullptr);
-        EXPECT_EQ(queue.tail, nullptr);
-    }
-}
-
-constexpr uint32_t kThreads = 8;
-constexpr uint32_t kEach = 5000;
-
-// Threads that begin together and put distinct OIDs on the fail queue.
-std::vector<std::jthread> StartFailures()
-{
-    const auto start = std::make_shared<std::latch>(kThreads);
-    std::vector<std::jthread> threads;
-    for (uint32_t thread = 0; thread < kThreads; ++thread)
-    {
-        threads.emplace_back(
-            [start, thread]
-            {
-                start->arrive_and_wait();
-                for (uint32_t i = 0; i < kEach; ++i)
-                {
-                    QdbFailenQueue(gFailQueue, thread << 16 | i,
-                                   FailedOperation::Create, 1);
-                }
-            });
-    }
-    return threads;
-}
-
-TEST_F(QueueTest, ConcurrentFailuresAreAllKept)
-{
-    StartFailures().clear();
-    FailQueue *queue = gFailQueue;
-    EXPECT_EQ(queue->count, 39999);
-    std::set<uint32_t> oids;
-    while (QdbFailQNode *node = QdbFaildeQueue(queue))
-    {
-        oids.insert(node->oid);
-        std::free(node);
-    }
-    EXPECT_EQ(oids.size(), 40000U);
-    EXPECT_EQ(queue->count, 0);
-
-    // The same while they are taken.
-    oids.clear();
-    const std::vector<std::jthread> threads = StartFailures();
-    EXPECT_TRUE(WaitUntil(
-        [&]
-        {
-            while (QdbFailQNode *node = QdbFaildeQueue(queue))
-            {
-                EXPECT_TRUE(oids.insert(node->oid).second);
-                std::free(node);
-            }
-            return oids.size() == kThreads * kEach;
-        }));
-}
-
-TEST_F(QueueTest, WithoutMemoryAFailureIsDropped)
-{
-    QdbFailenQueue(gFailQueue, 1, FailedOperation::Create, 1);
-    QdbFailenQueue(gFailQueue, 2, FailedOperation::Create, 1);
+    auto *event = static_cast<DataEventHeader *>(std::calloc(1, sizeof(stop)));
+    const int number = gQdbSeqNumber;
+    Fail(1);
+    Fail(2);
     CaptureLog();
     tNoMemory = true;
-    QdbFailenQueue(gFailQueue, 3, FailedOperation::Create, 1);
+    QdbenQueue(gQdbEventQueue, event);
+    QdbenQueue(gQdbEventQueue, &stop); // and is not freed
+    Fail(3);
     tNoMemory = false;
-    EXPECT_EQ(LogLines(), Lines{"QdbFailenQueue:Failed to allocate memory for "
-                                "QdbFailQNode"});
+    EXPECT_EQ(CountLog("QdbFailenQueue:Failed to allocate memory for "
+                       "QdbFailQNode"),
+              1);
+    EXPECT_EQ(TakeQueued(), std::vector<Bytes>{});
+    EXPECT_EQ(gQdbSeqNumber, number);
     // What stays is freed with the queue.
-    const FailQueue &queue = *gFailQueue;
-    EXPECT_EQ(queue.count, 1);
-    EXPECT_EQ(queue.tail->oid, 2U);
+    EXPECT_EQ(gFailQueue.load()->count, 1);
+    EXPECT_EQ(TakeFailure(), 1U);
 }
 
 } // namespace

@@ -2,10 +2,16 @@
 // their dispatch.
 #pragma once
 
-#include "platform/zoil.h"
+#include "core/state.h"
+#include "events/listener.h"
+#include "queues/event_queue.h"
+#include "queues/event_record.h"
 #include "standin/standin.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -59,6 +65,37 @@ inline Bytes BusRecord(uint16_t kind, uint32_t oid, const std::string &path,
 inline const DataEventHeader *EventOf(const Bytes &record)
 {
     return reinterpret_cast<const DataEventHeader *>(record.data());
+}
+
+inline void GiveToListener(Bytes record)
+{
+    EXPECT_EQ(
+        QDVEventListener(reinterpret_cast<DataEventHeader *>(record.data())),
+        0);
+}
+
+// Puts a copy on the queue.
+inline void Enqueue(const Bytes &record)
+{
+    auto *copy = static_cast<char *>(std::malloc(record.size()));
+    std::ranges::copy(record, copy);
+    QdbenQueue(gQdbEventQueue, reinterpret_cast<DataEventHeader *>(copy));
+}
+
+// Takes all records off the queue, which has been posted once for each.
+inline std::vector<Bytes> TakeQueued()
+{
+    std::vector<Bytes> records;
+    int posts = -1;
+    sem_getvalue(&gQdbEventSem, &posts);
+    EXPECT_EQ(posts, QdbEventQSize);
+    while (QdbEventQSize > 0)
+    {
+        const EventNodePtr node(QdbdeQueue(gQdbEventQueue));
+        const auto *bytes = reinterpret_cast<const uint8_t *>(node->data);
+        records.emplace_back(bytes, bytes + node->data->evtSize);
+    }
+    return records;
 }
 
 // While it lives, `action` runs whenever a line that contains the text is

@@ -60,22 +60,12 @@ std::vector<LogRecord> LogRecords()
 
 std::vector<std::string> LogLines()
 {
-    std::vector<std::string> lines;
-    for (LogRecord &record : LogRecords())
-    {
-        lines.push_back(std::move(record.line));
-    }
-    return lines;
+    return LinesWith({""});
 }
 
 int CountLog(const std::string &text)
 {
-    return static_cast<int>(std::ranges::count_if(
-        LogRecords(),
-        [&](const LogRecord &record)
-        {
-            return record.line.find(text) != std::string::npos;
-        }));
+    return static_cast<int>(LinesWith({text}).size());
 }
 
 void WaitForLog(const std::string &text, int count)
@@ -90,17 +80,18 @@ void WaitForLog(const std::string &text, int count)
 
 std::vector<std::string> LinesWith(const std::vector<std::string> &texts)
 {
-    std::vector<std::string> lines = LogLines();
-    std::erase_if(lines,
-                  [&](const std::string &line)
-                  {
-                      return std::ranges::none_of(texts,
-                                                  [&](const std::string &text)
-                                                  {
-                                                      return line.find(text) !=
-                                                             std::string::npos;
-                                                  });
-                  });
+    std::vector<std::string> lines;
+    for (const LogRecord &record : LogRecords())
+    {
+        const auto isIn = [&](const std::string &text)
+        {
+            return record.line.find(text) != std::string::npos;
+        };
+        if (std::ranges::any_of(texts, isIn))
+        {
+            lines.push_back(record.line);
+        }
+    }
     return lines;
 }
 

@@ -9,9 +9,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 namespace qdb::test
@@ -27,53 +29,59 @@ std::string ReadFile(const std::string &path)
     return text.str();
 }
 
-class Socket
+// Sends the line and returns the answer's; "" when there is none.
+std::string Ask(int fd, const std::string &line)
 {
-  public:
-    explicit Socket(const std::string &path)
-        : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    std::string reply;
+    char block[65536];
+    ssize_t n = send(fd, line.data(), line.size(), MSG_NOSIGNAL);
+    while (n > 0 && reply.find('\n') == std::string::npos)
     {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(),
-                     sizeof(address.sun_path) - 1);
-        connected_ = connect(fd_, reinterpret_cast<sockaddr *>(&address),
-                             sizeof(address)) == 0;
+        n = read(fd, block, sizeof(block));
+        reply.append(block, static_cast<size_t>(std::max<ssize_t>(n, 0)));
     }
-    ~Socket()
-    {
-        close(fd_);
-    }
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
+    return n > 0 ? reply : "";
+}
 
-    std::string Ask(const std::string &line) const
+// What the service finds in its environment: what is there already and, before
+// it, what is asked for.
+std::vector<std::string> Environment(const ServiceOptions &options,
+                                     const std::string &root)
+{
+    std::vector<std::string> environment;
+    for (char **entry = environ; *entry != nullptr; ++entry)
     {
-        if (!connected_ || send(fd_, line.data(), line.size(), MSG_NOSIGNAL) !=
-                               static_cast<ssize_t>(line.size()))
-        {
-            return "";
-        }
-        std::string reply;
-        char block[65536];
-        while (reply.find('\n') == std::string::npos)
-        {
-            const ssize_t n = read(fd_, block, sizeof(block));
-            if (n <= 0)
-            {
-                return "";
-            }
-            reply.append(block, static_cast<size_t>(n));
-        }
-        return reply;
+        environment.emplace_back(*entry);
     }
-
-  private:
-    int fd_;
-    bool connected_;
-};
+    const std::string bus = options.busAddress.empty()
+                                ? std::getenv("DBUS_SYSTEM_BUS_ADDRESS")
+                                : options.busAddress;
+    environment.insert(environment.begin(),
+                       {"QDB_TEST_ROOT=" + root,
+                        "QDB_STANDIN_SCENARIO=" + root + "/scenario.json",
+                        "QDB_STANDIN_SOCKET=" + root + "/control",
+                        "QDB_STANDIN_STATE=" + root + "/state.json",
+                        "QDB_STANDIN_LOG=" + std::to_string(options.logLevel),
+                        "DBUS_SYSTEM_BUS_ADDRESS=" + bus});
+    environment.insert(environment.begin(), options.variables.begin(),
+                       options.variables.end());
+    return environment;
+}
 
 } // namespace
+
+std::string Server(int count, const std::string &more,
+                   const std::string &objects)
+{
+    const std::string n = std::to_string(count);
+    return "{" + more + R"("objects":[)" + objects +
+           R"({"type":"0xE1","oid":{"base":4096,"step":1},"parents":[1],)"
+           R"("values":{"Key":"DIMM{i}"},"repeat":)" +
+           n +
+           R"(},{"type":"0x16","oid":{"base":65536,"step":1},)"
+           R"("values":{"probeReading":20,"Key":"Probe{i}"},"repeat":)" +
+           n + "}]}";
+}
 
 ServiceProcess::ServiceProcess(ServiceOptions options)
     : options_(std::move(options))
@@ -99,34 +107,12 @@ ServiceProcess::~ServiceProcess()
     }
 }
 
-std::vector<std::string> ServiceProcess::Environment() const
-{
-    std::vector<std::string> environment;
-    for (char **entry = environ; *entry != nullptr; ++entry)
-    {
-        environment.emplace_back(*entry);
-    }
-    const std::string &root = root_.Path();
-    const std::string bus = options_.busAddress.empty()
-                                ? std::getenv("DBUS_SYSTEM_BUS_ADDRESS")
-                                : options_.busAddress;
-    environment.insert(environment.begin(),
-                       {"QDB_TEST_ROOT=" + root,
-                        "QDB_STANDIN_SCENARIO=" + root + "/scenario.json",
-                        "QDB_STANDIN_SOCKET=" + root + "/control",
-                        "QDB_STANDIN_STATE=" + root + "/state.json",
-                        "QDB_STANDIN_LOG=" + std::to_string(options_.logLevel),
-                        "DBUS_SYSTEM_BUS_ADDRESS=" + bus});
-    environment.insert(environment.begin(), options_.variables.begin(),
-                       options_.variables.end());
-    return environment;
-}
-
 void ServiceProcess::Start()
 {
     const char *program = std::getenv("QDB_TEST_SERVICE");
     ASSERT_NE(program, nullptr) << "QDB_TEST_SERVICE names the service";
-    const std::vector<std::string> environment = Environment();
+    const std::vector<std::string> environment =
+        Environment(options_, root_.Path());
     std::vector<char *> variables;
     for (const std::string &variable : environment)
     {
@@ -159,31 +145,22 @@ std::string ServiceProcess::Log() const
     return ReadFile(root_.Path() + "/log");
 }
 
-bool ServiceProcess::WaitForLog(const std::string &text, int deadlineMs) const
+bool ServiceProcess::WaitForLog(const std::string &text) const
 {
     return WaitUntil(
         [&]
         {
             return Log().find(text) != std::string::npos;
-        },
-        deadlineMs);
+        });
 }
 
 bool ServiceProcess::WaitReady() const
 {
-    const bool ready = WaitUntil(
+    return WaitUntil(
         [this]
         {
             return ReadyAttribute() == 1;
         });
-    if (!ready)
-    {
-        const std::string log = Log();
-        ADD_FAILURE() << "not ready, and these were the last lines:\n"
-                      << log.substr(log.size() -
-                                    std::min<size_t>(log.size(), 4000));
-    }
-    return ready;
 }
 
 void ServiceProcess::Signal(int signalNumber) const
@@ -228,21 +205,77 @@ int ServiceProcess::ReadyAttribute() const
 
 std::string ServiceProcess::Command(const std::string &json) const
 {
-    return Socket(root_.Path() + "/control").Ask(json + "\n");
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, (root_.Path() + "/control").c_str(),
+                 sizeof(address.sun_path) - 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool connected = connect(fd, reinterpret_cast<sockaddr *>(&address),
+                                   sizeof(address)) == 0;
+    const std::string reply = connected ? Ask(fd, json + "\n") : "";
+    close(fd);
+    return reply;
 }
 
-long ServiceProcess::ResidentKiB() const
+void ServiceProcess::SetSpeed(int speed) const
 {
-    std::istringstream status(
-        ReadFile("/proc/" + std::to_string(pid_) + "/status"));
-    for (std::string line; std::getline(status, line);)
-    {
-        if (line.rfind("VmRSS:", 0) == 0)
+    Command(R"({"op":"set","oid":4096,"values":{"Speed":)" +
+            std::to_string(speed) + "}}");
+}
+
+bool ServiceProcess::WaitForSpeed(int speed) const
+{
+    return WaitUntil(
+        [&]
         {
-            return std::atol(line.c_str() + 6);
+            return QueryValue(root_.Database(),
+                              "SELECT Speed FROM TblMemoryInfo WHERE OID = "
+                              "4096") == std::to_string(speed);
+        });
+}
+
+void Live(const std::vector<Life> &lives)
+{
+    std::vector<std::unique_ptr<ServiceProcess>> services;
+    for (const Life &life : lives)
+    {
+        services.push_back(std::make_unique<ServiceProcess>(life.options));
+        if (life.begin)
+        {
+            life.begin(services.back()->Root());
+        }
+        services.back()->Start();
+    }
+    for (size_t i = 0; i < lives.size(); ++i)
+    {
+        SCOPED_TRACE(lives[i].name);
+        lives[i].happening(*services[i]);
+    }
+    // Many at once keep the machine busy.
+    const int patienceMs = kStopLimitMs + (lives.size() == 1 ? 0 : 5000);
+    for (size_t i = 0; i < lives.size(); ++i)
+    {
+        SCOPED_TRACE(lives[i].name);
+        EXPECT_EQ(services[i]->WaitExit(patienceMs), lives[i].status);
+        EXPECT_EQ(services[i]->ReadyAttribute(), lives[i].attribute);
+        const std::string log = services[i]->Log();
+        size_t at = 0;
+        for (const std::string &line : lives[i].lines)
+        {
+            at = log.find(line, at);
+            ASSERT_NE(at, std::string::npos)
+                << line << "\nin\n"
+                << log.substr(log.size() - std::min<size_t>(log.size(), 6000));
         }
     }
-    return -1;
+}
+
+void Serve(ServiceProcess &service)
+{
+    EXPECT_TRUE(service.WaitReady());
+    service.SetSpeed(2933);
+    EXPECT_TRUE(service.WaitForSpeed(2933));
+    service.Signal(SIGTERM);
 }
 
 } // namespace qdb::test

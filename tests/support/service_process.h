@@ -6,11 +6,17 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace qdb::test
 {
+
+// A scenario: a server of `count` memory modules, from OID 4096 on, and as many
+// probes, from 65536 on. `more` stands before the list of objects, or in it.
+std::string Server(int count, const std::string &more = "",
+                   const std::string &objects = "");
 
 struct ServiceOptions
 {
@@ -43,8 +49,7 @@ class ServiceProcess
     }
 
     std::string Log() const;
-    bool WaitForLog(const std::string &text,
-                    int deadlineMs = kDeadlineMs) const;
+    bool WaitForLog(const std::string &text) const;
 
     // Waits for the readiness attribute to be 1.
     bool WaitReady() const;
@@ -66,12 +71,11 @@ class ServiceProcess
     // reply, a line of JSON; "" when there is no answer.
     std::string Command(const std::string &json) const;
 
-    // Resident memory in KiB.
-    long ResidentKiB() const;
+    // Gives the first memory module another speed.
+    void SetSpeed(int speed) const;
+    bool WaitForSpeed(int speed) const; // in its row
 
   private:
-    std::vector<std::string> Environment() const;
-
     ServiceOptions options_;
     TempRoot root_;
     pid_t pid_ = -1;
@@ -79,5 +83,26 @@ class ServiceProcess
 
 // The longest that a stop may take.
 inline constexpr int kStopLimitMs = 10000;
+
+using Happening = std::function<void(ServiceProcess &)>;
+
+// A service's life: what it begins with, what happens to it up to what ends it,
+// and its end.
+struct Life
+{
+    std::string name;
+    ServiceOptions options;
+    Happening happening;
+    std::vector<std::string> lines; // in the log, in this order
+    int status = 0;
+    int attribute = 0;                                // of readiness
+    std::function<void(const TempRoot &)> begin = {}; // before the start
+};
+
+// Lives them side by side, since many have their seconds to wait.
+void Live(const std::vector<Life> &lives);
+
+// Ready, a change reaches its row, and SIGTERM.
+void Serve(ServiceProcess &service);
 
 } // namespace qdb::test
