@@ -6,6 +6,8 @@
 // cannot be written at once is dropped and not counted.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -35,6 +37,15 @@ int PublishTelemetryLine(const char *lineText);
 
 // Closes the pipe if it is open; no thread may write any more.
 void CloseTelemetryPipe();
+
+// The writing end of the pipe. -1: closed, and the next record opens it.
+// Written under gNamedPipeMutex.
+extern std::atomic<int> gTelemetryPipeFd;
+
+// Writes the bytes, opening the pipe first if it is closed. A full pipe gets
+// four attempts at once. Returns 0 or the errno of the failure. The caller
+// holds gNamedPipeMutex.
+int WriteTelemetryBytes(const char *buffer, size_t length);
 
 // All object tables, in the order in which a detach reports them gone. Readers
 // know the order.

@@ -1,7 +1,6 @@
 // The telemetry records, on a real named pipe.
 #include "core/state.h"
 #include "publish/telemetry.h"
-#include "publish/telemetry_pipe.h"
 #include "tests/support/change_listener.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mirror.h"

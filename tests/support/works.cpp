@@ -202,7 +202,7 @@ std::vector<Work> OfObject(const std::string &name, const Bytes &before,
     const auto gone = [=]
     {
         old();
-        Remove(kOid);
+        standin::DeleteObjects(Words{kOid}, false);
     };
     const auto record = [](uint16_t kind)
     {
