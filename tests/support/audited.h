@@ -1,0 +1,46 @@
+// The auditor at work in the test's own process, on both managers of the
+// stand-in.
+#pragma once
+
+#include "core/json.h"
+#include "db/statement_ptr.h"
+#include "standin/commands.h"
+#include "tests/support/db_fixture.h"
+#include "tools/audit/audit.h"
+
+namespace qdb::test
+{
+
+// All that the database should mirror.
+inline audit::Content Managers()
+{
+    const JsonPtr request(json_pack("{s:s}", "op", "dump"));
+    return audit::ParseContent(standin::Execute(request.get()).get());
+}
+
+// What an audit prints.
+inline Lines Printed(const audit::Report &report)
+{
+    Lines lines;
+    for (const auto &object : report.unstorable)
+    {
+        lines.push_back(Print(object));
+    }
+    for (const auto &difference : report.differences)
+    {
+        lines.push_back(Print(difference));
+    }
+    lines.push_back(Summary(report));
+    return lines;
+}
+
+// A connection of a test's own.
+inline ConnectionPtr OpenDatabase(const std::string &path)
+{
+    sqlite3 *opened = nullptr;
+    EXPECT_EQ(sqlite3_open(path.c_str(), &opened), SQLITE_OK);
+    sqlite3_busy_timeout(opened, 10000);
+    return ConnectionPtr(opened);
+}
+
+} // namespace qdb::test
