@@ -198,11 +198,8 @@ TEST(Binder, KeepsToTheBounds)
         EXPECT_EQ(mirror.Rows("SELECT " + std::string(test.query) + where),
                   test.expected == nullptr ? Lines{} : Lines{test.expected});
     }
-    const ConnectionPtr database = OpenDatabase(mirror.Root().Database());
-    const audit::Report report =
-        Compare(content, audit::ReadSnapshot(database.get()));
+    const audit::Report report = Audit(mirror.Root().Database(), content);
     EXPECT_EQ(report.unstorable.size(), refused);
-    EXPECT_EQ(report.differences.size(), 0u) << Printed(report).back();
     for (const audit::Difference &difference : report.differences)
     {
         ADD_FAILURE() << Print(difference);

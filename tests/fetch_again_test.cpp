@@ -40,25 +40,25 @@ constexpr Way kLoaded = {kStatus, "popStatus", false, "InsertObjBasedOnObjType: 
 const struct
 {
     const char *name;
-    const Way &way;
+    const Way *way;
     int goneAt;     // the attempt; 0: none
     int repairedAt; // with the value 7
     int result;
     int attempts;
     Lines value;
 } kCases[] = {
-    {"create, repaired at last", kCreated, 0, 99, 0, 99, {"7"}},
-    {"create, repaired too late", kCreated, 0, 100, -1, 100, {}},
-    {"create, vanishes and comes back", kCreated, 1, 50, 0, 50, {"7"}},
-    {"change, repaired", kChanged, 0, 3, 0, 3, {"7"}},
-    {"change, never", kChanged, 0, 0, -1, 100, {"1"}},
-    {"change, vanishes", kChanged, 2, 0, -1, 2, {"1"}},
-    {"attribute, repaired", kBusCreated, 0, 3, 0, 3, {"7"}},
-    {"attribute, vanishes", kBusCreated, 2, 0, -1, 2, {}},
-    {"attribute's change, repaired", kBusChanged, 0, 3, 0, 3, {"7"}},
-    {"attribute's change, vanishes", kBusChanged, 1, 0, -1, 1, {"1"}},
-    {"population, vanishes and comes back", kPopulated, 1, 9, 0, 9, {"7"}},
-    {"one type, vanishes and comes back", kLoaded, 1, 9, 0, 9, {"7"}},
+    {"create, repaired at last", &kCreated, 0, 99, 0, 99, {"7"}},
+    {"create, repaired too late", &kCreated, 0, 100, -1, 100, {}},
+    {"create, vanishes and comes back", &kCreated, 1, 50, 0, 50, {"7"}},
+    {"change, repaired", &kChanged, 0, 3, 0, 3, {"7"}},
+    {"change, never", &kChanged, 0, 0, -1, 100, {"1"}},
+    {"change, vanishes", &kChanged, 2, 0, -1, 2, {"1"}},
+    {"attribute, repaired", &kBusCreated, 0, 3, 0, 3, {"7"}},
+    {"attribute, vanishes", &kBusCreated, 2, 0, -1, 2, {}},
+    {"attribute's change, repaired", &kBusChanged, 0, 3, 0, 3, {"7"}},
+    {"attribute's change, vanishes", &kBusChanged, 1, 0, -1, 1, {"1"}},
+    {"population, vanishes and comes back", &kPopulated, 1, 9, 0, 9, {"7"}},
+    {"one type, vanishes and comes back", &kLoaded, 1, 9, 0, 9, {"7"}},
 };
 // clang-format on
 
@@ -117,7 +117,7 @@ TEST_F(FetchAgain, ObjectsAreFetchedAgain)
     for (const auto &test : kCases)
     {
         SCOPED_TRACE(test.name);
-        const Way &way = test.way;
+        const Way &way = *test.way;
         const Subject subject = SubjectOf(way);
         Begin(way);
         {

@@ -120,8 +120,10 @@ TEST_F(Handler, ADestroyThatWasOvertakenHasTheObjectCreatedAgain)
     EXPECT_EQ(Queued(), "7 256");
     // The usual case, and that of a create which the old row kept out.
     EXPECT_EQ(Tell(kCreate), 0);
+    taken = Tick();
     EXPECT_EQ(Tell(kDestroy), 0);
     EXPECT_EQ(Queued(), "");
+    EXPECT_TRUE(ObjectClaim(kOid, taken).IsOvertaken()) << "it is gone";
     EXPECT_EQ(Tell(kCreate), 0);
     taken = Tick();
     EXPECT_EQ(Tell(kCreate), -1);

@@ -43,4 +43,11 @@ inline ConnectionPtr OpenDatabase(const std::string &path)
     return ConnectionPtr(opened);
 }
 
+// An audit of a database's file.
+inline audit::Report Audit(const std::string &path,
+                           const audit::Content &content = Managers())
+{
+    return Compare(content, audit::ReadSnapshot(OpenDatabase(path).get()));
+}
+
 } // namespace qdb::test
