@@ -129,7 +129,7 @@ TEST_F(Handler, ADestroyThatWasOvertakenHasTheObjectCreatedAgain)
     EXPECT_EQ(Tell(kCreate), -1);
     EXPECT_EQ(Tell(kDestroy, taken), 0);
     EXPECT_EQ(Queued(), "7 256");
-    EXPECT_EQ(Count("TblDMStatus_Child_Obj", kOid), "0");
+    EXPECT_EQ(mirror_.Rows("SELECT OID FROM TblDMStatus_Child_Obj"), Lines{});
 }
 
 // The Data Manager may answer nobody until its callback returns.

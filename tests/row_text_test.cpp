@@ -136,7 +136,7 @@ TEST_F(Handler, EachReaderTellsAnyText)
     {
         uint16_t type;
         std::string column;
-    } kReaders[] = {{kStatus, "popName"}, {0x15, "fwVer"}};
+    } kReaders[] = {{kStatus, "popName"}, {0x304, "currentAvailableFwVer"}};
     for (const char *text :
          {R"("")", R"("\"quoted\"")", R"("ends in \\")", R"("C:\\new")",
           R"("\t\n\u0001\u001F")", "\"\x7F\"",

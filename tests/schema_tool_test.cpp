@@ -71,25 +71,6 @@ TEST(Schema, DeletingTheMappingRowTakesEverythingOfTheObject)
     }
 }
 
-TEST(Schema, RefusesAndReplacesWhatTheServiceCountsOn)
-{
-    const TempRoot root;
-    root.MakeDatabase();
-    EXPECT_EQ(Query(root.Database(),
-                    "INSERT INTO ActiveOIDMapping VALUES (7, 1);"
-                    "INSERT OR REPLACE INTO TblStrAttribute (OID) VALUES (7);"
-                    "INSERT OR REPLACE INTO TblStrAttribute (OID) VALUES (7);"
-                    "INSERT OR REPLACE INTO ParentChildMapping VALUES (7, 1);"
-                    "INSERT OR REPLACE INTO ParentChildMapping VALUES (7, 1);"
-                    "SELECT count(*) FROM ParentChildMapping;"
-                    "SELECT isRawData FROM TblStrAttribute;"
-                    "SELECT count(*) FROM TblEtag;"),
-              (Lines{"1", "0", "111"}));
-    EXPECT_EQ(QueryValue(root.Database(),
-                         "INSERT INTO ActiveOIDMapping VALUES (7, 2)"),
-              "UNIQUE constraint failed: ActiveOIDMapping.OID");
-}
-
 class SchemaTool : public testing::Test
 {
   protected:

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "core/json.h"
-#include "db/statement_ptr.h"
 #include "standin/commands.h"
 #include "tests/support/db_fixture.h"
 #include "tools/audit/audit.h"
@@ -32,15 +31,6 @@ inline Lines Printed(const audit::Report &report)
     }
     lines.push_back(Summary(report));
     return lines;
-}
-
-// A connection of a test's own.
-inline ConnectionPtr OpenDatabase(const std::string &path)
-{
-    sqlite3 *opened = nullptr;
-    EXPECT_EQ(sqlite3_open(path.c_str(), &opened), SQLITE_OK);
-    sqlite3_busy_timeout(opened, 10000);
-    return ConnectionPtr(opened);
 }
 
 // An audit of a database's file.
