@@ -1,5 +1,5 @@
 // The auditor: exact about what differs, and when. That it is silent about what
-// the service writes is the subject of random_rows_test.cpp.
+// the service writes is the subject of every_row_test.cpp.
 
 #include "reconcile/population.h"
 #include "tests/support/audited.h"

@@ -1,6 +1,6 @@
 // From an object's bytes to its row, at the bounds: of fields, of joined lists
 // and arrays, and of what tells the row. What lies between them is compared for
-// every column in random_rows_test.cpp.
+// every column in every_row_test.cpp.
 //
 // Objects are written here byte by byte, apart from the layouts that the
 // service and the stand-in share. Each lies in a block of exactly its size, so
