@@ -51,9 +51,12 @@ TEST(Schema, DeletingTheMappingRowTakesEverythingOfTheObject)
         // Nothing goes in without its mapping.
         EXPECT_EQ(QueryValue(root.Database(), "INSERT INTO " + table + values),
                   "FOREIGN KEY constraint failed");
-        sql += "INSERT OR IGNORE INTO ActiveOIDMapping VALUES (7, 1), (8, 1);"
-               "INSERT INTO " +
-               table + values + ';';
+        sql += "INSERT OR IGNORE INTO ActiveOIDMapping VALUES (7, 1), (8, 1);";
+        // The second replaces the first.
+        for (int i = 0; i < 2; ++i)
+        {
+            sql += "INSERT OR REPLACE INTO " + table + values + ';';
+        }
     }
     sql += "DELETE FROM ActiveOIDMapping WHERE Oid = 7;";
     EXPECT_EQ(Query(root.Database(), sql), Lines{});
