@@ -1,20 +1,11 @@
-// The auditor: silent about what the service writes, and exact about anything
-// else.
+// The auditor: exact about what differs, and when. That it is silent about what
+// the service writes is the subject of every_row_test.cpp.
 
-#include "events/dispatch.h"
-#include "objects/catalogue.h"
 #include "reconcile/population.h"
-#include "standin/commands.h"
-#include "tests/support/db_fixture.h"
-#include "tests/support/event_records.h"
-#include "tests/support/row_values.h"
-#include "tools/audit/audit.h"
-#include "tools/audit/expected.h"
+#include "tests/support/audited.h"
 
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <filesystem>
-#include <random>
 
 namespace qdb::test
 {
@@ -24,208 +15,9 @@ namespace
 using audit::Content;
 
 constexpr uint16_t kStatus = 0x1001;
-constexpr uint16_t kDirtyList = 3;
 constexpr uint32_t kParent = 0x500;
 constexpr uint32_t kOtherParent = 0x501;
-constexpr uint32_t kGoneParent = 0x502;      // never exists
-constexpr uint32_t kFirstOfAll = 0x7FFFFFF0; // some are stored negative
-constexpr uint32_t kFirstDamaged = 0xA0000000;
-
-Content Managers()
-{
-    const JsonPtr request(json_pack("{s:s}", "op", "dump"));
-    return audit::ParseContent(standin::Execute(request.get()).get());
-}
-
-// What an audit prints.
-Lines Printed(const audit::Report &report)
-{
-    Lines lines;
-    for (const auto &object : report.unstorable)
-    {
-        lines.push_back(Print(object));
-    }
-    for (const auto &difference : report.differences)
-    {
-        lines.push_back(Print(difference));
-    }
-    lines.push_back(Summary(report));
-    return lines;
-}
-
-void PutChild(uint16_t type, uint32_t oid, json_t *values,
-              std::vector<uint32_t> parents)
-{
-    standin::ObjectSpec spec;
-    spec.type = type;
-    spec.oid = oid;
-    spec.values = values;
-    spec.parents = std::move(parents);
-    EXPECT_EQ(standin::CreateObject(spec, false), "");
-}
-
-class AuditTest : public DbTest
-{
-  protected:
-    AuditTest()
-    {
-        standin::SetLog(0, nullptr);
-    }
-
-    // An object, or attribute, for each row of the catalogue.
-    static void FillAll()
-    {
-        PutObject(kStatus, kParent);
-        PutObject(kStatus, kOtherParent);
-        uint32_t oid = kFirstOfAll;
-        for (const ObjTypeRow &row : ObjectTypeTable)
-        {
-            const JsonPtr values = ValuesFor(row, ValueSet::First);
-            if (!IsConfigType(row.objType))
-            {
-                PutChild(row.objType, oid++, values.get(),
-                         {kParent, kGoneParent, kOtherParent});
-                continue;
-            }
-            constexpr const char *kInterfaces[] = {
-                "CfgIntAttribute", "CfgStrAttribute", "CfgEnumAttribute",
-                "CfgPasswdAttribute"};
-            json_object_del(values.get(), "Key");
-            EXPECT_EQ(
-                standin::PutAttribute(kInterfaces[row.objType - 0x4051],
-                                      std::string("A.1#B.1#") + row.suffix,
-                                      values.get(), oid++),
-                "");
-        }
-    }
-
-    // Copies of all objects, cut short or with some bytes replaced.
-    static void FillDamaged()
-    {
-        std::mt19937 random(1);
-        uint32_t oid = kFirstDamaged;
-        const std::vector<uint32_t> whole = standin::ObjectIds();
-        for (int i = 0; i < 5; ++i)
-        {
-            for (const uint32_t from : whole)
-            {
-                Bytes bytes = standin::ObjectBytes(from);
-                const auto size = static_cast<uint32_t>(bytes.size());
-                const auto claimed = static_cast<uint32_t>(
-                    i < 2 ? random() % (size + 1) : size + random() % 2);
-                std::memcpy(bytes.data(), &claimed, sizeof(claimed));
-                std::memcpy(bytes.data() + 4, &oid, sizeof(oid));
-                for (int n = 0; i >= 2 && n < 6; ++n)
-                {
-                    constexpr uint8_t kBytes[] = {0,   1,    2,   7,    '/',
-                                                  '4', 0x10, 128, 0xF0, 0xFF};
-                    const size_t at = 16 + random() % (size - 16);
-                    const size_t run =
-                        std::min<size_t>(size - at, size_t{1} << random() % 4);
-                    std::memset(bytes.data() + at,
-                                kBytes[random() % std::size(kBytes)], run);
-                }
-                EXPECT_EQ(standin::PutRawObject(bytes, {}), "");
-                ++oid;
-            }
-        }
-    }
-
-    // What chance hardly finds: flags above a dependency list's offset, and an
-    // address of no characters behind its marker.
-    static void FillOdd()
-    {
-        for (const uint32_t oid : standin::ObjectIds())
-        {
-            Bytes bytes = standin::ObjectBytes(oid);
-            if (HeaderOf(bytes)->objType == 0x746)
-            {
-                bytes[0x4D] |= 0x10;
-            }
-            const std::string marker = "/4=198";
-            const auto at = std::ranges::search(bytes, marker).begin();
-            if (HeaderOf(bytes)->objType == 0x1200 && bytes.end() - at > 3)
-            {
-                at[3] = 0;
-            }
-            EXPECT_EQ(standin::PutRawObject(bytes, {}), "");
-        }
-    }
-
-    // A copy of the database, in which more than the service's own statements
-    // would let happen has happened.
-    ConnectionPtr Copy(const std::string &damage = "")
-    {
-        const std::string path = mirror_.Root().Path() + "/copy.db";
-        std::filesystem::copy_file(
-            mirror_.Root().Database(), path,
-            std::filesystem::copy_options::overwrite_existing);
-        sqlite3 *opened = nullptr;
-        EXPECT_EQ(sqlite3_open(path.c_str(), &opened), SQLITE_OK);
-        EXPECT_EQ(
-            sqlite3_exec(opened, damage.c_str(), nullptr, nullptr, nullptr),
-            SQLITE_OK)
-            << sqlite3_errmsg(opened);
-        return ConnectionPtr(opened);
-    }
-
-    audit::Report Audit(const Content &content, const std::string &damage = "")
-    {
-        return Compare(content, audit::ReadSnapshot(Copy(damage).get()));
-    }
-};
-
-TEST_F(AuditTest, FindsNothingInWhatTheServiceWrites)
-{
-    FillAll();
-    EXPECT_EQ(OnLoadObjectsCreation(), 0);
-    EXPECT_EQ(Printed(Audit(Managers())),
-              (Lines{"0 differences in 163 objects"}));
-
-    uint32_t oid = kFirstOfAll;
-    Words changed;
-    for (const ObjTypeRow &row : ObjectTypeTable)
-    {
-        if (!IsConfigType(row.objType))
-        {
-            const JsonPtr values = ValuesFor(row, ValueSet::Second);
-            EXPECT_EQ(standin::SetObject(oid, values.get(), false), "");
-            changed.push_back(oid);
-        }
-        ++oid;
-    }
-    EXPECT_EQ(ObjectNotification(EventOf(test::List(kDirtyList, changed)),
-                                 kDirtyList),
-              0);
-    EXPECT_EQ(Printed(Audit(Managers())),
-              (Lines{"0x7FFFFFF2 (0x1200) creation column "
-                     "TblOSLogicalNetworkIntfObj.RootObjectKey: expected "
-                     "\"b26\", found \"a26\"",
-                     "1 difference in 163 objects"}));
-}
-
-TEST_F(AuditTest, AgreesWithTheServiceAboutDamagedObjects)
-{
-    FillAll();
-    FillOdd();
-    FillDamaged();
-    OnLoadObjectsCreation();
-    const audit::Report report = Audit(Managers());
-    EXPECT_EQ(Printed({.compared = report.compared,
-                       .differences = report.differences,
-                       .unstorable = {}}),
-              (Lines{"0 differences in " + std::to_string(report.compared) +
-                     " objects"}));
-    EXPECT_GT(report.unstorable.size(), 100u); // of 815 damaged ones
-    for (const audit::Unstorable &object : report.unstorable)
-    {
-        EXPECT_EQ(
-            mirror_.Value("SELECT count(*) FROM ActiveOIDMapping WHERE OID = " +
-                          std::to_string(object.oid)),
-            "0")
-            << Print(object);
-    }
-}
+constexpr uint32_t kGoneParent = 0x502; // never exists
 
 audit::Object &At(Content &content, uint32_t oid)
 {
@@ -314,18 +106,20 @@ const DamageCase kDamages[] = {
 };
 // clang-format on
 
-class DamageTest : public AuditTest
+class Auditor : public DbTest
 {
   protected:
-    DamageTest()
+    Auditor()
     {
+        standin::SetLog(0, nullptr);
         PutObject(kStatus, kParent);
         PutObject(kStatus, kOtherParent);
         const auto put = [](uint16_t type, uint32_t oid, const char *values,
                             const std::vector<uint32_t> &parents)
         {
             const JsonPtr parsed(json_loads(values, 0, nullptr));
-            PutChild(type, oid, parsed.get(), parents);
+            standin::ObjectSpec spec = {type, oid, parents, parsed.get()};
+            EXPECT_EQ(standin::CreateObject(spec, false), "");
         };
         put(kStatus, kChild, R"({"popName": "up", "popStatus": 7})",
             {kParent, kGoneParent, kOtherParent});
@@ -339,9 +133,25 @@ class DamageTest : public AuditTest
                   "");
         OnLoadObjectsCreation();
     }
+
+    // A copy of the database, in which more than the service's own statements
+    // would let happen has happened.
+    std::string Copy(const std::string &damage = "")
+    {
+        const std::string path = mirror_.Root().Path() + "/copy.db";
+        std::filesystem::copy_file(
+            mirror_.Root().Database(), path,
+            std::filesystem::copy_options::overwrite_existing);
+        const ConnectionPtr copy = OpenDatabase(path);
+        EXPECT_EQ(
+            sqlite3_exec(copy.get(), damage.c_str(), nullptr, nullptr, nullptr),
+            SQLITE_OK)
+            << sqlite3_errmsg(copy.get());
+        return path;
+    }
 };
 
-TEST_F(DamageTest, IsNamedInEveryPlace)
+TEST_F(Auditor, NamesDamageInEveryPlace)
 {
     for (const DamageCase &damage : kDamages)
     {
@@ -351,7 +161,7 @@ TEST_F(DamageTest, IsNamedInEveryPlace)
         {
             damage.change(content);
         }
-        const audit::Report report = Audit(content, damage.sql);
+        const audit::Report report = Audit(Copy(damage.sql), content);
         Lines expected = damage.expected;
         expected.push_back(Summary(report));
         EXPECT_EQ(Printed(report), expected);
@@ -360,9 +170,9 @@ TEST_F(DamageTest, IsNamedInEveryPlace)
 
 // A change that is on its way differs for one look or two, and what stays wrong
 // may go on changing.
-TEST_F(DamageTest, IsReportedOnceItHasLasted)
+TEST_F(Auditor, ReportsWhatLasts)
 {
-    const ConnectionPtr copy = Copy();
+    const ConnectionPtr copy = OpenDatabase(Copy());
     int look = 0;
     std::vector<int> pauses;
     const auto fetch = [&]
@@ -386,8 +196,7 @@ TEST_F(DamageTest, IsReportedOnceItHasLasted)
     EXPECT_EQ(Printed(audit::Looks(3, Managers, copy.get(), pause)),
               (Lines{"0 differences in 8 objects"}));
     EXPECT_EQ(pauses.size(), 2u);
-    EXPECT_THROW(audit::ReadSnapshot(Copy("DROP TABLE TblProbeObj").get()),
-                 audit::Unreadable);
+    EXPECT_THROW(Audit(Copy("DROP TABLE TblProbeObj")), audit::Unreadable);
 }
 
 } // namespace

@@ -48,31 +48,19 @@ const struct
     // clang-format on
 };
 
-// The value that a statement gives on the service's own connection.
-std::string OwnValue(const char *sql)
-{
-    std::string value = "(none)";
-    const auto take = [](void *to, int, char **values, char **)
-    {
-        *static_cast<std::string *>(to) = values[0];
-        return 0;
-    };
-    sqlite3_exec(QDVdbHandle, sql, take, &value, nullptr);
-    return value;
-}
-
-// --- The connection -------------------------------------------------------
-
 TEST_F(DbTest, OpenSetsTheOptionsOnce)
 {
-    EXPECT_EQ(OwnValue("PRAGMA journal_mode"), "off");
-    EXPECT_EQ(OwnValue("PRAGMA cache_size"), "-1000");
-    EXPECT_EQ(OwnValue("PRAGMA synchronous"), "0");
-    EXPECT_EQ(OwnValue("PRAGMA foreign_keys"), "1");
-    EXPECT_EQ(OwnValue("PRAGMA busy_timeout"), "1000");
-
+    int status = 0;
+    const StatementPtr options = PrepareOnce(
+        "SELECT journal_mode || cache_size || '|' || synchronous || "
+        "foreign_keys || timeout FROM pragma_journal_mode, pragma_cache_size, "
+        "pragma_synchronous, pragma_foreign_keys, pragma_busy_timeout",
+        &status);
+    EXPECT_EQ(StepStatement(options.get()), SQLITE_ROW);
+    EXPECT_STREQ(
+        reinterpret_cast<const char *>(sqlite3_column_text(options.get(), 0)),
+        "off-1000|011000");
     sqlite3 *handle = QDVdbHandle;
-    CaptureLog();
     EXPECT_EQ(QDVDBInit(), 0);
     EXPECT_EQ(QDVdbHandle, handle);
     EXPECT_EQ(LogLines(), Lines{"QDVdbHandle not NULL."});
@@ -143,90 +131,46 @@ TEST_F(DbTest, NothingRunsWithoutAHandle)
     QDVdbHandle = handle;
 }
 
-// --- Steps ----------------------------------------------------------------
-
-TEST_F(DbTest, ExecuteStatementRepeatsWhatMayPass)
-{
-    const Lines kBusyEnd = Lines(100, kRetry) + Lines{kUsedUp};
-    const Lines kMixedEnd = Lines(60, kRetry) + Lines(20, kInvalid) +
-                            Lines(20, kRetry) + Lines{kUsedUp};
-    // clang-format off
-    const struct
-    {
-        const char *name;
-        std::vector<Fault> faults;
-        int result;
-        int last; // status of the last step
-        int steps;
-        int pauses;
-        Lines lines;
-    } kCases[] = {
-        {"a row", {}, 0, 100, 1, 0, {}},
-        {"busy 99 times", {{5, 99}}, 0, 100, 100, 99, Lines(99, kRetry)},
-        {"busy 100 times", {{5, 100}}, -1, 5, 100, 100, kBusyEnd},
-        {"invalid 99 times", {{8216, 99}}, 0, 100, 100, 0, Lines(99, kInvalid)},
-        {"all count", {{5, 60}, {8216, 20}, {6, 20}}, -1, 6, 100, 80, kMixedEnd},
-        {"a constraint", {{19, 1}}, -1, 19, 1, 0, Failure(19)},
-        {"corrupt", {{5, 1}, {11, 1}}, -1, 11, 2, 1, Lines{kRetry} + Failure(11)},
-    };
-    // clang-format on
-    for (const auto &c : kCases)
-    {
-        SCOPED_TRACE(c.name);
-        Restart();
-        int status = 0;
-        const StatementPtr statement =
-            PrepareOnce("SELECT 7 AS seven", &status);
-        FailSteps("seven", c.faults);
-        EXPECT_EQ(execute_statement(statement.get()), c.result);
-        EXPECT_EQ(LastStepStatus(), c.last);
-        EXPECT_EQ(StepCount("seven"), c.steps);
-        EXPECT_EQ(SleptMicroseconds(), c.pauses * 110000LL);
-        EXPECT_EQ(LogLines(), c.lines);
-    }
-    Restart();
-    EXPECT_EQ(execute_statement(nullptr), -1);
-    EXPECT_EQ(LogLines(), Lines{"Error: stmt is NULL"});
-}
-
+// What a repeat costs, and which failures end one, is recorded in the stream.
 TEST_F(DbTest, StatusLoopFollowsItsSite)
 {
-    int invalids = 0;
-    const auto failTheSecond = [&]
-    {
-        return ++invalids < 2 ? ZO_STATUS_INVALID_VALUE
-                              : ZO_STATUS_NO_SUCH_OBJECT;
-    };
+    constexpr int kStatuses[] = {5, 8216, 6, 8216, 0};
     int calls = 0;
-    const auto script = [&]
-    {
-        static constexpr int kStatuses[] = {5, 8216, 6, 8216, 0};
-        return kStatuses[calls++];
-    };
-    EXPECT_EQ(
-        RunStatusLoop({.pauseWhenBusy = false}, 11, script, failTheSecond),
-        256);
+    int invalids = 0;
+    EXPECT_EQ(RunStatusLoop(
+                  {.pauseWhenBusy = false}, 11,
+                  [&]
+                  {
+                      return kStatuses[calls++];
+                  },
+                  [&]
+                  {
+                      return ++invalids < 2 ? ZO_STATUS_INVALID_VALUE
+                                            : ZO_STATUS_NO_SUCH_OBJECT;
+                  }),
+              256);
     EXPECT_EQ(calls, 4);
     EXPECT_EQ(SleepCount(), 0);
+    EXPECT_EQ(execute_statement(nullptr), -1);
     EXPECT_EQ(LogLines(),
               (Lines{kRetry, kInvalid, kRetry, "retval = 256\n",
                      "Set ReturnStatus as Failure. ReturnStatus before update "
-                     "= 11\n"}));
+                     "= 11\n",
+                     "Error: stmt is NULL"}));
 }
 
-// The step mutex, seen from inside steps and sleeps.
-std::atomic<int> gLooks = 0;
+// Looks at the step mutex from inside steps and sleeps.
+std::atomic<int> gFree = 0;
 std::atomic<int> gHeld = 0;
 
-int LookAtStepMutex()
+int LookAtStepMutex(void * = nullptr)
 {
-    ++gLooks;
-    if (pthread_mutex_trylock(&SqliteStepMutex) == 0)
+    const bool isFree = pthread_mutex_trylock(&SqliteStepMutex) == 0;
+    ++(isFree ? gFree : gHeld);
+    if (isFree)
     {
         pthread_mutex_unlock(&SqliteStepMutex);
-        return 0;
     }
-    ++gHeld;
     return 0;
 }
 
@@ -243,56 +187,36 @@ TEST_F(DbTest, TheStepMutexIsHeldInStepsAndNotInSleeps)
             {
                 LookAtStepMutex();
             });
-        gLooks = gHeld = 0;
+        gFree = gHeld = 0;
         c.call();
-        EXPECT_EQ(gLooks, 3);
+        EXPECT_EQ(gFree, 3);
         EXPECT_EQ(gHeld, 0);
         EXPECT_EQ(StepCount(c.sql), 4);
 
         // Called at every instruction that a step runs.
-        sqlite3_progress_handler(
-            QDVdbHandle, 1,
-            [](void *)
-            {
-                return LookAtStepMutex();
-            },
-            nullptr);
-        gLooks = gHeld = 0;
+        gFree = gHeld = 0;
+        sqlite3_progress_handler(QDVdbHandle, 1, LookAtStepMutex, nullptr);
         EXPECT_EQ(c.call(), c.mapped);
         sqlite3_progress_handler(QDVdbHandle, 0, nullptr, nullptr);
-        EXPECT_GT(gLooks, 0);
-        EXPECT_EQ(gHeld, gLooks);
+        EXPECT_GT(gHeld, 0);
+        EXPECT_EQ(gFree, 0);
     }
 }
 
-TEST_F(DbTest, WritersOutlastTheLockOfAnotherProcess)
+TEST_F(DbTest, ADeleteOutlastsTheLockOfAnotherProcess)
 {
-    const struct
-    {
-        const char *lock;
-        const char *sql;
-        int (*write)();
-        Lines rows;
-    } kCases[] = {
-        {"BEGIN IMMEDIATE", "insert into ActiveOIDMapping", Map, {"5|21"}},
-        {"BEGIN EXCLUSIVE", "DELETE FROM ActiveOIDMapping", Delete, {}},
-    };
-    for (const auto &c : kCases)
-    {
-        SCOPED_TRACE(c.sql);
-        Restart();
-        const OtherProcess other(mirror_.Root().Database());
-        EXPECT_EQ(other.Run(c.lock), SQLITE_OK);
-        std::future<int> result = std::async(std::launch::async, c.write);
-        EXPECT_TRUE(WaitUntil(
-            [&]
-            {
-                return StepCount(c.sql) >= 2;
-            }));
-        EXPECT_EQ(other.Run("COMMIT"), SQLITE_OK);
-        EXPECT_EQ(result.get(), 0);
-        EXPECT_EQ(mirror_.Rows("SELECT * FROM ActiveOIDMapping"), c.rows);
-    }
+    EXPECT_EQ(Map(), 0);
+    const OtherProcess other(mirror_.Root().Database());
+    EXPECT_EQ(other.Run("BEGIN EXCLUSIVE"), SQLITE_OK);
+    std::future<int> result = std::async(std::launch::async, Delete);
+    EXPECT_TRUE(WaitUntil(
+        []
+        {
+            return StepCount("DELETE FROM ActiveOIDMapping") >= 2;
+        }));
+    EXPECT_EQ(other.Run("COMMIT"), SQLITE_OK);
+    EXPECT_EQ(result.get(), 0);
+    EXPECT_EQ(mirror_.Rows("SELECT * FROM ActiveOIDMapping"), Lines{});
 }
 
 // Two that wait for each other's locks would both give up in the end.
@@ -316,26 +240,25 @@ TEST_F(DbTest, AWriterThatWaitsLetsTheOtherProcessFinish)
               Lines{"ours"});
 }
 
-sqlite3_stmt *gReader = nullptr;
-
 // What cannot be undone, without a journal, aborts all others while any of them
 // reads.
 TEST_F(DbTest, AStatementOutlastsTheFailureOfAnother)
 {
     int status = SQLITE_OK;
-    const StatementPtr reader = PrepareOnce("SELECT * FROM TblEtag", &status);
-    gReader = reader.get();
-    EXPECT_EQ(StepStatement(gReader), SQLITE_ROW);
+    static StatementPtr reader;
+    reader = PrepareOnce("SELECT * FROM TblEtag", &status);
+    EXPECT_EQ(StepStatement(reader.get()), SQLITE_ROW);
     EXPECT_EQ(InsertInParentChildMappingTable(77, 78), -1); // no such mapping
     SetSleepFunction(
         [](unsigned)
         {
-            sqlite3_reset(gReader);
+            reader.reset();
         });
     EXPECT_EQ(InsertInTblEtag("TblProbeObj"), 0);
     EXPECT_NE(mirror_.Rows("SELECT MultiRecordEtag FROM TblEtag WHERE "
                            "TableName = 'TblProbeObj'"),
               Lines{"NULL"});
+    EXPECT_EQ(reader, nullptr) << "it did wait";
 }
 
 } // namespace

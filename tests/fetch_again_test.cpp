@@ -1,152 +1,116 @@
 // Objects and attributes that can't be read as they stand, and that vanish or
 // are repaired while the service tries again.
 
-#include "core/json.h"
-#include "events/bus_dispatch.h"
-#include "events/dispatch.h"
 #include "reconcile/population.h"
 #include "standin/state.h"
-#include "tests/support/db_fixture.h"
-#include "tests/support/event_records.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/handler_fixture.h"
+#include "tests/support/stream_driver.h"
 
 namespace qdb::test
 {
 namespace
 {
 
-constexpr uint16_t kStatus = 0x1001;
-constexpr uint16_t kRoot = 0x900;
-constexpr uint16_t kDirty = 3;
-constexpr uint16_t kCreate = 7;
 constexpr uint32_t kOid = 16;
-constexpr char kKey[] = "Test.1#Group.1#Name";
-const std::string kPath =
-    "/com/vexo/tarnu/Config/Attributes/test_1/group_1/name";
-
-Bytes Object(uint16_t type, int value)
-{
-    return MakeObject(type, kOid,
-                      type == kStatus
-                          ? R"({"popStatus": )" + std::to_string(value) + "}"
-                          : "{}");
-}
-
-template <uint16_t kType>
-void Put(int value)
-{
-    EXPECT_EQ(standin::PutRawObject(Object(kType, value)), "");
-}
-
-// Its key can't be read.
-template <uint16_t kType>
-void Break()
-{
-    Bytes object = Object(kType, 2);
-    object[0x15] = 0x20;
-    EXPECT_EQ(standin::PutRawObject(object), "");
-}
-
-void Remove()
-{
-    standin::DeleteObjects(Words{kOid}, false);
-}
-
-void PutAttribute(int value)
-{
-    const JsonPtr values(
-        json_pack("{s:s, s:i}", "DisplayName", "x", "currentValue", value));
-    EXPECT_EQ(
-        standin::PutAttribute("CfgIntAttribute", kKey, values.get(), kOid), "");
-}
-
-// Its display name can't be read.
-void BreakAttribute()
-{
-    PutAttribute(2);
-    standin::State &state = standin::TheState();
-    const std::lock_guard lock(state.lock);
-    state.attributes.at(kKey).bytes.at(0x21) = 0x20;
-}
-
-void RemoveAttribute()
-{
-    standin::RemoveAttribute(kKey);
-}
-
-template <uint16_t kKind>
-int Notify()
-{
-    return ObjectNotification(EventOf(List(kKind, {kOid})), kKind);
-}
-
-template <uint16_t kKind>
-int NotifyBus()
-{
-    constexpr uint16_t kFromBus = 65533;
-    return ObjectNotificationDbus(
-        EventOf(BusRecord(kKind, kOid, kPath,
-                          "com.vexo.tarnu.Config.CfgIntAttribute")),
-        kFromBus);
-}
 
 // A way into the tables.
 struct Way
 {
-    const char *line; // of each attempt
-    void (*put)(int value);
-    void (*breakIt)();
-    void (*remove)();
-    int (*first)(); // makes the row of value 1; NULL: there is none
-    int (*take)();
-    const char *value; // of the row
+    uint16_t type;
+    const char *column; // that gets the value
+    bool isChange;      // of a row with the value 1
+    const char *line;   // of each attempt
+    int (*take)(const Subject &);
 };
 
 // clang-format off
 constexpr char kCreating[] = "ObjectNotification: DATA_EVENT_DATA_OBJ_CREATE: ";
 constexpr char kChanging[] = "ObjectNotification: DATA_EVENT_DATA_OBJ_DIRTY_LIST: ";
-constexpr char kPopStatus[] = "SELECT popStatus FROM TblDMStatus_Child_Obj";
-constexpr char kCurrent[] = "SELECT currentValue FROM TblIntAttribute";
-constexpr Way kCreated = {kCreating, Put<kStatus>, Break<kStatus>, Remove, nullptr, Notify<kCreate>, kPopStatus};
-constexpr Way kChanged = {kChanging, Put<kStatus>, Break<kStatus>, Remove, Notify<kCreate>, Notify<kDirty>, kPopStatus};
-constexpr Way kBusCreated = {kCreating, PutAttribute, BreakAttribute, RemoveAttribute, nullptr, NotifyBus<kCreate>, kCurrent};
-constexpr Way kBusChanged = {kChanging, PutAttribute, BreakAttribute, RemoveAttribute, NotifyBus<kCreate>, NotifyBus<kDirty>, kCurrent};
-constexpr Way kPopulated = {"OnLoadObjectsCreation: ", Put<kStatus>, Break<kStatus>, Remove, nullptr, OnLoadObjectsCreation, kPopStatus};
-constexpr Way kRootData = {"InsertObjBasedOnObjType: ", Put<kRoot>, Break<kRoot>, Remove, nullptr, [] { return InsertObjBasedOnObjType(kRoot); }, "SELECT 7 FROM TbllmRootDataObj"};
+int Create(const Subject &subject) { return Notify(subject, kCreate); }
+int Change(const Subject &subject) { return Notify(subject, kDirty); }
+int Populate(const Subject &) { return OnLoadObjectsCreation(); }
+int LoadType(const Subject &subject) { return InsertObjBasedOnObjType(subject.row->objType); }
+constexpr Way kCreated = {kStatus, "popStatus", false, kCreating, Create};
+constexpr Way kChanged = {kStatus, "popStatus", true, kChanging, Change};
+constexpr Way kBusCreated = {0x4051, "currentValue", false, kCreating, Create};
+constexpr Way kBusChanged = {0x4051, "currentValue", true, kChanging, Change};
+constexpr Way kPopulated = {kStatus, "popStatus", false, "OnLoadObjectsCreation: ", Populate};
+constexpr Way kLoaded = {kStatus, "popStatus", false, "InsertObjBasedOnObjType: ", LoadType};
 
 const struct
 {
     const char *name;
     const Way *way;
-    int goneAt;
-    int repairedAt;
+    int goneAt;     // the attempt; 0: none
+    int repairedAt; // with the value 7
     int result;
     int attempts;
     Lines value;
 } kCases[] = {
-    {"create, repaired at once", &kCreated, 0, 1, 0, 1, {"7"}},
     {"create, repaired at last", &kCreated, 0, 99, 0, 99, {"7"}},
     {"create, repaired too late", &kCreated, 0, 100, -1, 100, {}},
-    {"create, vanishes", &kCreated, 1, 0, -1, 100, {}},
     {"create, vanishes and comes back", &kCreated, 1, 50, 0, 50, {"7"}},
-    {"change, repaired at the third", &kChanged, 0, 3, 0, 3, {"7"}},
+    {"change, repaired", &kChanged, 0, 3, 0, 3, {"7"}},
     {"change, never", &kChanged, 0, 0, -1, 100, {"1"}},
     {"change, vanishes", &kChanged, 2, 0, -1, 2, {"1"}},
-    {"attribute, repaired at the third", &kBusCreated, 0, 3, 0, 3, {"7"}},
-    {"attribute, never", &kBusCreated, 0, 0, -1, 100, {}},
+    {"attribute, repaired", &kBusCreated, 0, 3, 0, 3, {"7"}},
     {"attribute, vanishes", &kBusCreated, 2, 0, -1, 2, {}},
-    {"attribute's change, repaired at the third", &kBusChanged, 0, 3, 0, 3, {"7"}},
+    {"attribute's change, repaired", &kBusChanged, 0, 3, 0, 3, {"7"}},
     {"attribute's change, vanishes", &kBusChanged, 1, 0, -1, 1, {"1"}},
-    {"population, repaired at last", &kPopulated, 0, 99, 0, 99, {"7"}},
-    {"population, vanishes", &kPopulated, 1, 0, -1, 100, {}},
     {"population, vanishes and comes back", &kPopulated, 1, 9, 0, 9, {"7"}},
-    {"root data, repaired at last", &kRootData, 0, 99, 0, 99, {"7"}},
-    {"root data, vanishes and comes back", &kRootData, 1, 9, 0, 9, {"7"}},
+    {"one type, vanishes and comes back", &kLoaded, 1, 9, 0, 9, {"7"}},
 };
 // clang-format on
 
-using FetchAgain = DbTest;
+class FetchAgain : public Handler
+{
+  protected:
+    static Subject SubjectOf(const Way &way)
+    {
+        return {FindRow(way.type), kOid};
+    }
+
+    static void PutValue(const Way &way, int value)
+    {
+        const JsonPtr values(json_pack("{s:s}", "DisplayName", "x"));
+        json_object_set_new(values.get(), way.column, json_integer(value));
+        if (way.type == kStatus)
+        {
+            json_object_del(values.get(), "DisplayName");
+        }
+        Put(SubjectOf(way), values.get(), {});
+    }
+
+    // An offset of a text that is outside: of the key, or of the name.
+    static void Break(const Way &way)
+    {
+        PutValue(way, 2);
+        if (way.type == kStatus)
+        {
+            Bytes object = standin::ObjectBytes(kOid);
+            object.at(0x15) = 0x20;
+            EXPECT_EQ(standin::PutRawObject(object), "");
+            return;
+        }
+        standin::State &state = standin::TheState();
+        const std::lock_guard lock(state.lock);
+        state.attributes.at(kAttributeKey).bytes.at(0x21) = 0x20;
+    }
+
+    // One that can't be read, behind its row where there is to be one.
+    void Begin(const Way &way)
+    {
+        standin::Reset();
+        mirror_.Rows("DELETE FROM ActiveOIDMapping");
+        if (way.isChange)
+        {
+            PutValue(way, 1);
+            EXPECT_EQ(Create(SubjectOf(way)), 0);
+        }
+        Break(way);
+        Restart(3);
+    }
+};
 
 TEST_F(FetchAgain, ObjectsAreFetchedAgain)
 {
@@ -154,28 +118,28 @@ TEST_F(FetchAgain, ObjectsAreFetchedAgain)
     {
         SCOPED_TRACE(test.name);
         const Way &way = *test.way;
-        standin::Reset();
-        mirror_.Rows("DELETE FROM ActiveOIDMapping");
-        if (way.first != nullptr)
+        const Subject subject = SubjectOf(way);
+        Begin(way);
         {
-            way.put(1);
-            EXPECT_EQ(way.first(), 0);
-        }
-        way.breakIt();
-        Restart();
-        {
-            const FateHook hook(std::string(way.line) +
-                                    "ZO_STATUS_INVALID_VALUE returned\n",
-                                test.goneAt, way.remove, test.repairedAt,
-                                [&]
-                                {
-                                    way.put(7);
-                                });
-            EXPECT_EQ(way.take(), test.result);
+            const FateHook hook(
+                std::string(way.line) + "ZO_STATUS_INVALID_VALUE returned\n",
+                test.goneAt,
+                [&]
+                {
+                    Remove(subject);
+                },
+                test.repairedAt,
+                [&]
+                {
+                    PutValue(way, 7);
+                });
+            EXPECT_EQ(way.take(subject), test.result);
             EXPECT_EQ(hook.Count(), test.attempts);
         }
         EXPECT_EQ(SleepCount(), 0);
-        EXPECT_EQ(mirror_.Rows(way.value), test.value);
+        EXPECT_EQ(mirror_.Rows(std::string("SELECT ") + way.column + " FROM " +
+                               subject.row->table->name),
+                  test.value);
     }
 }
 
@@ -184,18 +148,13 @@ TEST_F(FetchAgain, AttributesThatVanishAreToldOf)
 {
     for (const Way *way : {&kBusCreated, &kBusChanged})
     {
-        if (way->first != nullptr)
-        {
-            way->put(1);
-            EXPECT_EQ(way->first(), 0);
-        }
-        way->breakIt();
+        Begin(*way);
         // The first fetch works, the second one doesn't.
         standin::SetFault("CfgIntAttribute_get_object", 5, 1, 1);
-        CaptureLog(3);
-        EXPECT_EQ(way->take(), -1);
-        EXPECT_EQ(CountLog("ZO_STATUS_NO_SUCH_OBJECT3: " + kPath + "\n"),
-                  way == &kBusCreated ? 1 : 0);
+        EXPECT_EQ(way->take(SubjectOf(*way)), -1);
+        EXPECT_EQ(CountLog("ZO_STATUS_NO_SUCH_OBJECT3: " +
+                           standin::AttributePath(kAttributeKey) + "\n"),
+                  way->isChange ? 0 : 1);
     }
 }
 

@@ -5,9 +5,9 @@
 #include "events/dispatch.h"
 #include "queues/event_queue.h"
 #include "queues/event_record.h"
-#include "tests/support/db_fixture.h"
 #include "tests/support/event_records.h"
-#include "tests/support/wait.h"
+#include "tests/support/handler_fixture.h"
+#include "tests/support/stream_driver.h"
 
 #include <atomic>
 #include <thread>
@@ -17,9 +17,6 @@ namespace qdb::test
 namespace
 {
 
-constexpr uint16_t kStatus = 0x1001;
-constexpr uint16_t kCreate = 7;
-constexpr uint16_t kDestroy = 8;
 constexpr uint32_t kOid = 0x100;
 
 TEST(ObjectOrder, AClaimIsHadByOneAndLeftToThoseWhoWait)
@@ -65,18 +62,20 @@ TEST(ObjectOrder, NothingNewIsForgotten)
         ObjectClaim(oid, Tick()).NoteKnown();
     }
     const uint64_t after = Tick();
-    int overtaken = 0;
     for (uint32_t oid = 0; oid < kObjects; ++oid)
     {
         EXPECT_TRUE(ObjectClaim(oid, before).IsOvertaken()) << oid;
-        overtaken += ObjectClaim(oid, after).IsOvertaken() ? 1 : 0;
+        EXPECT_FALSE(ObjectClaim(oid, after).IsOvertaken()) << oid;
     }
-    EXPECT_EQ(overtaken, 0);
+    // Nor by who knows less.
+    ObjectClaim(0, before).NoteKnown();
+    EXPECT_TRUE(ObjectClaim(0, before).IsOvertaken());
     // Only who fetches again refuses.
     ObjectClaim old(kOid, before);
     EXPECT_FALSE(old.RefusesObject());
     const FetchesAgain fetchesAgain;
     EXPECT_TRUE(old.RefusesObject());
+    EXPECT_FALSE(old.LetOthersGoFirst());
 }
 
 TEST(ObjectOrder, AFetchIsAsOldAsItsAsking)
@@ -105,63 +104,53 @@ std::string Queued()
            std::to_string(RecordWord(*node->data, kFirstOidAt).value_or(0));
 }
 
-class OrderTest : public DbTest
+int Tell(uint16_t type, uint64_t taken = Tick())
 {
-  protected:
-    void Notify(uint16_t type, const Words &oids, uint64_t taken = Tick())
-    {
-        const Bytes record = List(type, oids);
-        EXPECT_EQ(ObjectNotification(EventOf(record), type, taken), 0);
-    }
-
-    Lines Oids() const
-    {
-        return mirror_.Rows("SELECT OID FROM TblDMStatus_Child_Obj ORDER BY 1");
-    }
-};
+    return ObjectNotification(EventOf(List(type, {kOid})), type, taken);
+}
 
 // A destroy whose worker has fallen asleep between taking the record and
 // carrying it out, while another one created the object's successor.
-TEST_F(OrderTest, ADestroyThatWasOvertakenHasTheObjectCreatedAgain)
+TEST_F(Handler, ADestroyThatWasOvertakenHasTheObjectCreatedAgain)
 {
     PutObject(kStatus, kOid);
-    const uint64_t taken = Tick();
-    Notify(kCreate, {kOid});
-    Notify(kDestroy, {kOid}, taken);
-    EXPECT_EQ(Oids(), Lines{});
+    uint64_t taken = Tick();
+    EXPECT_EQ(Tell(kCreate), 0);
+    EXPECT_EQ(Tell(kDestroy, taken), 0);
     EXPECT_EQ(Queued(), "7 256");
     // The usual case, and that of a create which the old row kept out.
-    Notify(kCreate, {kOid});
-    Notify(kDestroy, {kOid});
+    EXPECT_EQ(Tell(kCreate), 0);
+    taken = Tick();
+    EXPECT_EQ(Tell(kDestroy), 0);
     EXPECT_EQ(Queued(), "");
-    Notify(kCreate, {kOid});
-    const uint64_t takenLater = Tick();
-    const Bytes again = List(kCreate, {kOid});
-    EXPECT_EQ(ObjectNotification(EventOf(again), kCreate), -1);
-    Notify(kDestroy, {kOid}, takenLater);
+    EXPECT_TRUE(ObjectClaim(kOid, taken).IsOvertaken()) << "it is gone";
+    EXPECT_EQ(Tell(kCreate), 0);
+    taken = Tick();
+    EXPECT_EQ(Tell(kCreate), -1);
+    EXPECT_EQ(Tell(kDestroy, taken), 0);
     EXPECT_EQ(Queued(), "7 256");
+    EXPECT_EQ(mirror_.Rows("SELECT OID FROM TblDMStatus_Child_Obj"), Lines{});
 }
 
 // The Data Manager may answer nobody until its callback returns.
-TEST_F(OrderTest, TheCallbackLeavesToTheQueueWhatOthersHaveInHand)
+TEST_F(Handler, TheCallbackLeavesToTheQueueWhatOthersHaveInHand)
 {
-    const Words oids = {kOid, kOid + 1};
-    for (const uint32_t oid : oids)
+    for (const uint32_t oid : {kOid, kOid + 1})
     {
-        PutObject(kStatus, oid);
+        EXPECT_EQ(Create(Status(oid, "p", 1)), 0);
     }
-    Notify(kCreate, oids);
     {
         const ObjectClaim inHand(kOid, Tick());
         std::thread(
-            [&]
+            []
             {
-                const Bytes record = List(kDestroy, oids);
+                const Bytes record = List(kDestroy, {kOid, kOid + 1});
                 EXPECT_EQ(NotifyOnCallback(EventOf(record), kDestroy), 0);
             })
             .join();
     }
-    EXPECT_EQ(Oids(), Lines{"256"});
+    EXPECT_EQ(mirror_.Rows("SELECT OID FROM TblDMStatus_Child_Obj"),
+              Lines{"256"});
     EXPECT_EQ(Queued(), "8 256");
     EXPECT_EQ(Queued(), "");
 }

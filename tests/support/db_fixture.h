@@ -4,6 +4,7 @@
 
 #include "core/sleep.h"
 #include "core/status.h"
+#include "db/statement_ptr.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mirror.h"
 #include "tests/support/sqlite_faults.h"
@@ -67,29 +68,30 @@ inline void Restart(int logLevel = 6)
     CaptureLog(logLevel);
 }
 
-// A connection of another process, which can hold a lock, and doesn't wait for
-// those of others.
+// A connection as another process has it, which doesn't wait for the locks of
+// others.
+inline ConnectionPtr OpenDatabase(const std::string &path)
+{
+    sqlite3 *opened = nullptr;
+    EXPECT_EQ(sqlite3_open(path.c_str(), &opened), SQLITE_OK);
+    return ConnectionPtr(opened);
+}
+
 class OtherProcess
 {
   public:
     explicit OtherProcess(const std::string &path)
+        : connection_(OpenDatabase(path))
     {
-        EXPECT_EQ(sqlite3_open(path.c_str(), &connection_), SQLITE_OK);
     }
-    ~OtherProcess()
-    {
-        sqlite3_close(connection_);
-    }
-    OtherProcess(const OtherProcess &) = delete;
-    OtherProcess &operator=(const OtherProcess &) = delete;
 
     int Run(const char *sql) const
     {
-        return sqlite3_exec(connection_, sql, nullptr, nullptr, nullptr);
+        return sqlite3_exec(connection_.get(), sql, nullptr, nullptr, nullptr);
     }
 
   private:
-    sqlite3 *connection_ = nullptr;
+    ConnectionPtr connection_;
 };
 
 class DbTest : public ::testing::Test

@@ -34,10 +34,10 @@ inline int Create(const Bytes &object, const DataObjHeader *parent = nullptr)
     return CreateObject(*FindRow(pDOH->objType), pDOH, parent);
 }
 
-inline int Refresh(const Bytes &object, const DataObjHeader *parent = nullptr)
+inline int Refresh(const Bytes &object)
 {
     const DataObjHeader *pDOH = HeaderOf(object);
-    return RefreshObject(*FindRow(pDOH->objType), pDOH, parent);
+    return RefreshObject(*FindRow(pDOH->objType), pDOH, nullptr);
 }
 
 inline int Delete(const Bytes &object)
@@ -65,13 +65,6 @@ inline Bytes Status(uint32_t oid, const std::string &name, int status)
 inline Bytes List(uint32_t oid, const std::string &elements)
 {
     return MakeObject(kList, oid, R"({"ObjTypeList": [)" + elements + "]}");
-}
-
-// "T" for a present time in a row's tag.
-inline std::string Timeless(const std::string &text)
-{
-    static const std::regex kTime(R"("SingleRecordEtag": "\d{10}")");
-    return std::regex_replace(text, kTime, R"("SingleRecordEtag": "T")");
 }
 
 // The statements whose text contains these, and how they fail.
@@ -118,14 +111,17 @@ class Handler : public DbTest
         DbusEventsEnabled = 1;
     }
 
-    // What has been announced since the last call.
+    // What has been announced since the last call, with "T" for a present time
+    // in a row's tag.
     Lines Announced()
     {
+        static const std::regex kTime(R"("SingleRecordEtag": "\d{10}")");
         Lines lines;
         for (const auto &[member, json, serial] : listener_.TakeAll())
         {
-            lines.push_back(member.substr(kMemberPrefix.size()) + " " +
-                            Timeless(json));
+            lines.push_back(
+                member.substr(kMemberPrefix.size()) + " " +
+                std::regex_replace(json, kTime, R"("SingleRecordEtag": "T")"));
         }
         return lines;
     }
@@ -139,12 +135,6 @@ class Handler : public DbTest
             kind.erase(kind.find(' '));
         }
         return kinds;
-    }
-
-    std::string Count(const std::string &table, uint32_t oid)
-    {
-        return mirror_.Value("SELECT count(*) FROM " + table +
-                             " WHERE OID = " + std::to_string(oid));
     }
 
     ChangeListener listener_;

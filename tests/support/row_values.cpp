@@ -1,13 +1,10 @@
 #include "tests/support/row_values.h"
 
-#include "tests/support/temp_root.h"
-#include "tools/audit/expected.h"
-
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <string>
+#include <vector>
 
 namespace qdb::test
 {
@@ -90,6 +87,24 @@ bool LiesUnderText(const Table &table, const Source &source)
                                });
 }
 
+// The numbers of the integer forms, in their order: a set begins with `first`
+// or `second`, and each column goes on from there by its index.
+constexpr struct
+{
+    int64_t first;
+    int64_t second;
+    int64_t count;
+    int64_t step; // of the second set
+} kNumbers[] = {
+    {1, 121, 120, 1},                                   // U8
+    {1000, 65000, INT64_MAX, 1},                        // U16
+    {100000, 4000000000, INT64_MAX, 1},                 // U32
+    {int64_t{1} << 40, int64_t{1} << 61, INT64_MAX, 1}, // U64
+    {1, -1, 100, -1},                                   // I8
+    {1000, -1000, INT64_MAX, -1},                       // I16
+    {100000, -100000, INT64_MAX, -1},                   // I32
+};
+
 int64_t IntegerOf(const Source &source, size_t index, ValueSet set, bool ascii)
 {
     const auto i = static_cast<int64_t>(index);
@@ -98,45 +113,27 @@ int64_t IntegerOf(const Source &source, size_t index, ValueSet set, bool ascii)
     {
         return (first ? 0x31313101 : 0x32323201) + i % 100;
     }
-    switch (source.form)
+    if (source.form == Form::Bits)
     {
-    case Form::U8:
-        return i % 120 + (first ? 1 : 121);
-    case Form::I8:
-        return first ? i % 100 + 1 : -(i % 100) - 1;
-    case Form::U16:
-        return first ? 1000 + i : 65000 + i;
-    case Form::I16:
-        return first ? 1000 + i : -1000 - i;
-    case Form::U32:
-        return first ? 100000 + i : int64_t{4000000000} + i;
-    case Form::I32:
-        return first ? 100000 + i : -100000 - i;
-    case Form::U64:
-        return (int64_t{1} << (first ? 40 : 61)) + i;
-    default: // Bits
         return first ? 1 : (int64_t{1} << source.width) - 2;
     }
+    const auto &numbers = kNumbers[static_cast<size_t>(source.form)];
+    return first ? numbers.first + i % numbers.count
+                 : numbers.second + numbers.step * (i % numbers.count);
 }
 
 json_t *ListOf(Join join, ValueSet set)
 {
-    const char *tail = set == ValueSet::First ? "1" : "2";
+    const bool isAddresses = join == Join::DnsServers || join == Join::Gateways;
+    const std::vector<std::string> stems =
+        isAddresses
+            ? std::vector<std::string>{"2001:db8::", "192.0.2.", "198.51.100."}
+            : std::vector<std::string>{"one", "two"};
     json_t *list = json_array();
-    const auto add = [&](const std::string &text)
+    for (const std::string &stem : stems)
     {
-        json_array_append_new(list, json_string((text + tail).c_str()));
-    };
-    if (join == Join::DnsServers || join == Join::Gateways)
-    {
-        add("2001:db8::");
-        add("192.0.2.");
-        add("198.51.100.");
-    }
-    else
-    {
-        add("one");
-        add("two");
+        const std::string text = stem + (set == ValueSet::First ? "1" : "2");
+        json_array_append_new(list, json_string(text.c_str()));
     }
     return list;
 }
@@ -229,134 +226,6 @@ void AddKind(const ObjTypeRow &row, json_t *values)
     }
 }
 
-// --- What is there -----------------------------------------------------------
-
-struct ToJson
-{
-    json_t *operator()(std::monostate) const
-    {
-        return json_null();
-    }
-    json_t *operator()(int64_t number) const
-    {
-        return json_integer(number);
-    }
-    json_t *operator()(double number) const
-    {
-        return json_real(number);
-    }
-    json_t *operator()(const std::string &text) const
-    {
-        return json_stringn(text.data(), text.size());
-    }
-    json_t *operator()(const audit::Blob &) const
-    {
-        return json_string("(bytes)");
-    }
-};
-
-// The elements of an array that differ from those before, as many as those.
-json_t *DifferentElements(const json_t *before, const json_t *after)
-{
-    json_t *changed = json_array();
-    for (size_t i = 0; i < json_array_size(before); ++i)
-    {
-        json_t *element = json_array_get(after, i);
-        if (json_equal(json_array_get(before, i), element) == 0)
-        {
-            json_array_append(changed, element);
-        }
-    }
-    return changed;
-}
-
-constexpr char kTag[] = "SingleRecordEtag";
-
-JsonPtr Parsed(const std::string &text)
-{
-    return JsonPtr(json_loads(text.c_str(), 0, nullptr));
-}
-
-std::string JsonPairs(std::span<const Column> columns)
-{
-    std::string pairs;
-    for (const Column &column : columns)
-    {
-        const std::string name = column.name;
-        pairs.append(pairs.empty() ? "'" : ", '")
-            .append(name + "', \"" + name + "\"");
-    }
-    return pairs;
-}
-
-// Puts the elements of an array, if it has any, into its row.
-void AddElements(const ArrayProperty &property, const std::string &database,
-                 const std::string &where, json_t *row)
-{
-    const JsonPtr elements(json_array());
-    for (const std::string &element :
-         Query(database, "SELECT json_object('ARR_INDEX', ARR_INDEX, " +
-                             JsonPairs(property.table->columns) + ") FROM " +
-                             property.table->name + where + " AND PROP = '" +
-                             property.name + "' ORDER BY ARR_INDEX"))
-    {
-        json_array_append_new(elements.get(), Parsed(element).release());
-    }
-    if (json_array_size(elements.get()) != 0)
-    {
-        json_object_set(row, property.name, elements.get());
-    }
-}
-
-// A row as its table holds it, without its tag; NULL when there is none.
-JsonPtr TableRow(const std::string &database, const Table &table, uint32_t oid)
-{
-    sqlite3 *opened = nullptr;
-    EXPECT_EQ(sqlite3_open_v2(database.c_str(), &opened, SQLITE_OPEN_READONLY,
-                              nullptr),
-              SQLITE_OK);
-    const ConnectionPtr connection(opened);
-    sqlite3_busy_timeout(opened, 10000);
-    const std::string sql =
-        std::string("SELECT * FROM ") + table.name +
-        " WHERE OID = " + std::to_string(static_cast<int32_t>(oid));
-    sqlite3_stmt *made = nullptr;
-    EXPECT_EQ(sqlite3_prepare_v2(opened, sql.c_str(), -1, &made, nullptr),
-              SQLITE_OK)
-        << sqlite3_errmsg(opened);
-    const StatementPtr statement(made);
-    if (sqlite3_step(made) != SQLITE_ROW)
-    {
-        return nullptr;
-    }
-    JsonPtr row(json_object());
-    for (const Column &column : table.columns)
-    {
-        const auto index = static_cast<int>(&column - table.columns.data());
-        EXPECT_STREQ(sqlite3_column_name(made, index), column.name);
-        json_object_set_new(row.get(), column.name,
-                            std::visit(ToJson(), audit::CellOf(made, index)));
-    }
-    return row;
-}
-
-// A row's integers as the reader of wide tables gives them: cut to 32 bits.
-JsonPtr AsSignalled(const Table &table, const json_t *row)
-{
-    JsonPtr copy(json_deep_copy(row));
-    const char *key = nullptr;
-    json_t *value = nullptr;
-    json_object_foreach(copy.get(), key, value)
-    {
-        if (ReadsWithSelectStar(table) && json_is_integer(value))
-        {
-            json_integer_set(value, static_cast<int32_t>(static_cast<uint64_t>(
-                                        json_integer_value(value))));
-        }
-    }
-    return copy;
-}
-
 } // namespace
 
 JsonPtr ValuesFor(const ObjTypeRow &row, ValueSet set)
@@ -379,59 +248,6 @@ JsonPtr ValuesFor(const ObjTypeRow &row, ValueSet set)
     AddArrays(table, set, values.get());
     AddKind(row, values.get());
     return values;
-}
-
-JsonPtr SignalledRow(const std::string &database, const Table &table,
-                     uint32_t oid)
-{
-    const std::string where =
-        " WHERE OID = " + std::to_string(static_cast<int32_t>(oid));
-    const std::string from = std::string(" FROM ") + table.name + where;
-    JsonPtr row;
-    if (ReadsWithSelectStar(table))
-    {
-        row = AsSignalled(table, TableRow(database, table, oid).get());
-        json_object_set_new(
-            row.get(), kTag,
-            json_string(
-                QueryValue(database, std::string("SELECT ") + kTag + from)
-                    .c_str()));
-    }
-    else
-    {
-        row = Parsed(QueryValue(
-            database, "SELECT json_object(" + JsonPairs(table.columns) + ", '" +
-                          kTag + "', " + kTag + ")" + from));
-    }
-    // A text that JSON can't hold is missing.
-    if (json_object_size(row.get()) != table.columns.size() + 1)
-    {
-        return nullptr;
-    }
-    for (const ArrayProperty &property : table.arrays)
-    {
-        AddElements(property, database, where, row.get());
-    }
-    return row;
-}
-
-JsonPtr Difference(const json_t *before, const json_t *after)
-{
-    JsonPtr changed(json_object());
-    const char *key = nullptr;
-    json_t *value = nullptr;
-    json_object_foreach(const_cast<json_t *>(after), key, value)
-    {
-        const json_t *was = json_object_get(before, key);
-        if (json_equal(was, value) == 0)
-        {
-            json_object_set_new(changed.get(), key,
-                                json_is_array(was) && json_is_array(value)
-                                    ? DifferentElements(was, value)
-                                    : json_incref(value));
-        }
-    }
-    return changed;
 }
 
 } // namespace qdb::test
