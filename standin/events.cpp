@@ -6,10 +6,8 @@
 #include "standin/state.h"
 #include "standin/support.h"
 
-#include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -55,19 +53,11 @@ int64_t Now()
 // NULL, with a complaint, without memory.
 Record MakeRecord(std::span<const uint8_t> bytes)
 {
-    uint32_t claimed = 0;
-    std::memcpy(&claimed, bytes.data(),
-                std::min(bytes.size(), sizeof(claimed)));
-    const size_t size =
-        std::max({bytes.size(), size_t{claimed}, sizeof(DataEventHeader)});
-    Record record(std::calloc(1, size));
+    Record record(ClaimedCopy(bytes, sizeof(DataEventHeader)));
     if (record == nullptr)
     {
-        Complain("no memory for an event record of %zu bytes", size);
-    }
-    else if (!bytes.empty())
-    {
-        std::memcpy(record.get(), bytes.data(), bytes.size());
+        Complain("no memory for an event record of %zu bytes",
+                 ClaimedSize(bytes));
     }
     return record;
 }
