@@ -38,12 +38,13 @@ int GetObject(Call call, uint16_t type, const char *path, DataObjHeader **ppDOH)
     }
     const LockedState state;
     const auto &objects = state->Config(type);
-    const auto found = std::ranges::find_if(
-        objects,
-        [&](const auto &item)
-        {
-            return item.second.type == type && ConfigPath(item.first) == path;
-        });
+    const auto found =
+        std::ranges::find_if(objects,
+                             [&](const auto &item)
+                             {
+                                 return item.second.type == type &&
+                                        AttributePath(item.first) == path;
+                             });
     if (found == objects.end())
     {
         return kNoSuchObject;

@@ -47,13 +47,13 @@ void AnnounceMany(const Request &request, json_t *reply)
     const auto oids = request.Numbers<uint32_t>("oids");
     if (request.IsTrue("together"))
     {
-        SetNumber(reply, "begin", QueueObjectList(eventType, oids));
+        SetNumber(reply, "begin", SendObjectList(eventType, oids));
         return;
     }
     const auto rate = request.Number<uint32_t>("rate", 0);
     if (rate == 0)
     {
-        SetNumber(reply, "begin", QueueObjects(eventType, oids));
+        SetNumber(reply, "begin", SendObjects(eventType, oids));
         return;
     }
     std::vector<int64_t> delivered;

@@ -73,7 +73,7 @@ Json Description(const Object &object)
     return Json(json_pack("{s:s,s:I,s:s,s:s,s:o*}", "interface",
                           kInterfaces[object.type - kGroupType], "oid",
                           json_int_t{object.oid}, "key", object.key.c_str(),
-                          "path", ConfigPath(object.key).c_str(), "values",
+                          "path", AttributePath(object.key).c_str(), "values",
                           json_deep_copy(object.values.get())));
 }
 
@@ -105,7 +105,7 @@ uint16_t ConfigType(const std::string &interfaceName)
                : static_cast<uint16_t>(kGroupType + (known - kInterfaces));
 }
 
-std::string ConfigPath(const std::string &key)
+std::string AttributePath(const std::string &key)
 {
     std::string path = "/com/vexo/tarnu/Config/Attributes/";
     for (const char c : key)
@@ -225,11 +225,6 @@ Error RemoveAttribute(const std::string &key)
     return LockedState()->attributes.erase(key) == 0
                ? Print("there is no attribute %s", key.c_str())
                : Error();
-}
-
-std::string AttributePath(const std::string &key)
-{
-    return ConfigPath(key);
 }
 
 int IntegerAttribute(const std::string &key, int otherwise)

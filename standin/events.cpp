@@ -165,21 +165,23 @@ bool HasListener()
     return queue.listener != nullptr;
 }
 
-void QueueRecord(std::span<const uint8_t> bytes)
+void SendRecord(std::span<const uint8_t> bytes)
 {
+    Start();
     std::vector<Record> one;
     one.push_back(MakeRecord(bytes));
     QueueRecords(std::move(one));
 }
 
-int64_t QueueObjectList(uint16_t eventType, std::span<const uint32_t> oids)
+int64_t SendObjectList(uint16_t eventType, std::span<const uint32_t> oids)
 {
+    Start();
     std::vector<Record> one;
     one.push_back(MakeObjectList(eventType, oids));
     return QueueRecords(std::move(one));
 }
 
-int64_t QueueObjects(uint16_t eventType, std::span<const uint32_t> oids)
+int64_t SendObjects(uint16_t eventType, std::span<const uint32_t> oids)
 {
     std::vector<Record> records;
     for (const uint32_t &oid : oids)
@@ -232,18 +234,6 @@ bool WaitForRecords(size_t left, Deadline deadline)
                            return few() || queue.listener == nullptr;
                        });
     return few();
-}
-
-void SendRecord(std::span<const uint8_t> record)
-{
-    Start();
-    QueueRecord(record);
-}
-
-void SendObjectList(uint16_t eventType, std::span<const uint32_t> oids)
-{
-    Start();
-    QueueObjectList(eventType, oids);
 }
 
 bool WaitDelivered(int timeoutMs)

@@ -221,7 +221,7 @@ Error AnnounceAtRate(uint16_t eventType, std::span<const uint32_t> oids,
     for (size_t i = 0; i < oids.size(); ++i)
     {
         SleepUntilDue(begin, i, perSecond);
-        QueueObjectList(eventType, {&oids[i], 1});
+        SendObjectList(eventType, {&oids[i], 1});
     }
     const bool delivered = WaitForRecords(0, {});
     *pDelivered = Deliveries();

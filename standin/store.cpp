@@ -139,7 +139,7 @@ Error CreateObject(const ObjectSpec &spec, bool announce, uint32_t *pOid)
     state->nextOid = nextOid;
     if (announce)
     {
-        QueueObjectList(kCreate, {&oid, 1});
+        SendObjectList(kCreate, {&oid, 1});
     }
     if (pOid != nullptr)
     {
@@ -167,7 +167,7 @@ Error SetObject(uint32_t oid, json_t *values, bool announce)
     Error error = ChangeValues(object, values);
     if (error.empty() && announce)
     {
-        QueueObjectList(kDirtyList, {&oid, 1});
+        SendObjectList(kDirtyList, {&oid, 1});
     }
     return error;
 }
@@ -188,7 +188,7 @@ Error DeleteObjects(std::span<const uint32_t> oids, bool announce)
     }
     if (announce && !oids.empty())
     {
-        QueueObjectList(kDestroy, oids);
+        SendObjectList(kDestroy, oids);
     }
     return {};
 }
@@ -213,7 +213,7 @@ Error SetStatus(uint32_t oid, uint8_t status, bool announce)
         std::vector<uint8_t> record(head);
         std::memcpy(record.data(), &header, sizeof(header));
         record.insert(record.end(), bytes.begin(), bytes.end());
-        QueueRecord(record);
+        SendRecord(record);
     }
     return {};
 }
@@ -281,7 +281,7 @@ void AnnounceObjects(std::span<const uint32_t> oids)
     while (!oids.empty())
     {
         const auto list = oids.first(std::min(oids.size(), kLongestList));
-        QueueObjectList(kCreate, list);
+        SendObjectList(kCreate, list);
         oids = oids.subspan(list.size());
     }
 }
@@ -295,7 +295,7 @@ void Detach()
     header.evtType = kDetached;
     uint8_t record[sizeof(header)];
     std::memcpy(record, &header, sizeof(header));
-    QueueRecord(record);
+    SendRecord(record);
 }
 
 void Attach()
