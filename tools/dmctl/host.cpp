@@ -75,9 +75,15 @@ std::vector<Block> ReadBlocks(const std::string &text)
     return blocks;
 }
 
-int64_t NumberAt(const std::vector<std::string> &words, size_t index)
+std::optional<int64_t> NumberAt(const std::vector<std::string> &words,
+                                size_t index)
 {
-    return index < words.size() ? ParseNumber(words[index]).value_or(0) : 0;
+    return index < words.size() ? ParseNumber(words[index]) : std::nullopt;
+}
+
+std::optional<int64_t> Kibibytes(const HostFiles &files, const char *word)
+{
+    return NumberAt(files.Line("/proc/meminfo", word), 1);
 }
 
 int64_t Percent(int64_t part, int64_t whole)
@@ -158,12 +164,13 @@ void Host::Add(const HostKind &kind, const std::string &name,
 void Host::AddSystem(time_t now)
 {
     HostValues values(kSystemKind.table);
-    const char *const kMemory[][2] = {{"SysMemTotalSize", "MemTotal:"},
-                                      {"SysMemAvailableSize", "MemAvailable:"}};
-    for (const auto &[column, word] : kMemory)
+    if (const auto total = Kibibytes(mFiles, "MemTotal:"))
     {
-        values.Number(column,
-                      NumberAt(mFiles.Line("/proc/meminfo", word), 1) / 1024);
+        values.Number("SysMemTotalSize", *total / 1024);
+    }
+    if (const auto available = Kibibytes(mFiles, "MemAvailable:"))
+    {
+        values.Number("SysMemAvailableSize", *available / 1024);
     }
     values.Number("systemBootupTime",
                   NumberAt(mFiles.Line("/proc/stat", "btime"), 1));
@@ -217,13 +224,12 @@ void Host::AddUsage(time_t now)
     // The guest's ticks behind the eighth are in the user's already.
     for (size_t index = 1; index <= 8; index++)
     {
-        all += NumberAt(ticks, index);
+        all += NumberAt(ticks, index).value_or(0);
     }
-    const int64_t busy = all - NumberAt(ticks, 4) - NumberAt(ticks, 5);
-    const int64_t total =
-        NumberAt(mFiles.Line("/proc/meminfo", "MemTotal:"), 1);
-    const int64_t available =
-        NumberAt(mFiles.Line("/proc/meminfo", "MemAvailable:"), 1);
+    const int64_t busy =
+        all - NumberAt(ticks, 4).value_or(0) - NumberAt(ticks, 5).value_or(0);
+    const auto total = Kibibytes(mFiles, "MemTotal:");
+    const auto available = Kibibytes(mFiles, "MemAvailable:");
     const auto add =
         [&](const char *name, HostUsage &usage, int64_t part, int64_t whole)
     {
@@ -236,9 +242,9 @@ void Host::AddUsage(time_t now)
     {
         add("CPU", mProcessors, busy - mBusyTicks, all - mAllTicks);
     }
-    if (total > 0)
+    if (total && available)
     {
-        add("Memory", mMemory, total - available, total);
+        add("Memory", mMemory, *total - *available, *total);
     }
     mBusyTicks = busy;
     mAllTicks = all;

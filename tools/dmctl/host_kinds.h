@@ -84,7 +84,7 @@ inline constexpr Field kDisk[] = {
     {"serialNumber",                            From::Text,    "/serial"},
     {"serialNumber",                            From::Text,    "/device/serial"},
     {"blockSize",                               From::Decimal, "/queue/logical_block_size"},
-    {"size",                                    From::Decimal, "/size", 512}, // whatever the block's is
+    {"size",                                    From::Decimal, "/size", 512}, // in sectors, whatever the blocks are
 };
 // The kernel tells thousandths of a degree, probes tenths.
 inline constexpr Field kTemperature[] = {
