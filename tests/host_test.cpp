@@ -56,7 +56,7 @@ std::string Listing(Host &host, time_t now)
 TEST(Host, HoldsWhatTheMachineShows)
 {
     const std::string pci = "/sys/bus/pci/devices/0000:3b:00.1/";
-    const std::string odd = std::string(30, 'm') + "\u00e4";
+    const std::string odd = std::string(31, 'm'); // and half a character
     const struct
     {
         const char *name;
@@ -78,7 +78,7 @@ TEST(Host, HoldsWhatTheMachineShows)
          R"("friendlyFQDD":"0000:3b:00.1","maxLinkWidth":255,"vendorID":6900})" "\n"},
         {"disk with odd texts",
          {{"/sys/block/sda/size", "9223372036854775807\n"}, {"/sys/block/sda/device/uevent", "DRIVER=sd\n"},
-          {"/sys/block/sda/device/model", odd + "xyz"}, {"/sys/block/sda/device/serial", "A\xff" "B"},
+          {"/sys/block/sda/device/model", odd + "\u00e4xyz"}, {"/sys/block/sda/device/serial", "A\xff" "B"},
           {"/sys/block/loop3/size", "8\n"}},
          R"(304||Host.Disk.sda {"fqdd":"Host.Disk.sda","hdr_DOT_objName":"sda","modelName":")" + odd +
          R"(","serialNumber":"A?B","size":9223372036854775296,"uSiObj_DOT_sbSiObj_DOT_BSInfo_DOT_FQDD":"Host.Disk.sda",)"

@@ -294,6 +294,7 @@ constexpr char kScenario[] = R"({
 // clang-format off
 // Asked in this order; a reply has to begin with the text given.
 constexpr std::pair<const char *, const char *> kExchange[] = {
+    {R"({"op":"wait","timeoutMs":1})", R"({"ok":true})"}, // the scenario announces nothing
     {R"({"op":"list"})",
      R"({"ok":true,"objects":[{"oid":100,"type":225,"key":"dimm 1"},)"
      R"({"oid":105,"type":225,"key":"dimm 2"},{"oid":110,"type":225,"key":"dimm 3"},)"
