@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <bit>
 #include <cstdlib>
-#include <cstring>
 #include <string_view>
 
 using namespace standin;
@@ -21,14 +20,9 @@ constexpr int kInvalidArgument = 2;
 constexpr int kNoSuchObject = 256;
 constexpr int kNoMemory = 272;
 
-DataObjHeader *Copy(const ConfigObject &object)
+DataObjHeader *Copy(const Object &object)
 {
-    void *copy = std::malloc(object.bytes.size());
-    if (copy != nullptr)
-    {
-        std::memcpy(copy, object.bytes.data(), object.bytes.size());
-    }
-    return static_cast<DataObjHeader *>(copy);
+    return static_cast<DataObjHeader *>(ClaimedCopy(object.bytes));
 }
 
 int GetObject(Call call, uint16_t type, const char *path, DataObjHeader **ppDOH)
@@ -42,15 +36,15 @@ int GetObject(Call call, uint16_t type, const char *path, DataObjHeader **ppDOH)
     {
         return kInvalidArgument;
     }
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
-    const auto &objects = type == kGroupType ? state.groups : state.attributes;
-    const auto found = std::ranges::find_if(
-        objects,
-        [&](const auto &item)
-        {
-            return item.second.type == type && ConfigPath(item.first) == path;
-        });
+    const LockedState state;
+    const auto &objects = state->Config(type);
+    const auto found =
+        std::ranges::find_if(objects,
+                             [&](const auto &item)
+                             {
+                                 return item.second.type == type &&
+                                        AttributePath(item.first) == path;
+                             });
     if (found == objects.end())
     {
         return kNoSuchObject;
@@ -118,9 +112,8 @@ int client_get_objects(const char *interfaceName, const char *,
     {
         return kNoSuchObject;
     }
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
-    const auto &objects = type == kGroupType ? state.groups : state.attributes;
+    const LockedState state;
+    const auto &objects = state->Config(type);
     auto *list = static_cast<uintptr_t *>(
         std::calloc(objects.size() + 1, sizeof(uintptr_t)));
     if (list == nullptr)

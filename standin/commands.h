@@ -15,10 +15,4 @@ Json Execute(const json_t *request);
 // The reply to a command that failed.
 Json FailureReply(const Error &error);
 
-// The commands "create", without an event, "attribute", "fault" and "delay".
-Error CreateFromJson(const json_t *arguments);
-Error AttributeFromJson(const json_t *arguments);
-Error FaultFromJson(const json_t *arguments);
-Error DelayFromJson(const json_t *arguments);
-
 } // namespace standin

@@ -2,11 +2,9 @@
 #include "standin/config.h"
 
 #include "platform/zoil.h"
-#include "standin/object_builder.h"
 #include "standin/standin.h"
 #include "standin/state.h"
 #include "standin/store.h"
-#include "standin/support.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -21,18 +19,10 @@ namespace standin
 namespace
 {
 
-struct ConfigInterface
-{
-    const char *name;
-    uint16_t type;
-};
-
-constexpr ConfigInterface kInterfaces[] = {
-    {"CfgGroup", kGroupType},
-    {"CfgIntAttribute", kIntAttributeType},
-    {"CfgStrAttribute", kStrAttributeType},
-    {"CfgEnumAttribute", kEnumAttributeType},
-    {"CfgPasswdAttribute", kPasswdAttributeType},
+// By type.
+constexpr const char *kInterfaces[] = {
+    "CfgGroup",         "CfgIntAttribute",    "CfgStrAttribute",
+    "CfgEnumAttribute", "CfgPasswdAttribute",
 };
 
 // A group is a header with the flags, the offset of the key, and the key.
@@ -70,28 +60,21 @@ void MakeGroup(State *pState, const std::string &key, uint32_t oid = 0)
     {
         return;
     }
-    ConfigObject group;
+    Object group;
     group.type = kGroupType;
     group.oid = oid != 0 ? oid : TakeOid(*pState, &pState->nextConfigOid);
+    group.key = key;
     group.bytes = GroupBytes(group.oid, key);
     pState->groups.emplace(key, std::move(group));
 }
 
-const char *InterfaceName(uint16_t type)
+Json Description(const Object &object)
 {
-    const auto *known =
-        std::ranges::find(kInterfaces, type, &ConfigInterface::type);
-    return known == std::end(kInterfaces) ? "" : known->name;
-}
-
-Json Description(const std::string &key, const ConfigObject &object)
-{
-    return Json(json_pack(
-        "{s:s,s:I,s:s,s:s,s:o*}", "interface", InterfaceName(object.type),
-        "oid", json_int_t{object.oid}, "key", key.c_str(), "path",
-        ConfigPath(key).c_str(), "values",
-        object.values == nullptr ? nullptr
-                                 : json_deep_copy(object.values.get())));
+    return Json(json_pack("{s:s,s:I,s:s,s:s,s:o*}", "interface",
+                          kInterfaces[object.type - kGroupType], "oid",
+                          json_int_t{object.oid}, "key", object.key.c_str(),
+                          "path", AttributePath(object.key).c_str(), "values",
+                          json_deep_copy(object.values.get())));
 }
 
 void WriteStateFile(const State &state)
@@ -116,17 +99,13 @@ uint16_t ConfigType(const std::string &interfaceName)
 {
     const std::string name =
         interfaceName.substr(interfaceName.find_last_of('.') + 1);
-    for (const ConfigInterface &known : kInterfaces)
-    {
-        if (name == known.name)
-        {
-            return known.type;
-        }
-    }
-    return 0;
+    const auto *known = std::ranges::find(kInterfaces, name);
+    return known == std::end(kInterfaces)
+               ? uint16_t{0}
+               : static_cast<uint16_t>(kGroupType + (known - kInterfaces));
 }
 
-std::string ConfigPath(const std::string &key)
+std::string AttributePath(const std::string &key)
 {
     std::string path = "/com/vexo/tarnu/Config/Attributes/";
     for (const char c : key)
@@ -141,10 +120,9 @@ std::string ConfigPath(const std::string &key)
 
 Json DescribeConfig(const std::string &prefix)
 {
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
-    std::multimap<std::string_view, const ConfigObject *> sorted;
-    for (const auto *objects : {&state.groups, &state.attributes})
+    const LockedState state;
+    std::multimap<std::string_view, const Object *> sorted;
+    for (const auto *objects : {&state->groups, &state->attributes})
     {
         for (const auto &[key, object] : *objects)
         {
@@ -155,41 +133,35 @@ Json DescribeConfig(const std::string &prefix)
     for (auto at = sorted.lower_bound(prefix);
          at != sorted.end() && at->first.starts_with(prefix); ++at)
     {
-        json_array_append_new(
-            list.get(),
-            Description(std::string(at->first), *at->second).release());
+        json_array_append_new(list.get(), Description(*at->second).release());
     }
     return list;
 }
 
 Error PutGroup(const std::string &key, uint32_t oid)
 {
-    Start();
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
+    const LockedState state;
     if (key.empty())
     {
         return "a group needs a key";
     }
-    if (state.groups.contains(key))
+    if (state->groups.contains(key))
     {
         return Print("there is a group %s already", key.c_str());
     }
-    if (oid != 0 && IsTaken(state, oid))
+    if (oid != 0 && IsTaken(*state, oid))
     {
         return Print("OID 0x%X is taken", oid);
     }
-    MakeGroup(&state, key, oid);
+    MakeGroup(&*state, key, oid);
     return {};
 }
 
 Error RemoveGroup(const std::string &key)
 {
-    Start();
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
+    const LockedState state;
     const bool isUsed =
-        std::ranges::any_of(state.attributes,
+        std::ranges::any_of(state->attributes,
                             [&key](const auto &item)
                             {
                                 return GroupKey(item.first) == key;
@@ -198,7 +170,7 @@ Error RemoveGroup(const std::string &key)
     {
         return Print("the group %s has attributes", key.c_str());
     }
-    return state.groups.erase(key) == 0
+    return state->groups.erase(key) == 0
                ? Print("there is no group %s", key.c_str())
                : Error();
 }
@@ -206,7 +178,6 @@ Error RemoveGroup(const std::string &key)
 Error PutAttribute(const std::string &interfaceName, const std::string &key,
                    json_t *values, uint32_t oid)
 {
-    Start();
     const uint16_t type = ConfigType(interfaceName);
     if (type == 0 || type == kGroupType)
     {
@@ -218,74 +189,58 @@ Error PutAttribute(const std::string &interfaceName, const std::string &key,
     {
         return Print("the key \"%s\" names no group", key.c_str());
     }
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
-    const auto found = state.attributes.find(key);
-    const bool exists = found != state.attributes.end();
-    if (exists && found->second.type != type)
+    const LockedState state;
+    const auto found = state->attributes.find(key);
+    const Object *const old =
+        found == state->attributes.end() ? nullptr : &found->second;
+    if (old != nullptr && old->type != type)
     {
         return Print("%s is an attribute of another interface", key.c_str());
     }
-    if (oid != 0 && IsTaken(state, oid) &&
-        !(exists && found->second.oid == oid))
+    const bool isNewOid = oid != 0 && (old == nullptr || old->oid != oid);
+    if (isNewOid && IsTaken(*state, oid))
     {
         return Print("OID 0x%X is taken", oid);
     }
-    ConfigObject object;
+    Object object;
     object.type = type;
-    object.oid = oid != 0 ? oid
-                 : exists ? found->second.oid
-                          : TakeOid(state, &state.nextConfigOid);
-    object.values =
-        MergedValues(exists ? found->second.values.get() : nullptr, values);
-    if (json_object_get(object.values.get(), "Key") == nullptr)
-    {
-        json_object_set_new(object.values.get(), "Key",
-                            json_string(key.c_str()));
-    }
-    Error error;
-    object.bytes = BuildObject({.type = type, .oid = object.oid},
-                               object.values.get(), &error);
+    object.oid = oid != 0         ? oid
+                 : old != nullptr ? old->oid
+                                  : TakeOid(*state, &state->nextConfigOid);
+    object.key = key;
+    object.values.reset(old != nullptr
+                            ? json_incref(old->values.get())
+                            : json_pack("{s:s}", "Key", key.c_str()));
+    Error error = ChangeValues(&object, values);
     if (error.empty())
     {
-        MakeGroup(&state, group);
-        state.attributes.insert_or_assign(key, std::move(object));
+        MakeGroup(&*state, group);
+        state->attributes.insert_or_assign(key, std::move(object));
     }
     return error;
 }
 
 Error RemoveAttribute(const std::string &key)
 {
-    Start();
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
-    return state.attributes.erase(key) == 0
+    return LockedState()->attributes.erase(key) == 0
                ? Print("there is no attribute %s", key.c_str())
                : Error();
 }
 
-std::string AttributePath(const std::string &key)
-{
-    return ConfigPath(key);
-}
-
 int IntegerAttribute(const std::string &key, int otherwise)
 {
-    Start();
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
-    const auto found = state.integers.find(key);
-    return found == state.integers.end() ? otherwise : found->second;
+    const LockedState state;
+    const auto found = state->integers.find(key);
+    return found == state->integers.end() ? otherwise : found->second;
 }
 
 void SetIntegerAttribute(const std::string &key, int value)
 {
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
-    state.integers[key] = value;
-    if (!state.stateFile.empty())
+    const LockedState state;
+    state->integers[key] = value;
+    if (!state->stateFile.empty())
     {
-        WriteStateFile(state);
+        WriteStateFile(*state);
     }
 }
 

@@ -13,9 +13,6 @@ namespace standin
 // also with a bus name's prefix; 0 for any other name.
 uint16_t ConfigType(const std::string &interfaceName);
 
-// The object path of a group or an attribute.
-std::string ConfigPath(const std::string &key);
-
 // The groups and attributes whose keys begin with `prefix`, by key, a group
 // before an attribute of the same key: an array of {"interface", "oid", "key",
 // "path"}, with the "values" of an attribute.

@@ -6,10 +6,8 @@
 #include "standin/state.h"
 #include "standin/support.h"
 
-#include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -55,19 +53,11 @@ int64_t Now()
 // NULL, with a complaint, without memory.
 Record MakeRecord(std::span<const uint8_t> bytes)
 {
-    uint32_t claimed = 0;
-    std::memcpy(&claimed, bytes.data(),
-                std::min(bytes.size(), sizeof(claimed)));
-    const size_t size =
-        std::max({bytes.size(), size_t{claimed}, sizeof(DataEventHeader)});
-    Record record(std::calloc(1, size));
+    Record record(ClaimedCopy(bytes, sizeof(DataEventHeader)));
     if (record == nullptr)
     {
-        Complain("no memory for an event record of %zu bytes", size);
-    }
-    else if (!bytes.empty())
-    {
-        std::memcpy(record.get(), bytes.data(), bytes.size());
+        Complain("no memory for an event record of %zu bytes",
+                 ClaimedSize(bytes));
     }
     return record;
 }
@@ -175,21 +165,23 @@ bool HasListener()
     return queue.listener != nullptr;
 }
 
-void QueueRecord(std::span<const uint8_t> bytes)
+void SendRecord(std::span<const uint8_t> bytes)
 {
+    Start();
     std::vector<Record> one;
     one.push_back(MakeRecord(bytes));
     QueueRecords(std::move(one));
 }
 
-int64_t QueueObjectList(uint16_t eventType, std::span<const uint32_t> oids)
+int64_t SendObjectList(uint16_t eventType, std::span<const uint32_t> oids)
 {
+    Start();
     std::vector<Record> one;
     one.push_back(MakeObjectList(eventType, oids));
     return QueueRecords(std::move(one));
 }
 
-int64_t QueueObjects(uint16_t eventType, std::span<const uint32_t> oids)
+int64_t SendObjects(uint16_t eventType, std::span<const uint32_t> oids)
 {
     std::vector<Record> records;
     for (const uint32_t &oid : oids)
@@ -242,18 +234,6 @@ bool WaitForRecords(size_t left, Deadline deadline)
                            return few() || queue.listener == nullptr;
                        });
     return few();
-}
-
-void SendRecord(std::span<const uint8_t> record)
-{
-    Start();
-    QueueRecord(record);
-}
-
-void SendObjectList(uint16_t eventType, std::span<const uint32_t> oids)
-{
-    Start();
-    QueueObjectList(eventType, oids);
 }
 
 bool WaitDelivered(int timeoutMs)

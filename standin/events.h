@@ -35,16 +35,9 @@ int RemoveListener(ZOILEventListener listener);
 
 bool HasListener();
 
-// Queues a copy of the bytes, with zeros behind them up to evtSize.
-void QueueRecord(std::span<const uint8_t> record);
-
-// Queues an ObjList record. Returns when it may be delivered, in nanoseconds of
-// the steady clock.
-int64_t QueueObjectList(uint16_t eventType, std::span<const uint32_t> oids);
-
-// The same with a record for each object. All are queued before the first is
-// delivered, so that making them doesn't hold the listener up.
-int64_t QueueObjects(uint16_t eventType, std::span<const uint32_t> oids);
+// As SendObjectList, with a record for each object. All are queued before the
+// first is delivered, so that making them doesn't hold the listener up.
+int64_t SendObjects(uint16_t eventType, std::span<const uint32_t> oids);
 
 // Notes when the listener is called for the next records, `most` of them; what
 // has been noted since, in nanoseconds of the steady clock.

@@ -69,7 +69,6 @@ constexpr Numbers kNumbers[] = {
 };
 // clang-format on
 
-// '#' stands for a digit and '@' for a hexadecimal digit.
 constexpr std::string_view kDeviceName = "device"; // a name from kDevices
 constexpr std::string_view kKeyName = "key";       // the same, behind the type
 constexpr std::string_view kPlainName = "plain";   // the column's name

@@ -57,11 +57,10 @@ Error GenerateOne(uint16_t type, uint32_t *pOid)
     spec.type = type;
     bool isFirst = false;
     {
-        State &state = TheState();
-        const std::lock_guard lock(state.lock);
-        spec.oid = TakeOid(state, &state.nextOid);
-        spec.parents = {ChooseParent(state, type, spec.oid)};
-        isFirst = state.byType[type].size() % 2 == 0;
+        const LockedState state;
+        spec.oid = TakeOid(*state, &state->nextOid);
+        spec.parents = {ChooseParent(*state, type, spec.oid)};
+        isFirst = state->byType[type].size() % 2 == 0;
     }
     const Json values = GenerateValues(type, spec.oid, isFirst);
     spec.values = values.get();
@@ -123,19 +122,18 @@ bool Changer::Change(uint32_t oid)
 {
     const Json values(json_object());
     {
-        State &state = TheState();
-        const std::lock_guard lock(state.lock);
-        const auto found = state.objects.find(oid);
-        if (found == state.objects.end() || found->second.values == nullptr)
+        const LockedState state;
+        const Object *object = state->Find(oid);
+        if (object == nullptr || object->values == nullptr)
         {
             return false;
         }
-        const Object &object = found->second;
-        Choice &choice = ChoiceFor(*TableFor(object.type, object.values.get()));
+        Choice &choice =
+            ChoiceFor(*TableFor(object->type, object->values.get()));
         const qdb::Column &column =
             *choice.columns[choice.next++ % choice.columns.size()];
         json_object_set_new(values.get(), column.name,
-                            json_integer(NextValue(object, column.source)));
+                            json_integer(NextValue(*object, column.source)));
     }
     return SetObject(oid, values.get()).empty();
 }
@@ -180,8 +178,7 @@ Error GenerateObjects(size_t count, std::span<const uint16_t> types,
 Error Churn(size_t count, double perSecond, std::span<const uint16_t> types)
 {
     Start();
-    const std::vector<uint32_t> oids =
-        ObjectIdsOf({types.begin(), types.end()});
+    const std::vector<uint32_t> oids = ObjectIdsOf(types);
     Changer changer;
     const steady_clock::time_point begin = steady_clock::now();
     size_t gone = 0; // objects in a row that could not be changed
@@ -224,7 +221,7 @@ Error AnnounceAtRate(uint16_t eventType, std::span<const uint32_t> oids,
     for (size_t i = 0; i < oids.size(); ++i)
     {
         SleepUntilDue(begin, i, perSecond);
-        QueueObjectList(eventType, {&oids[i], 1});
+        SendObjectList(eventType, {&oids[i], 1});
     }
     const bool delivered = WaitForRecords(0, {});
     *pDelivered = Deliveries();

@@ -11,7 +11,6 @@
 #include "objects/schema/rows.h"
 #include "platform/zoil.h"
 #include "standin/layout.h"
-#include "standin/store.h"
 #include "standin/support.h"
 
 #include <algorithm>
@@ -426,15 +425,6 @@ void WriteColumns(Draft *pDraft)
     }
 }
 
-bool AreFree(const qdb::Table &table, const std::vector<Given> &givens)
-{
-    return std::ranges::all_of(givens,
-                               [&](const Given &given)
-                               {
-                                   return IsFree(table, *given.column);
-                               });
-}
-
 std::vector<uint8_t> Build(const ObjectHead &head, json_t *values)
 {
     if (values != nullptr && !json_is_object(values))
@@ -502,31 +492,6 @@ std::vector<uint8_t> BuildObject(const ObjectHead &head, json_t *values,
     {
         *pError = refusal.reason;
         return {};
-    }
-}
-
-bool PatchObject(const qdb::Table &table, json_t *values,
-                 std::vector<uint8_t> *pBytes)
-{
-    try
-    {
-        const std::vector<Given> givens = Resolve(table, values);
-        if (givens.size() != json_object_size(values) ||
-            !AreFree(table, givens))
-        {
-            return false;
-        }
-        Draft draft = {table, values, *pBytes};
-        for (const Given &given : givens)
-        {
-            WriteColumn(&draft, given);
-        }
-        *pBytes = std::move(draft.bytes);
-        return true;
-    }
-    catch (const Refusal &)
-    {
-        return false;
     }
 }
 

@@ -87,12 +87,23 @@ Json Expanded(json_t *part, uint64_t copy)
     return Json(json_incref(part));
 }
 
-Error MakeEntry(json_t *entry, Error (*make)(const json_t *arguments))
+// Carries out the command with these arguments, without an event.
+Error Make(const Json &command, const char *op)
+{
+    json_object_set_new(command.get(), "op", json_string(op));
+    json_object_set_new(command.get(), "announce", json_false());
+    const Json reply = Execute(command.get());
+    const char *error =
+        json_string_value(json_object_get(reply.get(), "error"));
+    return error == nullptr ? "" : error;
+}
+
+Error MakeEntry(json_t *entry, const char *op)
 {
     const json_t *repeat = json_object_get(entry, "repeat");
     if (repeat == nullptr)
     {
-        return make(entry);
+        return Make(Json(json_copy(entry)), op);
     }
     const auto copies = UnsignedOf(repeat);
     if (!copies || *copies > kMostCopies)
@@ -103,7 +114,7 @@ Error MakeEntry(json_t *entry, Error (*make)(const json_t *arguments))
     Error first;
     for (uint64_t copy = 0; copy < *copies; ++copy)
     {
-        const Error error = make(Expanded(entry, copy).get());
+        const Error error = Make(Expanded(entry, copy), op);
         if (first.empty() && !error.empty())
         {
             first = Print("copy %llu: %s",
@@ -114,7 +125,7 @@ Error MakeEntry(json_t *entry, Error (*make)(const json_t *arguments))
 }
 
 void MakeEntries(const char *path, const json_t *scenario, const char *list,
-                 Error (*make)(const json_t *arguments))
+                 const char *op)
 {
     const json_t *entries = json_object_get(scenario, list);
     if (entries != nullptr && !json_is_array(entries))
@@ -123,7 +134,7 @@ void MakeEntries(const char *path, const json_t *scenario, const char *list,
     }
     for (size_t i = 0; i < json_array_size(entries); ++i)
     {
-        const Error error = MakeEntry(json_array_get(entries, i), make);
+        const Error error = MakeEntry(json_array_get(entries, i), op);
         if (!error.empty())
         {
             Complain("%s: %s, entry %zu: %s", path, list, i + 1, error.c_str());
@@ -142,10 +153,10 @@ void LoadScenario(const char *path)
         Complain("%s: line %d: %s", path, error.line, error.text);
         return;
     }
-    MakeEntries(path, scenario.get(), "objects", CreateFromJson);
-    MakeEntries(path, scenario.get(), "attributes", AttributeFromJson);
-    MakeEntries(path, scenario.get(), "faults", FaultFromJson);
-    MakeEntries(path, scenario.get(), "delays", DelayFromJson);
+    MakeEntries(path, scenario.get(), "objects", "create");
+    MakeEntries(path, scenario.get(), "attributes", "attribute");
+    MakeEntries(path, scenario.get(), "faults", "fault");
+    MakeEntries(path, scenario.get(), "delays", "delay");
 }
 
 } // namespace standin

@@ -97,8 +97,9 @@ Error Churn(size_t count, double perSecond, std::span<const uint16_t> types);
 // gets a block of at least that size, the bytes given and zeros behind them.
 void SendRecord(std::span<const uint8_t> record);
 
-// An ObjList record (types 3, 7, 8) for the given OIDs.
-void SendObjectList(uint16_t eventType, std::span<const uint32_t> oids);
+// An ObjList record (types 3, 7, 8) for the given OIDs. Returns when it may be
+// delivered, in nanoseconds of the steady clock.
+int64_t SendObjectList(uint16_t eventType, std::span<const uint32_t> oids);
 
 // A record of its own for each object, each when it is due. Returns when the
 // last has been delivered; *pDelivered gets the times at which the listener was

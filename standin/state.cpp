@@ -36,8 +36,7 @@ void ReadEnvironment()
     StartLog(Environment("QDB_STANDIN_LOG"));
     if (const char *path = Environment("QDB_STANDIN_STATE"))
     {
-        const std::lock_guard lock(TheState().lock);
-        TheState().stateFile = path;
+        LockedState()->stateFile = path;
     }
     if (const char *path = Environment("QDB_STANDIN_SCENARIO"))
     {
@@ -74,6 +73,26 @@ void Start()
     gStarting = false;
 }
 
+LockedState::LockedState() : state_((Start(), TheState())), lock_(state_.lock)
+{
+}
+
+Object *State::Find(uint32_t oid)
+{
+    const auto found = objects.find(oid);
+    return found == objects.end() ? nullptr : &found->second;
+}
+
+Object *State::FindKey(const std::string &key)
+{
+    const auto found = std::ranges::find_if(objects,
+                                            [&key](const auto &item)
+                                            {
+                                                return item.second.key == key;
+                                            });
+    return found == objects.end() ? nullptr : &found->second;
+}
+
 bool IsTaken(const State &state, uint32_t oid)
 {
     const auto has = [oid](const auto &item)
@@ -96,18 +115,16 @@ uint32_t TakeOid(const State &state, uint32_t *pNext)
 
 void Reset()
 {
-    Start();
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
+    const LockedState state;
     DropRecords();
-    state.objects.clear();
-    state.byType.clear();
-    state.groups.clear();
-    state.attributes.clear();
-    state.integers.clear();
-    state.nextOid = kFirstOid;
-    state.nextConfigOid = kFirstConfigOid;
-    state.ready = true;
+    state->objects.clear();
+    state->byType.clear();
+    state->groups.clear();
+    state->attributes.clear();
+    state->integers.clear();
+    state->nextOid = kFirstOid;
+    state->nextConfigOid = kFirstConfigOid;
+    state->ready = true;
     ResetFaults();
     ReleaseDelays();
     ResetCounts();

@@ -17,21 +17,15 @@
 namespace standin
 {
 
+// An object of the Data Manager, a group or an attribute.
 struct Object
 {
     uint16_t type = 0;
-    std::vector<uint8_t> bytes;
-    std::vector<uint32_t> parents;
-    std::string key;
-    Json values; // NULL for an object that was given as bytes
-};
-
-struct ConfigObject
-{
-    uint16_t type = 0;
     uint32_t oid = 0;
+    std::string key;
+    std::vector<uint32_t> parents; // none for groups and attributes
     std::vector<uint8_t> bytes;
-    Json values; // NULL for a group
+    Json values; // NULL for a group, and for what was given as bytes
 };
 
 inline constexpr uint16_t kGroupType = 0x4050;
@@ -54,15 +48,25 @@ struct State
 {
     std::mutex lock; // guards all below; the event queue's is taken inside it
 
-    std::map<uint32_t, Object> objects;             // by OID
-    std::map<uint16_t, std::set<uint32_t>> byType;  // OIDs of `objects`
-    std::map<std::string, ConfigObject> groups;     // by key
-    std::map<std::string, ConfigObject> attributes; // by key
-    std::map<std::string, int> integers;            // CfgSetAttributeInt's
-    std::string stateFile;                          // "": none
+    std::map<uint32_t, Object> objects;            // by OID
+    std::map<uint16_t, std::set<uint32_t>> byType; // OIDs of `objects`
+    std::map<std::string, Object> groups;          // by key
+    std::map<std::string, Object> attributes;      // by key
+    std::map<std::string, int> integers;           // CfgSetAttributeInt's
+    std::string stateFile;                         // "": none
     uint32_t nextOid = kFirstOid;
     uint32_t nextConfigOid = kFirstConfigOid;
     bool ready = true; // the Data Manager is up
+
+    // Objects of the Data Manager; NULL: there is none.
+    Object *Find(uint32_t oid);
+    Object *FindKey(const std::string &key);
+
+    // The groups or the attributes.
+    std::map<std::string, Object> &Config(uint16_t type)
+    {
+        return type == kGroupType ? groups : attributes;
+    }
 };
 
 State &TheState();
@@ -71,6 +75,27 @@ State &TheState();
 // serves the control socket. Every platform function and every function of
 // standin.h begins with it. Waits for a start that another thread has begun.
 void Start();
+
+// The state, started and locked for as long as this lives.
+class LockedState
+{
+  public:
+    LockedState();
+
+    State *operator->() const
+    {
+        return &state_;
+    }
+
+    State &operator*() const
+    {
+        return state_;
+    }
+
+  private:
+    State &state_;
+    const std::lock_guard<std::mutex> lock_;
+};
 
 // The next OID at or behind *pNext that nothing has; moves *pNext past it. The
 // caller holds the state's lock.

@@ -3,10 +3,13 @@
 
 #include "standin/cost.h"
 
+#include <algorithm>
 #include <charconv>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <thread>
 
 namespace standin
@@ -130,6 +133,24 @@ std::vector<uint8_t> FromHex(std::string_view text)
                                         Digit(text[2 * i + 1]));
     }
     return bytes;
+}
+
+size_t ClaimedSize(std::span<const uint8_t> bytes)
+{
+    uint32_t claimed = 0;
+    std::memcpy(&claimed, bytes.data(),
+                std::min(bytes.size(), sizeof(claimed)));
+    return std::max(bytes.size(), size_t{claimed});
+}
+
+void *ClaimedCopy(std::span<const uint8_t> bytes, size_t least)
+{
+    void *copy = std::calloc(1, std::max(ClaimedSize(bytes), least));
+    if (copy != nullptr && !bytes.empty())
+    {
+        std::memcpy(copy, bytes.data(), bytes.size());
+    }
+    return copy;
 }
 
 void RunInBackground(std::function<void()> body)

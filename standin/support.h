@@ -40,6 +40,14 @@ struct Refusal
 std::string ToHex(std::span<const uint8_t> bytes);
 std::vector<uint8_t> FromHex(std::string_view text);
 
+// The size of a record or an object as its first word claims it, or as it is if
+// that is more.
+size_t ClaimedSize(std::span<const uint8_t> bytes);
+
+// A copy from calloc of at least the claimed size, with zeros behind the bytes.
+// NULL without memory.
+void *ClaimedCopy(std::span<const uint8_t> bytes, size_t least = 0);
+
 // Runs `body` on a thread of its own that nobody joins and that takes no
 // signal: signals are the service's.
 void RunInBackground(std::function<void()> body);

@@ -27,19 +27,11 @@ uint32_t OidOf(const uint32_t *pOID)
     return pOID == nullptr ? 0 : *pOID;
 }
 
-// An object that was given as bytes may claim a greater size than it has; its
-// copy is as large as it claims, so that the claim holds for the caller.
-DataObjHeader *Copy(const std::vector<uint8_t> &bytes)
+DataObjHeader *Copy(const Object *object)
 {
-    uint32_t claimed = 0;
-    std::memcpy(&claimed, bytes.data(),
-                std::min(bytes.size(), sizeof(claimed)));
-    void *copy = std::calloc(1, std::max(bytes.size(), size_t{claimed}));
-    if (copy != nullptr)
-    {
-        std::memcpy(copy, bytes.data(), bytes.size());
-    }
-    return static_cast<DataObjHeader *>(copy);
+    return object == nullptr
+               ? nullptr
+               : static_cast<DataObjHeader *>(ClaimedCopy(object->bytes));
 }
 
 template <typename Oids>
@@ -96,9 +88,7 @@ int ZOILIsDataManagerReady(void)
     {
         return entry.Status();
     }
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
-    return state.ready ? 1 : 0;
+    return LockedState()->ready ? 1 : 0;
 }
 
 DataObjHeader *ZOILGetObjByOID(const uint32_t *pOID)
@@ -108,10 +98,7 @@ DataObjHeader *ZOILGetObjByOID(const uint32_t *pOID)
     {
         return nullptr;
     }
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
-    const auto found = state.objects.find(*pOID);
-    return found == state.objects.end() ? nullptr : Copy(found->second.bytes);
+    return Copy(LockedState()->Find(*pOID));
 }
 
 DataObjHeader *ZOILGetObjByKey(const char *key)
@@ -121,14 +108,7 @@ DataObjHeader *ZOILGetObjByKey(const char *key)
     {
         return nullptr;
     }
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
-    const auto found = std::ranges::find_if(state.objects,
-                                            [key](const auto &item)
-                                            {
-                                                return item.second.key == key;
-                                            });
-    return found == state.objects.end() ? nullptr : Copy(found->second.bytes);
+    return Copy(LockedState()->FindKey(key));
 }
 
 uint32_t *ZOILListChildOIDByType(const uint32_t *pParentOID, uint16_t objType)
@@ -138,10 +118,9 @@ uint32_t *ZOILListChildOIDByType(const uint32_t *pParentOID, uint16_t objType)
     {
         return nullptr;
     }
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
-    const auto found = state.byType.find(objType);
-    if (found == state.byType.end() || IsConfigType(objType))
+    const LockedState state;
+    const auto found = state->byType.find(objType);
+    if (found == state->byType.end() || IsConfigType(objType))
     {
         return List(std::vector<uint32_t>());
     }
@@ -154,7 +133,7 @@ uint32_t *ZOILListChildOIDByType(const uint32_t *pParentOID, uint16_t objType)
         found->second, std::back_inserter(children),
         [&](uint32_t oid)
         {
-            const auto &parents = state.objects.at(oid).parents;
+            const auto &parents = state->objects.at(oid).parents;
             return std::ranges::find(parents, *pParentOID) != parents.end();
         });
     return List(children);
@@ -167,10 +146,9 @@ uint32_t *ZOILListParentOID(const uint32_t *pOID)
     {
         return nullptr;
     }
-    State &state = TheState();
-    const std::lock_guard lock(state.lock);
-    const auto found = state.objects.find(*pOID);
-    return found == state.objects.end() ? nullptr : List(found->second.parents);
+    const LockedState state;
+    const Object *object = state->Find(*pOID);
+    return object == nullptr ? nullptr : List(object->parents);
 }
 
 int ZOILDOGetObjKeyUTF8(const DataObjHeader *pDOH, char **ppKey)
@@ -193,11 +171,9 @@ int ZOILDOGetObjKeyUTF8(const DataObjHeader *pDOH, char **ppKey)
     }
     else
     {
-        State &state = TheState();
-        const std::lock_guard lock(state.lock);
-        const auto found = state.objects.find(pDOH->objID);
-        key = found == state.objects.end() ? nullptr
-                                           : strdup(found->second.key.c_str());
+        const LockedState state;
+        const Object *object = state->Find(pDOH->objID);
+        key = object == nullptr ? nullptr : strdup(object->key.c_str());
     }
     if (key == nullptr)
     {

@@ -1,348 +1,304 @@
-// dmctl: what it reads of a machine, and how it keeps the stand-in equal to it.
-//
-// Machines are folders with files as the kernel would show them; the stand-in
-// is the real one, reached over its control socket.
+// dmctl as its user sees it: the real program, the stand-in that it changes,
+// and a bus on which a listener hears what it says as the configuration
+// manager.
 #include "platform/zoil.h"
-#include "standin/standin.h"
+#include "tests/support/private_bus.h"
 #include "tests/support/standin_socket.h"
-#include "tests/support/temp_root.h"
 #include "tests/support/wait.h"
-#include "tools/dmctl/client.h"
-#include "tools/dmctl/commands.h"
-#include "tools/dmctl/host_mirror.h"
-#include "tools/dmctl/host_objects.h"
-#include "tools/dmctl/host_usage.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
 
-#include <cstdlib>
-#include <filesystem>
+#include <algorithm>
+#include <cstdio>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <thread>
 
-namespace qdb
+namespace qdb::test
 {
 
 namespace
 {
 
-// With the members in a fixed order.
-std::string Sorted(const json_t *value)
+// What a run of the program prints, and "exit N" behind it unless N is 0.
+std::string Dmctl(const std::string &arguments)
 {
-    return value == nullptr ? "(none)"
-                            : Dump(value, JSON_COMPACT | JSON_SORT_KEYS);
+    const char *program = getenv("QDB_TEST_DMCTL");
+    EXPECT_NE(program, nullptr);
+    const std::string command =
+        std::string(program) + ' ' + arguments + " 2>&1";
+    FILE *output = popen(command.c_str(), "r");
+    std::string text;
+    for (int c = fgetc(output); c != EOF; c = fgetc(output))
+    {
+        text += static_cast<char>(c);
+    }
+    const int status = pclose(output);
+    return status == 0
+               ? text
+               : text + "exit " + std::to_string(WEXITSTATUS(status)) + '\n';
 }
 
-// A machine of files.
-class FakeMachine : public test::TempRoot
+// The message's types and values as sd-bus shows them, in one line.
+std::string Content(sd_bus_message *message)
 {
-  public:
-    void Write(const std::string &path, const std::string &content) const
-    {
-        const std::filesystem::path file = Path() + path;
-        std::filesystem::create_directories(file.parent_path());
-        std::ofstream(file, std::ios::binary) << content;
-    }
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *file = open_memstream(&text, &size);
+    sd_bus_message_dump(message, file, SD_BUS_MESSAGE_DUMP_SUBTREE_ONLY);
+    fclose(file);
+    const std::string content =
+        std::regex_replace(text, std::regex("[;\\s]+"), " ");
+    free(text);
+    return content;
+}
 
-    void Remove(const std::string &path) const
+using Bus = std::unique_ptr<sd_bus, decltype(&sd_bus_close_unref)>;
+
+// Hears the manager's signals, and who has its name.
+Bus Listen()
+{
+    sd_bus *opened = nullptr;
+    EXPECT_GE(sd_bus_open_system(&opened), 0);
+    for (const char *rule : {"type='signal',path_namespace='/com/vexo/tarnu'",
+                             "type='signal',member='NameOwnerChanged',"
+                             "arg0='com.vexo.tarnu.CfgMgr'"})
     {
-        std::filesystem::remove_all(Path() + path);
+        EXPECT_GE(sd_bus_add_match(opened, nullptr, rule, nullptr, nullptr), 0);
     }
+    return {opened, sd_bus_close_unref};
+}
+
+// Waits for that many signals, one line each; all that have come by then.
+std::string Heard(const Bus &bus, int64_t count)
+{
+    std::string lines;
+    const auto receive = [&]
+    {
+        sd_bus_message *message = nullptr;
+        while (sd_bus_process(bus.get(), &message) > 0)
+        {
+            if (sd_bus_message_is_signal(message, nullptr, nullptr) > 0 &&
+                sd_bus_message_is_signal(message, nullptr, "NameAcquired") == 0)
+            {
+                lines += sd_bus_message_get_member(message) + std::string(" ") +
+                         sd_bus_message_get_path(message) + ' ' +
+                         sd_bus_message_get_interface(message) + ' ' +
+                         Content(message) + '\n';
+            }
+            message = sd_bus_message_unref(message);
+        }
+        return std::ranges::count(lines, '\n') >= count;
+    };
+    EXPECT_TRUE(WaitUntil(receive));
+    return lines;
+}
+
+struct Step
+{
+    std::string command;
+    std::string output; // "exit N" at its end unless N is 0
+    std::string signals = {};
 };
 
-TEST(HostView, HoldsWhatTheMachineShows)
+void RunSteps(const std::vector<Step> &steps, const Bus *bus = nullptr)
 {
-    const std::string pci = "/sys/bus/pci/devices/0000:3b:00.1/";
-    const std::string odd = std::string(30, 'm') + "\u00e4";
-    const struct
+    for (const Step &step : steps)
     {
-        const char *name;
-        std::vector<std::pair<std::string, std::string>> files;
-        void (*collect)(HostView &);
-        std::string expected;
-    } cases[] = {
-        // clang-format off
-        {"two threads of one core",
-         {{"/proc/cpuinfo", "processor\t: 0\nphysical id\t: 1\ncore id\t: 7\nflags\t\t: fpu ht nx\n\n"
-                            "processor\t: 1\nphysical id\t: 1\ncore id\t: 7\n\n"}},
-         CollectProcessors,
-         R"(D2||Host.CPU.2 {"Key":"D2||Host.CPU.2","NumberOfProcessorCores":1,"NumberofEnabledCores":1,)"
-         R"("NumberofEnabledThreads":2,"executeDisableCapable":1,"executeDisableEnabled":1,"fqdd":"Host.CPU.2",)"
-         R"("friendlyFQDD":"CPU 2","hyperThreadingCapable":1,"hyperThreadingEnabled":1,"virtualizationTechCapable":0})"},
-        {"garbage for processors",
-         {{"/proc/cpuinfo", ":\n: x\n\n\nprocessor\n\n\xff\xfe:"}}, CollectProcessors, ""},
-        {"PCI device",
-         {{pci + "vendor", "0x1af4\n"}, {pci + "class", "0x010802\n"}, {pci + "revision", "no number"},
-          {"/sys/bus/pci/devices/strange/vendor", "0x1\n"}},
-         CollectPciDevices,
-         R"(E6||Host.PCI.0000:3b:00.1 {"Key":"E6||Host.PCI.0000:3b:00.1","busNum":59,"classCode":1,)"
-         R"("description":"Mass storage controller","deviceNum":0,"fqdd":"Host.PCI.0000:3b:00.1",)"
-         R"("friendlyFQDD":"PCI device 0000:3b:00.1","functionNum":1,"progIF":2,"subclass":8,"vendorID":6900})"},
-        {"disk with odd texts",
-         {{"/sys/block/sda/size", "9223372036854775807\n"}, {"/sys/block/sda/device/model", odd + "xyz"},
-          {"/sys/block/sda/device/serial", "A\xff" "B"}, {"/sys/block/zram0/size", "8\n"}, {"/sys/block/loop3/size", "8\n"}},
-         CollectDisks,
-         R"(304||Host.Disk.sda {"fqdd":"Host.Disk.sda","hdr_DOT_objName":"sda","modelName":")" + odd +
-         R"(","serialNumber":"A?B","size":9223372036854775296,"uSiObj_DOT_sbSiObj_DOT_BSInfo_DOT_FQDD":"Host.Disk.sda",)"
-         R"("uSiObj_DOT_sbSiObj_DOT_BSInfo_DOT_Key":"304||Host.Disk.sda"})"},
-        {"chips before zones",
-         {{"/sys/class/hwmon/hwmon0/name", "coretemp\n"}, {"/sys/class/hwmon/hwmon0/temp1_input", "-45300\n"},
-          {"/sys/class/hwmon/hwmon0/temp1_crit", "100000\n"}, {"/sys/class/hwmon/hwmon0/temp2_input", ""},
-          {"/sys/class/thermal/thermal_zone0/temp", "45000\n"}},
-         CollectTemperatures,
-         R"(16||Host.Temp.hwmon0.temp1 {"FriendlyFQDD":"Host.Temp.hwmon0.temp1","Key":"16||Host.Temp.hwmon0.temp1",)"
-         R"("ProbeLocation":"coretemp temp1","probeReading":-453,"probeThresholds_DOT_ucThreshold":1000,"unitModifier":1})"},
-        {"zones without chips",
-         {{"/sys/class/thermal/thermal_zone0/temp", "45000\n"}, {"/sys/class/thermal/thermal_zone0/type", "acpitz\n"},
-          {"/sys/class/thermal/cooling_device0/type", "Fan\n"}},
-         CollectTemperatures,
-         R"(16||Host.Temp.thermal_zone0 {"FriendlyFQDD":"Host.Temp.thermal_zone0","Key":"16||Host.Temp.thermal_zone0",)"
-         R"("ProbeLocation":"acpitz","probeReading":450,"unitModifier":1})"},
-        // clang-format on
-    };
-    for (const auto &test : cases)
-    {
-        SCOPED_TRACE(test.name);
-        const FakeMachine machine;
-        for (const auto &[path, content] : test.files)
+        SCOPED_TRACE(step.command);
+        EXPECT_EQ(Dmctl(step.command), step.output);
+        if (bus != nullptr)
         {
-            machine.Write(path, content);
+            EXPECT_EQ(Heard(*bus, std::ranges::count(step.signals, '\n')),
+                      step.signals);
         }
-        const HostFiles files(machine.Path());
-        HostView view(files);
-        test.collect(view);
-        std::string listing;
-        for (const HostObject &object : view.Objects())
-        {
-            listing += object.key + ' ' + Sorted(object.values.get());
-        }
-        EXPECT_EQ(listing, test.expected);
     }
 }
 
-TEST(UsageWindow, ForgetsWhatHasLeftIt)
+// clang-format off
+const std::string kIntFull = "com.vexo.tarnu.Config.CfgIntAttribute";
+const std::string kGroupPath = "/com/vexo/tarnu/Config/Attributes/a_1/b_1";
+std::string Commit(const std::string &name)
 {
-    UsageWindow window(3, 10);
-    EXPECT_EQ(window.Average(), 0);
-    window.Add(100, 90);
-    window.Add(105, 10);
-    window.Add(112, 20);
-    EXPECT_EQ(window.Average(), 40);
-    EXPECT_EQ(window.Most().percent, 90);
-    EXPECT_EQ(window.Most().time, 100);
-    EXPECT_EQ(window.Least().percent, 10);
-    EXPECT_EQ(window.History(), (std::vector<uint16_t>{50, 0, 0}));
-
-    window.Add(151, 30); // the first bucket has left
-    EXPECT_EQ(window.Most().percent, 30);
-    window.Add(90, 50); // the clock was set back
-    EXPECT_EQ(window.Average(), 40);
-    EXPECT_EQ(window.Most().percent, 50);
-    EXPECT_EQ(window.History(), (std::vector<uint16_t>{0, 0, 0}));
+    return "qdb_bulk_commit /com/vexo/tarnu/Config com.vexo.tarnu.Config." + name + " \n";
 }
 
-TEST(Assignments, AreJsonOrText)
-{
-    EXPECT_EQ(Sorted(ParseAssignments({"a=1", "b=x=y", "c=[1,2]", "d=\"7\"",
-                                       "e=", "f=0x16", "g=null"})
-                         .get()),
-              "{\"a\":1,\"b\":\"x=y\",\"c\":[1,2],\"d\":\"7\",\"e\":\"\","
-              "\"f\":\"0x16\",\"g\":null}");
-    for (const char *wrong : {"", "a", "=1", "a=\xff"})
-    {
-        EXPECT_THROW(ParseAssignments({wrong}), std::invalid_argument);
-    }
-}
-
-// --- Against the stand-in --------------------------------------------------
-
-class MirrorTest : public test::StandinSocketTest
-{
-  protected:
-    static std::string Value(uint32_t oid, const char *column)
-    {
-        Client client(Socket());
-        const Json request = Operation("show");
-        Put(request, "oid", Number(oid));
-        const Json reply = client.Call(request);
-        return Sorted(
-            json_object_get(json_object_get(reply.get(), "values"), column));
-    }
+// In this order, on one stand-in.
+const std::vector<Step> kConfigSteps = {
+    {"cfg add CfgIntAttribute A.1#B.1#C currentValue=5 --oid 0x90000001",
+     "0x90000001\n",
+     "InterfacesAdded " + kGroupPath + "/c org.freedesktop.DBus.ObjectManager "
+     "OBJECT_PATH \"" + kGroupPath + "/c\" ARRAY \"{sa{sv}}\" { DICT_ENTRY \"sa{sv}\" { "
+     "STRING \"" + kIntFull + "\" ARRAY \"{sv}\" { DICT_ENTRY \"sv\" { STRING \"oid\" VARIANT \"u\" { "
+     "UINT32 2415919105 } } } } } \n"},
+    {"cfg add CfgStrAttribute A.1#B.1#C", "dmctl: A.1#B.1#C is there already\nexit 1\n"},
+    {"cfg add CfgGroup A.1#B.10 --oid 0x901", "0x00000901\n"},
+    {"cfg add CfgGroup G --oid 0x901", "dmctl: OID 0x901 is taken\nexit 1\n"},
+    {"cfg set A.1#B.1#C currentValue=-7 'DisplayName=x y' DependencyText=null",
+     "",
+     "PropertiesChanged " + kGroupPath + "/c org.freedesktop.DBus.Properties STRING \"" + kIntFull + "\" "
+     "ARRAY \"{sv}\" { DICT_ENTRY \"sv\" { STRING \"currentValue\" VARIANT \"x\" { INT64 -7 } } "
+     "DICT_ENTRY \"sv\" { STRING \"DisplayName\" VARIANT \"s\" { STRING \"x y\" } } } "
+     "ARRAY \"s\" { STRING \"DependencyText\" } \n"},
+    {"cfg set --silent A.1#B.1#C displayOrder=3", ""},
+    {"cfg set A.1#B.1#C colour=1",
+     "dmctl: TblIntAttribute.colour: there is no such column\nexit 1\n"},
+    {"cfg set A.1#B.1#D currentValue=1",
+     "dmctl: there is no attribute or group A.1#B.1#D\nexit 1\n"},
+    {"cfg show A.1#B.1#C",
+     "CfgIntAttribute, OID 0x90000001\nkey A.1#B.1#C\npath " + kGroupPath + "/c\n"
+     "  Key = \"A.1#B.1#C\"\n  currentValue = -7\n  DisplayName = \"x y\"\n  displayOrder = 3\n"},
+    {"cfg show --json A.1#B.1",
+     "{\n  \"interface\": \"CfgGroup\",\n  \"oid\": 1078984704,\n  \"key\": \"A.1#B.1\",\n  \"path\": \"" +
+     kGroupPath + "\"\n}\n"},
+    {"cfg remove A.1#B.1", "dmctl: the group A.1#B.1 has attributes\nexit 1\n"},
+    {"cfg add --silent CfgStrAttribute A#B CurrentValue=z --oid 5", "0x00000005\n"},
+    {"cfg list A.",
+     "CfgGroup            0x40500000  A.1#B.1  " + kGroupPath + "\n"
+     "CfgIntAttribute     0x90000001  A.1#B.1#C  " + kGroupPath + "/c  -7\n"
+     "CfgGroup            0x00000901  A.1#B.10  " + kGroupPath + "0\n"},
+    {"cfg remove A.1#B.1#C", "",
+     "qdb_object_removed " + kGroupPath + "/c " + kIntFull + " UINT32 2415919105 STRING \"A.1#B.1#C\" \n"},
+    {"cfg remove A.1#B.1", ""},
+    {"cfg remove --silent A#B", ""},
+    {"cfg list",
+     "CfgGroup            0x40500001  A  /com/vexo/tarnu/Config/Attributes/a\n"
+     "CfgGroup            0x00000901  A.1#B.10  " + kGroupPath + "0\n"},
+    {"cfg commit CfgStrAttribute com.vexo.tarnu.Config.CfgIntAttribute", "",
+     Commit("CfgStrAttribute") + Commit("CfgIntAttribute")},
+    {"cfg commit", "",
+     Commit("CfgIntAttribute") + Commit("CfgStrAttribute") + Commit("CfgEnumAttribute") +
+     Commit("CfgPasswdAttribute")},
+    {"--socket /nonexistent cfg raw A.1#AppRawData /f",
+     "", "RawDataUpdated /com/vexo/tarnu/Config com.vexo.tarnu.CfgMgr STRING \"A.1#AppRawData\" STRING \"/f\" \n"},
+    {"cfg add CfgIntAttribute 'no path#X'", "dmctl: can't send InterfacesAdded: Invalid argument\nexit 1\n"},
 };
 
-// An entry that the stand-in refuses is left out of the demo.
-TEST_F(MirrorTest, TheScenarioIsAcceptedWhole)
+const std::string kNoBus =
+    "dmctl: no connection: the system bus at unix:path=/nonexistent: No such file or directory\nexit 2\n";
+
+const std::vector<Step> kStepsWithoutBus = {
+    {"cfg add CfgIntAttribute A#B", kNoBus},
+    {"cfg add --silent CfgIntAttribute A#B currentValue=1 --oid 5", "0x00000005\n"},
+    {"cfg set A#B currentValue=2", kNoBus},
+    {"cfg own", kNoBus},
+    {"--socket /nonexistent cfg list", "dmctl: no connection: /nonexistent: No such file or directory\nexit 2\n"},
+    {"--socket '' list", "dmctl: no connection: not a socket's path: \"\"\nexit 2\n"},
+    {"cfg list A#", "CfgIntAttribute     0x00000005  A#B  /com/vexo/tarnu/Config/Attributes/a/b  1\n"},
+};
+// clang-format on
+
+// clang-format off
+const std::vector<Step> kManagerSteps = {
+    {"create 0xE1 --oid 100 --parent 1 --parent 0x36 --key k Speed=2400 'BankLabel=A=1'", "0x00000064\n"},
+    {"create 0x16", "0x00001000\n"},
+    {"create 0xE1 Sped=1", "dmctl: TblMemoryInfo.Sped: there is no such column\nexit 1\n"},
+    {"status 100 3", ""},
+    {"set 100 BankLabel=null Rank=7 Speed=2500", ""},
+    {"set 0x1000 Key=p", ""},
+    {"set 100 Rank", "dmctl: not COLUMN=VALUE: Rank\nexit 1\n"},
+    {"set 100 \"$(printf 'fqdd=\\377')\"", "dmctl: not valid UTF-8: fqdd\nexit 1\n"},
+    {"list", "0x00000064  0xE1    k\n0x00001000  0x16    p\n"},
+    {"list 0x16", "0x00001000  0x16    p\n"},
+    {"show 0x64", "OID 0x00000064, type 0xE1, status 3, 341 bytes\nkey k\nparents 0x00000001 0x00000036\n"
+                  "  Rank = 7\n  Speed = 2500\n"},
+    {"show 0x64 --json | grep Speed", "    \"Speed\": 2500\n"},
+    {"delete 100 0x1000", ""},
+    {"delete 100", "dmctl: there is no object 0x64\nexit 1\n"},
+    {"fault ZOAllocMem 0 1 --skip 2", ""},
+    {"calls ZOAllocMem", "0\n"},
+    {"delay vexoprintf 5 --random --skip 2 --times 1 --text x", ""},
+    {"delay ZOFreeMem 5 --oid 1", "dmctl: ZOFreeMem isn't told of an object\nexit 1\n"},
+    {"churn --rate 10 --count 1 0x16", "dmctl: there is no live object to change\nexit 1\n"},
+    {"event /nonexistent", "dmctl: cannot send /nonexistent\nexit 1\n"},
+    {"attributes", ""},
+};
+// clang-format on
+
+class DmctlTest : public StandinSocketTest
 {
-    const char *path = getenv("QDB_TEST_SCENARIO");
-    ASSERT_NE(path, nullptr);
-    json_error_t error;
-    const Json scenario(json_load_file(path, 0, &error));
-    ASSERT_NE(scenario, nullptr) << error.text;
-    size_t expected = 0;
-    size_t index;
-    json_t *entry;
-    json_array_foreach(json_object_get(scenario.get(), "objects"), index, entry)
-    {
-        expected += json_object_get(entry, "repeat") == nullptr
-                        ? 1
-                        : NumberOf(entry, "repeat");
-    }
-    EXPECT_EQ(Loaded(), expected);
+};
+
+TEST_F(DmctlTest, AnnouncesWhatItChangesInTheConfiguration)
+{
+    const PrivateBus daemon;
+    const Bus bus = Listen();
+    RunSteps(kConfigSteps, &bus);
 }
 
-TEST_F(MirrorTest, FollowsTheMachine)
+TEST_F(DmctlTest, ChangesNothingThatItCannotAnnounce)
 {
-    const FakeMachine machine;
-    const HostFiles files(machine.Path());
-    HostView view(files);
-    Client client(Socket());
-    HostMirror mirror(client);
-    const auto update = [&]
-    {
-        view.Begin();
-        CollectDisks(view);
-        return mirror.Update(view.Objects());
-    };
-
-    machine.Write("/sys/block/sda/size", "2");
-    machine.Write("/sys/block/sda/device/model", "M");
-    EXPECT_TRUE(update().empty());
-    const std::vector<uint32_t> oids = standin::ObjectIds();
-    ASSERT_EQ(oids.size(), 1u);
-    EXPECT_EQ(Value(oids[0], "size"), "1024");
-
-    machine.Write("/sys/block/sda/size", "4");
-    machine.Remove("/sys/block/sda/device/model");
-    EXPECT_TRUE(update().empty());
-    EXPECT_EQ(Value(oids[0], "size"), "2048");
-    EXPECT_EQ(Value(oids[0], "modelName"), "(none)");
-
-    // Somebody else removes it: said once, and then it comes back.
-    EXPECT_EQ(standin::DeleteObjects(oids), "");
-    EXPECT_TRUE(update().empty());
-    machine.Write("/sys/block/sda/size", "6");
-    EXPECT_EQ(update().size(), 1u);
-    EXPECT_TRUE(update().empty());
-    EXPECT_EQ(Value(oids[0], "size"), "3072");
-
-    machine.Remove("/sys/block/sda");
-    EXPECT_TRUE(update().empty());
-    EXPECT_TRUE(standin::ObjectIds().empty());
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    RunSteps(kStepsWithoutBus);
 }
 
-TEST_F(MirrorTest, RemovesOnlyWhatAnEarlierRunHasLeft)
+TEST_F(DmctlTest, HoldsTheManagersName)
 {
-    for (const uint32_t oid : {kFirstHostOid - 1, kFirstHostOid,
-                               kBehindHostOids - 1, kBehindHostOids})
-    {
-        standin::ObjectSpec spec;
-        spec.type = 0x16;
-        spec.oid = oid;
-        ASSERT_EQ(standin::CreateObject(spec), "");
-    }
-    Client client(Socket());
-    const HostMirror mirror(client);
-    EXPECT_EQ(standin::ObjectIds(),
-              (std::vector<uint32_t>{kFirstHostOid - 1, kBehindHostOids}));
+    const PrivateBus daemon;
+    const Bus bus = Listen();
+    EXPECT_EQ(Dmctl("cfg own --seconds 0.01"),
+              "com.vexo.tarnu.CfgMgr is held\n");
+    // The owner's connection has a name of its own.
+    EXPECT_EQ(std::regex_replace(Heard(bus, 2), std::regex(":[0-9.]+"), "X"),
+              "NameOwnerChanged /org/freedesktop/DBus org.freedesktop.DBus "
+              "STRING \"com.vexo.tarnu.CfgMgr\" STRING \"\" "
+              "STRING \"X\" \n"
+              "NameOwnerChanged /org/freedesktop/DBus org.freedesktop.DBus "
+              "STRING \"com.vexo.tarnu.CfgMgr\" STRING \"X\" "
+              "STRING \"\" \n");
 }
 
-TEST_F(MirrorTest, ThisMachineIsAccepted)
+TEST_F(DmctlTest, WorksTheDataManager)
 {
-    const HostFiles files;
-    HostView view(files);
-    UsageHistory history;
-    CollectSystem(view, 1);
-    CollectProcessors(view);
-    CollectPciDevices(view);
-    CollectInterfaces(view);
-    CollectUsage(view, history, 1);
-    CollectDisks(view);
-    CollectTemperatures(view);
-    Client client(Socket());
-    HostMirror mirror(client);
-    EXPECT_EQ(mirror.Update(view.Objects()), std::vector<std::string>());
-    EXPECT_EQ(standin::ObjectIds().size(), view.Objects().size());
+    RunSteps(kManagerSteps);
 }
 
-TEST_F(MirrorTest, DelaysAreSetAndReleased)
+TEST_F(DmctlTest, TellsWhatHangs)
 {
-    Client client(Socket());
-    const auto run = [&](const std::string &arguments)
-    {
-        CLI::App app;
-        Invocation invocation;
-        AddManagerCommands(app, &invocation);
-        app.parse(arguments);
-        testing::internal::CaptureStdout();
-        try
-        {
-            invocation.run(client, invocation);
-        }
-        catch (const Refused &)
-        {
-            return testing::internal::GetCapturedStdout() + "refused";
-        }
-        return testing::internal::GetCapturedStdout();
-    };
-    EXPECT_EQ(run("measure on"), "");
-    EXPECT_EQ(run("delay ZOILListParentOID hang --late --oid 0x7001"), "");
-    EXPECT_EQ(run("delay vexoprintf 5 --random --skip 2 --times 1 --text x"),
-              "");
-    EXPECT_EQ(run("delay ZOFreeMem 5 --oid 1"), "refused");
+    RunSteps({{"measure on", ""},
+              {"delay ZOILListParentOID hang --late --oid 0x7001", ""}});
     std::thread caller(
         []
         {
             const uint32_t oid = 0x7001;
             ZOILFreeGeneric(ZOILListParentOID(&oid));
         });
-    EXPECT_TRUE(test::WaitUntil(
-        [&]
+    EXPECT_TRUE(WaitUntil(
+        []
         {
-            return run("hanging ZOILListParentOID") == "1\n";
+            return Dmctl("hanging ZOILListParentOID") == "1\n";
         }));
-    EXPECT_EQ(run("release"), "");
+    EXPECT_EQ(Dmctl("release"), "");
     caller.join();
-    EXPECT_EQ(run("hanging ZOILListParentOID"), "0\n");
-    EXPECT_EQ(run("cost").find("calls 1\ncpuNanoseconds "), 0u);
-    EXPECT_EQ(run("measure off"), "");
+    EXPECT_EQ(Dmctl("hanging ZOILListParentOID"), "0\n");
+    EXPECT_EQ(Dmctl("cost").find("calls 1\ncpuNanoseconds "), 0u);
+    EXPECT_EQ(Dmctl("measure off"), "");
 }
 
-TEST_F(MirrorTest, AuditsWhatItCanRead)
+TEST_F(DmctlTest, AuditsWhatItCanRead)
 {
-    const FakeMachine folder;
+    const TempRoot folder;
     folder.MakeDatabase();
-    folder.Write("/text.db", std::string(5000, 'x'));
-    Client client(Socket());
-    Invocation invocation;
-    CLI::App app;
-    AddAuditCommand(app, &invocation);
-    const auto audit = [&](const std::string &database)
-    {
-        app.parse("audit --database " + database);
-        testing::internal::CaptureStdout();
-        try
-        {
-            invocation.run(client, invocation);
-        }
-        catch (const CannotLook &)
-        {
-            return testing::internal::GetCapturedStdout() + "can't look";
-        }
-        return testing::internal::GetCapturedStdout();
-    };
-    EXPECT_EQ(audit(folder.Database()), "0 differences in 0 objects\n");
-    // A Data Manager that isn't ready has nothing to mirror.
-    EXPECT_EQ(standin::GenerateObjects(1, {}, false), "");
-    standin::Detach();
-    EXPECT_EQ(audit(folder.Database()), "0 differences in 0 objects\n");
-    for (const char *path : {"/missing.db", "/text.db"})
-    {
-        EXPECT_EQ(audit(folder.Path() + path), "can't look");
-    }
+    std::ofstream(folder.Path() + "/text.db") << std::string(5000, 'x');
+    const std::string audit = "audit --database ";
+    const std::string equal = "0 differences in 0 objects\n";
+    RunSteps({
+        {audit + folder.Database(), equal},
+        // A Data Manager that isn't ready has nothing to mirror.
+        {"generate 1 0x16", ""},
+        {"detach", ""},
+        {audit + folder.Database(), equal},
+        {audit + folder.Path() + "/missing.db",
+         "dmctl: " + folder.Path() +
+             "/missing.db: unable to open database file\nexit 2\n"},
+        {audit + folder.Path() + "/text.db",
+         "dmctl: " + folder.Path() +
+             "/text.db: file is not a database\nexit 2\n"},
+    });
 }
 
 } // namespace
 
-} // namespace qdb
+} // namespace qdb::test

@@ -3,10 +3,11 @@
 // Follows the service's change signals on the system bus and, if asked, takes
 // the telemetry service's place at the end of its pipe. Prints what it saw of a
 // change, never more: it doesn't look into the database.
-#include "tools/watch/pipe_end.h"
 #include "tools/watch/watcher.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/stat.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 #include <unistd.h>
@@ -162,18 +163,33 @@ int OnPipeReadable(sd_event_source *, int fd, uint32_t, void *userData)
     return 0;
 }
 
-// Opens the pipe and has the loop read it; false and a line on standard error
-// on failure.
-bool AddPipe(Session &session, const std::string &path, PipeEnd &pipe)
+// The reading end of the pipe, made if it isn't there; -1 and a line on
+// standard error on failure. Reads don't block and never see an end, however
+// the writers come and go. Open as long as the program runs.
+int OpenPipe(const std::string &path)
 {
-    std::string error;
-    if (!pipe.Open(path, &error))
+    int end = -1;
+    struct stat file = {};
+    if (mkfifo(path.c_str(), 0660) == 0 || errno == EEXIST)
     {
-        Complain(error);
-        return false;
+        if (stat(path.c_str(), &file) == 0 && !S_ISFIFO(file.st_mode))
+        {
+            Complain(path + ": not a named pipe");
+            return -1;
+        }
+        // With this process as a writer, too, the pipe never ends.
+        end = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     }
-    return Worked(sd_event_add_io(session.event, nullptr, pipe.Descriptor(),
-                                  EPOLLIN, OnPipeReadable, &session),
+    return Worked(end < 0 ? -errno : 0, path.c_str()) ? end : -1;
+}
+
+// Has the loop read the pipe; false and a line on standard error on failure.
+bool AddPipe(Session &session, const std::string &path)
+{
+    const int end = OpenPipe(path);
+    return end >= 0 &&
+           Worked(sd_event_add_io(session.event, nullptr, end, EPOLLIN,
+                                  OnPipeReadable, &session),
                   path.c_str());
 }
 
@@ -226,8 +242,7 @@ int Watch(const Options &options, const std::string &pipePath)
     }
 
     Session session = {.watcher = Watcher(options), .event = event.get()};
-    PipeEnd pipe;
-    if (!pipePath.empty() && !AddPipe(session, pipePath, pipe))
+    if (!pipePath.empty() && !AddPipe(session, pipePath))
     {
         return 1;
     }

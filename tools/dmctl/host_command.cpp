@@ -1,8 +1,6 @@
 // The subcommand that mirrors this machine until it is told to stop.
 #include "tools/dmctl/commands.h"
 #include "tools/dmctl/host_mirror.h"
-#include "tools/dmctl/host_objects.h"
-#include "tools/dmctl/host_usage.h"
 
 #include <cmath>
 #include <csignal>
@@ -14,31 +12,16 @@ namespace qdb
 namespace
 {
 
-void Collect(HostView &view, UsageHistory &history)
-{
-    const time_t now = time(nullptr);
-    view.Begin();
-    CollectSystem(view, now);
-    CollectProcessors(view);
-    CollectPciDevices(view);
-    CollectInterfaces(view);
-    CollectUsage(view, history, now);
-    CollectDisks(view);
-    CollectTemperatures(view);
-}
-
 void MirrorHost(Client &client, const Invocation &invocation)
 {
     // A pass is never cut off in the middle.
     const sigset_t signals = BlockStopSignals();
-    const HostFiles files;
-    HostView view(files);
+    Host host;
     HostMirror mirror(client);
-    UsageHistory history;
     for (uint32_t pass = 1;; pass++)
     {
-        Collect(view, history);
-        for (const std::string &refusal : mirror.Update(view.Objects()))
+        for (const std::string &refusal :
+             mirror.Update(host.Look(time(nullptr))))
         {
             fprintf(stderr, "dmctl: %s\n", refusal.c_str());
         }

@@ -19,16 +19,6 @@ constexpr size_t kLongestFile = 4u << 20;
 constexpr size_t kMostNames = 4096;
 constexpr char kSpace[] = " \t\r\n";
 
-std::string Trimmed(const std::string &text)
-{
-    const size_t first = text.find_first_not_of(kSpace);
-    if (first == std::string::npos)
-    {
-        return "";
-    }
-    return text.substr(first, text.find_last_not_of(kSpace) - first + 1);
-}
-
 } // namespace
 
 HostFiles::HostFiles(std::string root) : mRoot(std::move(root))
@@ -47,6 +37,20 @@ std::optional<int64_t> HostFiles::Number(const std::string &path,
 {
     const std::optional<std::string> text = Text(path);
     return text ? ParseNumber(*text, base) : std::nullopt;
+}
+
+std::vector<std::string> HostFiles::Line(const std::string &path,
+                                         const std::string &word) const
+{
+    for (const std::string &line : Lines(Text(path).value_or("")))
+    {
+        std::vector<std::string> words = Words(line);
+        if (!words.empty() && words.front() == word)
+        {
+            return words;
+        }
+    }
+    return {};
 }
 
 std::vector<std::string> HostFiles::List(const std::string &path) const
@@ -96,9 +100,14 @@ std::optional<int64_t> ParseNumber(const std::string &text, int base)
     return number;
 }
 
-std::optional<int64_t> Divided(std::optional<int64_t> number, int64_t divisor)
+std::string Trimmed(const std::string &text)
 {
-    return number ? std::optional(*number / divisor) : std::nullopt;
+    const size_t first = text.find_first_not_of(kSpace);
+    if (first == std::string::npos)
+    {
+        return "";
+    }
+    return text.substr(first, text.find_last_not_of(kSpace) - first + 1);
 }
 
 std::vector<std::string> Words(const std::string &text)
@@ -121,21 +130,6 @@ std::vector<std::string> Lines(const std::string &text)
         lines.push_back(line);
     }
     return lines;
-}
-
-std::optional<int64_t> MemoryKibibytes(const HostFiles &files,
-                                       const std::string &name)
-{
-    for (const std::string &line :
-         Lines(files.Text("/proc/meminfo").value_or("")))
-    {
-        const std::vector<std::string> words = Words(line);
-        if (words.size() >= 2 && words.front() == name)
-        {
-            return ParseNumber(words[1]);
-        }
-    }
-    return std::nullopt;
 }
 
 } // namespace qdb

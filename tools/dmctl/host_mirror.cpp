@@ -6,34 +6,53 @@ namespace qdb
 namespace
 {
 
-Json CreateOperation(const HostObject &object)
-{
-    Json operation = Operation("create");
-    Json parents(json_array());
-    Append(parents, Number(object.parent));
-    Put(operation, "type", Number(object.type));
-    Put(operation, "oid", Number(object.oid));
-    Put(operation, "key", Text(object.key));
-    Put(operation, "parents", std::move(parents));
-    Put(operation, "values", Share(object.values.get()));
-    return operation;
-}
-
-Json SetOperation(uint32_t oid, Json values)
-{
-    Json operation = Operation("set");
-    Put(operation, "oid", Number(oid));
-    Put(operation, "values", std::move(values));
-    return operation;
-}
-
 Json DeleteOperation(uint32_t oid)
 {
-    Json operation = Operation("delete");
-    Json oids(json_array());
-    Append(oids, Number(oid));
-    Put(operation, "oids", std::move(oids));
-    return operation;
+    return Json(
+        json_pack("{s:s,s:[I]}", "op", "delete", "oids", json_int_t{oid}));
+}
+
+// The members of `after` that `before` lacks or has with another value, and
+// null for those that `after` lacks.
+Json ChangedMembers(json_t *before, json_t *after)
+{
+    Json changed(json_object());
+    const char *name;
+    json_t *value;
+    json_object_foreach(after, name, value)
+    {
+        if (json_equal(json_object_get(before, name), value) == 0)
+        {
+            Put(changed, name, Share(value));
+        }
+    }
+    json_object_foreach(before, name, value)
+    {
+        if (json_object_get(after, name) == nullptr)
+        {
+            Put(changed, name, Json(json_null()));
+        }
+    }
+    return changed;
+}
+
+// What brings an object to the given state: NULL when nothing has to change.
+Json UpdateOperation(const HostObject &object, json_t *before)
+{
+    if (before == nullptr)
+    {
+        return Json(json_pack("{s:s,s:i,s:I,s:s,s:[I],s:O}", "op", "create",
+                              "type", int{object.type}, "oid",
+                              json_int_t{object.oid}, "key", object.key.c_str(),
+                              "parents", json_int_t{object.parent}, "values",
+                              object.values.get()));
+    }
+    Json changed = ChangedMembers(before, object.values.get());
+    return json_object_size(changed.get()) == 0
+               ? nullptr
+               : Json(json_pack("{s:s,s:I,s:o}", "op", "set", "oid",
+                                json_int_t{object.oid}, "values",
+                                changed.release()));
 }
 
 } // namespace
@@ -58,30 +77,28 @@ HostMirror::Update(const std::vector<HostObject> &objects)
 {
     const Json operations(json_array());
     std::vector<uint32_t> targets; // of the operations, one by one
+    const auto add = [&](uint32_t oid, Json operation)
+    {
+        if (operation != nullptr)
+        {
+            Append(operations, std::move(operation));
+            targets.push_back(oid);
+        }
+    };
     std::map<uint32_t, Json> current;
     for (const HostObject &object : objects)
     {
         const auto known = mKnown.find(object.oid);
-        if (known == mKnown.end())
-        {
-            Append(operations, CreateOperation(object));
-            targets.push_back(object.oid);
-        }
-        else if (Json changed =
-                     ChangedMembers(known->second.get(), object.values.get());
-                 json_object_size(changed.get()) != 0)
-        {
-            Append(operations, SetOperation(object.oid, std::move(changed)));
-            targets.push_back(object.oid);
-        }
+        add(object.oid, UpdateOperation(object, known == mKnown.end()
+                                                    ? nullptr
+                                                    : known->second.get()));
         current[object.oid] = Share(object.values.get());
     }
     for (const auto &[oid, values] : mKnown)
     {
         if (!current.contains(oid))
         {
-            Append(operations, DeleteOperation(oid));
-            targets.push_back(oid);
+            add(oid, DeleteOperation(oid));
         }
     }
     mKnown = std::move(current);
@@ -99,29 +116,6 @@ HostMirror::Update(const std::vector<HostObject> &objects)
         }
     }
     return refusals;
-}
-
-Json ChangedMembers(json_t *before, json_t *after)
-{
-    Json changed(json_object());
-    const char *name;
-    json_t *value;
-    json_object_foreach(after, name, value)
-    {
-        const json_t *old = json_object_get(before, name);
-        if (old == nullptr || json_equal(old, value) == 0)
-        {
-            Put(changed, name, Share(value));
-        }
-    }
-    json_object_foreach(before, name, value)
-    {
-        if (json_object_get(after, name) == nullptr)
-        {
-            Put(changed, name, Json(json_null()));
-        }
-    }
-    return changed;
 }
 
 } // namespace qdb

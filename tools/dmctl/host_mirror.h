@@ -5,7 +5,7 @@
 #pragma once
 
 #include "tools/dmctl/client.h"
-#include "tools/dmctl/host_objects.h"
+#include "tools/dmctl/host.h"
 
 #include <map>
 #include <string>
@@ -30,9 +30,5 @@ class HostMirror
     Client &mClient;
     std::map<uint32_t, Json> mKnown; // values by OID
 };
-
-// The members of `after` that `before` lacks or has with another value, and
-// null for those that `after` lacks.
-Json ChangedMembers(json_t *before, json_t *after);
 
 } // namespace qdb
