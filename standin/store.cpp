@@ -30,9 +30,9 @@ std::string DefaultKey(uint16_t type, uint32_t oid)
     return Print("%X||Object.%u", type, oid);
 }
 
-// A copy of `old` in which the members of `given` are replaced, or removed
-// where they are null. Those that were given stand last: of two fields that
-// share bytes the one given last holds. Both may be NULL.
+// A copy of `old` in which the members of `given` are replaced. Those that were
+// given stand last: of two fields that share bytes the one given last holds.
+// Both may be NULL.
 Json MergedValues(json_t *old, json_t *given)
 {
     // Shares the members of `old`, which nobody changes.
@@ -42,12 +42,25 @@ Json MergedValues(json_t *old, json_t *given)
     json_object_foreach(given, name, value)
     {
         json_object_del(merged.get(), name);
-        if (!json_is_null(value))
-        {
-            json_object_set_new(merged.get(), name, json_deep_copy(value));
-        }
+        json_object_set_new(merged.get(), name, json_deep_copy(value));
     }
     return merged;
+}
+
+// A null takes a value away; only the builder needs to see that it was one of a
+// column.
+void DropNulls(json_t *values)
+{
+    const char *name = nullptr;
+    json_t *value = nullptr;
+    void *next = nullptr;
+    json_object_foreach_safe(values, next, name, value)
+    {
+        if (json_is_null(value))
+        {
+            json_object_del(values, name);
+        }
+    }
 }
 
 Error Unknown(uint32_t oid)
@@ -102,6 +115,7 @@ Error ChangeValues(Object *pObject, json_t *given)
         // Lives in the bytes alone, since it also changes without the values.
         json_object_del(values.get(), kStatusColumn);
     }
+    DropNulls(values.get());
     pObject->bytes = std::move(bytes);
     pObject->values = std::move(values);
     return {};

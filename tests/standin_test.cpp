@@ -39,6 +39,7 @@ TEST(Standin, RefusesValuesThatDoNotFit)
         const char *reason;
     } cases[] = {
         {0xE1, R"({"Sped":1})", "TblMemoryInfo.Sped: there is no such column"},
+        {0xE1, R"({"Sped":null})", "TblMemoryInfo.Sped: there is no such column"},
         {0xE1, R"({"OID":1})", "can't be set"},
         {0xE1, R"({"ParentObjectKey":"x"})", "can't be set"},
         {0xE1, R"({"Rank":256})", "an unsigned integer of 8 bits"},
