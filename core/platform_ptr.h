@@ -76,34 +76,24 @@ class OidList
     std::unique_ptr<uint32_t, FreeGeneric> list_;
 };
 
-// Asks the Data Manager for an object, and notes when, for object_order.h.
-template <typename Ask>
-ObjectPtr FetchNoted(Ask ask)
+// The object as the Data Manager has it now, NULL: not at all. Notes when it
+// was asked, for object_order.h.
+inline ObjectPtr FetchObject(uint32_t oid)
 {
     const Wait wait;
     const uint64_t asked = Tick();
-    ObjectPtr object(ask());
+    ObjectPtr object(ZOILGetObjByOID(&oid));
     NoteFetch(object.get(), asked);
     return object;
 }
 
-// The object as the Data Manager has it now, NULL: not at all.
-inline ObjectPtr FetchObject(uint32_t oid)
-{
-    return FetchNoted(
-        [&]
-        {
-            return ZOILGetObjByOID(&oid);
-        });
-}
-
 inline ObjectPtr FetchByKey(const char *key)
 {
-    return FetchNoted(
-        [&]
-        {
-            return ZOILGetObjByKey(key);
-        });
+    const Wait wait;
+    const uint64_t asked = Tick();
+    ObjectPtr object(ZOILGetObjByKey(key));
+    NoteFetch(object.get(), asked);
+    return object;
 }
 
 // A relation of an object that is in hand: its parent, say.

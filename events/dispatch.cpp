@@ -168,6 +168,7 @@ void FindParent(Visit &visit)
 bool RowApplies(const Visit &visit, const ObjTypeRow &row)
 {
     return visit.notification.eventType == DATA_EVENT_DATA_OBJ_DESTROY ||
+           row.match == Match::Every ||
            Applies(row, visit.object.get(), visit.parent.get());
 }
 

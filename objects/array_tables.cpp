@@ -7,7 +7,7 @@
 #include "objects/binder.h"
 #include "objects/json_text.h"
 #include "objects/plain_value.h"
-#include "objects/row_statement.h"
+#include "objects/row_log.h"
 #include "objects/schema/array_tables.h"
 #include "objects/sql_text.h"
 

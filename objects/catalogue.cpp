@@ -1,6 +1,8 @@
 #include "objects/catalogue.h"
 
+#include "core/log.h"
 #include "objects/array_tables.h"
+#include "objects/row_log.h"
 
 #include <algorithm>
 
@@ -44,6 +46,27 @@ std::array<ObjRowState, ObjectTypeTable.size()> gRowStates;
 ObjRowState &StateOf(const ObjTypeRow &row)
 {
     return gRowStates[static_cast<size_t>(&row - ObjectTypeTable.data())];
+}
+
+int PrepareForRow(const ObjTypeRow &row, uint32_t oid, const char *stem,
+                  StatementSlot &slot, SqlText (*makeSql)(const ObjTypeRow &))
+{
+    if (slot.statement != nullptr)
+    {
+        QDB_LOG(kLogTrace, "%s: [%s]Using prepared statement", row.suffix);
+        return SQLITE_OK;
+    }
+    const SqlText sql = makeSql(row);
+    bool wasReady = false;
+    const int status =
+        slot.Prepare(sql.c_str(), static_cast<int>(sql.size()), &wasReady);
+    if (status != SQLITE_OK)
+    {
+        QDB_LOG(kLogError, "%s: [%s]sqlite3_prepare_v2 Error: %d oID:%d",
+                row.suffix, status, StoredOid(oid));
+        LogRowError(kLogError, stem, row);
+    }
+    return status;
 }
 
 const ObjTypeRow *FindRow(uint32_t objType)

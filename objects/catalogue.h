@@ -11,6 +11,7 @@
 #include "db/mapping.h"
 #include "db/statement.h"
 #include "objects/schema/rows.h"
+#include "objects/sql_text.h"
 #include "platform/zoil.h"
 
 #include <pthread.h>
@@ -44,6 +45,13 @@ struct ObjRowState
 
 // The state of a row of ObjectTypeTable.
 ObjRowState &StateOf(const ObjTypeRow &row);
+
+// Fills a slot of the row, whose mutex the caller holds, with the statement
+// that `makeSql` writes, unless it is full already. Returns 0, or the status of
+// a failed prepare, after which the slot is still empty; the log tells of that
+// by the OID and by the handler's stem, such as "CreateObj_".
+int PrepareForRow(const ObjTypeRow &row, uint32_t oid, const char *stem,
+                  StatementSlot &slot, SqlText (*makeSql)(const ObjTypeRow &));
 
 // The only row, or the first one, of a type; NULL for a type without one.
 const ObjTypeRow *FindRow(uint32_t objType);

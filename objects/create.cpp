@@ -10,6 +10,7 @@
 
 #include "core/guard.h"
 #include "core/lock.h"
+#include "core/object_order.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/execute.h"
@@ -18,11 +19,10 @@
 #include "objects/array_tables.h"
 #include "objects/binder.h"
 #include "objects/change_json.h"
-#include "objects/claimed.h"
 #include "objects/handlers.h"
 #include "objects/parents.h"
+#include "objects/row_log.h"
 #include "objects/row_reader.h"
-#include "objects/row_statement.h"
 #include "objects/sql_text.h"
 #include "publish/change_signal.h"
 #include "queues/fail_queue.h"
@@ -79,9 +79,9 @@ int PrepareInsert(const Create &create)
 {
     return PrepareForRow(create.row, create.Oid(), kStem,
                          create.state.InsertStmt,
-                         [&]
+                         [](const ObjTypeRow &row)
                          {
-                             return InsertSql(*create.row.table);
+                             return InsertSql(*row.table);
                          });
 }
 

@@ -20,8 +20,8 @@
 #include "objects/array_tables.h"
 #include "objects/change_json.h"
 #include "objects/handlers.h"
+#include "objects/row_log.h"
 #include "objects/row_reader.h"
-#include "objects/row_statement.h"
 #include "publish/change_signal.h"
 
 #include <cstdio>

@@ -7,6 +7,7 @@
 
 #include "core/guard.h"
 #include "core/lock.h"
+#include "core/object_order.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/execute.h"
@@ -15,10 +16,9 @@
 #include "objects/array_tables.h"
 #include "objects/binder.h"
 #include "objects/change_json.h"
-#include "objects/claimed.h"
 #include "objects/handlers.h"
+#include "objects/row_log.h"
 #include "objects/row_reader.h"
-#include "objects/row_statement.h"
 #include "objects/sql_text.h"
 #include "publish/change_signal.h"
 #include "queues/fail_queue.h"
@@ -90,10 +90,9 @@ int PrepareUpdate(const Refresh &refresh)
     QDB_LOG(kLogTrace, "%s: [%s]line=%d", refresh.row.suffix, __LINE__);
     return PrepareForRow(
         refresh.row, refresh.Oid(), kStem, refresh.state.UpdateStmt,
-        [&]
+        [](const ObjTypeRow &row)
         {
-            return UpdateSql(*refresh.row.table,
-                             refresh.row.Has(Trait::RawValues));
+            return UpdateSql(*row.table, row.Has(Trait::RawValues));
         });
 }
 

@@ -6,8 +6,8 @@
 #include "db/mapping.h"
 #include "db/turn.h"
 #include "objects/json_text.h"
+#include "objects/row_log.h"
 #include "objects/row_query.h"
-#include "objects/row_statement.h"
 #include "objects/sql_text.h"
 
 namespace qdb
@@ -21,10 +21,10 @@ int PrepareSelect(const ObjTypeRow &row, uint32_t oid, StatementSlot &slot)
 {
     // The tables of configuration attributes were written by another hand.
     return PrepareForRow(row, oid, kStem, slot,
-                         [&]
+                         [](const ObjTypeRow &any)
                          {
-                             return SelectJsonSql(*row.table,
-                                                  row.Has(Trait::Attribute));
+                             return SelectJsonSql(*any.table,
+                                                  any.Has(Trait::Attribute));
                          });
 }
 
