@@ -74,9 +74,9 @@ TEST(Stop, UnderWorkEndsInOrder)
             EXPECT_TRUE(service.WaitReady());
             // The command may wait for what the stop interrupts.
             command = std::jthread(
-                [&]
+                [&work, path = service.Root().Path() + "/control"]
                 {
-                    service.Command(work);
+                    CommandAt(path, work);
                 });
             SleepUpTo(300);
             service.Signal(SIGTERM);

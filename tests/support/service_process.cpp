@@ -205,10 +205,14 @@ int ServiceProcess::ReadyAttribute() const
 
 std::string ServiceProcess::Command(const std::string &json) const
 {
+    return CommandAt(root_.Path() + "/control", json);
+}
+
+std::string CommandAt(const std::string &path, const std::string &json)
+{
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, (root_.Path() + "/control").c_str(),
-                 sizeof(address.sun_path) - 1);
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const bool connected = connect(fd, reinterpret_cast<sockaddr *>(&address),
                                    sizeof(address)) == 0;
