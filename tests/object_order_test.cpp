@@ -1,6 +1,7 @@
 // What orders the handlers of one object, and what they know of it.
 
 #include "core/object_order.h"
+#include "core/sleep.h"
 #include "core/state.h"
 #include "events/dispatch.h"
 #include "queues/event_queue.h"
@@ -130,6 +131,37 @@ TEST_F(Handler, ADestroyThatWasOvertakenHasTheObjectCreatedAgain)
     EXPECT_EQ(Tell(kDestroy, taken), 0);
     EXPECT_EQ(Queued(), "7 256");
     EXPECT_EQ(mirror_.Rows("SELECT OID FROM TblDMStatus_Child_Obj"), Lines{});
+}
+
+std::atomic<bool> gPaused = false;
+
+// It finds its OID mapped, and the destroy that is still to come needs the
+// object that the create has in hand.
+TEST_F(Handler, ACreateLetsTheDestroyOfTheOldRowGoFirst)
+{
+    constexpr uint16_t kWaitsForDeletes = 0x16;
+    const Bytes object = MakeObject(kWaitsForDeletes, kOid);
+    EXPECT_EQ(Create(object), 0);
+    // A hundred of these are the create's patience.
+    SetSleepFunction(
+        [](unsigned /*microseconds*/)
+        {
+            gPaused = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        });
+    std::thread remover(
+        [&]
+        {
+            EXPECT_TRUE(WaitUntil(
+                []
+                {
+                    return gPaused.load();
+                }));
+            EXPECT_EQ(Delete(object), 0);
+        });
+    EXPECT_EQ(Create(object), 0);
+    remover.join();
+    EXPECT_EQ(Kinds(), (Lines{"Added", "Removed", "Added"}));
 }
 
 // The Data Manager may answer nobody until its callback returns.
