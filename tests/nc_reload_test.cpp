@@ -6,6 +6,7 @@
 // it to a known state first, or uses OIDs or values of its own.
 
 #include "events/dispatch.h"
+#include "reconcile/fail_drain.h"
 #include "reconcile/fru_reload.h"
 #include "reconcile/memory_reload.h"
 #include "tests/support/config_bytes.h"
@@ -262,6 +263,25 @@ TEST_F(FruReload, FetchesWhatVanishesAgain)
         EXPECT_EQ(ReLoadFRUNCObjects(), test.result);
         EXPECT_EQ(mirror_.Value("SELECT SerialNumber FROM TblFRUObj"),
                   test.row);
+    }
+}
+
+// An OID may be another object's by the time that its failure comes up.
+TEST_F(NcReload, DrainsNoFailureOfAnotherType)
+{
+    constexpr uint16_t kFailed = 0x16;
+    const int index = QdbFailObjTypeIndex(kFailed);
+    for (const uint16_t type : {uint16_t{0x17}, kFailed})
+    {
+        Clear();
+        Put(MakeObject(type, 7));
+        // The newest one stays.
+        QdbFailenQueue(gFailQueue, 7, FailedOperation::RefreshFailure, index);
+        QdbFailenQueue(gFailQueue, 8, FailedOperation::RefreshFailure, index);
+        DrainFailQueue();
+        EXPECT_EQ(Kept().size(), 1U);
+        EXPECT_EQ(mirror_.Rows("SELECT OID FROM TblProbeObj"),
+                  type == kFailed ? Lines{"7"} : Lines());
     }
 }
 
