@@ -105,8 +105,8 @@ void Live(const std::vector<Life> &lives);
 // Ready, a change reaches its row, and SIGTERM.
 void Serve(ServiceProcess &service);
 
-// As ServiceProcess::Command, at a control socket: for a thread that may outlive
-// the process.
+// As ServiceProcess::Command, at a control socket: for a thread that may
+// outlive the process.
 std::string CommandAt(const std::string &path, const std::string &json);
 
 } // namespace qdb::test
