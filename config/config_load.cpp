@@ -122,7 +122,15 @@ void LoadObjects(Load &load, const ConfigObjectList &list,
             (oids == nullptr ||
              std::ranges::find(*oids, object->objID) != oids->end()))
         {
-            LoadObject(load, object, list.Asked());
+            // Want of memory costs this object, not the rest of the list.
+            int status = kNoMemory;
+            Guard("a configuration object",
+                  [&]
+                  {
+                      LoadObject(load, object, list.Asked());
+                      status = SQLITE_OK;
+                  });
+            load.status = status == SQLITE_OK ? load.status : status;
         }
     }
 }
@@ -142,6 +150,11 @@ void LoadOutOfDate(Load &load)
         }
         load.cache = nullptr;
         LoadObjects(load, newer, &oids);
+    }
+    if (!load.outOfDate.empty())
+    {
+        QDB_LOG(kLogError, "%s: %s: %zu objects change faster than they load\n",
+                load.interfaceName, load.outOfDate.size());
     }
 }
 

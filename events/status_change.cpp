@@ -25,7 +25,6 @@ void LogReload(const char *function, const DataObjHeader &object)
 // failure ends the walk.
 int RefreshRows(const DataObjHeader &object, uint64_t taken)
 {
-
     for (const ObjTypeRow &row : ObjectTypeTable)
     {
         if (object.objType == 0 || row.objType != object.objType)

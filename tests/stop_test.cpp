@@ -269,6 +269,8 @@ TEST(Stop, ComesAboutWhateverThreadIsMissing)
     {
         EXPECT_TRUE(service.WaitReady());
         service.Command(R"({"op":"detach"})");
+        // By then a worker has it: a stop takes the listener away first.
+        EXPECT_TRUE(service.WaitForLog("Reload thread failed"));
         service.Signal(SIGTERM);
     };
     const auto end = [](ServiceProcess &) {};
