@@ -126,11 +126,10 @@ void Write(LazyStatement &statement, std::initializer_list<int> values)
 }
 
 LoopRow::LoopRow(const ObjTypeRow &ofRow)
-    : row(ofRow), insert_(InsertSql(*row.table).c_str()),
-      update_(UpdateSql(*row.table, false).c_str()),
-      select_((ReadsWithSelectStar(*row.table)
-                   ? SelectStarSql(*row.table)
-                   : SelectJsonSql(*row.table, false))
+    : row(ofRow), insert_(InsertSql(row).c_str()),
+      update_(UpdateSql(row).c_str()),
+      select_((ReadsWithSelectStar(*row.table) ? SelectStarSql(row)
+                                               : SelectJsonSql(row))
                   .c_str())
 {
     for (const ArrayProperty &property : row.table->arrays)

@@ -1,8 +1,8 @@
 #include "core/gate.h"
 
 #include "core/lock.h"
-#include "core/progress.h"
 #include "core/state.h"
+#include "core/waiting.h"
 
 namespace qdb
 {

@@ -2,7 +2,6 @@
 
 #include "core/lock.h"
 #include "core/log.h"
-#include "core/progress.h"
 #include "core/waiting.h"
 
 #include <signal.h>

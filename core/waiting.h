@@ -1,5 +1,5 @@
 // Waiting: what a thread may not do while it has the turn at the database
-// (db/turn.h), and how long it did it.
+// (db/turn.h), how long it did it, and whether it came back.
 //
 // Whoever has the turn holds up everybody who wants the database, so it waits
 // for nothing but SQLite. It may take a LeafLock (core/lock.h), whose holders
@@ -8,8 +8,7 @@
 // a Wait: calls of the platform about an object, sleeps, a stalled bus.
 #pragma once
 
-#include "core/progress.h"
-
+#include <atomic>
 #include <cassert>
 #include <cstdint>
 #include <ctime>
@@ -39,6 +38,22 @@ inline timespec ToTimespec(int64_t nanoseconds)
 {
     return {static_cast<time_t>(nanoseconds / 1000000000),
             static_cast<long>(nanoseconds % 1000000000)};
+}
+
+// Progress, counted at a stop alone: what makes no note for two seconds once a
+// stop has been requested counts as hanging (service/watch.h). True while
+// somebody counts; until then a note costs one read.
+extern std::atomic<bool> gProgressCounts;
+extern std::atomic<unsigned> gProgress;
+
+// Belongs behind each step of a statement and each record; a Wait makes its
+// own. Takes no lock; may be called in any state.
+inline void NoteProgress()
+{
+    if (gProgressCounts.load(std::memory_order_relaxed))
+    {
+        gProgress.fetch_add(1, std::memory_order_relaxed);
+    }
 }
 
 // The time that the calling thread has spent in Waits so far.

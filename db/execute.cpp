@@ -2,9 +2,9 @@
 
 #include "core/lock.h"
 #include "core/log.h"
-#include "core/progress.h"
 #include "core/sleep.h"
 #include "core/state.h"
+#include "core/waiting.h"
 #include "db/turn.h"
 
 namespace qdb

@@ -78,11 +78,7 @@ void WaitForDelete(const Create &create)
 int PrepareInsert(const Create &create)
 {
     return PrepareForRow(create.row, create.Oid(), kStem,
-                         create.state.InsertStmt,
-                         [](const ObjTypeRow &row)
-                         {
-                             return InsertSql(*row.table);
-                         });
+                         create.state.InsertStmt, InsertSql);
 }
 
 // Only a busy database is worth another try later: all other failures would

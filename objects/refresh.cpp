@@ -88,12 +88,8 @@ int PrepareUpdate(const Refresh &refresh)
 {
     QDB_LOG(kLogTrace, "%s: [%s]line=%d", refresh.row.suffix, __LINE__);
     QDB_LOG(kLogTrace, "%s: [%s]line=%d", refresh.row.suffix, __LINE__);
-    return PrepareForRow(
-        refresh.row, refresh.Oid(), kStem, refresh.state.UpdateStmt,
-        [](const ObjTypeRow &row)
-        {
-            return UpdateSql(*row.table, row.Has(Trait::RawValues));
-        });
+    return PrepareForRow(refresh.row, refresh.Oid(), kStem,
+                         refresh.state.UpdateStmt, UpdateSql);
 }
 
 void LogNotUpdated(const Refresh &refresh, const char *attempt, int status)

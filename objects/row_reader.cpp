@@ -19,13 +19,7 @@ constexpr char kStem[] = "GetRowData_";
 
 int PrepareSelect(const ObjTypeRow &row, uint32_t oid, StatementSlot &slot)
 {
-    // The tables of configuration attributes were written by another hand.
-    return PrepareForRow(row, oid, kStem, slot,
-                         [](const ObjTypeRow &any)
-                         {
-                             return SelectJsonSql(*any.table,
-                                                  any.Has(Trait::Attribute));
-                         });
+    return PrepareForRow(row, oid, kStem, slot, SelectJsonSql);
 }
 
 const char *ColumnText(sqlite3_stmt *statement)
@@ -156,8 +150,8 @@ JsonPtr RowReading::TakeJson()
 int ReadRow(const ObjTypeRow &row, uint32_t oid, RowReading *pRow)
 {
     return ReadsWithSelectStar(*row.table)
-               ? GetJsonObjectFromQDBQuery(
-                     row, SelectStarSql(*row.table).c_str(), oid, pRow)
+               ? GetJsonObjectFromQDBQuery(row, SelectStarSql(row).c_str(), oid,
+                                           pRow)
                : GetRowData(row, oid, pRow);
 }
 

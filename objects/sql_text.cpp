@@ -39,21 +39,21 @@ SqlText &SqlText::operator+=(std::string_view text)
     return *this;
 }
 
-SqlText InsertSql(const Table &table)
+SqlText InsertSql(const ObjTypeRow &row)
 {
     SqlText sql("INSERT OR REPLACE INTO ");
-    sql += table.name;
+    sql += row.table->name;
     sql += " (";
-    AppendValues(sql, table.columns, table.columns.size(), "");
+    AppendValues(sql, row.table->columns, row.table->columns.size(), "");
     return sql;
 }
 
-SqlText UpdateSql(const Table &table, bool rawGuard)
+SqlText UpdateSql(const ObjTypeRow &row)
 {
     SqlText sql("UPDATE ");
-    sql += table.name;
+    sql += row.table->name;
     sql += " SET 'SingleRecordEtag' = strftime('%s')";
-    for (const Column &column : table.columns)
+    for (const Column &column : row.table->columns)
     {
         if (!column.source.insertOnly)
         {
@@ -62,15 +62,17 @@ SqlText UpdateSql(const Table &table, bool rawGuard)
             sql += "' = ?";
         }
     }
-    sql += rawGuard ? " WHERE OID = ? AND isRawData = ?" : " WHERE OID = ?";
+    sql += row.Has(Trait::RawValues) ? " WHERE OID = ? AND isRawData = ?"
+                                     : " WHERE OID = ?";
     return sql;
 }
 
-SqlText SelectJsonSql(const Table &table, bool bareColumns)
+SqlText SelectJsonSql(const ObjTypeRow &row)
 {
-    const char *quote = bareColumns ? "" : "\"";
+    // The tables of configuration attributes were written by another hand.
+    const char *quote = row.Has(Trait::Attribute) ? "" : "\"";
     SqlText sql("SELECT json_object(");
-    for (const Column &column : table.columns)
+    for (const Column &column : row.table->columns)
     {
         sql += "'";
         sql += column.name;
@@ -82,15 +84,15 @@ SqlText SelectJsonSql(const Table &table, bool bareColumns)
     }
     sql += "'SingleRecordEtag', SingleRecordEtag) AS json_result FROM (SELECT "
            "* FROM ";
-    sql += table.name;
+    sql += row.table->name;
     sql += " WHERE OID = ?)";
     return sql;
 }
 
-SqlText SelectStarSql(const Table &table)
+SqlText SelectStarSql(const ObjTypeRow &row)
 {
     SqlText sql("SELECT * from ");
-    sql += table.name;
+    sql += row.table->name;
     sql += " WHERE OID = ?";
     return sql;
 }

@@ -5,7 +5,7 @@
 // and then the OID.
 #pragma once
 
-#include "objects/schema/table.h"
+#include "objects/schema/object_type.h"
 
 #include <string_view>
 
@@ -39,18 +39,17 @@ class SqlText
     size_t size_ = 0;
 };
 
-SqlText InsertSql(const Table &table);
+SqlText InsertSql(const ObjTypeRow &row);
 
-// Stamps SingleRecordEtag. rawGuard adds a last parameter that isRawData must
-// equal.
-SqlText UpdateSql(const Table &table, bool rawGuard);
+// Stamps SingleRecordEtag. With Trait::RawValues there is a last parameter that
+// isRawData must equal.
+SqlText UpdateSql(const ObjTypeRow &row);
 
-// One row as a JSON object made by SQLite. bareColumns: column names are not
-// quoted.
-SqlText SelectJsonSql(const Table &table, bool bareColumns);
+// One row as a JSON object made by SQLite.
+SqlText SelectJsonSql(const ObjTypeRow &row);
 
 // One row as columns.
-SqlText SelectStarSql(const Table &table);
+SqlText SelectStarSql(const ObjTypeRow &row);
 
 // One element of an array property, and all elements of one.
 SqlText InsertElementSql(const SideTable &table);

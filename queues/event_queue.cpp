@@ -11,9 +11,9 @@
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/object_order.h"
-#include "core/progress.h"
 #include "core/state.h"
 #include "core/threads.h"
+#include "core/waiting.h"
 #include "queues/admission.h"
 #include "queues/event_record.h"
 

@@ -3,7 +3,6 @@
 #include "core/gate.h"
 #include "core/lock.h"
 #include "core/log.h"
-#include "core/progress.h"
 #include "core/ready.h"
 #include "core/state.h"
 #include "core/threads.h"

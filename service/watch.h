@@ -6,7 +6,7 @@
 // can take yet. From then on:
 //   - A ZOILRemoveEventListener that doesn't come back within a second is left
 //     alone: the watch takes the steps of the stop that follow it.
-//   - When nothing at all has moved for two seconds (core/progress.h), the
+//   - When nothing at all has moved for two seconds (core/waiting.h), the
 //     process leaves what hangs behind: the last signals go out, readiness is
 //     withdrawn, and the process ends with status 0, without closing the
 //     database. A step that is under way then gets four more seconds: one that
