@@ -9,9 +9,8 @@
 // The turn's rule: whoever has it waits for nothing but SQLite. It may meet
 // - SQLite's own locks, and so another process, for the busy time-out;
 // - SqliteStepMutex, whose holder is in one step;
-// - leaves (LeafLock, PlatformLock): lists, queues and the telemetry pipe,
-// whose
-//   holders wait for nothing;
+// - leaves (LeafLock, PlatformLock), whose holders wait for nothing: those of
+//   lists, queues and the telemetry pipe;
 // - a log call.
 // For everything else it is given up first: a sleep or a repeat (GiveUpTurn),
 // a statement mutex whose holder may sleep (StatementLock), a call of the

@@ -76,8 +76,11 @@ int Wanted()
     {
         return kWorkerCount;
     }
-    const int64_t turn = std::max<int64_t>(gTurn.value, 1);
-    const int64_t wanted = 1 + (gWaits.value + turn / 2) / turn;
+    // By half turns, since a record that waits is kept about as long again by
+    // what it does beside both, and by each time that its thread has to be
+    // woken for. One that doesn't wait hardly leaves the database idle.
+    const int64_t half = std::max<int64_t>(gTurn.value / 2, 1);
+    const int64_t wanted = 1 + (gWaits.value + half / 2) / half;
     return static_cast<int>(std::min<int64_t>(wanted, kWorkerCount));
 }
 

@@ -9,10 +9,10 @@
 //
 // So it is measured, of each record, how long it waited (core/waiting.h) and
 // how long it had the turn at the database; of both the smoothed value over the
-// last few records counts. One worker is let in, and one more for each turn's
-// time that a record spends waiting, up to all ten. One that has not come back
-// for many times a record's time hangs, and doesn't count. At a stop all are
-// let in: what is queued is still carried out.
+// last few records counts. One worker is let in, and one more for each half of
+// a turn's time that a record spends waiting, up to all ten. One that has not
+// come back for many times a record's time hangs, and doesn't count. At a stop
+// all are let in: what is queued is still carried out.
 #pragma once
 
 namespace qdb
