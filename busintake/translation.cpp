@@ -77,7 +77,10 @@ BusRecordHead MakeHead(EventType event, uint32_t size)
 int Enqueue(const BusRecordHead &head, const char *interfaceName,
             const char *path)
 {
-    auto *record = static_cast<char *>(std::calloc(1, head.header.evtSize));
+    char *record =
+        HasRoomForBusRecord(head.header.evtSize)
+            ? static_cast<char *>(std::calloc(1, head.header.evtSize))
+            : nullptr;
     if (record == nullptr)
     {
         QDB_LOG(kLogTrace, "%s: Failed to allocate memory for pDEH\n");
@@ -148,7 +151,9 @@ int HandleSignalRawDataUpdated(const char *key, const char *filePath)
     const uint32_t keySize = SizeOfText(key);
     const uint32_t pathAt = kRawFixedSize + keySize;
     const uint32_t size = pathAt + SizeOfText(filePath);
-    auto *record = static_cast<char *>(ZOAllocMem(size));
+    char *record = HasRoomForBusRecord(size)
+                       ? static_cast<char *>(ZOAllocMem(size))
+                       : nullptr;
     if (record == nullptr)
     {
         QDB_LOG(kLogInvalid, "%s: %s: failed to alloc memory for data event\n",

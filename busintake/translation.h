@@ -4,7 +4,8 @@
 // A record is one block, header and texts, so that one free ends it and the
 // queue needs no knowledge of what is inside; its layout is that of
 // queues/event_record.h. The texts given are copied. Each function
-// returns 0, or a negative errno; what could not be queued is lost. Called on
+// returns 0, or a negative errno; what could not be queued is lost. -ENOMEM is
+// also for what would be too much on the queue (HasRoomForBusRecord). Called on
 // the signal thread.
 #pragma once
 

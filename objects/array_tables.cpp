@@ -71,18 +71,18 @@ uint32_t ElementCount(const ArrayProperty &property, const ObjectView &object)
                : object.Read<uint32_t>(property.countAt).value_or(0);
 }
 
-size_t FirstElementAt(const ArrayProperty &property, const ObjectView &object)
+uint64_t FirstElementAt(const ArrayProperty &property, const ObjectView &object)
 {
     return property.offsetAt == 0
                ? property.firstAt
-               : size_t{kBodyBase} +
+               : uint64_t{kBodyBase} +
                      object.Read<uint32_t>(property.offsetAt).value_or(0);
 }
 
 // Plain integers go in as 32 bits, the fields of records at their full width.
 int BindElementField(sqlite3_stmt *statement, int parameter,
                      const SideTable &table, const Column &column,
-                     const ObjectView &object, size_t base)
+                     const ObjectView &object, uint64_t base)
 {
     if (HoldsPlainIntegers(table) && column.source.form == Form::U32)
     {
@@ -94,7 +94,7 @@ int BindElementField(sqlite3_stmt *statement, int parameter,
 }
 
 int BindElement(sqlite3_stmt *statement, const ArrayProperty &property,
-                const DataObjHeader *pDOH, uint32_t index, size_t base)
+                const DataObjHeader *pDOH, uint32_t index, uint64_t base)
 {
     const ObjectView object(pDOH);
     int result = sqlite3_bind_int64(statement, 1, StoredOid(pDOH->objID));
@@ -112,7 +112,7 @@ int BindElement(sqlite3_stmt *statement, const ArrayProperty &property,
 
 int InsertElement(const ObjTypeRow &row, const ArrayProperty &property,
                   sqlite3_stmt *statement, const DataObjHeader *pDOH,
-                  uint32_t index, size_t base)
+                  uint32_t index, uint64_t base)
 {
     const StatementReset reset(statement);
     int status = BindElement(statement, property, pDOH, index, base);
@@ -140,7 +140,7 @@ int InsertElements(const ObjTypeRow &row, const ArrayProperty &property,
 {
     const ObjectView object(pDOH);
     const uint32_t count = ElementCount(property, object);
-    size_t base = FirstElementAt(property, object);
+    uint64_t base = FirstElementAt(property, object);
     int status = SQLITE_OK;
     for (uint32_t i = 0; i < count && status == SQLITE_OK &&
                          object.Bytes(base, property.table->recordSize);

@@ -24,7 +24,7 @@ int BindText(sqlite3_stmt *statement, int parameter,
 }
 
 int BindInteger(sqlite3_stmt *statement, int parameter, const Source &source,
-                const ObjectView &object, size_t offset)
+                const ObjectView &object, uint64_t offset)
 {
     const auto field = object.Number(offset, FieldSize(source));
     if (!field)
@@ -43,7 +43,7 @@ int BindInteger(sqlite3_stmt *statement, int parameter, const Source &source,
 // A real that isn't finite could never be read back as JSON.
 template <typename T>
 int BindReal(sqlite3_stmt *statement, int parameter, const ObjectView &object,
-             size_t offset)
+             uint64_t offset)
 {
     const std::optional<T> value = object.Read<T>(offset);
     return value && std::isfinite(*value)
@@ -52,7 +52,7 @@ int BindReal(sqlite3_stmt *statement, int parameter, const ObjectView &object,
 }
 
 int BindInlineText(sqlite3_stmt *statement, int parameter, Form form,
-                   const ObjectView &object, size_t offset)
+                   const ObjectView &object, uint64_t offset)
 {
     const auto text = object.TextToEnd(offset);
     const bool isNull = text && text->empty() && form == Form::TextOrNull;
@@ -62,7 +62,7 @@ int BindInlineText(sqlite3_stmt *statement, int parameter, Form form,
 // A text or a list that the word at `offset` leads to; NULL when the word is 0
 // or isn't inside the object.
 int BindBehindWord(sqlite3_stmt *statement, int parameter, const Source &source,
-                   const ObjectView &object, size_t offset)
+                   const ObjectView &object, uint64_t offset)
 {
     const uint64_t word = object.Number(offset, FieldSize(source)).value_or(0);
     if (word == 0)
@@ -155,9 +155,9 @@ int BindColumns(sqlite3_stmt *statement, const ObjTypeRow &row,
 } // namespace
 
 int BindField(sqlite3_stmt *statement, int parameter, const Source &source,
-              const ObjectView &object, size_t base)
+              const ObjectView &object, uint64_t base)
 {
-    const size_t offset = base + source.offset;
+    const uint64_t offset = base + source.offset;
     switch (KindOf(source.form))
     {
     case FormKind::Integer:

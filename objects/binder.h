@@ -61,6 +61,6 @@ inline bool IsNeverStored(const ObjTypeRow &row, const Column &column)
 // source's offset. A field that isn't wholly inside the object is NULL. Not
 // for ParentKey. Returns SQLite's code or 8216.
 int BindField(sqlite3_stmt *statement, int parameter, const Source &source,
-              const ObjectView &object, size_t base = 0);
+              const ObjectView &object, uint64_t base = 0);
 
 } // namespace qdb

@@ -27,7 +27,7 @@ std::vector<std::string_view> WalkTexts(const ObjectView &object,
                                         uint32_t listOffset, uint32_t count)
 {
     std::vector<std::string_view> texts;
-    size_t offset = size_t{kBodyBase} + listOffset;
+    uint64_t offset = uint64_t{kBodyBase} + listOffset;
     while (texts.size() < count)
     {
         const auto text = object.TextInside(offset);
@@ -70,8 +70,8 @@ std::optional<std::string> JoinCells(const ObjectView &object,
     std::vector<std::string_view> cells;
     while (cells.size() < count)
     {
-        const auto cell =
-            object.Bytes(listOffset + cells.size() * (size + 1), size);
+        const auto cell = object.Bytes(
+            listOffset + uint64_t{cells.size()} * (size + 1), size);
         if (!cell)
         {
             break;

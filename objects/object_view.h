@@ -24,6 +24,8 @@ inline constexpr uint32_t kMaxTextOffset = 5000;
 // Where every object's header has the word that points to its key.
 inline constexpr size_t kKeyWordAt = 0x14;
 
+// Offsets are 64 bits wide everywhere: an object's words are added up as they
+// are, and a sum that wraps round would lead to a place inside again.
 class ObjectView
 {
   public:
@@ -33,14 +35,14 @@ class ObjectView
     {
     }
 
-    size_t Size() const
+    uint64_t Size() const
     {
         return size_;
     }
 
     // The field at `offset`.
     template <typename T>
-    std::optional<T> Read(size_t offset) const
+    std::optional<T> Read(uint64_t offset) const
     {
         if (offset > size_ || size_ - offset < sizeof(T))
         {
@@ -52,7 +54,7 @@ class ObjectView
     }
 
     // The unsigned number of `size` bytes, 1 to 8, at `offset`.
-    std::optional<uint64_t> Number(size_t offset, size_t size) const
+    std::optional<uint64_t> Number(uint64_t offset, size_t size) const
     {
         if (offset > size_ || size_ - offset < size)
         {
@@ -71,18 +73,19 @@ class ObjectView
 
     // The text from `offset` to its NUL, or to the object's end when no NUL
     // comes before; nothing when it begins outside.
-    std::optional<std::string_view> TextToEnd(size_t offset) const
+    std::optional<std::string_view> TextToEnd(uint64_t offset) const
     {
         if (offset >= size_)
         {
             return std::nullopt;
         }
-        return std::string_view(bytes_ + offset,
-                                strnlen(bytes_ + offset, size_ - offset));
+        return std::string_view(
+            bytes_ + offset,
+            strnlen(bytes_ + offset, static_cast<size_t>(size_ - offset)));
     }
 
     // The text from `offset` to its NUL; nothing when either is outside.
-    std::optional<std::string_view> TextInside(size_t offset) const
+    std::optional<std::string_view> TextInside(uint64_t offset) const
     {
         const std::optional<std::string_view> text = TextToEnd(offset);
         return text && offset + text->size() < size_ ? text : std::nullopt;
@@ -90,14 +93,14 @@ class ObjectView
 
     // The text that the 32-bit word at `wordAt` points to; nothing when the
     // word is 0 or either isn't wholly inside.
-    std::optional<std::string_view> TextOfWord(size_t wordAt) const
+    std::optional<std::string_view> TextOfWord(uint64_t wordAt) const
     {
         const uint32_t offset = Read<uint32_t>(wordAt).value_or(0);
         return offset == 0 ? std::nullopt : TextInside(offset);
     }
 
     // `length` bytes from `offset`; nothing when they aren't all inside.
-    std::optional<std::string_view> Bytes(size_t offset, size_t length) const
+    std::optional<std::string_view> Bytes(uint64_t offset, size_t length) const
     {
         if (offset > size_ || size_ - offset < length)
         {
@@ -108,7 +111,7 @@ class ObjectView
 
   private:
     const char *bytes_;
-    size_t size_;
+    uint64_t size_;
 };
 
 } // namespace qdb

@@ -96,6 +96,11 @@ struct Unref
 
 void Send(sd_bus *bus, const char *jsonText, const char *member)
 {
+    if (std::strlen(jsonText) > kMaxSignalText)
+    {
+        LogFailure("sd_bus_send", -EMSGSIZE);
+        return;
+    }
     Unref signal;
     int result = sd_bus_message_new_signal(bus, &signal.message, kSignalPath,
                                            kSignalInterface, member);

@@ -52,7 +52,12 @@ inline constexpr char kSignalInterface[] =
     "com.vexo.tarnu.qdb.changeeventnotify";
 const char *SignalMember(int kind);
 
-// Makes the signal and sends it. Neither looks at readiness nor locks: the
+// The longest text that goes out, in bytes. A bus daemon disconnects who sends
+// more than 32 MiB in a message, for good; the rest is the message's header.
+inline constexpr size_t kMaxSignalText = (32 << 20) - (64 << 10);
+
+// Makes the signal and sends it; a text that is too long is dropped with the
+// line of a failed sending. Neither looks at readiness nor locks: the
 // caller holds a BusLock. Kinds 1 to 4. Waits for a stalled bus at most
 // kStallLimitMs.
 void send_dbus_signal(const char *jsonText, int kind);

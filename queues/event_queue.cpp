@@ -55,6 +55,26 @@ std::array<QdbEventNode, kWorkerCount> gStopNodes;
 // How many of the nodes are on the queue or with a worker.
 std::atomic<int> gStopNodesOut = 0;
 
+// Of the nodes on the queue that HasRoomForBusRecord is about. Written under
+// gQdbDBMutex.
+std::atomic<int64_t> gBusBytes = 0;
+
+constexpr int64_t BusBytes(uint32_t recordSize)
+{
+    return int64_t{recordSize} + int64_t{sizeof(QdbEventNode)};
+}
+
+// By its type. The Data Manager tells of raw data, too; those count, and are
+// let in all the same.
+int64_t BusBytesOf(const QdbEventNode &node)
+{
+    const DataEventHeader *record = node.data;
+    return record != nullptr && (record->evtType == DATA_EVENT_DBUS_TO_QDB ||
+                                 record->evtType == ZO_EVENT_RAW_DATA_UPDATE)
+               ? BusBytes(record->evtSize)
+               : 0;
+}
+
 bool IsStopNode(const QdbEventNode *node)
 {
     const std::less<const QdbEventNode *> before;
@@ -89,6 +109,7 @@ Before Append(QdbEventQueue &queue, QdbEventNode *node)
         queue.tail->next = node;
     }
     queue.tail = node;
+    gBusBytes += BusBytesOf(*node);
     return {gQdbSeqNumber.fetch_add(1), QdbEventQSize.fetch_add(1)};
 }
 
@@ -118,6 +139,7 @@ QdbEventNode *TakeHead(QdbEventQueue &queue)
     {
         queue.tail = nullptr;
     }
+    gBusBytes -= BusBytesOf(*node);
     return node;
 }
 
@@ -140,6 +162,11 @@ void QdbenQueue(QdbEventQueue *queue, DataEventHeader *record)
 {
     LogEntry("QdbenQueue");
     Enqueue(*queue, QdbnewNode(record, gQdbSeqNumber), record);
+}
+
+bool HasRoomForBusRecord(uint32_t size)
+{
+    return gBusBytes + BusBytes(size) <= kMaxBusBytes;
 }
 
 QdbEventNode *QdbdeQueue(QdbEventQueue *queue)

@@ -1,8 +1,9 @@
 // The one queue of event records.
 //
-// Strictly first in, first out, without a limit. Any thread appends; the
-// workers take. The queue owns its nodes and records from QdbenQueue on, and
-// the taker owns both from QdbdeQueue on. A stop record
+// Strictly first in, first out. Any thread appends; the workers take. What the
+// Data Manager tells has no limit; what comes from the bus has, since anybody
+// may send there (HasRoomForBusRecord). The queue owns its nodes and records
+// from QdbenQueue on, and the taker owns both from QdbdeQueue on. A stop record
 // (DATA_EVENT_WORKER_EXIT) is static memory and is never freed, nor are the
 // nodes that a stop brings along.
 #pragma once
@@ -43,6 +44,14 @@ QdbEventNode *QdbnewNode(DataEventHeader *data, int seqNo);
 // fails visibly: without memory for a node the record is freed and the event
 // is lost. Takes gQdbDBMutex.
 void QdbenQueue(QdbEventQueue *queue, DataEventHeader *record);
+
+// What the records on the queue that came from the bus may hold together, their
+// nodes included, in bytes.
+inline constexpr int64_t kMaxBusBytes = int64_t{16} << 20;
+
+// Whether one more record of `size` bytes from the bus may be queued. For the
+// signal thread, which alone queues them. Takes no lock.
+bool HasRoomForBusRecord(uint32_t size);
 
 // Waits for gQdbEventSem and takes the oldest node; NULL when the queue is
 // empty all the same. Ticks are in the order of taking. At 50 nodes or fewer

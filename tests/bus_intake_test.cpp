@@ -275,5 +275,59 @@ TEST(Translation, SurvivesWantOfMemoryAndEmptyTexts)
               (Lines{Told(7, 5, "", ""), Print(1130, {24, 25}, "||")}));
 }
 
+// What anybody sends is bounded in bytes, whatever its shape, and lets the next
+// one in once it has been worked off.
+TEST(Translation, HoldsStrangersToSixteenMebibytes)
+{
+    const Mirror mirror;
+    const std::string longText(60000, 'x');
+    const struct
+    {
+        std::function<int()> queue;
+        size_t texts; // bytes of each record's texts
+        const char *line;
+    } kCases[] = {
+        {[&]
+         {
+             return qdb_signal_notification_callback("i", "InterfacesAdded",
+                                                     longText.c_str(), 5);
+         },
+         60003, "Failed to allocate memory for pDEH\n"},
+        {[]
+         {
+             return qdb_signal_notification_callback("", "PropertiesChanged",
+                                                     "", 0);
+         },
+         2, "Failed to allocate memory for pDEH\n"},
+        {[&]
+         {
+             return HandleSignalRawDataUpdated("key", longText.c_str());
+         },
+         60005,
+         "HandleSignalRawDataUpdated: failed to alloc memory for data "
+         "event\n"},
+    };
+    constexpr size_t kMost = 16 << 20;
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.line);
+        const size_t bound = kMost / c.texts + 1;
+        size_t queued = 0;
+        CaptureLog(0);
+        while (queued < bound && c.queue() == 0)
+        {
+            ++queued;
+        }
+        EXPECT_LT(queued, bound);
+        EXPECT_GT(queued * (c.texts + 100), kMost * 98 / 100);
+        CaptureLog();
+        EXPECT_EQ(c.queue(), -12);
+        EXPECT_EQ(CountLog(c.line), 1);
+        TakeRecords();
+        EXPECT_EQ(c.queue(), 0);
+        TakeRecords();
+    }
+}
+
 } // namespace
 } // namespace qdb::test

@@ -119,6 +119,24 @@ TEST_F(SignalTest, SendingRefusesWhatItCannotSend)
     EXPECT_EQ(changes[0].json, "good");
 }
 
+// A daemon would disconnect who sends more, and nothing would be announced any
+// more.
+TEST_F(SignalTest, ATextThatNoMessageHoldsIsDroppedAlone)
+{
+    const ChangeListener listener;
+    const std::string longest((32 << 20) - (64 << 10), 'x');
+    CaptureLog(3);
+    ChangeJsonAdded((longest + "x").c_str());
+    EXPECT_EQ(LogLines(), Lines{"Failed to emit signal sd_bus_send: Message "
+                                "too long\n"});
+    ChangeJsonAdded(longest.c_str());
+    ChangeJsonChanged("next");
+    const Lines texts = TextsInSequence(listener.WaitFor(2));
+    ASSERT_EQ(texts.size(), 2U);
+    EXPECT_TRUE(texts[0] == longest);
+    EXPECT_EQ(texts[1], "next");
+}
+
 // What busctl and the like are told of the service's object.
 TEST_F(SignalTest, TheObjectShowsItsSignals)
 {
