@@ -112,6 +112,22 @@ void HoldDatabase(Chaos &chaos)
         chaos.Below(6) > 0 ? 20 + chaos.Below(300) : 1050 + chaos.Below(1500)));
 }
 
+// --- A stranger --------------------------------------------------------------
+
+void Bother(Chaos &chaos)
+{
+    for (uint32_t left = 1 + chaos.Below(20); left > 0; --left)
+    {
+        chaos.driver.Other().Bother(static_cast<uint32_t>(chaos.engine()));
+    }
+}
+
+void Flood(Chaos &chaos)
+{
+    chaos.world.epoch.flooded = true;
+    chaos.driver.Other().Flood();
+}
+
 // --- The choice --------------------------------------------------------------
 
 // Either steps of one slot that fits, or a function.
@@ -141,6 +157,8 @@ constexpr Action kActions[] = {
     { 25, kRaw,             "r"},
     { 18, 0, "", DeleteBunch},
     { 24, 0, "", Commit},
+    {300, 0, "", Bother},
+    {  4, 0, "", Flood},
     {  8, 0, "", Restart},
     {  5, 0, "", Detach},
     { 15, 0, "", HoldDatabase},

@@ -37,6 +37,36 @@ constexpr double kRoundSeconds = 30;
 
 using Clock = std::chrono::steady_clock;
 
+// A line of the service's status in MiB, such as "VmRSS:"; 0 once it has ended.
+double MemoryOf(const Driver &driver, const std::string &line)
+{
+    std::ifstream status("/proc/" + std::to_string(driver.Service().Pid()) +
+                         "/status");
+    std::string word;
+    double kib = 0;
+    while (status >> word)
+    {
+        if (word == line)
+        {
+            status >> kib;
+            break;
+        }
+    }
+    return kib / 1024;
+}
+
+// Strangers make it neither grow nor reach beyond what a flood may hold. The
+// sanitizers keep what was freed.
+void JudgeMemory(const Driver &driver, double before)
+{
+    std::printf("resident MiB: %.1f at first, %.1f now, %.1f at most\n", before,
+                MemoryOf(driver, "VmRSS:"), MemoryOf(driver, "VmHWM:"));
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    constexpr double kMost = 160;
+    EXPECT_LT(MemoryOf(driver, "VmHWM:"), kMost);
+#endif
+}
+
 // Differences that are there in each of so many looks.
 audit::Report Audit(Driver &driver, int looks)
 {
@@ -161,6 +191,7 @@ TEST(ChaosRun, KeepsEveryRowExact)
     World world;
     Driver driver(world.Scenario());
     Chaos chaos(gSeed, world, driver);
+    const double memory = MemoryOf(driver, "VmRSS:");
     try
     {
         for (double left = gSeconds; left > 0 && !HasFailure();
@@ -175,6 +206,7 @@ TEST(ChaosRun, KeepsEveryRowExact)
     }
     std::printf("%zu of %zu rows and %zu signals judged\n", gJudged, gCouldBe,
                 chaos.signals);
+    JudgeMemory(driver, memory);
     EXPECT_EQ(driver.Service().Stop(), 0);
     EXPECT_EQ(driver.Service().ReadyAttribute(), 0);
     if (HasFailure())

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "tests/chaos/log_watcher.h"
+#include "tests/chaos/stranger.h"
 #include "tests/support/change_listener.h"
 #include "tests/support/service_process.h"
 #include "tools/dmctl/client.h"
@@ -54,11 +55,19 @@ class Driver
     {
         return bus_;
     }
+    Stranger &Other()
+    {
+        return stranger_;
+    }
     test::ChangeListener &Signals()
     {
         return signals_;
     }
     test::ServiceProcess &Service()
+    {
+        return service_;
+    }
+    const test::ServiceProcess &Service() const
     {
         return service_;
     }
@@ -78,18 +87,21 @@ class Driver
     };
 
     void Fence();
+    bool IsSettled();
 
     test::ServiceProcess service_;
     test::ChangeListener signals_;
     std::unique_ptr<Client> client_;
     LogWatcher log_;
     ConfigBus bus_;
+    Stranger stranger_;
     std::unique_ptr<sqlite3, Close> database_;
     std::optional<test::PipeReader> pipe_;
     std::optional<Clock::time_point> heldSince_;
     int holdMs_ = 0;
     size_t detaches_ = 0;
     int fences_ = 0;
+    Clock::time_point fencedAt_;
 };
 
 } // namespace qdb::chaos

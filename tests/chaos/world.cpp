@@ -120,8 +120,9 @@ void World::EndEpoch()
         const bool metPass = epoch.passRan && slot.Is(kPassed) &&
                              (isFaulty || moved.contains(slot.kind->type));
         const bool wasTold = slot.told != Told::Nothing;
+        const bool isLost = wasTold && epoch.flooded && slot.IsAttribute();
         if (metPass || slot.isDoubted || slot.told == Told::Several ||
-            (wasTold && isFaulty))
+            (wasTold && isFaulty) || isLost)
         {
             slot.isExact = false;
         }
@@ -129,11 +130,12 @@ void World::EndEpoch()
         {
             slot.isExact = true; // there is nothing
         }
-        if (wasTold && (isFaulty || epoch.passRan))
+        if (wasTold && (isFaulty || epoch.passRan || isLost))
         {
             Note(slot, std::string(epoch.passRan ? "[pass]" : "") +
                            (epoch.cleared ? "[cleared]" : "") +
-                           (epoch.heldMs == 0 ? "" : "[held]") + epoch.fault);
+                           (epoch.heldMs == 0 ? "" : "[held]") +
+                           (isLost ? "[flood]" : "") + epoch.fault);
         }
         slot.told = Told::Nothing;
         slot.isDoubted = false;

@@ -34,6 +34,7 @@ struct Epoch
     int heldMs = 0;       // another process kept the database so long
     std::string fault;    // the platform call that failed now and then
     bool cleared = false; // everything, or all attributes, without a word
+    bool flooded = false; // the queue may have had no room for the bus
 };
 
 struct Slot
