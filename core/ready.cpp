@@ -2,6 +2,7 @@
 
 #include "core/log.h"
 #include "core/state.h"
+#include "core/supervisor.h"
 #include "core/waiting.h"
 #include "platform/cfgclient.h"
 
@@ -68,6 +69,7 @@ void RetryReadiness(const char *caller)
     if (gQdbReadyRetryPending == 1 && SetAttribute(1, caller) == 0)
     {
         EnableSignals();
+        TellStatus("changes announced");
     }
 }
 

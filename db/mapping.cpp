@@ -161,6 +161,16 @@ int InsertInParentChildMappingTable(uint32_t oid, uint32_t parentOid)
     return status;
 }
 
+int64_t CountObjects()
+{
+    int status = SQLITE_OK;
+    const StatementPtr statement =
+        PrepareOnce("SELECT count(*) FROM ActiveOIDMapping", &status);
+    return status == SQLITE_OK && StepStatement(statement.get()) == SQLITE_ROW
+               ? sqlite3_column_int64(statement.get(), 0)
+               : 0;
+}
+
 uint32_t GetObjType(uint32_t oid)
 {
     if (!HasDatabase())

@@ -41,6 +41,9 @@ int InsertInParentChildMappingTable(uint32_t oid, uint32_t parentOid);
 // read.
 uint32_t GetObjType(uint32_t oid);
 
+// How many OIDs are mapped; 0 when that can't be read.
+int64_t CountObjects();
+
 // Finalises the statements of these functions. No thread may use them any more.
 void FinalizeMappingStatements();
 

@@ -1,6 +1,8 @@
 #include "publish/bus_service.h"
 
 #include "core/log.h"
+#include "core/supervisor.h"
+#include "core/threads.h"
 #include "publish/bus_connection.h"
 
 #include <poll.h>
@@ -168,6 +170,10 @@ void *RunBusServiceThread(void * /*argument*/)
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
     QDB_LOG(kLogTrace, "%s: SQLITE_CORRUPT THREAD ACCEPT THREAD ENDED \n");
     DbusMain();
+    if (!StopRequested())
+    {
+        TellStatus("changes not announced: no bus");
+    }
     QDB_LOG(kLogTrace, "%s: SQLITE_CORRUPT THREAD ACCEPT THREAD ENDED \n");
     return nullptr;
 }

@@ -4,12 +4,15 @@
 #include "config/config_load.h"
 #include "core/log.h"
 #include "core/status.h"
+#include "core/supervisor.h"
 #include "core/threads.h"
 #include "db/turn.h"
 #include "objects/handlers.h"
 #include "objects/object_loop.h"
 #include "objects/parents.h"
 #include "objects/predicates.h"
+
+#include <algorithm>
 
 namespace qdb
 {
@@ -118,6 +121,12 @@ const ObjTypeRow &RowForType(uint32_t objType)
     return row == nullptr ? ObjectTypeTable[0] : *row;
 }
 
+// Some types have two rows, for objects of two kinds.
+bool IsFirstOfType(const ObjTypeRow &row)
+{
+    return FindRow(row.objType) == &row;
+}
+
 } // namespace
 
 int OnLoadObjectsCreation()
@@ -130,11 +139,17 @@ int OnLoadObjectsCreation()
         return ZO_STATUS_NO_SUCH_OBJECT;
     }
     Walk walk = {"OnLoadObjectsCreation"};
+    const auto all = std::ranges::count_if(ObjectTypeTable, IsFirstOfType);
+    std::ptrdiff_t types = 0;
     for (const ObjTypeRow &row : ObjectTypeTable)
     {
         if (StopRequested())
         {
             break;
+        }
+        if (IsFirstOfType(row))
+        {
+            TellStatus("filling: %td of %td types", ++types, all);
         }
         VisitRow(walk, row, groups);
     }

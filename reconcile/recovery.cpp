@@ -4,6 +4,7 @@
 #include "core/gate.h"
 #include "core/log.h"
 #include "core/state.h"
+#include "core/supervisor.h"
 #include "core/threads.h"
 #include "queues/event_queue.h"
 
@@ -39,6 +40,7 @@ void StopService()
     QDB_LOG(kLogTrace, "%s: handle_QuillonDB_Sqlite_corrupt sqlite corrupt "
                        "error occured\n");
     QueueStopRecords();
+    TellStopping();
 }
 
 } // namespace

@@ -16,6 +16,7 @@
 #include "core/sleep.h"
 #include "core/state.h"
 #include "core/status.h"
+#include "core/supervisor.h"
 #include "core/threads.h"
 #include "core/waiting.h"
 #include "db/clearing.h"
@@ -38,6 +39,7 @@
 #include <signal.h>
 
 #include <cstdlib>
+#include <string>
 
 namespace qdb
 {
@@ -168,6 +170,37 @@ bool StartThreads(QdbWorkerArg *arguments)
     return true;
 }
 
+// With a comma before every three digits from the right.
+std::string Grouped(int64_t number)
+{
+    std::string text = std::to_string(number);
+    constexpr size_t kGroup = 3;
+    for (size_t at = text.size(); at > kGroup;)
+    {
+        at -= kGroup;
+        text.insert(at, ",");
+    }
+    return text;
+}
+
+void TellOfMirror()
+{
+    if (gQdbReadyRetryPending == 1)
+    {
+        TellStatus("changes not announced: readiness is refused");
+    }
+    else if (gBusConnection == nullptr)
+    {
+        TellStatus("changes not announced: no bus");
+    }
+    else
+    {
+        TellStatus("%s objects, changes announced",
+                   Grouped(CountObjects()).c_str());
+    }
+    TellReady();
+}
+
 // A stop ends the start-up at the next step; closing follows in any case. False
 // when the service can't do its work.
 bool StartUp(QdbWorkerArg *arguments)
@@ -196,6 +229,10 @@ bool StartUp(QdbWorkerArg *arguments)
     if (!StopRequested())
     {
         PublishReadiness();
+        if (IsSupervised())
+        {
+            TellOfMirror();
+        }
     }
     return true;
 }

@@ -5,6 +5,7 @@
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/state.h"
+#include "core/supervisor.h"
 #include "core/threads.h"
 #include "db/busy_wait.h"
 #include "queues/event_queue.h"
@@ -119,8 +120,10 @@ void StopService()
     // hang in the platform; the watch goes on with EndThreads then.
     RemoveListener();
     EndThreads();
-    // Last, since it needs SQLite, which may be at work for somebody.
     ShortenBusyWaits();
+    // Last of all, since both may take their time: SQLite, which may be at work
+    // for somebody, and whoever is told.
+    TellStopping();
 }
 
 void EndThreads()

@@ -9,6 +9,10 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -146,6 +150,117 @@ TEST(Process, LivesWithWhatIsMissing)
          {"sempost issued 11", corrupt, kInOrder}},
     });
     // clang-format on
+}
+
+// What the service manager is told, through a socket of ours.
+class Supervisor
+{
+  public:
+    explicit Supervisor(const std::string &path)
+        : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
+    {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        EXPECT_EQ(
+            bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof(address)),
+            0);
+    }
+    ~Supervisor()
+    {
+        close(fd_);
+    }
+    Supervisor(const Supervisor &) = delete;
+    Supervisor &operator=(const Supervisor &) = delete;
+
+    // Waits for a message that begins so; all up to it, a line each.
+    bool WaitFor(const std::string &text)
+    {
+        return WaitUntil(
+            [&]
+            {
+                char message[512];
+                const ssize_t size = recv(fd_, message, sizeof(message), 0);
+                if (size <= 0)
+                {
+                    return false;
+                }
+                told.append(message, static_cast<size_t>(size)) += '\n';
+                return std::string_view(message, static_cast<size_t>(size))
+                    .starts_with(text);
+            });
+    }
+
+    std::string told;
+
+  private:
+    int fd_;
+};
+
+TEST(Process, TellsItsSupervisorHowItIs)
+{
+    const TempRoot root;
+    const std::string refused = Fault("CfgSetAttributeInt", 5, "\"skip\":1,");
+    const struct
+    {
+        const char *name;
+        ServiceOptions options;
+        const char *state;
+    } kCases[] = {
+        {"good", {.scenario = Server(700)}, "1,400 objects, changes announced"},
+        {"mute",
+         {.scenario = Server(1), .busAddress = "unix:path=/nowhere"},
+         "changes not announced: no bus"},
+        {"refused",
+         {.scenario = Server(1, refused)},
+         "changes not announced: readiness is refused"},
+    };
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.name);
+        const std::string path = root.Path() + "/" + c.name;
+        Supervisor supervisor(path);
+        ServiceOptions options = c.options;
+        options.variables.push_back("NOTIFY_SOCKET=" + path);
+        ServiceProcess service(options);
+        service.Start();
+        EXPECT_TRUE(supervisor.WaitFor("READY=1")) << supervisor.told;
+        const size_t filled = supervisor.told.find("filling: 159 of 159 types");
+        EXPECT_LT(supervisor.told.find("filling: 1 of 159 types"), filled);
+        EXPECT_LT(filled, supervisor.told.find(std::string("STATUS=") +
+                                               c.state + "\nREADY=1\n"))
+            << supervisor.told;
+        service.Signal(SIGTERM);
+        EXPECT_TRUE(supervisor.WaitFor("STOPPING=1\nSTATUS=stopping"));
+        EXPECT_EQ(service.WaitExit(), 0);
+    }
+}
+
+TEST(Program, TellsWhatItIsAndTakesNoArguments)
+{
+    const struct
+    {
+        const char *arguments;
+        const char *output; // begins so
+        int status;
+    } kCases[] = {
+        {"--help", "usage: quillondb ", 0},
+        {"--version", "quillondb 0.", 0},
+        {"-x 2>&1", "usage: quillondb ", 2},
+        {"--help more 2>&1", "usage: quillondb ", 2},
+    };
+    for (const auto &c : kCases)
+    {
+        SCOPED_TRACE(c.arguments);
+        FILE *output = popen(
+            (std::string(std::getenv("QDB_TEST_PROGRAM")) + " " + c.arguments)
+                .c_str(),
+            "r");
+        char line[100] = {};
+        EXPECT_NE(fgets(line, sizeof(line), output), nullptr);
+        EXPECT_TRUE(std::string_view(line).starts_with(c.output)) << line;
+        EXPECT_EQ(WEXITSTATUS(pclose(output)), c.status);
+    }
 }
 
 TEST(Process, GoesOnWithoutTheBus)
