@@ -181,5 +181,37 @@ TEST_F(Policy, LetsEverybodyHearTheServiceAndAskIt)
     EXPECT_EQ(service.Stop(), 0);
 }
 
+// With the strict policy no signal of anybody else gets to the service's group,
+// and all that of the configuration manager does; others hear as before.
+TEST_F(Policy, LetsTheServicesGroupHearItsConfigurationAlone)
+{
+    const SystemBus bus(true);
+    BusUser service(bus, kRoot, {ServiceGroup()});
+    BusUser other(bus, kRoot);
+    const BusUser manager(bus, kRoot);
+    service.Listen();
+    other.Listen();
+    manager.Own(kConfigName);
+    int count = 0;
+    for (const uid_t user : {kRoot, Stranger()})
+    {
+        const BusUser sender(bus, user);
+        for (const Sent &sent : kSent)
+        {
+            const std::string text = "text " + std::to_string(++count);
+            const std::string end = "end of " + text;
+            sender.Emit(sent.path, sent.interface, sent.member, nullptr, text);
+            // Its answer tells that the bus has dealt with the signal.
+            EXPECT_EQ(sender.User(), user);
+            manager.Emit(sent.path, sent.interface, sent.member, nullptr, end);
+            SCOPED_TRACE(std::string(sent.interface) + "." + sent.member +
+                         " by " + std::to_string(user));
+            EXPECT_FALSE(service.HearsBefore(text, end));
+            EXPECT_EQ(other.HearsBefore(text, end),
+                      sent.heard == Heard::ofAll || user == kRoot);
+        }
+    }
+}
+
 } // namespace
 } // namespace qdb::test

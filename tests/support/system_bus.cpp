@@ -2,13 +2,16 @@
 
 #include "tests/support/wait.h"
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -47,20 +50,50 @@ std::string OnlyThePolicy(const std::string &socket)
     return text;
 }
 
+// What the configuration manager's own policy lets it do.
+constexpr char kConfigManager[] =
+    "<busconfig><policy user=\"root\"><allow own=\"com.vexo.tarnu.CfgMgr\"/>"
+    "</policy></busconfig>";
+
+// A group that nobody in a test is in, and that every Debian has.
+constexpr char kGroup[] = "games";
+
+std::string OfThatGroup(std::string policy)
+{
+    const std::string name = "\"quillondb\"";
+    const size_t at = policy.find(name);
+    EXPECT_NE(at, std::string::npos);
+    return policy.replace(at, name.size(), std::string("\"") + kGroup + "\"");
+}
+
 } // namespace
+
+gid_t ServiceGroup()
+{
+    const group *entry = getgrnam(kGroup);
+    EXPECT_NE(entry, nullptr);
+    return entry == nullptr ? 0 : entry->gr_gid;
+}
 
 bool SystemBus::IsThere()
 {
     return std::filesystem::exists(kDistribution);
 }
 
-SystemBus::SystemBus()
+SystemBus::SystemBus(bool strict)
 {
     const std::string &directory = root_.Path();
-    const std::string source = std::getenv("QDB_TEST_SOURCE");
-    std::filesystem::create_directory(directory + "/system.d");
-    std::filesystem::copy(source + "/packaging/com.vexo.tarnu.qdb.conf",
-                          directory + "/system.d");
+    const std::string added = directory + "/system.d/";
+    const std::string ours = std::string(std::getenv("QDB_TEST_SOURCE")) +
+                             "/packaging/com.vexo.tarnu.qdb.";
+    std::filesystem::create_directory(added);
+    std::ofstream(added + "cfgmgr.conf") << kConfigManager;
+    std::filesystem::copy(ours + "conf", added);
+    if (strict)
+    {
+        std::ofstream(added + "strict.conf")
+            << OfThatGroup(TextOf(ours + "strict.conf"));
+    }
     const std::string configuration = directory + "/system.conf";
     std::ofstream(configuration) << OnlyThePolicy(directory + "/socket");
     // Other users look for the socket in it.
@@ -84,12 +117,13 @@ SystemBus::~SystemBus()
     }
 }
 
-BusUser::BusUser(const SystemBus &bus, uid_t user)
+BusUser::BusUser(const SystemBus &bus, uid_t user,
+                 const std::vector<gid_t> &groups)
 {
     EXPECT_TRUE(WaitUntil(
         [&]
         {
-            return Connect(bus.Address(), user);
+            return Connect(bus.Address(), user, groups);
         }));
 }
 
@@ -99,14 +133,23 @@ BusUser::~BusUser()
 }
 
 // The bus takes the user from the socket, and that from who connects.
-bool BusUser::Connect(const std::string &address, uid_t user)
+bool BusUser::Connect(const std::string &address, uid_t user,
+                      const std::vector<gid_t> &groups)
 {
+    gid_t before[NGROUPS_MAX];
+    const int count = getgroups(NGROUPS_MAX, before);
+    EXPECT_GE(count, 0);
     sd_bus *bus = nullptr;
+    EXPECT_EQ(setgroups(groups.size(), groups.data()), 0);
     EXPECT_EQ(seteuid(user), 0);
     bool good = sd_bus_new(&bus) >= 0 &&
                 sd_bus_set_address(bus, address.c_str()) >= 0 &&
                 sd_bus_set_bus_client(bus, 1) >= 0 && sd_bus_start(bus) >= 0;
     EXPECT_EQ(seteuid(kRoot), 0);
+    EXPECT_EQ(setgroups(static_cast<size_t>(count), before), 0);
+    // Who changes its user isn't for debuggers any more, nor for the search for
+    // leaks.
+    EXPECT_EQ(prctl(PR_SET_DUMPABLE, 1), 0);
     const char *name = nullptr;
     good = good && sd_bus_get_unique_name(bus, &name) >= 0;
     bus_ = good ? bus : sd_bus_unref(bus);
@@ -130,6 +173,11 @@ uid_t BusUser::User() const
     sd_bus_creds_get_euid(credentials, &user);
     sd_bus_creds_unref(credentials);
     return user;
+}
+
+void BusUser::Own(const char *name) const
+{
+    EXPECT_GE(sd_bus_request_name(bus_, name, 0), 0);
 }
 
 void BusUser::Listen() const

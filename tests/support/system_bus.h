@@ -7,6 +7,7 @@
 #include <systemd/sd-bus.h>
 
 #include <string>
+#include <vector>
 
 namespace qdb::test
 {
@@ -16,7 +17,8 @@ namespace qdb::test
 class SystemBus
 {
   public:
-    SystemBus();
+    // `strict`: with the policy for the service's group, too.
+    explicit SystemBus(bool strict = false);
     ~SystemBus();
     SystemBus(const SystemBus &) = delete;
     SystemBus &operator=(const SystemBus &) = delete;
@@ -34,12 +36,18 @@ class SystemBus
     pid_t pid_ = -1;
 };
 
+// The service's group on the SystemBus: the daemon knows only groups that are
+// there, and this machine need not have that of the field.
+gid_t ServiceGroup();
+
 // One connection of a user. Made by root, and by a process of one thread: its
-// effective user changes for a moment.
+// effective user and groups change for a moment.
 class BusUser
 {
   public:
-    BusUser(const SystemBus &bus, uid_t user);
+    // `groups`: the supplementary groups of the connection.
+    BusUser(const SystemBus &bus, uid_t user,
+            const std::vector<gid_t> &groups = {});
     ~BusUser();
     BusUser(const BusUser &) = delete;
     BusUser &operator=(const BusUser &) = delete;
@@ -49,6 +57,10 @@ class BusUser
 
     // Whom the bus takes the connection for.
     uid_t User() const;
+
+    // Takes a name; on the SystemBus root alone may, and only the configuration
+    // manager's.
+    void Own(const char *name) const;
 
     // Subscribes to all signals there are.
     void Listen() const;
@@ -70,7 +82,8 @@ class BusUser
                      const char *interface, const char *member) const;
 
   private:
-    bool Connect(const std::string &address, uid_t user);
+    bool Connect(const std::string &address, uid_t user,
+                 const std::vector<gid_t> &groups);
     std::string Next();
 
     sd_bus *bus_ = nullptr;
