@@ -10,10 +10,12 @@ file of the raw data directory becomes a row, a stop ends in order, and it begin
 anew where a corrupt database was left; and whether a file that is none of its
 business stays out of the rows, whoever asks.
 
-The status is 0 when all was as expected. Needs root and bubblewrap; says so and
+The status is 0 when all was as expected. Needs root and bubblewrap, systemd-analyze for the names of system calls, and
+the module seccomp; says so and
 ends with 0 where a sandbox can't be made.
 """
 import contextlib
+import importlib.util
 import json
 import os
 import pathlib
@@ -115,7 +117,8 @@ class Service:
         self.world = world
         if unit.has("RuntimeDirectory"):
             (world.run / unit.one("RuntimeDirectory")).mkdir(exist_ok=True)
-        self.run(unit.one("ExecStartPre")).wait(DEADLINE)
+        made = self.run(unit.one("ExecStartPre")).wait(DEADLINE)
+        assert made == 0, f"the database is not made, status {made}"
         read, write = os.pipe()
         self.bwrap = self.run(unit.one("ExecStart"), write)
         os.close(write)
@@ -248,7 +251,11 @@ def check(unit, world):
 
 
 def can_run():
-    return os.geteuid() == 0 and shutil.which("bwrap") and not subprocess.run(
+    if os.geteuid() != 0 or not shutil.which("bwrap") or \
+            not shutil.which("systemd-analyze") or \
+            not importlib.util.find_spec("seccomp"):
+        return False
+    return not subprocess.run(
         ["bwrap", "--unshare-all", "--ro-bind", "/", "/", "--proc", "/proc",
          "--dev", "/dev", "true"], stderr=subprocess.DEVNULL).returncode
 

@@ -1,11 +1,13 @@
 """A unit file's sandbox as arguments of bwrap.
 
 What bwrap has no word for isn't imitated: limits of control groups (MemoryMax,
-TasksMax, DevicePolicy), filters of address families and of memory that is both
-written and run, and the details of /proc and /sys.
+TasksMax, DevicePolicy), the filter of memory that is both written and run, and
+the details of /proc and /sys.
 """
+import errno
 import os
 import pathlib
+import socket
 import subprocess
 import tempfile
 
@@ -37,8 +39,7 @@ class Unit:
         unit has none. What isn't named gets the error that the unit names."""
         if not self.has("SystemCallFilter"):
             return None
-        import errno
-        import seccomp
+        import seccomp  # not there where no sandbox is tried
         allowed = set()
         for line in self.values["SystemCallFilter"]:
             calls = set().union(*map(calls_of, line.lstrip("~").split()))
@@ -47,13 +48,22 @@ class Unit:
         rules = seccomp.SyscallFilter(seccomp.ERRNO(number))
         for call in allowed:
             # Some are of other machines.
-            if seccomp.resolve_syscall(seccomp.Arch(), call) >= 0:
-                rules.add_rule(seccomp.ALLOW, call)
+            if seccomp.resolve_syscall(seccomp.Arch(), call) < 0:
+                continue
+            for condition in self.conditions(call, seccomp):
+                rules.add_rule(seccomp.ALLOW, call, *condition)
         with tempfile.TemporaryFile() as file:
             rules.export_bpf(file)
             copy = os.dup(file.fileno())
         os.lseek(copy, 0, os.SEEK_SET)
         return copy
+
+    def conditions(self, call, seccomp):
+        """Under which arguments a call is allowed, one of them suffices."""
+        if call != "socket" or not self.has("RestrictAddressFamilies"):
+            return [[]]
+        return [[seccomp.Arg(0, seccomp.EQ, getattr(socket, family))]
+                for family in self.words("RestrictAddressFamilies")]
 
 
 def calls_of(name):
