@@ -10,9 +10,9 @@ file of the raw data directory becomes a row, a stop ends in order, and it begin
 anew where a corrupt database was left; and whether a file that is none of its
 business stays out of the rows, whoever asks.
 
-The status is 0 when all was as expected. Needs root and bubblewrap, systemd-analyze for the names of system calls, and
-the module seccomp; says so and
-ends with 0 where a sandbox can't be made.
+The status is 0 when all was as expected. Needs root, bubblewrap, the module
+seccomp, and systemd-analyze for the names of system calls; where a sandbox can't
+be made, it says so and ends with 0.
 """
 import contextlib
 import importlib.util
