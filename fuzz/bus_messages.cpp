@@ -196,16 +196,19 @@ void HandleValues(Input *pInput)
 {
     sd_bus *bus = Connect().bus.get();
     sd_bus_message *made = nullptr;
-    if (pInput->Byte() == 0)
+    const uint8_t head = pInput->Byte() % 8;
+    const char *path = pInput->OneOf(kPaths);
+    const char *interface = pInput->OneOf(kInterfaces);
+    const char *member = pInput->OneOf(kMembers);
+    if (head == 0)
     {
         sd_bus_message_new(bus, &made, SD_BUS_MESSAGE_SIGNAL);
     }
     else
     {
-        const char *path = pInput->OneOf(kPaths);
-        const char *interface = pInput->OneOf(kInterfaces);
-        sd_bus_message_new_signal(bus, &made, path, interface,
-                                  pInput->OneOf(kMembers));
+        // A call, which need not have an interface. No handler sees the kind.
+        sd_bus_message_new_method_call(bus, &made, nullptr, path,
+                                       head == 1 ? nullptr : interface, member);
     }
     const MessagePtr message(made);
     Append(made, pInput->OneOf(kBodies), pInput, 0);
@@ -216,12 +219,6 @@ void HandleValues(Input *pInput)
 }
 
 // --- Bodies of bytes --------------------------------------------------------
-
-void AppendWord(std::string *pTo, size_t number)
-{
-    const auto word = static_cast<uint32_t>(number);
-    pTo->append(reinterpret_cast<const char *>(&word), sizeof(word));
-}
 
 // A header field: its code and its value, a text of that type.
 void AppendField(std::string *pTo, char code, char type, std::string_view text)
@@ -234,28 +231,26 @@ void AppendField(std::string *pTo, char code, char type, std::string_view text)
     }
     else
     {
-        AppendWord(pTo, text.size());
+        const auto size = static_cast<uint32_t>(text.size());
+        pTo->append(reinterpret_cast<const char *>(&size), sizeof(size));
     }
     pTo->append(text).append(1, '\0');
 }
 
 void HandleBytes(Input *pInput)
 {
-    const char *path = pInput->OneOf(kPaths);
-    const char *interface = pInput->OneOf(kInterfaces);
-    const char *member = pInput->OneOf(kMembers);
-    const char *signature = pInput->OneOf(kBodies);
-    const Bytes body = *signature == '\0' ? Bytes() : pInput->Rest();
+    constexpr size_t kHead = 16;
     std::string bytes("l\4\0\1", 4);
-    AppendWord(&bytes, body.size());
-    AppendWord(&bytes, 1); // serial
-    AppendWord(&bytes, 0); // of the fields' size
-    AppendField(&bytes, 1, 'o', path);
-    AppendField(&bytes, 2, 's', interface);
-    AppendField(&bytes, 3, 's', member);
+    bytes.resize(kHead);
+    AppendField(&bytes, 1, 'o', pInput->OneOf(kPaths));
+    AppendField(&bytes, 2, 's', pInput->OneOf(kInterfaces));
+    AppendField(&bytes, 3, 's', pInput->OneOf(kMembers));
+    const std::string_view signature = pInput->OneOf(kBodies);
     AppendField(&bytes, 8, 'g', signature);
-    const auto fieldsSize = static_cast<uint32_t>(bytes.size() - 16);
-    std::memcpy(&bytes[12], &fieldsSize, sizeof(fieldsSize));
+    const Bytes body = signature.empty() ? Bytes() : pInput->Rest();
+    const uint32_t words[] = {static_cast<uint32_t>(body.size()), 1,
+                              static_cast<uint32_t>(bytes.size() - kHead)};
+    std::memcpy(&bytes[4], words, sizeof(words));
     bytes.resize((bytes.size() + 7) / 8 * 8);
     bytes.append(body.begin(), body.end());
 
@@ -263,10 +258,8 @@ void HandleBytes(Input *pInput)
     Require(write(connection.socket, bytes.data(), bytes.size()) ==
                 static_cast<ssize_t>(bytes.size()),
             "a written message");
-    int result = 1;
-    while (result > 0)
+    while (sd_bus_process(connection.bus.get(), nullptr) > 0)
     {
-        result = sd_bus_process(connection.bus.get(), nullptr);
     }
 }
 

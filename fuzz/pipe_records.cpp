@@ -50,7 +50,8 @@ PipeParser::Result FeedPieces(PipeParser *pParser, Input input, size_t size)
 void RequireWayBack(PipeParser *pParser)
 {
     constexpr std::string_view kRecord = "||d|TblFanExtObj|7|23||";
-    pParser->Feed(kRecord);
+    // Its bars may have ended the one before, and nothing else.
+    Require(!pParser->Feed(kRecord).records.empty(), "a record");
     const PipeParser::Result result = pParser->Feed(kRecord);
     Require(!result.records.empty() &&
                 Print(result.records.back()) == "TblFanExtObj|7|23",

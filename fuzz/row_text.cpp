@@ -94,13 +94,13 @@ void CompareObject(const std::string &text)
     }
 }
 
-// A row around three values.
+// A row around four values.
 std::string RowAround(Input *pInput)
 {
     const std::string values[] = {pInput->Text(), pInput->Text(),
-                                  pInput->Text()};
+                                  pInput->Text(), pInput->Text()};
     return R"({"OID":)" + values[0] + R"(,"a_DOT_b":)" + values[1] +
-           R"(,"SingleRecordEtagOld":6,"e":)" + values[2] +
+           R"(,"SingleRecordEtagOld":)" + values[2] + R"(,"e":)" + values[3] +
            R"(,"SingleRecordEta":null,"SingleRecordEtag":"9"})";
 }
 

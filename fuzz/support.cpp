@@ -85,10 +85,16 @@ std::vector<uint8_t> Block(Bytes bytes, uint32_t claimed, size_t least)
 
 void ChangeBytes(std::vector<uint8_t> *pBytes, Input input)
 {
+    // With a meaning in JSON, UTF-8, or the address lists.
+    static constexpr uint8_t kSpecial[] = {0,    1,    '"',  '\\', '/',  '\n',
+                                           0x1F, 0x7F, 0x80, 0xC2, 0xE2, 0xED,
+                                           0xF0, 0xFF, '4',  '6'};
     while (!input.IsEmpty() && !pBytes->empty())
     {
-        const size_t at = input.Word() % pBytes->size();
-        (*pBytes)[at] = input.Byte();
+        const uint16_t place = input.Word();
+        const uint8_t byte = input.Byte();
+        (*pBytes)[place % 0x8000 % pBytes->size()] =
+            place < 0x8000 ? byte : kSpecial[byte % std::size(kSpecial)];
     }
 }
 
