@@ -31,7 +31,7 @@ BESIDE = {
     "standin": ["platform", "objects/schema", "core/json.h"],
     "tools": ["objects/schema", "core/json.h", "db/statement_ptr.h"],
 }
-FREE = ["tests", "bench"]
+FREE = ["tests", "bench", "fuzz"]
 
 INCLUDE = re.compile(r'^\s*#include "([^"]+)"', re.MULTILINE)
 

@@ -72,7 +72,9 @@ void Emit(int level, char *text, size_t length)
 class DelayedLine
 {
   public:
-    DelayedLine(const char *format, va_list arguments) : format_(format)
+    __attribute__((format(printf, 2, 0)))
+    DelayedLine(const char *format, va_list arguments)
+        : format_(format)
     {
         if (std::vsnprintf(line_, sizeof(line_), format, arguments) < 0)
         {
@@ -100,7 +102,8 @@ class DelayedLine
     char line_[1024];
 };
 
-void WriteFormatted(int level, const char *format, va_list arguments)
+__attribute__((format(printf, 2, 0))) void
+WriteFormatted(int level, const char *format, va_list arguments)
 {
     if (level > gLevel.load(std::memory_order_relaxed))
     {

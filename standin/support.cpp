@@ -36,7 +36,8 @@ std::optional<T> NumberIn(const json_t *value)
                                                  : std::nullopt;
 }
 
-std::string PrintList(const char *format, va_list arguments)
+__attribute__((format(printf, 1, 0))) std::string PrintList(const char *format,
+                                                            va_list arguments)
 {
     va_list again;
     va_copy(again, arguments);

@@ -16,7 +16,7 @@ class SdBusError final : public std::exception
   public:
     SdBusError(int error, const char *call) : text_(call)
     {
-        sd_bus_error description = SD_BUS_ERROR_NULL;
+        sd_bus_error description = {};
         sd_bus_error_set_errno(&description, error);
         text_ +=
             std::string(": ") + description.name + ": " + description.message;
