@@ -141,7 +141,7 @@ void Stranger::Bother(uint32_t choice)
 {
     constexpr uint32_t kLongest = 1 << 20;
     const Shape &shape = kShapes[choice % std::size(kShapes)];
-    const uint32_t number = choice / std::size(kShapes);
+    const uint32_t number = choice / static_cast<uint32_t>(std::size(kShapes));
     // Mostly short; one in 32 has up to a megabyte.
     const uint32_t length = number % 32 == 0 ? number % kLongest : number % 64;
     const std::string path = "/forged" + std::string(number % 7 * 999, 'x');
