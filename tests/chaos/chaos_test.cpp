@@ -179,7 +179,7 @@ void RunRound(double seconds, Chaos &chaos)
 void KeepLog(Driver &driver)
 {
     const std::string kept = "chaos-" + std::to_string(gSeed) + ".log";
-    std::ofstream(kept) << driver.Service().Log();
+    std::ofstream(kept) << driver.Log().Tail();
     std::printf("the service's log: %s\n",
                 std::filesystem::absolute(kept).c_str());
 }

@@ -51,6 +51,10 @@ class Driver
     // Waits for so many whole passes.
     bool WaitPasses(size_t count);
 
+    const LogWatcher &Log() const
+    {
+        return log_;
+    }
     ConfigBus &Bus()
     {
         return bus_;

@@ -1,7 +1,20 @@
 #include "tests/chaos/log_watcher.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iterator>
+
 namespace qdb::chaos
 {
+namespace
+{
+
+constexpr off_t kKept = 64 << 20;
+
+} // namespace
 
 void LogWatcher::Take(const std::string &line)
 {
@@ -29,6 +42,29 @@ void LogWatcher::Take(const std::string &line)
     }
 }
 
+void LogWatcher::GiveBack()
+{
+    file_.clear();
+    const off_t read = file_.tellg();
+    if (read - given_ < 2 * kKept)
+    {
+        return;
+    }
+    const int fd = open(path_.c_str(), O_WRONLY | O_CLOEXEC);
+    fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, given_,
+              read - kKept - given_);
+    close(fd);
+    given_ = read - kKept;
+}
+
+std::string LogWatcher::Tail() const
+{
+    const auto size = static_cast<off_t>(std::filesystem::file_size(path_));
+    std::ifstream file(path_);
+    file.seekg(std::max<off_t>(size - kKept, 0));
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 void LogWatcher::Read()
 {
     if (!file_.is_open())
@@ -42,11 +78,12 @@ void LogWatcher::Read()
         rest_ += part;
         if (file_.eof())
         {
-            return; // the line's end isn't written yet
+            break; // the line's end isn't written yet
         }
         Take(rest_);
         rest_.clear();
     }
+    GiveBack();
 }
 
 } // namespace qdb::chaos

@@ -2,6 +2,8 @@
 // how far it is with it.
 #pragma once
 
+#include <sys/types.h>
+
 #include <fstream>
 #include <string>
 
@@ -14,8 +16,13 @@ struct LogWatcher
     {
     }
 
-    // Takes what has been written since. There may be no log yet.
+    // Takes what has been written since, and gives the room of what is long
+    // read back to the disk: a stranger's messages of megabytes are logged,
+    // too. There may be no log yet.
     void Read();
+
+    // The log's last part.
+    std::string Tail() const;
 
     // All ten workers wait, and nothing is queued.
     bool IsIdle() const
@@ -35,10 +42,12 @@ struct LogWatcher
 
   private:
     void Take(const std::string &line);
+    void GiveBack();
 
     std::string path_;
     std::ifstream file_;
     std::string rest_; // an unfinished line
+    off_t given_ = 0;  // back
     std::string passThread_;
 };
 

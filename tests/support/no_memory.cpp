@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <new>
 
@@ -20,6 +21,7 @@ namespace qdb::test
 {
 
 thread_local bool tNoMemory = false;
+thread_local bool tSparesMemory = false;
 
 namespace
 {
@@ -27,6 +29,12 @@ namespace
 thread_local int tCountdown = 0; // 0: nothing is to fail (any more)
 thread_local Caller tCaller = Caller::Service;
 thread_local bool tIsLooking = false;
+
+// Of all threads.
+std::atomic<bool> gCounts = false;
+std::atomic<int> gCount = 0;
+std::atomic<int> gFirst = 0;
+std::atomic<int> gTimes = 0;
 
 // The stand-in's code lies between these.
 uintptr_t gPlatformBegin = 0;
@@ -47,15 +55,25 @@ bool IsPlatformCall()
                        });
 }
 
+// Whether it is its turn among those of all threads.
+bool FailsAmongAll()
+{
+    const int number = ++gCount;
+    return number >= gFirst && number - gFirst < gTimes;
+}
+
 // Counts an allocation; whether it is to fail.
 bool Fails()
 {
     const bool counts = tCountdown > 0 && tCaller == Caller::Service;
-    if ((!tNoMemory && !counts) || tIsLooking || IsPlatformCall())
+    const bool countsForAll = gCounts && !tSparesMemory;
+    if ((!tNoMemory && !counts && !countsForAll) || tIsLooking ||
+        IsPlatformCall())
     {
         return false;
     }
-    return tNoMemory || --tCountdown == 0;
+    return (countsForAll && FailsAmongAll()) || tNoMemory ||
+           (counts && --tCountdown == 0);
 }
 
 bool FailsForSqlite()
@@ -116,6 +134,20 @@ void *AllocateOrThrow(size_t size)
 }
 
 } // namespace
+
+void FailAllocations(int n, int times)
+{
+    gCounts = false;
+    gCount = 0;
+    gFirst = n;
+    gTimes = times;
+    gCounts = n > 0;
+}
+
+int AllocationCount()
+{
+    return gCount;
+}
 
 NoMemoryAt::NoMemoryAt(int n, Caller caller)
 {

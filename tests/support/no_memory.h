@@ -18,6 +18,13 @@ enum class Caller
     Sqlite,
 };
 
+// The same for all threads of the process but those that are spared: from the
+// n-th one of the service on, the first is number 1, `times` fail; 0: none. The
+// count begins anew, and goes on until FailAllocations(0, 0).
+void FailAllocations(int n, int times);
+int AllocationCount();
+extern thread_local bool tSparesMemory;
+
 // While it lives, the n-th one of this thread fails, and no other; the first
 // is number 1. Counts those of the service or those of SQLite.
 class NoMemoryAt

@@ -10,6 +10,9 @@
 
 namespace qdb::test
 {
+
+thread_local bool tSparesSqlite = false;
+
 namespace
 {
 
@@ -49,7 +52,7 @@ bool MayBeOurRead(int status)
 int Intercept(Plan &plan, const char *sql, bool again)
 {
     const std::lock_guard<std::mutex> lock(gMutex);
-    if (!gWatching || sql == nullptr || std::strcmp(sql, kKeptRead) == 0)
+    if (tSparesSqlite || !gWatching || sql == nullptr || std::strcmp(sql, kKeptRead) == 0)
     {
         return SQLITE_OK;
     }

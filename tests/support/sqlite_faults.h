@@ -16,6 +16,9 @@ inline constexpr int kForever = 1 << 30;
 void FailSteps(const std::string &sql, int status, int times, int skip = 0);
 void FailPrepares(const std::string &sql, int status, int times, int skip = 0);
 
+// Calls of this thread neither count nor fail.
+extern thread_local bool tSparesSqlite;
+
 // Removes all faults and counts.
 void ClearSqliteFaults();
 
