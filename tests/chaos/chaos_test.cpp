@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -32,6 +33,7 @@ double gSeconds = 30;
 uint32_t gSeed = std::random_device()();
 size_t gJudged = 0;  // rows, in all looks
 size_t gCouldBe = 0; // if none were in doubt
+int gRound = 0;
 
 constexpr double kRoundSeconds = 30;
 
@@ -161,8 +163,11 @@ void RunRound(double seconds, Chaos &chaos)
     }
     ASSERT_TRUE(Quieten(chaos)) << "the service is stuck";
     const audit::Report report = Audit(chaos.driver, kLastLooks);
-    std::printf("epoch %zu: %s\n", chaos.world.epochs,
-                audit::Summary(report).c_str());
+    std::printf("round %d of %.0f, epoch %zu: %s, %.1f MiB\n", ++gRound,
+                std::ceil(gSeconds / kRoundSeconds), chaos.world.epochs,
+                audit::Summary(report).c_str(),
+                MemoryOf(chaos.driver, "VmRSS:"));
+    std::fflush(stdout); // somebody may be waiting for an hour
     Judge(report, chaos.world, true);
     // Passes go on, and what they do is told a moment later.
     std::string signals;

@@ -50,22 +50,49 @@ bool IsServed(const std::string &path)
 
 } // namespace
 
-PrivateBus::PrivateBus()
+BusDaemon::BusDaemon(const std::string &configuration)
 {
-    char pattern[] = "/tmp/qdbbus.XXXXXX";
-    const char *made = mkdtemp(pattern);
-    directory_ = made == nullptr ? "" : made;
-    const std::string socket = directory_ + "/socket";
-    const std::string config = directory_ + "/bus.conf";
-    std::ofstream(config) << Configuration(socket);
-    const std::string option = "--config-file=" + config;
-    // The daemon ends with this process, however that ends.
+    const std::string option = "--config-file=" + configuration;
     const char *arguments[] = {"setpriv",     "--pdeathsig",  "KILL",
                                "dbus-daemon", option.c_str(), "--nofork",
                                "--nopidfile", nullptr};
     EXPECT_EQ(posix_spawnp(&pid_, "setpriv", nullptr, nullptr,
                            const_cast<char **>(arguments), environ),
               0);
+}
+
+BusDaemon::~BusDaemon()
+{
+    Kill();
+}
+
+void BusDaemon::Signal(int signalNumber) const
+{
+    if (pid_ > 0)
+    {
+        kill(pid_, signalNumber);
+    }
+}
+
+void BusDaemon::Kill()
+{
+    Signal(SIGKILL);
+    if (pid_ > 0)
+    {
+        waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+}
+
+PrivateBus::PrivateBus()
+{
+    char pattern[] = "/tmp/qdbbus.XXXXXX";
+    const char *made = mkdtemp(pattern);
+    directory_ = made == nullptr ? "" : made;
+    const std::string socket = directory_ + "/socket";
+    const std::string configuration = directory_ + "/bus.conf";
+    std::ofstream(configuration) << Configuration(socket);
+    daemon_.emplace(configuration);
     EXPECT_TRUE(WaitUntil(
         [&]
         {
@@ -84,28 +111,17 @@ PrivateBus::~PrivateBus()
 
 void PrivateBus::Freeze() const
 {
-    if (pid_ > 0)
-    {
-        kill(pid_, SIGSTOP);
-    }
+    daemon_->Signal(SIGSTOP);
 }
 
 void PrivateBus::Thaw() const
 {
-    if (pid_ > 0)
-    {
-        kill(pid_, SIGCONT);
-    }
+    daemon_->Signal(SIGCONT);
 }
 
 void PrivateBus::Kill()
 {
-    if (pid_ > 0)
-    {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
+    daemon_->Kill();
 }
 
 } // namespace qdb::test

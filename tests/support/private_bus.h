@@ -3,13 +3,33 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 
 namespace qdb::test
 {
 
-// Runs as long as the object lives. The process's system bus is this one from
-// then on (DBUS_SYSTEM_BUS_ADDRESS).
+// With the configuration of a file. Runs as long as the object lives; ends with
+// this process, however that ends.
+class BusDaemon
+{
+  public:
+    explicit BusDaemon(const std::string &configuration);
+    ~BusDaemon();
+    BusDaemon(const BusDaemon &) = delete;
+    BusDaemon &operator=(const BusDaemon &) = delete;
+
+    void Signal(int signalNumber) const;
+
+    // Ends it now.
+    void Kill();
+
+  private:
+    pid_t pid_ = -1;
+};
+
+// With a configuration that allows everything. The process's system bus is this
+// one from then on (DBUS_SYSTEM_BUS_ADDRESS).
 class PrivateBus
 {
   public:
@@ -33,7 +53,7 @@ class PrivateBus
   private:
     std::string directory_;
     std::string address_;
-    pid_t pid_ = -1;
+    std::optional<BusDaemon> daemon_;
 };
 
 } // namespace qdb::test

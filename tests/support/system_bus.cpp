@@ -4,11 +4,8 @@
 
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <climits>
@@ -17,8 +14,6 @@
 #include <fstream>
 #include <regex>
 #include <sstream>
-
-extern char **environ;
 
 namespace qdb::test
 {
@@ -98,23 +93,7 @@ SystemBus::SystemBus(bool strict)
     std::ofstream(configuration) << OnlyThePolicy(directory + "/socket");
     // Other users look for the socket in it.
     EXPECT_EQ(chmod(directory.c_str(), 0755), 0);
-    const std::string option = "--config-file=" + configuration;
-    // The daemon ends with this process, however that ends.
-    const char *arguments[] = {"setpriv",     "--pdeathsig",  "KILL",
-                               "dbus-daemon", option.c_str(), "--nofork",
-                               "--nopidfile", nullptr};
-    EXPECT_EQ(posix_spawnp(&pid_, "setpriv", nullptr, nullptr,
-                           const_cast<char **>(arguments), environ),
-              0);
-}
-
-SystemBus::~SystemBus()
-{
-    if (pid_ > 0)
-    {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
+    daemon_.emplace(configuration);
 }
 
 BusUser::BusUser(const SystemBus &bus, uid_t user,

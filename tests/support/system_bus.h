@@ -1,11 +1,13 @@
 // A system bus as a machine has it, and users on it.
 #pragma once
 
+#include "tests/support/private_bus.h"
 #include "tests/support/temp_root.h"
 
 #include <sys/types.h>
 #include <systemd/sd-bus.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,9 +21,6 @@ class SystemBus
   public:
     // `strict`: with the policy for the service's group, too.
     explicit SystemBus(bool strict = false);
-    ~SystemBus();
-    SystemBus(const SystemBus &) = delete;
-    SystemBus &operator=(const SystemBus &) = delete;
 
     // False where the distribution's policy isn't installed.
     static bool IsThere();
@@ -33,7 +32,7 @@ class SystemBus
 
   private:
     TempRoot root_;
-    pid_t pid_ = -1;
+    std::optional<BusDaemon> daemon_;
 };
 
 // The service's group on the SystemBus: the daemon knows only groups that are

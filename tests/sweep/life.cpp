@@ -137,7 +137,7 @@ void EndDriver()
                            FILE *report)
 {
     gRuntimeRoot = root.Path().c_str();
-    Fill(root);
+    Begin(root);
     Arm(fault);
     gDriver = std::thread(
         [&]

@@ -14,10 +14,10 @@
 namespace qdb::sweep
 {
 
-// Fills both managers, and listens to the service. Before it starts; no sleep
-// of its takes long from here on. `root`, with the database and the pipe, stays
-// as long as the process.
-void Fill(const test::TempRoot &root);
+// Fills both managers, and listens to the service. To be called before it
+// starts; no sleep of its takes long from here on. `root`, with the database
+// and the pipe, stays as long as the process.
+void Begin(const test::TempRoot &root);
 
 // From the start of the service to the attach. What hangs is let go when it
 // keeps the service from going on.
