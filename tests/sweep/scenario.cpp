@@ -203,6 +203,17 @@ void PlayPass()
     gWantsPass = false;
 }
 
+void Detach()
+{
+    const int before = gReloads;
+    standin::Detach();
+    Await(
+        [=]
+        {
+            return gReloads > before;
+        });
+}
+
 // What comes back is a small part: the rest would only do the same again.
 void PlayDetach()
 {
@@ -213,13 +224,7 @@ void PlayDetach()
                          {
                              return oid < kParent || oid > kSystem;
                          });
-    const int before = gReloads;
-    standin::Detach();
-    Await(
-        [=]
-        {
-            return gReloads > before;
-        });
+    Detach();
     standin::DeleteObjects(rest, false);
     standin::Attach();
     AwaitBus();
@@ -230,6 +235,13 @@ void PlayDetach()
 void NoteEnd()
 {
     gHasEnded = true;
+}
+
+void DetachAndAttach()
+{
+    Detach();
+    standin::Attach();
+    AwaitRest();
 }
 
 std::string FollowChange(int patienceMs)

@@ -28,6 +28,10 @@ void Play();
 // nothing from the bus.
 bool AnnounceAll();
 
+// The Data Manager goes, which clears all rows, and comes back with all
+// objects.
+void DetachAndAttach();
+
 // Changes an object, and waits for the signal and the record that tell of it.
 // Returns what hasn't come; "": nothing is missing.
 std::string FollowChange(int patienceMs);
