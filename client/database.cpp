@@ -1,0 +1,338 @@
+#include "client/database.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <strings.h>
+
+namespace qdb::client
+{
+namespace
+{
+
+std::string Quoted(const std::string &name)
+{
+    return '"' + name + '"';
+}
+
+std::string TextAt(sqlite3_stmt *statement, int column)
+{
+    const void *text = sqlite3_column_text(statement, column);
+    return text == nullptr
+               ? ""
+               : std::string(
+                     static_cast<const char *>(text),
+                     static_cast<size_t>(
+                         sqlite3_column_bytes(statement, column)));
+}
+
+void ReadValue(sqlite3_stmt *statement, int column, Value *pValue)
+{
+    switch (sqlite3_column_type(statement, column))
+    {
+    case SQLITE_INTEGER:
+        *pValue = Integer(sqlite3_column_int64(statement, column));
+        break;
+    case SQLITE_FLOAT:
+        *pValue = Real(sqlite3_column_double(statement, column));
+        break;
+    case SQLITE_NULL:
+        *pValue = {};
+        break;
+    default:
+        *pValue = {QDB_TEXT, 0, 0, TextAt(statement, column)};
+    }
+}
+
+// The column that names an object to people, if there is one.
+size_t FindKeyColumn(const std::vector<std::string> &columns)
+{
+    constexpr const char *kEnds[] = {"Key", "_DOT_Key", "_DOT_key", "FQDD",
+                                     "ifName"};
+    for (const char *end : kEnds)
+    {
+        const size_t length = std::strlen(end);
+        for (size_t i = 0; i < columns.size(); ++i)
+        {
+            const std::string &name = columns[i];
+            const bool isWhole = strcasecmp(name.c_str(), end) == 0;
+            const bool isEnd = *end == '_' && name.size() > length &&
+                               name.ends_with(end);
+            if (isWhole || isEnd)
+            {
+                return i;
+            }
+        }
+    }
+    return SIZE_MAX;
+}
+
+// Resets on every way out: a statement that is left open keeps the service from
+// writing.
+struct Reset
+{
+    sqlite3_stmt *statement;
+    ~Reset()
+    {
+        sqlite3_reset(statement);
+    }
+};
+
+} // namespace
+
+Database::Database(std::string path, int busyMs)
+    : path_(std::move(path)), busyMs_(busyMs)
+{
+}
+
+int Database::Open(bool *pIsNew)
+{
+    struct stat file = {};
+    const bool isThere = stat(path_.c_str(), &file) == 0;
+    *pIsNew = false;
+    if (handle_ != nullptr && isThere && file.st_ino == inode_ &&
+        file.st_dev == device_)
+    {
+        return 0;
+    }
+    statements_.clear();
+    tables_.clear();
+    handle_.reset();
+    if (!isThere)
+    {
+        return -ENODATA;
+    }
+    sqlite3 *opened = nullptr;
+    const int status = sqlite3_open_v2(
+        path_.c_str(), &opened, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX,
+        nullptr);
+    handle_.reset(opened);
+    if (status != SQLITE_OK)
+    {
+        handle_.reset();
+        return -ENODATA;
+    }
+    sqlite3_busy_timeout(opened, busyMs_);
+    sqlite3_exec(opened, "PRAGMA cache_size = -512", nullptr, nullptr, nullptr);
+    const int loaded = Load();
+    if (loaded != 0)
+    {
+        statements_.clear();
+        handle_.reset();
+        return loaded;
+    }
+    inode_ = file.st_ino;
+    device_ = file.st_dev;
+    *pIsNew = true;
+    return 0;
+}
+
+sqlite3_stmt *Database::Prepared(const std::string &sql)
+{
+    StatementPtr &statement = statements_[sql];
+    if (statement == nullptr && handle_ != nullptr)
+    {
+        sqlite3_stmt *prepared = nullptr;
+        sqlite3_prepare_v3(handle_.get(), sql.c_str(), -1,
+                           SQLITE_PREPARE_PERSISTENT, &prepared, nullptr);
+        statement.reset(prepared);
+    }
+    return statement.get();
+}
+
+int Database::Step(sqlite3_stmt *statement, bool *pIsRow)
+{
+    const int status =
+        statement == nullptr ? sqlite3_errcode(handle_.get())
+                             : sqlite3_step(statement);
+    *pIsRow = status == SQLITE_ROW;
+    switch (status)
+    {
+    case SQLITE_ROW:
+    case SQLITE_DONE:
+        return 0;
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+        return -EBUSY;
+    default:
+        return -EIO;
+    }
+}
+
+int64_t Database::Version()
+{
+    sqlite3_stmt *statement = Prepared("PRAGMA data_version");
+    const Reset reset{statement};
+    bool isRow = false;
+    return Step(statement, &isRow) == 0 && isRow
+               ? sqlite3_column_int64(statement, 0)
+               : 0;
+}
+
+// Tables with OIDs, and which of them keep elements of others.
+int Database::Load()
+{
+    sqlite3_stmt *statement = Prepared(
+        "SELECT name FROM sqlite_master m WHERE type = 'table' AND "
+        "name LIKE 'Tbl%' AND EXISTS (SELECT 1 FROM pragma_table_info(m.name) "
+        "WHERE name = 'OID') ORDER BY name");
+    const Reset reset{statement};
+    bool isRow = false;
+    int result = Step(statement, &isRow);
+    for (; result == 0 && isRow; result = Step(statement, &isRow))
+    {
+        tables_.push_back({TextAt(statement, 0), {}});
+    }
+    for (Table &table : tables_)
+    {
+        result = result == 0 ? LoadTable(&table) : result;
+    }
+    return result == 0 && tables_.empty() ? -ENODATA : result;
+}
+
+int Database::LoadTable(Table *pTable)
+{
+    sqlite3_stmt *statement = Prepared(
+        "SELECT m.name, i.name FROM sqlite_master m, pragma_table_info(m.name) "
+        "i WHERE m.type = 'table' AND (m.name = ?1 OR m.name LIKE '%ARR\\_' || "
+        "?1 ESCAPE '\\') ORDER BY m.name, i.cid");
+    const Reset reset{statement};
+    sqlite3_bind_text(statement, 1, pTable->name.c_str(), -1, SQLITE_STATIC);
+    bool isRow = false;
+    int result = Step(statement, &isRow);
+    for (; result == 0 && isRow; result = Step(statement, &isRow))
+    {
+        const std::string owner = TextAt(statement, 0);
+        const std::string column = TextAt(statement, 1);
+        if (owner == pTable->name)
+        {
+            pTable->columns.push_back(column);
+            continue;
+        }
+        if (pTable->sides.empty() || pTable->sides.back().name != owner)
+        {
+            pTable->sides.push_back({owner, {}});
+        }
+        if (column != "OID" && column != "PROP" && column != "ARR_INDEX")
+        {
+            pTable->sides.back().fields.push_back(column);
+        }
+    }
+    pTable->key = FindKeyColumn(pTable->columns);
+    pTable->stamp = pTable->Find("SingleRecordEtag");
+    return result;
+}
+
+const Table *Database::FindTable(const std::string &name) const
+{
+    const auto found = std::ranges::find(tables_, name, &Table::name);
+    return found == tables_.end() ? nullptr : &*found;
+}
+
+int Database::Read(const Table &table, int64_t oid, qdb_row *pRow,
+                   bool *pFound)
+{
+    sqlite3_stmt *statement =
+        Prepared("SELECT * FROM " + Quoted(table.name) + " WHERE OID = ?");
+    const Reset reset{statement};
+    sqlite3_bind_int64(statement, 1, oid);
+    const int result = Step(statement, pFound);
+    if (result != 0 || !*pFound)
+    {
+        return result;
+    }
+    pRow->table = &table;
+    pRow->oid = oid;
+    pRow->values.resize(table.columns.size());
+    for (size_t i = 0; i < table.columns.size(); ++i)
+    {
+        ReadValue(statement, static_cast<int>(i), &pRow->values[i]);
+    }
+    return ReadArrays(table, pRow);
+}
+
+int Database::ReadArrays(const Table &table, qdb_row *pRow)
+{
+    int result = 0;
+    for (const SideTable &side : table.sides)
+    {
+        result = result == 0 ? ReadSide(table, side, pRow) : result;
+    }
+    return result;
+}
+
+// Elements as the service's signals have them: plain values, or objects.
+int Database::ReadSide(const Table &table, const SideTable &side,
+                       qdb_row *pRow)
+{
+    std::string element;
+    for (const std::string &field : side.fields)
+    {
+        element += ", '" + field + "', " + Quoted(field);
+    }
+    const bool isPlain = side.fields.size() == 1 && side.fields[0] == "VAL";
+    sqlite3_stmt *statement = Prepared(
+        "SELECT PROP, json_group_array(" +
+        (isPlain ? "VAL" : "json_object(" + element.substr(2) + ")") +
+        ") FROM (SELECT * FROM " + Quoted(side.name) +
+        " WHERE OID = ? ORDER BY PROP, ARR_INDEX) GROUP BY PROP");
+    const Reset reset{statement};
+    sqlite3_bind_int64(statement, 1, pRow->oid);
+    bool isRow = false;
+    int result = Step(statement, &isRow);
+    for (; result == 0 && isRow; result = Step(statement, &isRow))
+    {
+        const size_t column = table.Find(TextAt(statement, 0));
+        if (column < pRow->values.size())
+        {
+            pRow->values[column] = {QDB_JSON, 0, 0, TextAt(statement, 1)};
+        }
+    }
+    return result;
+}
+
+int Database::FindKey(const Table &table, const std::string &key,
+                      std::vector<int64_t> *pOids)
+{
+    pOids->clear();
+    if (table.key >= table.columns.size())
+    {
+        return 0;
+    }
+    sqlite3_stmt *statement =
+        Prepared("SELECT OID FROM " + Quoted(table.name) + " WHERE " +
+                 Quoted(table.columns[table.key]) + " = ? ORDER BY OID");
+    const Reset reset{statement};
+    sqlite3_bind_text(statement, 1, key.c_str(), -1, SQLITE_STATIC);
+    bool isRow = false;
+    int result = Step(statement, &isRow);
+    for (; result == 0 && isRow; result = Step(statement, &isRow))
+    {
+        pOids->push_back(sqlite3_column_int64(statement, 0));
+    }
+    return result;
+}
+
+int Database::Stamps(const Table &table, std::vector<Stamp> *pStamps)
+{
+    pStamps->clear();
+    const std::string stamp = table.stamp < table.columns.size()
+                                  ? Quoted(table.columns[table.stamp])
+                                  : "0";
+    sqlite3_stmt *statement = Prepared("SELECT OID, " + stamp + " FROM " +
+                                       Quoted(table.name) + " ORDER BY OID");
+    const Reset reset{statement};
+    bool isRow = false;
+    int result = Step(statement, &isRow);
+    for (; result == 0 && isRow; result = Step(statement, &isRow))
+    {
+        pStamps->push_back(
+            {sqlite3_column_int64(statement, 0),
+             static_cast<uint32_t>(sqlite3_column_int64(statement, 1))});
+    }
+    return result;
+}
+
+} // namespace qdb::client

@@ -1,0 +1,90 @@
+// The database as its readers see it: read-only, one statement at a time.
+#pragma once
+
+#include "client/row.h"
+
+#include <sqlite3.h>
+#include <sys/types.h>
+
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace qdb::client
+{
+
+struct CloseDatabase
+{
+    void operator()(sqlite3 *handle) const
+    {
+        sqlite3_close_v2(handle);
+    }
+};
+struct FinalizeStatement
+{
+    void operator()(sqlite3_stmt *statement) const
+    {
+        sqlite3_finalize(statement);
+    }
+};
+using DatabasePtr = std::unique_ptr<sqlite3, CloseDatabase>;
+using StatementPtr = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
+
+// An OID with the second in which its row was written.
+struct Stamp
+{
+    int64_t oid;
+    uint32_t second;
+};
+
+// Results are 0 or a negative errno: -EBUSY when the database stayed busy,
+// -ENODATA when there is no file, or none with tables, -EIO for anything else.
+class Database
+{
+  public:
+    Database(std::string path, int busyMs);
+
+    // Opens the file if it isn't, and anew if another one is in its place.
+    // *pIsNew: it was opened; all pointers to tables have ended then.
+    int Open(bool *pIsNew);
+
+    // A number that changes with every change of the database; 0 on failure.
+    int64_t Version();
+
+    const std::vector<Table> &Tables() const
+    {
+        return tables_;
+    }
+    const Table *FindTable(const std::string &name) const; // NULL: none
+
+    // Reads a row; *pFound: there is one. The row's buffers are used again.
+    int Read(const Table &table, int64_t oid, qdb_row *pRow, bool *pFound);
+
+    // The OIDs of rows with the key, in their order.
+    int FindKey(const Table &table, const std::string &key,
+                std::vector<int64_t> *pOids);
+
+    // All rows of a table by OID, in ascending order.
+    int Stamps(const Table &table, std::vector<Stamp> *pStamps);
+
+  private:
+    int Load();
+    int LoadTable(Table *pTable);
+    sqlite3_stmt *Prepared(const std::string &sql);
+    int Step(sqlite3_stmt *statement, bool *pIsRow);
+    int ReadArrays(const Table &table, qdb_row *pRow);
+    int ReadSide(const Table &table, const SideTable &side, qdb_row *pRow);
+
+    const std::string path_;
+    const int busyMs_;
+    DatabasePtr handle_;
+    dev_t device_ = 0;
+    ino_t inode_ = 0;
+    std::vector<Table> tables_;
+    std::map<std::string, StatementPtr> statements_; // by their SQL
+};
+
+} // namespace qdb::client

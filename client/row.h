@@ -1,0 +1,55 @@
+// A row: the values of a table's columns, from the database or from a signal.
+#pragma once
+
+#include "client/quillondb/client.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qdb::client
+{
+
+// An array property's elements stand in a table of their own.
+struct SideTable
+{
+    std::string name;
+    std::vector<std::string> fields; // VAL alone: the elements are plain values
+};
+
+struct Table
+{
+    std::string name;
+    std::vector<std::string> columns;
+    size_t key = SIZE_MAX;   // column of the object's key or name; SIZE_MAX: none
+    size_t stamp = SIZE_MAX; // SingleRecordEtag: when the row was written
+    std::vector<SideTable> sides;
+
+    size_t Find(const std::string &column) const; // columns.size(): none
+};
+
+struct Value
+{
+    qdb_type type = QDB_NULL;
+    int64_t integer = 0;
+    double real = 0;
+    std::string text = {}; // of every type but NULL
+
+    bool operator==(const Value &other) const;
+};
+
+Value Integer(int64_t number);
+Value Real(double number);
+
+} // namespace qdb::client
+
+// What the C interface gives out.
+struct qdb_row
+{
+    const qdb::client::Table *table = nullptr;
+    int64_t oid = 0;
+    std::vector<qdb::client::Value> values = {}; // one for each column
+
+    // What tells two states of a row apart, the stamp aside. Never 0.
+    uint64_t Tag() const;
+};
