@@ -183,7 +183,8 @@ int Database::Load()
     int result = Step(statement, &isRow);
     for (; result == 0 && isRow; result = Step(statement, &isRow))
     {
-        tables_.push_back({TextAt(statement, 0), {}});
+        tables_.emplace_back();
+        tables_.back().name = TextAt(statement, 0);
     }
     for (Table &table : tables_)
     {

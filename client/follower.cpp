@@ -1,6 +1,7 @@
 #include "client/follower.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 #include <utility>
 
@@ -11,15 +12,14 @@ namespace
 
 using Old = std::map<size_t, std::optional<Value>>; // by column
 
-// The second in which the row was written; 0 if it may be written again in it.
-uint32_t SettledSecond(const qdb_row &row)
+// The second in which the row was written; 0 when it doesn't tell.
+uint32_t SecondOf(const qdb_row &row)
 {
     const size_t stamp = row.table->stamp;
-    const int64_t second =
-        stamp < row.values.size()
-            ? std::strtoll(row.values[stamp].text.c_str(), nullptr, 10)
-            : 0;
-    return second + 1 < std::time(nullptr) ? static_cast<uint32_t>(second) : 0;
+    return stamp < row.values.size()
+               ? static_cast<uint32_t>(std::strtoul(
+                     row.values[stamp].text.c_str(), nullptr, 10))
+               : 0;
 }
 
 // Adds the columns in which the rows differ and that aren't there yet.
@@ -135,8 +135,10 @@ int Follower::Apply(const std::vector<RawSignal> &signals)
     return result;
 }
 
-// The state that was told is the last signal's with its tag or, if no signal
-// has it, that before the first of them, unless the row was ahead.
+// The state that was told is the last signal's with its tag. If no signal has
+// it, it is that before the first one, unless the row was ahead: then signals
+// may still come that are older than it, and which these are only their seconds
+// can tell.
 qdb_change Follower::Compare(const KnownRow &known,
                              const std::vector<Signal> &signals,
                              const qdb_row &now) const
@@ -152,7 +154,8 @@ qdb_change Follower::Compare(const KnownRow &known,
         }
     }
     const bool isChain =
-        !signals.empty() && !known.isAhead &&
+        !signals.empty() &&
+        (!known.isAhead || SecondOf(signals.front().row) > known.second) &&
         std::ranges::all_of(signals, [](const Signal &signal)
                             { return signal.kind == SignalKind::Changed; });
     return isChain ? MakeChange(CollectChanges(signals, now), now)
@@ -193,8 +196,10 @@ int Follower::LookAt(const Table &table, int64_t oid,
     }
     const uint64_t tag = now.Tag();
     const bool isAhead =
-        !signals.empty() && signals.back().row.Tag() != tag;
-    const KnownRow told = {oid, tag, SettledSecond(now), isAhead};
+        signals.empty() || signals.back().row.Tag() != tag;
+    const uint32_t second = SecondOf(now);
+    const KnownRow told = {oid, tag, second,
+                           second + 1 < std::time(nullptr), isAhead};
     if (known == nullptr)
     {
         rows.Add(told);
@@ -207,11 +212,11 @@ int Follower::LookAt(const Table &table, int64_t oid,
         // Without signals nothing is learned of how far these are.
         known->isAhead = signals.empty() ? known->isAhead : isAhead;
         known->second = told.second;
+        known->isSettled = told.isSettled;
         return 0;
     }
     const qdb_change change = Compare(*known, signals, now);
     *known = told;
-    known->isAhead = isAhead || signals.empty();
     ++counts_.changed;
     Tell(options_.row_changed, &change);
     return 0;
@@ -234,7 +239,7 @@ int Follower::ScanTable(const Table &table)
             doubtful.push_back(known->oid);
         }
         const bool isKnown = known != rows.end() && known->oid == stamp.oid;
-        if (!isKnown || known->second != stamp.second || known->second == 0)
+        if (!isKnown || known->second != stamp.second || !known->isSettled)
         {
             doubtful.push_back(stamp.oid);
         }

@@ -12,8 +12,9 @@ struct KnownRow
 {
     int64_t oid;
     uint64_t tag;        // of the state that was told
-    uint32_t second;     // in which that was written; 0: look at it again
-    bool isAhead = false; // it was read before its signal came
+    uint32_t second;     // in which that was written
+    bool isSettled;      // and that was over when it was read
+    bool isAhead;        // its signal may still come
 };
 
 // In the order of their OIDs.
