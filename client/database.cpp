@@ -171,6 +171,17 @@ int64_t Database::Version()
                : 0;
 }
 
+bool Database::IsReady()
+{
+    sqlite3_stmt *statement =
+        Prepared("SELECT currentValue FROM TblIntAttribute WHERE Key = "
+                 "'Tarnu.Embedded.1#QuillonDB.1#IsQuillonDBReady'");
+    const Reset reset{statement};
+    bool isRow = false;
+    return statement == nullptr || Step(statement, &isRow) != 0 || !isRow ||
+           sqlite3_column_int(statement, 0) == 1;
+}
+
 // Tables with OIDs, and which of them keep elements of others.
 int Database::Load()
 {

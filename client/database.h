@@ -54,6 +54,9 @@ class Database
     // A number that changes with every change of the database; 0 on failure.
     int64_t Version();
 
+    // What the mirrored attribute of readiness says; true where there is none.
+    bool IsReady();
+
     const std::vector<Table> &Tables() const
     {
         return tables_;

@@ -1,0 +1,332 @@
+// The handle: bus, database and clock behind one descriptor, and the order of
+// things: subscribed first, then readiness, then the rows, then what came
+// meanwhile.
+
+#include "client/change_bus.h"
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace qdb::client
+{
+namespace
+{
+
+constexpr char kInstalled[] =
+    "/var/run/quillondatabase/DMLiveObjectDatabase.db";
+constexpr int kMostMessages = 256; // before the caller is let in
+constexpr uint64_t kTickMicroseconds = 500000;
+
+class Descriptor
+{
+  public:
+    explicit Descriptor(int fd) : fd_(fd)
+    {
+    }
+    ~Descriptor()
+    {
+        if (fd_ >= 0)
+        {
+            close(fd_);
+        }
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+
+    operator int() const
+    {
+        return fd_;
+    }
+
+  private:
+    int fd_;
+};
+
+// Takes what a timer or an event descriptor has counted. Whether there was any.
+bool Drain(int fd)
+{
+    uint64_t count = 0;
+    return read(fd, &count, sizeof(count)) == sizeof(count);
+}
+
+std::set<std::string> NamesOf(const char *const *tables)
+{
+    std::set<std::string> names;
+    for (; tables != nullptr && *tables != nullptr; ++tables)
+    {
+        names.insert(*tables);
+    }
+    return names;
+}
+
+uint64_t NowMicroseconds()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 +
+           static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+} // namespace
+} // namespace qdb::client
+
+using qdb::client::ChangeBus;
+using qdb::client::Counts;
+using qdb::client::Database;
+using qdb::client::Descriptor;
+using qdb::client::Follower;
+
+struct qdb_mirror
+{
+    explicit qdb_mirror(const qdb_options &given);
+
+    int Process();
+    bool OpenDatabase(); // for a reader
+
+    qdb_options options;
+    Database database;
+    ChangeBus bus;
+    Follower follower;
+    Descriptor epoll;
+    Descriptor timer;
+    Descriptor wake;
+    std::atomic<bool> isStopped = false;
+    std::vector<const char *> tables;
+
+  private:
+    void Follow(bool isTick);
+    void FollowReady(bool isTick);
+    bool Scan(Counts *pCounts);
+    void SetReady(bool isNow);
+    void Watch(int fd, uint32_t events);
+    void Arm();
+
+    bool isReady_ = false;
+    int reason_ = 0;      // for the next scan; 0: none
+    int64_t version_ = 0; // of the database when it was last scanned; 0: never
+    int watched_ = -1;    // the bus's descriptor in the epoll set
+    uint64_t nextTick_ = 0;
+};
+
+qdb_mirror::qdb_mirror(const qdb_options &given)
+    : options(given),
+      database(given.database == nullptr ? qdb::client::kInstalled
+                                         : given.database,
+               given.busy_ms),
+      bus(given.bus == nullptr ? "" : given.bus),
+      follower(options, qdb::client::NamesOf(given.tables), database),
+      epoll(epoll_create1(EPOLL_CLOEXEC)),
+      timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
+      wake(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    Watch(timer, EPOLLIN);
+    Watch(wake, EPOLLIN);
+}
+
+void qdb_mirror::Watch(int fd, uint32_t events)
+{
+    epoll_event event = {};
+    event.events = events;
+    event.data.fd = fd;
+    if (epoll_ctl(epoll, EPOLL_CTL_MOD, fd, &event) != 0)
+    {
+        epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event);
+    }
+}
+
+// What the descriptor is readable for.
+void qdb_mirror::Arm()
+{
+    // A descriptor that was closed has left the set by itself.
+    watched_ = bus.Descriptor();
+    if (watched_ >= 0)
+    {
+        Watch(watched_, bus.Events());
+    }
+    const uint64_t at = std::min(nextTick_, bus.Deadline());
+    itimerspec when = {};
+    when.it_value.tv_sec = static_cast<time_t>(at / 1000000);
+    when.it_value.tv_nsec = static_cast<long>(at % 1000000 * 1000 + 1);
+    timerfd_settime(timer, TFD_TIMER_ABSTIME, &when, nullptr);
+}
+
+int qdb_mirror::Process()
+{
+    qdb::client::Drain(timer);
+    qdb::client::Drain(wake);
+    const uint64_t now = qdb::client::NowMicroseconds();
+    const bool isTick = now >= nextTick_;
+    nextTick_ = isTick ? now + qdb::client::kTickMicroseconds : nextTick_;
+    bool isMore = false;
+    if ((bus.Descriptor() >= 0 || isTick) && bus.Connect())
+    {
+        bus.Process(qdb::client::kMostMessages, &isMore);
+    }
+    Follow(isTick);
+    Arm();
+    return isMore && !isStopped ? 1 : 0;
+}
+
+void qdb_mirror::SetReady(bool isNow)
+{
+    if (isReady_ != isNow)
+    {
+        isReady_ = isNow;
+        if (options.ready != nullptr)
+        {
+            options.ready(options.user, isNow ? 1 : 0);
+        }
+    }
+}
+
+bool qdb_mirror::Scan(Counts *pCounts)
+{
+    const int64_t version = database.Version();
+    const bool isWhole = follower.Scan(pCounts) == 0;
+    version_ = isWhole ? version : 0;
+    return isWhole;
+}
+
+void qdb_mirror::Follow(bool isTick)
+{
+    const int reason = bus.TakeReason();
+    reason_ = reason == 0 ? reason_ : reason;
+    bool isNew = false;
+    const bool hasDatabase = database.Open(&isNew) == 0;
+    if (isNew && version_ != 0)
+    {
+        reason_ = QDB_NEW_DATABASE;
+    }
+    if (!bus.IsSubscribed() || !hasDatabase)
+    {
+        return SetReady(false);
+    }
+    // Without a sign of life the rows are nobody's.
+    const bool isAlive =
+        !bus.IsServiceGone() || (isTick && database.Version() != version_);
+    if (!isAlive || ((isTick || !isReady_) && !database.IsReady()))
+    {
+        return SetReady(false);
+    }
+    FollowReady(isTick);
+}
+
+void qdb_mirror::FollowReady(bool isTick)
+{
+    if (follower.Apply(bus.TakeSignals()) != 0)
+    {
+        version_ = 0;
+    }
+    const bool isFirst = !isReady_;
+    const bool isSilent = isTick && database.Version() != version_;
+    Counts counts;
+    if (isFirst || reason_ != 0 || isSilent)
+    {
+        const bool isWhole = Scan(&counts);
+        if (isFirst && !isWhole)
+        {
+            return; // again at the next tick
+        }
+    }
+    const bool isAny = counts.added + counts.changed + counts.removed > 0;
+    const int reason =
+        reason_ == 0 && isSilent && !isFirst && isAny ? QDB_SILENT_CHANGE
+                                                      : reason_;
+    if (reason != 0 && options.resynced != nullptr)
+    {
+        options.resynced(options.user, static_cast<qdb_reason>(reason),
+                         counts.added, counts.changed, counts.removed);
+    }
+    reason_ = 0;
+    SetReady(true);
+}
+
+// In a callback the tables have to stay what they are.
+bool qdb_mirror::OpenDatabase()
+{
+    bool isNew = false;
+    const bool isThere =
+        follower.IsTelling() || database.Open(&isNew) == 0;
+    if (isNew && version_ != 0)
+    {
+        reason_ = QDB_NEW_DATABASE;
+    }
+    return isThere && !database.Tables().empty();
+}
+
+extern "C"
+{
+
+    int qdb_mirror_open(const qdb_options *options, qdb_mirror **mirror)
+    {
+        qdb_options copy = QDB_OPTIONS_INIT;
+        if (options == nullptr || options->size < offsetof(qdb_options, user) ||
+            options->size > sizeof(copy))
+        {
+            return -EINVAL;
+        }
+        std::memcpy(&copy, options, options->size);
+        copy.size = sizeof(copy);
+        auto *made = new (std::nothrow) qdb_mirror(copy);
+        if (made == nullptr)
+        {
+            return -ENOMEM;
+        }
+        if (made->epoll < 0 || made->timer < 0 || made->wake < 0)
+        {
+            delete made;
+            return -EMFILE;
+        }
+        *mirror = made;
+        return 0;
+    }
+
+    void qdb_mirror_close(qdb_mirror *mirror)
+    {
+        delete mirror;
+    }
+
+    int qdb_mirror_fd(const qdb_mirror *mirror)
+    {
+        return mirror->epoll;
+    }
+
+    int qdb_mirror_process(qdb_mirror *mirror)
+    {
+        return mirror->Process();
+    }
+
+    int qdb_mirror_run(qdb_mirror *mirror)
+    {
+        while (!mirror->isStopped)
+        {
+            if (mirror->Process() == 0 && !mirror->isStopped)
+            {
+                pollfd entry = {mirror->epoll, POLLIN, 0};
+                if (poll(&entry, 1, -1) < 0 && errno != EINTR)
+                {
+                    return -errno;
+                }
+            }
+        }
+        mirror->isStopped = false;
+        return 0;
+    }
+
+    void qdb_mirror_stop(qdb_mirror *mirror)
+    {
+        const uint64_t one = 1;
+        mirror->isStopped = true;
+        static_cast<void>(!write(mirror->wake, &one, sizeof(one)));
+    }
+}
