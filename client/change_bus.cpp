@@ -48,7 +48,7 @@ bool ChangeBus::Connect()
     bus_.reset(made);
     const char *installed = "unix:path=/run/dbus/system_bus_socket";
     const char *given = getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    const std::string address = !address_.empty()   ? address_
+    const std::string address = !address_.empty()  ? address_
                                 : given != nullptr ? given
                                                    : installed;
     result = result < 0 ? result : sd_bus_set_address(made, address.c_str());

@@ -1,11 +1,11 @@
 #include "client/database.h"
 
+#include <strings.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <strings.h>
 
 namespace qdb::client
 {
@@ -22,10 +22,9 @@ std::string TextAt(sqlite3_stmt *statement, int column)
     const void *text = sqlite3_column_text(statement, column);
     return text == nullptr
                ? ""
-               : std::string(
-                     static_cast<const char *>(text),
-                     static_cast<size_t>(
-                         sqlite3_column_bytes(statement, column)));
+               : std::string(static_cast<const char *>(text),
+                             static_cast<size_t>(
+                                 sqlite3_column_bytes(statement, column)));
 }
 
 void ReadValue(sqlite3_stmt *statement, int column, Value *pValue)
@@ -58,8 +57,8 @@ size_t FindKeyColumn(const std::vector<std::string> &columns)
         {
             const std::string &name = columns[i];
             const bool isWhole = strcasecmp(name.c_str(), end) == 0;
-            const bool isEnd = *end == '_' && name.size() > length &&
-                               name.ends_with(end);
+            const bool isEnd =
+                *end == '_' && name.size() > length && name.ends_with(end);
             if (isWhole || isEnd)
             {
                 return i;
@@ -105,9 +104,9 @@ int Database::Open(bool *pIsNew)
         return -ENODATA;
     }
     sqlite3 *opened = nullptr;
-    const int status = sqlite3_open_v2(
-        path_.c_str(), &opened, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX,
-        nullptr);
+    const int status =
+        sqlite3_open_v2(path_.c_str(), &opened,
+                        SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
     handle_.reset(opened);
     if (status != SQLITE_OK)
     {
@@ -144,9 +143,8 @@ sqlite3_stmt *Database::Prepared(const std::string &sql)
 
 int Database::Step(sqlite3_stmt *statement, bool *pIsRow)
 {
-    const int status =
-        statement == nullptr ? sqlite3_errcode(handle_.get())
-                             : sqlite3_step(statement);
+    const int status = statement == nullptr ? sqlite3_errcode(handle_.get())
+                                            : sqlite3_step(statement);
     *pIsRow = status == SQLITE_ROW;
     switch (status)
     {
@@ -243,8 +241,7 @@ const Table *Database::FindTable(const std::string &name) const
     return found == tables_.end() ? nullptr : &*found;
 }
 
-int Database::Read(const Table &table, int64_t oid, qdb_row *pRow,
-                   bool *pFound)
+int Database::Read(const Table &table, int64_t oid, qdb_row *pRow, bool *pFound)
 {
     sqlite3_stmt *statement =
         Prepared("SELECT * FROM " + Quoted(table.name) + " WHERE OID = ?");
@@ -276,8 +273,7 @@ int Database::ReadArrays(const Table &table, qdb_row *pRow)
 }
 
 // Elements as the service's signals have them: plain values, or objects.
-int Database::ReadSide(const Table &table, const SideTable &side,
-                       qdb_row *pRow)
+int Database::ReadSide(const Table &table, const SideTable &side, qdb_row *pRow)
 {
     std::string element;
     for (const std::string &field : side.fields)
@@ -285,11 +281,11 @@ int Database::ReadSide(const Table &table, const SideTable &side,
         element += ", '" + field + "', " + Quoted(field);
     }
     const bool isPlain = side.fields.size() == 1 && side.fields[0] == "VAL";
-    sqlite3_stmt *statement = Prepared(
-        "SELECT PROP, json_group_array(" +
-        (isPlain ? "VAL" : "json_object(" + element.substr(2) + ")") +
-        ") FROM (SELECT * FROM " + Quoted(side.name) +
-        " WHERE OID = ? ORDER BY PROP, ARR_INDEX) GROUP BY PROP");
+    sqlite3_stmt *statement =
+        Prepared("SELECT PROP, json_group_array(" +
+                 (isPlain ? "VAL" : "json_object(" + element.substr(2) + ")") +
+                 ") FROM (SELECT * FROM " + Quoted(side.name) +
+                 " WHERE OID = ? ORDER BY PROP, ARR_INDEX) GROUP BY PROP");
     const Reset reset{statement};
     sqlite3_bind_int64(statement, 1, pRow->oid);
     bool isRow = false;

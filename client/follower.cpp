@@ -17,8 +17,8 @@ uint32_t SecondOf(const qdb_row &row)
 {
     const size_t stamp = row.table->stamp;
     return stamp < row.values.size()
-               ? static_cast<uint32_t>(std::strtoul(
-                     row.values[stamp].text.c_str(), nullptr, 10))
+               ? static_cast<uint32_t>(
+                     std::strtoul(row.values[stamp].text.c_str(), nullptr, 10))
                : 0;
 }
 
@@ -128,8 +128,7 @@ int Follower::Apply(const std::vector<RawSignal> &signals)
     int result = 0;
     for (const auto &key : order)
     {
-        const int looked =
-            LookAt(*key.first, key.second, std::move(rows[key]));
+        const int looked = LookAt(*key.first, key.second, std::move(rows[key]));
         result = result == 0 ? looked : result;
     }
     return result;
@@ -156,8 +155,11 @@ qdb_change Follower::Compare(const KnownRow &known,
     const bool isChain =
         !signals.empty() &&
         (!known.isAhead || SecondOf(signals.front().row) > known.second) &&
-        std::ranges::all_of(signals, [](const Signal &signal)
-                            { return signal.kind == SignalKind::Changed; });
+        std::ranges::all_of(signals,
+                            [](const Signal &signal)
+                            {
+                                return signal.kind == SignalKind::Changed;
+                            });
     return isChain ? MakeChange(CollectChanges(signals, now), now)
                    : qdb_change{&now};
 }
@@ -195,11 +197,10 @@ int Follower::LookAt(const Table &table, int64_t oid,
         return 0;
     }
     const uint64_t tag = now.Tag();
-    const bool isAhead =
-        signals.empty() || signals.back().row.Tag() != tag;
+    const bool isAhead = signals.empty() || signals.back().row.Tag() != tag;
     const uint32_t second = SecondOf(now);
-    const KnownRow told = {oid, tag, second,
-                           second + 1 < std::time(nullptr), isAhead};
+    const KnownRow told = {oid, tag, second, second + 1 < std::time(nullptr),
+                           isAhead};
     if (known == nullptr)
     {
         rows.Add(told);

@@ -11,10 +11,10 @@ namespace qdb::client
 struct KnownRow
 {
     int64_t oid;
-    uint64_t tag;        // of the state that was told
-    uint32_t second;     // in which that was written
-    bool isSettled;      // and that was over when it was read
-    bool isAhead;        // its signal may still come
+    uint64_t tag;    // of the state that was told
+    uint32_t second; // in which that was written
+    bool isSettled;  // and that was over when it was read
+    bool isAhead;    // its signal may still come
 };
 
 // In the order of their OIDs.

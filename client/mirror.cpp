@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <new>
 #include <utility>
 
@@ -85,6 +86,8 @@ using qdb::client::Counts;
 using qdb::client::Database;
 using qdb::client::Descriptor;
 using qdb::client::Follower;
+using qdb::client::Stamp;
+using qdb::client::Table;
 
 struct qdb_mirror
 {
@@ -92,6 +95,9 @@ struct qdb_mirror
 
     int Process();
     bool OpenDatabase(); // for a reader
+    int FindTable(const char *name, const Table **pTable);
+    int Give(const Table &table, const std::vector<int64_t> &oids,
+             qdb_row_callback callback, void *user);
 
     qdb_options options;
     Database database;
@@ -131,6 +137,28 @@ qdb_mirror::qdb_mirror(const qdb_options &given)
 {
     Watch(timer, EPOLLIN);
     Watch(wake, EPOLLIN);
+}
+
+// The rows of these OIDs, one statement each.
+int qdb_mirror::Give(const Table &table, const std::vector<int64_t> &oids,
+                     qdb_row_callback callback, void *user)
+{
+    int count = 0;
+    qdb_row row;
+    for (const int64_t oid : oids)
+    {
+        bool isThere = false;
+        if (const int result = database.Read(table, oid, &row, &isThere))
+        {
+            return result;
+        }
+        count += isThere ? 1 : 0;
+        if (isThere && callback(user, &row) != 0)
+        {
+            break;
+        }
+    }
+    return count;
 }
 
 void qdb_mirror::Watch(int fd, uint32_t events)
@@ -223,11 +251,11 @@ void qdb_mirror::Follow(bool isTick)
 
 void qdb_mirror::FollowReady(bool isTick)
 {
-    if (follower.Apply(bus.TakeSignals()) != 0)
+    const bool isFirst = !isReady_;
+    if (!isFirst && follower.Apply(bus.TakeSignals()) != 0)
     {
         version_ = 0;
     }
-    const bool isFirst = !isReady_;
     const bool isSilent = isTick && database.Version() != version_;
     Counts counts;
     if (isFirst || reason_ != 0 || isSilent)
@@ -239,9 +267,9 @@ void qdb_mirror::FollowReady(bool isTick)
         }
     }
     const bool isAny = counts.added + counts.changed + counts.removed > 0;
-    const int reason =
-        reason_ == 0 && isSilent && !isFirst && isAny ? QDB_SILENT_CHANGE
-                                                      : reason_;
+    const int reason = reason_ == 0 && isSilent && !isFirst && isAny
+                           ? QDB_SILENT_CHANGE
+                           : reason_;
     if (reason != 0 && options.resynced != nullptr)
     {
         options.resynced(options.user, static_cast<qdb_reason>(reason),
@@ -255,13 +283,23 @@ void qdb_mirror::FollowReady(bool isTick)
 bool qdb_mirror::OpenDatabase()
 {
     bool isNew = false;
-    const bool isThere =
-        follower.IsTelling() || database.Open(&isNew) == 0;
+    const bool isThere = follower.IsTelling() || database.Open(&isNew) == 0;
     if (isNew && version_ != 0)
     {
         reason_ = QDB_NEW_DATABASE;
     }
     return isThere && !database.Tables().empty();
+}
+
+// 0, -ENODATA or -ENOENT.
+int qdb_mirror::FindTable(const char *name, const Table **pTable)
+{
+    if (!OpenDatabase())
+    {
+        return -ENODATA;
+    }
+    *pTable = database.FindTable(name);
+    return *pTable == nullptr ? -ENOENT : 0;
 }
 
 extern "C"
@@ -321,6 +359,57 @@ extern "C"
         }
         mirror->isStopped = false;
         return 0;
+    }
+
+    const char *const *qdb_tables(qdb_mirror *mirror)
+    {
+        if (!mirror->OpenDatabase())
+        {
+            return nullptr;
+        }
+        mirror->tables.clear();
+        for (const Table &table : mirror->database.Tables())
+        {
+            mirror->tables.push_back(table.name.c_str());
+        }
+        mirror->tables.push_back(nullptr);
+        return mirror->tables.data();
+    }
+
+    int qdb_mirror_get(qdb_mirror *mirror, const char *table, int64_t oid,
+                       qdb_row_callback callback, void *user)
+    {
+        const Table *found = nullptr;
+        const int result = mirror->FindTable(table, &found);
+        return result != 0 ? result
+                           : mirror->Give(*found, {oid}, callback, user);
+    }
+
+    int qdb_mirror_get_by_key(qdb_mirror *mirror, const char *table,
+                              const char *key, qdb_row_callback callback,
+                              void *user)
+    {
+        const Table *found = nullptr;
+        std::vector<int64_t> oids;
+        int result = mirror->FindTable(table, &found);
+        result =
+            result != 0 ? result : mirror->database.FindKey(*found, key, &oids);
+        return result != 0 ? result
+                           : mirror->Give(*found, oids, callback, user);
+    }
+
+    int qdb_mirror_each(qdb_mirror *mirror, const char *table,
+                        qdb_row_callback callback, void *user)
+    {
+        const Table *found = nullptr;
+        std::vector<Stamp> stamps;
+        int result = mirror->FindTable(table, &found);
+        result =
+            result != 0 ? result : mirror->database.Stamps(*found, &stamps);
+        std::vector<int64_t> oids;
+        std::ranges::transform(stamps, std::back_inserter(oids), &Stamp::oid);
+        return result != 0 ? result
+                           : mirror->Give(*found, oids, callback, user);
     }
 
     void qdb_mirror_stop(qdb_mirror *mirror)

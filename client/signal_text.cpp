@@ -56,12 +56,11 @@ SignalReader::SignalReader()
     sqlite3_open_v2(":memory:", &opened,
                     SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
     memory_.reset(opened);
-    head_ = Prepare(opened,
-                    "SELECT json_extract(?1, '$.TableName'), "
-                    "json_extract(?1, '$.RowDetails.OID') "
-                    "WHERE json_valid(?1)");
-    members_ = Prepare(
-        opened, "SELECT key, type, atom, value FROM json_each(?1, ?2)");
+    head_ = Prepare(opened, "SELECT json_extract(?1, '$.TableName'), "
+                            "json_extract(?1, '$.RowDetails.OID') "
+                            "WHERE json_valid(?1)");
+    members_ =
+        Prepare(opened, "SELECT key, type, atom, value FROM json_each(?1, ?2)");
 }
 
 bool SignalReader::ReadHead(const char *text, Signal *pSignal)

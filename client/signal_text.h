@@ -24,8 +24,8 @@ struct Signal
     SignalKind kind = SignalKind::Added;
     std::string table;
     int64_t oid = 0;
-    qdb_row row;                          // as the signal tells it
-    std::vector<size_t> changed = {};     // columns
+    qdb_row row;                           // as the signal tells it
+    std::vector<size_t> changed = {};      // columns
     std::map<size_t, Value> previous = {}; // old values, as far as it has them
 };
 
