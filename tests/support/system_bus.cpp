@@ -154,6 +154,20 @@ uid_t BusUser::User() const
     return user;
 }
 
+ptrdiff_t BusUser::Connections() const
+{
+    char **names = nullptr;
+    EXPECT_GE(sd_bus_list_names(bus_, &names, nullptr), 0);
+    ptrdiff_t count = 0;
+    for (char **name = names; name != nullptr && *name != nullptr; ++name)
+    {
+        count += **name == ':' ? 1 : 0;
+        std::free(*name);
+    }
+    std::free(names);
+    return count;
+}
+
 void BusUser::Own(const char *name) const
 {
     EXPECT_GE(sd_bus_request_name(bus_, name, 0), 0);
