@@ -90,17 +90,32 @@ completed() {
         echo "${COMPREPLY[*]}"' bash "$@"
 }
 
+# Each option and command of the programs stands in their manual pages.
+check_pages() {
+    local program section before word
+    while read -r program section before; do
+        for word in $(completed $program $before ''); do
+            zcat "$root/usr/share/man/man$section/$program.$section.gz" |
+                sed 's/\\f.//g; s/\\//g' | grep -wF -e "$word" >/dev/null ||
+                fail "$word isn't in $program($section)"
+        done
+    done <<'TABLE'
+quillondb 8
+qdb-schema 1
+qdb-schema 1 create
+qdb-watch 1
+dmctl 1
+dmctl 1 cfg
+TABLE
+}
+
 check_programs() {
-    local version page before typed offered
+    local version before typed offered
     version=$(in_root dpkg-query -W -f '${Version}' quillondb)
     [[ $(in_root quillondb --version) == *"$version"* ]] ||
         fail "quillondb isn't version $version"
     [[ -L $root/etc/systemd/system/multi-user.target.wants/quillondb.service ]] ||
         fail "the unit isn't enabled"
-    for page in man8/quillondb.8 man5/quillondb-database.5 \
-        man1/{qdb-schema,qdb-watch,dmctl}.1; do
-        [[ -s $root/usr/share/man/$page.gz ]] || fail "no manual page $page"
-    done
     # The words before, the one that is being typed, what is offered for it.
     while IFS=: read -r before typed offered; do
         [[ $(completed $before "$typed") == "$offered" ]] ||
@@ -192,6 +207,7 @@ try_installed() {
     enter_root
     install_packages
     check_programs
+    check_pages
     say 6 'Running the service: readiness, a row, a signal, a stop'
     start_bus
     start_service
