@@ -232,7 +232,7 @@ std::string BusUser::WaitForChange()
 std::string BusUser::Call(const std::string &name, const char *path,
                           const char *interface, const char *member) const
 {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error = {};
     const int result = sd_bus_call_method(bus_, name.c_str(), path, interface,
                                           member, &error, nullptr, "");
     const std::string text =
