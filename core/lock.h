@@ -80,27 +80,45 @@ class PatientLock
     bool held_;
 };
 
-// A mutex of the platform, taken without a time limit; a leaf like LeafLock's.
-// The platform may have failed to make it, and a NULL handle locks nothing;
-// `own` keeps what it guards safe even then.
+// A hold of a mutex of the platform, taken without a time limit. NULL locks
+// nothing. What the platform fails to lock isn't unlocked: others may have it.
+class PlatformHold
+{
+  public:
+    explicit PlatformHold(ZOMutex *mutex)
+        : mutex_(mutex), held_(ZOMutexLock(mutex, -1) == 0)
+    {
+    }
+    ~PlatformHold()
+    {
+        if (held_)
+        {
+            ZOMutexUnLock(mutex_);
+        }
+    }
+    PlatformHold(const PlatformHold &) = delete;
+    PlatformHold &operator=(const PlatformHold &) = delete;
+
+  private:
+    ZOMutex *mutex_;
+    bool held_;
+};
+
+// A mutex of the platform as a leaf like LeafLock's. The platform may fail to
+// make it or to lock it; `own` keeps what it guards safe even then.
 class PlatformLock
 {
   public:
     PlatformLock(const std::atomic<ZOMutex *> &mutex, pthread_mutex_t &own)
-        : own_(own), mutex_(mutex)
+        : own_(own), hold_(mutex)
     {
-        ZOMutexLock(mutex_, -1);
-    }
-    ~PlatformLock()
-    {
-        ZOMutexUnLock(mutex_);
     }
     PlatformLock(const PlatformLock &) = delete;
     PlatformLock &operator=(const PlatformLock &) = delete;
 
   private:
     LeafLock own_;
-    ZOMutex *mutex_;
+    PlatformHold hold_;
 };
 
 } // namespace qdb

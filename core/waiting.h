@@ -34,6 +34,9 @@ inline int64_t NowNanoseconds()
     return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
 }
 
+// Of 64 bits on every platform; see meson.build.
+static_assert(sizeof(time_t) == sizeof(int64_t));
+
 inline timespec ToTimespec(int64_t nanoseconds)
 {
     return {static_cast<time_t>(nanoseconds / 1000000000),

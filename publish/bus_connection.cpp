@@ -124,14 +124,8 @@ void Send(sd_bus *bus, const char *jsonText, const char *member)
 
 } // namespace
 
-BusLock::BusLock() : own_(gBusMutex)
+BusLock::BusLock() : own_(gBusMutex), hold_(gNamedPipeJsonMutex)
 {
-    ZOMutexLock(gNamedPipeJsonMutex, -1);
-}
-
-BusLock::~BusLock()
-{
-    ZOMutexUnLock(gNamedPipeJsonMutex);
 }
 
 void CreateBusMutex()

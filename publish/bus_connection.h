@@ -33,12 +33,12 @@ class BusLock
 {
   public:
     BusLock();
-    ~BusLock();
     BusLock(const BusLock &) = delete;
     BusLock &operator=(const BusLock &) = delete;
 
   private:
     MutexLock own_;
+    PlatformHold hold_;
 };
 
 // Make and destroy the platform's mutex; the caller holds no BusLock.

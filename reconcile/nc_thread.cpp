@@ -23,14 +23,16 @@ constexpr char kThreadName[] = "handle_QuillonDB_NC_Event_Request";
 constexpr int kTurnsBetweenPasses = 1000;
 constexpr unsigned kTurnMicroseconds = 5000;
 
-// The thread's own connection, held for its life.
+// The thread's own connection, held for its life. Nothing is sent on it but the
+// greeting: who never says who he is counts as a stranger to the bus, which
+// closes the connection after a while and complains of it in its log.
 struct HeldConnection
 {
     sd_bus *bus = nullptr;
 
     HeldConnection()
     {
-        if (sd_bus_default_system(&bus) < 0)
+        if (sd_bus_default_system(&bus) < 0 || !Greet())
         {
             QDB_LOG(kLogWarning, "%s: %s: no connection to the bus\n",
                     kThreadName);
@@ -39,6 +41,27 @@ struct HeldConnection
     ~HeldConnection()
     {
         sd_bus_unref(bus);
+    }
+    HeldConnection(const HeldConnection &) = delete;
+    HeldConnection &operator=(const HeldConnection &) = delete;
+
+  private:
+    // Waits for the bus for a second at most; false when it has refused.
+    bool Greet()
+    {
+        constexpr int kTurns = 1000000 / kTurnMicroseconds;
+        int result = 0;
+        for (int turn = 0; turn < kTurns && result >= 0 &&
+                           sd_bus_is_ready(bus) == 0 && !CheckCancelNCThread();
+             ++turn)
+        {
+            result = sd_bus_process(bus, nullptr);
+            if (result == 0)
+            {
+                result = sd_bus_wait(bus, kTurnMicroseconds);
+            }
+        }
+        return result >= 0;
     }
 };
 

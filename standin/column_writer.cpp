@@ -181,7 +181,7 @@ void WriteCells(Draft *pDraft, const Source &source,
         longest = std::max(longest, text.size());
     }
     StoreUnlessGiven(pDraft, sizeAt, 2, longest);
-    const size_t size = Load(*pDraft, sizeAt, 2);
+    const auto size = static_cast<size_t>(Load(*pDraft, sizeAt, 2));
     if (longest > size)
     {
         Refuse("a text of %zu bytes doesn't fit its cell", longest);

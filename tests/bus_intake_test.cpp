@@ -12,6 +12,8 @@
 #include "tests/support/db_fixture.h"
 #include "tests/support/no_memory.h"
 
+#include <algorithm>
+
 namespace qdb::test
 {
 namespace

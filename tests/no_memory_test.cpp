@@ -224,7 +224,8 @@ TEST_F(NoMemory, SignalsAreHeard)
     }
     const auto hear = [&]
     {
-        for (heard = false; !heard;)
+        heard = false;
+        while (!heard)
         {
             bus.process_discard();
             bus.wait(1000);

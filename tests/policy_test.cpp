@@ -6,6 +6,7 @@
 
 #include "tests/support/service_process.h"
 #include "tests/support/system_bus.h"
+#include "tests/support/wait.h"
 
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -178,6 +179,22 @@ TEST_F(Policy, LetsEverybodyHearTheServiceAndAskIt)
                       call.expected);
         }
     }
+    EXPECT_EQ(service.Stop(), 0);
+}
+
+// A connection that never greets is closed by the bus, with a complaint.
+TEST_F(Policy, GreetsOnEveryConnection)
+{
+    ServiceProcess service(
+        {.scenario = Server(3), .busAddress = bus_->Address()});
+    service.Start();
+    const BusUser root(*bus_, kRoot);
+    EXPECT_TRUE(WaitUntil(
+        [&]
+        {
+            constexpr ptrdiff_t kOfTheService = 3;
+            return root.Connections() == 1 + kOfTheService;
+        }));
     EXPECT_EQ(service.Stop(), 0);
 }
 

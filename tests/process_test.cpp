@@ -72,8 +72,8 @@ void Corrupt(const TempRoot &root)
     file.put(changes);
     file.seekp(kPage);
     std::mt19937 engine(7);
-    const size_t size = std::filesystem::file_size(root.Database());
-    for (size_t at = kPage; at < size; ++at)
+    const auto size = std::filesystem::file_size(root.Database());
+    for (uintmax_t at = kPage; at < size; ++at)
     {
         file.put(static_cast<char>(engine()));
     }

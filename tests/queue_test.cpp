@@ -188,7 +188,7 @@ TEST_F(QueueTest, ManyThreadsLoseNothing)
         uint32_t last[kThreads] = {};
         uint32_t taken = 0;
         EXPECT_TRUE(WaitUntil(
-            [&]
+            [&, take = take]
             {
                 while (const uint32_t number = take())
                 {

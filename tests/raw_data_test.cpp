@@ -268,7 +268,7 @@ TEST_F(RawData, HoldsTheRefreshMutex)
     {
         SCOPED_TRACE(line);
         const LineHook hook(line,
-                            [&](int)
+                            [&, expected = expected](int)
                             {
                                 EXPECT_EQ(isFree(refresh), expected);
                                 EXPECT_TRUE(isFree(SqliteStepMutex));

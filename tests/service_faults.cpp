@@ -100,7 +100,7 @@ _Unwind_Reason_Code Look(_Unwind_Context *context, void *argument)
         BaseOf(reinterpret_cast<uintptr_t>(&ZOILIsDataManagerReady));
     bool &isStandin = *static_cast<bool *>(argument);
     isStandin = BaseOf(_Unwind_GetIP(context)) == standin;
-    return isStandin ? _URC_NORMAL_STOP : _URC_NO_REASON;
+    return isStandin ? _URC_END_OF_STACK : _URC_NO_REASON;
 }
 
 bool IsDenied()

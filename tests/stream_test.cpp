@@ -239,9 +239,8 @@ class StreamTest : public ::testing::Test
         {
             recorder_.RecordAll(
                 name,
-                [&]
+                [event = EventOf(record)]
                 {
-                    const DataEventHeader *event = EventOf(record);
                     return event->evtType == 65533
                                ? ObjectNotificationDbus(event, event->evtType)
                                : ObjectNotification(event, event->evtType);

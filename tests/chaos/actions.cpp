@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <ranges>
 #include <utility>
 
 namespace qdb::chaos
@@ -265,8 +264,10 @@ bool Renew(Chaos &chaos, bool everything)
 {
     std::vector<Slot *> renewed;
     // Children first: those that are there when their parent goes are in doubt.
-    for (Slot &slot : std::views::reverse(chaos.world.slots))
+    for (auto at = chaos.world.slots.rbegin(); at != chaos.world.slots.rend();
+         ++at)
     {
+        Slot &slot = *at;
         if (!everything && (slot.isExact || slot.Is(kFixed)))
         {
             continue;
@@ -281,7 +282,8 @@ bool Renew(Chaos &chaos, bool everything)
     {
         return false;
     }
-    for (Slot *slot : std::views::reverse(renewed))
+    std::reverse(renewed.begin(), renewed.end());
+    for (Slot *slot : renewed)
     {
         Step(chaos, *slot, 'A');
     }

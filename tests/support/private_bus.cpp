@@ -50,7 +50,8 @@ bool IsServed(const std::string &path)
 
 } // namespace
 
-BusDaemon::BusDaemon(const std::string &configuration)
+BusDaemon::BusDaemon(const std::string &configuration,
+                     const std::string &socket)
 {
     const std::string option = "--config-file=" + configuration;
     const char *arguments[] = {"setpriv",     "--pdeathsig",  "KILL",
@@ -59,6 +60,11 @@ BusDaemon::BusDaemon(const std::string &configuration)
     EXPECT_EQ(posix_spawnp(&pid_, "setpriv", nullptr, nullptr,
                            const_cast<char **>(arguments), environ),
               0);
+    EXPECT_TRUE(WaitUntil(
+        [&]
+        {
+            return IsServed(socket);
+        }));
 }
 
 BusDaemon::~BusDaemon()
@@ -92,12 +98,7 @@ PrivateBus::PrivateBus()
     const std::string socket = directory_ + "/socket";
     const std::string configuration = directory_ + "/bus.conf";
     std::ofstream(configuration) << Configuration(socket);
-    daemon_.emplace(configuration);
-    EXPECT_TRUE(WaitUntil(
-        [&]
-        {
-            return IsServed(socket);
-        }));
+    daemon_.emplace(configuration, socket);
     address_ = "unix:path=" + socket;
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
 }

@@ -9,12 +9,13 @@
 namespace qdb::test
 {
 
-// With the configuration of a file. Runs as long as the object lives; ends with
-// this process, however that ends.
+// With the configuration of a file, which has it listen on the socket. Listens
+// when it has been made and runs as long as the object lives; ends with this
+// process, however that ends.
 class BusDaemon
 {
   public:
-    explicit BusDaemon(const std::string &configuration);
+    BusDaemon(const std::string &configuration, const std::string &socket);
     ~BusDaemon();
     BusDaemon(const BusDaemon &) = delete;
     BusDaemon &operator=(const BusDaemon &) = delete;

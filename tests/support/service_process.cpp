@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -98,12 +99,21 @@ ServiceProcess::ServiceProcess(ServiceOptions options)
     }
 }
 
+// What a failure can't be understood without.
 ServiceProcess::~ServiceProcess()
 {
     if (pid_ > 0)
     {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
+    }
+    if (testing::Test::HasFailure())
+    {
+        constexpr size_t kShown = 4096;
+        const std::string log = Log();
+        std::fprintf(
+            stderr, "the service's last lines:\n%s\n",
+            log.substr(log.size() - std::min(log.size(), kShown)).c_str());
     }
 }
 

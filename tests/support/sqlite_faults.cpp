@@ -52,7 +52,8 @@ bool MayBeOurRead(int status)
 int Intercept(Plan &plan, const char *sql, bool again)
 {
     const std::lock_guard<std::mutex> lock(gMutex);
-    if (tSparesSqlite || !gWatching || sql == nullptr || std::strcmp(sql, kKeptRead) == 0)
+    if (tSparesSqlite || !gWatching || sql == nullptr ||
+        std::strcmp(sql, kKeptRead) == 0)
     {
         return SQLITE_OK;
     }

@@ -4,6 +4,7 @@
 #include "tests/support/handler_fixture.h"
 
 #include <algorithm>
+#include <functional>
 #include <set>
 #include <thread>
 #include <utility>
@@ -110,7 +111,8 @@ Lines LinesByThread(std::vector<LogRecord> records)
     {
         return record.thread != std::this_thread::get_id();
     };
-    std::ranges::stable_partition(records, std::not_fn(isForeign));
+    std::stable_partition(records.begin(), records.end(),
+                          std::not_fn(isForeign));
     Lines lines;
     bool foreign = false;
     for (const LogRecord &record : records)

@@ -93,17 +93,13 @@ SystemBus::SystemBus(bool strict)
     std::ofstream(configuration) << OnlyThePolicy(directory + "/socket");
     // Other users look for the socket in it.
     EXPECT_EQ(chmod(directory.c_str(), 0755), 0);
-    daemon_.emplace(configuration);
+    daemon_.emplace(configuration, directory + "/socket");
 }
 
 BusUser::BusUser(const SystemBus &bus, uid_t user,
                  const std::vector<gid_t> &groups)
 {
-    EXPECT_TRUE(WaitUntil(
-        [&]
-        {
-            return Connect(bus.Address(), user, groups);
-        }));
+    EXPECT_TRUE(Connect(bus.Address(), user, groups));
 }
 
 BusUser::~BusUser()
@@ -152,6 +148,20 @@ uid_t BusUser::User() const
     sd_bus_creds_get_euid(credentials, &user);
     sd_bus_creds_unref(credentials);
     return user;
+}
+
+ptrdiff_t BusUser::Connections() const
+{
+    char **names = nullptr;
+    EXPECT_GE(sd_bus_list_names(bus_, &names, nullptr), 0);
+    ptrdiff_t count = 0;
+    for (char **name = names; name != nullptr && *name != nullptr; ++name)
+    {
+        count += **name == ':' ? 1 : 0;
+        std::free(*name);
+    }
+    std::free(names);
+    return count;
 }
 
 void BusUser::Own(const char *name) const
@@ -222,7 +232,7 @@ std::string BusUser::WaitForChange()
 std::string BusUser::Call(const std::string &name, const char *path,
                           const char *interface, const char *member) const
 {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error = {};
     const int result = sd_bus_call_method(bus_, name.c_str(), path, interface,
                                           member, &error, nullptr, "");
     const std::string text =

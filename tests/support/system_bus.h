@@ -7,6 +7,7 @@
 #include <sys/types.h>
 #include <systemd/sd-bus.h>
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -56,6 +57,9 @@ class BusUser
 
     // Whom the bus takes the connection for.
     uid_t User() const;
+
+    // How many connections have greeted the bus, this one included.
+    ptrdiff_t Connections() const;
 
     // Takes a name; on the SystemBus root alone may, and only the configuration
     // manager's.

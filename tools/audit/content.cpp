@@ -120,7 +120,7 @@ Content ParseContent(const json_t *dump)
 ObjectBytes::ObjectBytes(const Object &object)
     : bytes_(object.bytes), size_(kSizeWidth)
 {
-    size_ = static_cast<size_t>(Unsigned(0, kSizeWidth).value_or(0));
+    size_ = Unsigned(0, kSizeWidth).value_or(0);
     const auto dependency = Unsigned(kDependencyAt, 2);
     if (dependency.value_or(0) > kMaxDependency &&
         bytes_.size() > kDependencyAt + 1 &&
@@ -131,7 +131,8 @@ ObjectBytes::ObjectBytes(const Object &object)
     }
 }
 
-std::optional<uint64_t> ObjectBytes::Unsigned(size_t offset, size_t width) const
+std::optional<uint64_t> ObjectBytes::Unsigned(uint64_t offset,
+                                              size_t width) const
 {
     if (!Holds(offset, width))
     {
@@ -145,7 +146,7 @@ std::optional<uint64_t> ObjectBytes::Unsigned(size_t offset, size_t width) const
     return number;
 }
 
-std::optional<int64_t> ObjectBytes::Signed(size_t offset, size_t width) const
+std::optional<int64_t> ObjectBytes::Signed(uint64_t offset, size_t width) const
 {
     const std::optional<uint64_t> number = Unsigned(offset, width);
     if (!number)
@@ -156,21 +157,23 @@ std::optional<int64_t> ObjectBytes::Signed(size_t offset, size_t width) const
     return static_cast<int64_t>(*number << unused) >> unused;
 }
 
-std::optional<std::string> ObjectBytes::Text(size_t offset, size_t limit) const
+std::optional<std::string> ObjectBytes::Text(uint64_t offset,
+                                             uint64_t limit) const
 {
     if (offset >= size_)
     {
         return std::nullopt;
     }
     std::string text;
-    for (size_t i = offset; i < size_ && text.size() < limit && At(i) != 0; ++i)
+    for (uint64_t i = offset; i < size_ && text.size() < limit && At(i) != 0;
+         ++i)
     {
         text += static_cast<char>(At(i));
     }
     return text;
 }
 
-std::optional<std::string> ObjectBytes::EndedText(size_t offset) const
+std::optional<std::string> ObjectBytes::EndedText(uint64_t offset) const
 {
     std::optional<std::string> text = Text(offset);
     if (text && offset + text->size() >= size_)

@@ -42,44 +42,45 @@ constexpr int64_t StoredOid(uint32_t oid)
 }
 
 // The bytes of an object, read with bounds. The object is as large as it
-// claims, with zeros behind the bytes given: so its owner hands it out.
+// claims, with zeros behind the bytes given: so its owner hands it out. Places
+// are 64 bits wide, so that no sum of an object's words wraps round.
 class ObjectBytes
 {
   public:
     explicit ObjectBytes(const Object &object);
 
-    size_t Size() const
+    uint64_t Size() const
     {
         return size_;
     }
 
     // The little-endian number of `width` bytes; nothing when it isn't wholly
     // inside.
-    std::optional<uint64_t> Unsigned(size_t offset, size_t width) const;
-    std::optional<int64_t> Signed(size_t offset, size_t width) const;
+    std::optional<uint64_t> Unsigned(uint64_t offset, size_t width) const;
+    std::optional<int64_t> Signed(uint64_t offset, size_t width) const;
 
     // The text up to its NUL, `limit` or the end; nothing when it begins
     // outside.
-    std::optional<std::string> Text(size_t offset,
-                                    size_t limit = SIZE_MAX) const;
+    std::optional<std::string> Text(uint64_t offset,
+                                    uint64_t limit = UINT64_MAX) const;
 
     // The text up to its NUL; nothing when that isn't inside.
-    std::optional<std::string> EndedText(size_t offset) const;
+    std::optional<std::string> EndedText(uint64_t offset) const;
 
     // Whether `width` bytes are inside.
-    bool Holds(size_t offset, size_t width) const
+    bool Holds(uint64_t offset, uint64_t width) const
     {
         return offset <= size_ && width <= size_ - offset;
     }
 
   private:
-    uint8_t At(size_t offset) const
+    uint8_t At(uint64_t offset) const
     {
-        return offset < bytes_.size() ? bytes_[offset] : 0;
+        return offset < bytes_.size() ? bytes_[static_cast<size_t>(offset)] : 0;
     }
 
     std::vector<uint8_t> bytes_;
-    size_t size_;
+    uint64_t size_;
 };
 
 } // namespace qdb::audit

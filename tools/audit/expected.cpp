@@ -21,7 +21,7 @@ bool IsAttributeType(uint16_t type)
     return type >= 0x4051 && type <= 0x4054;
 }
 
-uint64_t WordAt(const ObjectBytes &bytes, size_t offset, size_t width)
+uint64_t WordAt(const ObjectBytes &bytes, uint64_t offset, size_t width)
 {
     return bytes.Unsigned(offset, width).value_or(0);
 }
@@ -47,13 +47,13 @@ bool Takes(const Table &table, const ObjectBytes &bytes)
     return &table != &kTblEmptySlotObj || !isRaidSlot;
 }
 
-Value UnsignedValue(const ObjectBytes &bytes, size_t offset, size_t width)
+Value UnsignedValue(const ObjectBytes &bytes, uint64_t offset, size_t width)
 {
     const auto number = bytes.Unsigned(offset, width);
     return number ? Value(static_cast<int64_t>(*number)) : Value();
 }
 
-Value SignedValue(const ObjectBytes &bytes, size_t offset, size_t width)
+Value SignedValue(const ObjectBytes &bytes, uint64_t offset, size_t width)
 {
     const auto number = bytes.Signed(offset, width);
     return number ? Value(*number) : Value();
@@ -65,7 +65,7 @@ Value Finite(double number)
     return std::isfinite(number) ? Value(number) : Value();
 }
 
-Value RealValue(const ObjectBytes &bytes, const Source &source, size_t offset)
+Value RealValue(const ObjectBytes &bytes, const Source &source, uint64_t offset)
 {
     if (source.form == Form::F32)
     {
@@ -77,7 +77,7 @@ Value RealValue(const ObjectBytes &bytes, const Source &source, size_t offset)
     return word ? Finite(std::bit_cast<double>(*word)) : Value();
 }
 
-Value BitsValue(const ObjectBytes &bytes, const Source &source, size_t offset)
+Value BitsValue(const ObjectBytes &bytes, const Source &source, uint64_t offset)
 {
     const size_t last = source.bit + source.width - 1u;
     const auto number = bytes.Unsigned(offset, last / 8 + 1);
@@ -93,7 +93,8 @@ Value BitsValue(const ObjectBytes &bytes, const Source &source, size_t offset)
     return value;
 }
 
-Value InlineText(const ObjectBytes &bytes, const Source &source, size_t offset)
+Value InlineText(const ObjectBytes &bytes, const Source &source,
+                 uint64_t offset)
 {
     auto text = bytes.Text(offset);
     const bool isNone =
@@ -103,7 +104,7 @@ Value InlineText(const ObjectBytes &bytes, const Source &source, size_t offset)
 
 // The text that a word leads to, counted from `origin`.
 std::optional<Value> TextByOffset(const ObjectBytes &bytes, uint64_t word,
-                                  size_t origin)
+                                  uint64_t origin)
 {
     if (word == 0)
     {
@@ -131,7 +132,7 @@ std::optional<Value> ListByOffset(const ObjectBytes &bytes,
 
 // Elements that are plain numbers pass through 32 signed bits.
 Value ElementField(const ObjectBytes &bytes, const SideTable &table,
-                   const Column &column, size_t base)
+                   const Column &column, uint64_t base)
 {
     if (table.columns.size() == 1 && column.source.form == Form::U32)
     {
@@ -167,9 +168,9 @@ bool IsWithheld(const ObjTypeRow &row, const Column &column)
 }
 
 std::optional<Value> FieldOf(const ObjectBytes &bytes, const Source &source,
-                             size_t base)
+                             uint64_t base)
 {
-    const size_t offset = base + source.offset;
+    const uint64_t offset = base + source.offset;
     switch (source.form)
     {
     case Form::U8:
@@ -230,9 +231,9 @@ std::vector<Element> ElementsOf(const ObjectBytes &bytes,
     const uint64_t count = property.countAt == 0
                                ? property.fixedCount
                                : WordAt(bytes, property.countAt, 4);
-    size_t base = property.offsetAt == 0
-                      ? property.firstAt
-                      : kBodyBase + WordAt(bytes, property.offsetAt, 4);
+    uint64_t base = property.offsetAt == 0
+                        ? property.firstAt
+                        : kBodyBase + WordAt(bytes, property.offsetAt, 4);
     std::vector<Element> elements;
     while (elements.size() < count && bytes.Holds(base, table.recordSize))
     {

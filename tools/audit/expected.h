@@ -27,7 +27,7 @@ bool IsWithheld(const ObjTypeRow &row, const Column &column);
 // leads outside of what an object may hold, so that the object can't be
 // mirrored as it stands. Not for the parent's key, which no field holds.
 std::optional<Value> FieldOf(const ObjectBytes &bytes, const Source &source,
-                             size_t base = 0);
+                             uint64_t base = 0);
 
 // The value of a column of the object's row; the rest as FieldOf().
 std::optional<Value> ColumnOf(const ObjectBytes &bytes, const ObjTypeRow &row,

@@ -11,13 +11,13 @@ namespace
 
 using Texts = std::vector<std::string>;
 
-uint64_t CountAt(const ObjectBytes &bytes, size_t offset, size_t width)
+uint64_t CountAt(const ObjectBytes &bytes, uint64_t offset, size_t width)
 {
     return bytes.Unsigned(offset, width).value_or(0);
 }
 
 // Cells of one size with a NUL of their own behind each.
-Texts Cells(const ObjectBytes &bytes, size_t offset, size_t sizeAt)
+Texts Cells(const ObjectBytes &bytes, uint64_t offset, size_t sizeAt)
 {
     const uint64_t count = CountAt(bytes, 0x46, 2);
     const uint64_t size = CountAt(bytes, sizeAt, 2);
@@ -31,7 +31,7 @@ Texts Cells(const ObjectBytes &bytes, size_t offset, size_t sizeAt)
 }
 
 // Texts one behind the other, each with its NUL.
-Texts Sequence(const ObjectBytes &bytes, size_t offset, size_t countAt)
+Texts Sequence(const ObjectBytes &bytes, uint64_t offset, size_t countAt)
 {
     const uint64_t count = CountAt(bytes, kBodyBase + countAt, 4);
     Texts texts;
@@ -89,7 +89,7 @@ std::string Sorted(const Texts &texts)
 } // namespace
 
 std::optional<std::string> ListText(const ObjectBytes &bytes, Join join,
-                                    size_t offset)
+                                    uint64_t offset)
 {
     Texts texts;
     bool isAddresses = false;

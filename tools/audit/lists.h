@@ -13,6 +13,6 @@ namespace qdb::audit
 // The text for the list at `offset`, which isn't 0 and, for the address lists,
 // counts from the body. Nothing when the list has no elements in the object.
 std::optional<std::string> ListText(const ObjectBytes &bytes, Join join,
-                                    size_t offset);
+                                    uint64_t offset);
 
 } // namespace qdb::audit
