@@ -86,7 +86,7 @@ bool ChangeBus::Process(int most, bool *pIsMore)
     }
     bus_.reset();
     signals_.clear();
-    sender_.clear();
+    ForgetService();
     isSubscribed_ = false;
     reason_ = QDB_NEW_BUS;
     return false;
@@ -153,6 +153,12 @@ void ChangeBus::NoteSender(const char *sender, uint64_t serial)
         reason_ = QDB_LOST_SIGNALS;
     }
     serial_ = serial;
+    isServiceGone_ = false;
+}
+
+void ChangeBus::ForgetService()
+{
+    sender_.clear();
     isServiceGone_ = false;
 }
 

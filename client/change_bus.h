@@ -43,11 +43,20 @@ class ChangeBus
     // nothing.
     int TakeReason();
 
-    // The service that sent the last signal is gone, and no other has spoken.
+    // Who sent the last signal is still there.
+    bool IsServiceHere() const
+    {
+        return !sender_.empty() && !isServiceGone_;
+    }
+
+    // Who sent the last signal has left, and no other has spoken.
     bool IsServiceGone() const
     {
         return isServiceGone_;
     }
+
+    // As if none had ever spoken.
+    void ForgetService();
 
     // For epoll: -1 without a connection; what to wait for (EPOLLIN, EPOLLOUT);
     // until when, in microseconds of the monotonic clock, UINT64_MAX: for ever.

@@ -112,6 +112,7 @@ struct qdb_mirror
   private:
     void Follow(bool isTick);
     void FollowReady(bool isTick);
+    bool IsServed(bool isTick);
     bool Scan(Counts *pCounts);
     void SetReady(bool isNow);
     void Watch(int fd, uint32_t events);
@@ -120,7 +121,10 @@ struct qdb_mirror
     bool isReady_ = false;
     int reason_ = 0;      // for the next scan; 0: none
     int64_t version_ = 0; // of the database when it was last scanned; 0: never
-    int watched_ = -1;    // the bus's descriptor in the epoll set
+    int64_t seen_ = 0;    // of the database at the last look
+    int quiet_ = -1;      // looks at which it was the same; -1: none yet
+    bool hasStirred_ = false; // since the service was last here
+    int watched_ = -1;        // the bus's descriptor in the epoll set
     uint64_t nextTick_ = 0;
 };
 
@@ -225,28 +229,57 @@ bool qdb_mirror::Scan(Counts *pCounts)
     return isWhole;
 }
 
+// The rows are of a service that has filled them. Best known of one that has
+// spoken, since it sends no signal before; else by the attribute that it sets,
+// which not every configuration manager tells it to mirror, or when nothing is
+// written any more.
+bool qdb_mirror::IsServed(bool isTick)
+{
+    constexpr int kQuietTicks = 2;
+    if (bus.IsServiceHere() || (isReady_ && !bus.IsServiceGone()))
+    {
+        return true;
+    }
+    if (!isTick && quiet_ >= 0)
+    {
+        return false;
+    }
+    const int64_t version = database.Version();
+    hasStirred_ = hasStirred_ || version != seen_;
+    quiet_ = version == seen_ ? quiet_ + 1 : 0;
+    seen_ = version;
+    const bool isQuiet = quiet_ >= kQuietTicks;
+    if (bus.IsServiceGone() && hasStirred_ && isQuiet)
+    {
+        bus.ForgetService();
+    }
+    return !bus.IsServiceGone() && (isQuiet || database.IsReady());
+}
+
 void qdb_mirror::Follow(bool isTick)
 {
     const int reason = bus.TakeReason();
     reason_ = reason == 0 ? reason_ : reason;
     bool isNew = false;
     const bool hasDatabase = database.Open(&isNew) == 0;
-    if (isNew && version_ != 0)
+    if (isNew)
     {
-        reason_ = QDB_NEW_DATABASE;
+        quiet_ = -1;
+        hasStirred_ = true;
+        reason_ = version_ == 0 ? reason_ : int{QDB_NEW_DATABASE};
     }
-    if (!bus.IsSubscribed() || !hasDatabase)
+    if (bus.IsSubscribed() && hasDatabase && IsServed(isTick))
     {
-        return SetReady(false);
+        return FollowReady(isTick);
     }
-    // Without a sign of life the rows are nobody's.
-    const bool isAlive =
-        !bus.IsServiceGone() || (isTick && database.Version() != version_);
-    if (!isAlive || ((isTick || !isReady_) && !database.IsReady()))
+    if (isReady_)
     {
-        return SetReady(false);
+        quiet_ = -1;
+        hasStirred_ = false;
+        reason_ = reason_ == 0 && bus.IsServiceGone() ? int{QDB_NEW_SERVICE}
+                                                      : reason_;
     }
-    FollowReady(isTick);
+    SetReady(false);
 }
 
 void qdb_mirror::FollowReady(bool isTick)
