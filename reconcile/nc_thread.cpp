@@ -51,9 +51,8 @@ struct HeldConnection
     {
         constexpr int kTurns = 1000000 / kTurnMicroseconds;
         int result = 0;
-        for (int turn = 0; turn < kTurns && result >= 0 &&
-                           sd_bus_is_ready(bus) == 0 && !CheckCancelNCThread();
-             ++turn)
+        for (int turn = 0;
+             turn < kTurns && result >= 0 && sd_bus_is_ready(bus) == 0; ++turn)
         {
             result = sd_bus_process(bus, nullptr);
             if (result == 0)

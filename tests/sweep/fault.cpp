@@ -158,7 +158,7 @@ extern "C"
         }
         if (gFault.kind.status == 0)
         {
-            return __real_write(fd, bytes, size / 2);
+            return __real_write(fd, bytes, (size + 1) / 2);
         }
         errno = gFault.kind.status;
         return -1;
