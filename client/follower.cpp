@@ -153,7 +153,7 @@ qdb_change Follower::Compare(const KnownRow &known,
         }
     }
     const bool isChain =
-        !signals.empty() &&
+        !signals.empty() && !isDoubtful_ &&
         (!known.isAhead || SecondOf(signals.front().row) > known.second) &&
         std::ranges::all_of(signals,
                             [](const Signal &signal)
@@ -211,7 +211,8 @@ int Follower::LookAt(const Table &table, int64_t oid,
     if (known->tag == tag)
     {
         // Without signals nothing is learned of how far these are.
-        known->isAhead = signals.empty() ? known->isAhead : isAhead;
+        known->isAhead =
+            signals.empty() ? known->isAhead || isDoubtful_ : isAhead;
         known->second = told.second;
         known->isSettled = told.isSettled;
         return 0;
@@ -240,7 +241,8 @@ int Follower::ScanTable(const Table &table)
             doubtful.push_back(known->oid);
         }
         const bool isKnown = known != rows.end() && known->oid == stamp.oid;
-        if (!isKnown || known->second != stamp.second || !known->isSettled)
+        if (!isKnown || known->second != stamp.second || !known->isSettled ||
+            isAnotherLife_)
         {
             doubtful.push_back(stamp.oid);
         }
@@ -259,6 +261,12 @@ int Follower::ScanTable(const Table &table)
     return result;
 }
 
+void Follower::Doubt(bool isAnotherLife)
+{
+    isDoubtful_ = true;
+    isAnotherLife_ = isAnotherLife_ || isAnotherLife;
+}
+
 int Follower::Scan(Counts *pCounts)
 {
     counts_ = {};
@@ -272,6 +280,8 @@ int Follower::Scan(Counts *pCounts)
         }
     }
     *pCounts = counts_;
+    isDoubtful_ = isDoubtful_ && result != 0;
+    isAnotherLife_ = isAnotherLife_ && result != 0;
     return result;
 }
 

@@ -57,6 +57,10 @@ class Follower
     // next scan: the result is not 0 then.
     int Apply(const std::vector<RawSignal> &signals);
 
+    // What was told isn't what the next signals begin with: some were lost, or
+    // the rows are another service's. Until a whole scan.
+    void Doubt(bool isAnotherLife);
+
     // Looks at all rows. On failure what was found so far has been told.
     int Scan(Counts *pCounts);
 
@@ -86,6 +90,8 @@ class Follower
     std::map<std::string, KnownRows> known_; // by table
     Counts counts_;
     bool isTelling_ = false;
+    bool isDoubtful_ = false;
+    bool isAnotherLife_ = false;
 };
 
 } // namespace qdb::client

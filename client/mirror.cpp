@@ -285,6 +285,10 @@ void qdb_mirror::Follow(bool isTick)
 void qdb_mirror::FollowReady(bool isTick)
 {
     const bool isFirst = !isReady_;
+    if (reason_ != 0)
+    {
+        follower.Doubt(reason_ != QDB_LOST_SIGNALS);
+    }
     if (!isFirst && follower.Apply(bus.TakeSignals()) != 0)
     {
         version_ = 0;

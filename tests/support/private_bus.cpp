@@ -21,7 +21,7 @@ namespace qdb::test
 namespace
 {
 
-std::string Configuration(const std::string &socket)
+std::string Configuration(const std::string &socket, size_t held)
 {
     return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus "
            "Configuration 1.0//EN\" "
@@ -31,7 +31,9 @@ std::string Configuration(const std::string &socket)
            "</listen>\n<auth>EXTERNAL</auth>\n<policy context=\"default\">\n"
            "<allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
            "<allow eavesdrop=\"true\"/>\n<allow own=\"*\"/>\n</policy>\n"
-           "<limit name=\"max_outgoing_bytes\">268435456</limit>\n"
+           "<limit name=\"max_outgoing_bytes\">" +
+           std::to_string(held) +
+           "</limit>\n"
            "</busconfig>\n";
 }
 
@@ -90,15 +92,15 @@ void BusDaemon::Kill()
     }
 }
 
-PrivateBus::PrivateBus()
+PrivateBus::PrivateBus(size_t held)
 {
     char pattern[] = "/tmp/qdbbus.XXXXXX";
     const char *made = mkdtemp(pattern);
     directory_ = made == nullptr ? "" : made;
     const std::string socket = directory_ + "/socket";
     const std::string configuration = directory_ + "/bus.conf";
-    std::ofstream(configuration) << Configuration(socket);
-    daemon_.emplace(configuration, socket);
+    std::ofstream(configuration) << Configuration(socket, held);
+    Restart();
     address_ = "unix:path=" + socket;
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
 }
@@ -108,6 +110,11 @@ PrivateBus::~PrivateBus()
     Kill();
     std::error_code ignored;
     std::filesystem::remove_all(directory_, ignored);
+}
+
+void PrivateBus::Restart()
+{
+    daemon_.emplace(directory_ + "/bus.conf", directory_ + "/socket");
 }
 
 void PrivateBus::Freeze() const

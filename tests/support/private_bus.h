@@ -34,7 +34,8 @@ class BusDaemon
 class PrivateBus
 {
   public:
-    PrivateBus();
+    // `held`: bytes that it keeps for a subscriber before it drops signals.
+    explicit PrivateBus(size_t held = size_t{256} << 20);
     ~PrivateBus();
     PrivateBus(const PrivateBus &) = delete;
     PrivateBus &operator=(const PrivateBus &) = delete;
@@ -50,6 +51,9 @@ class PrivateBus
 
     // Ends the daemon now.
     void Kill();
+
+    // The same again, at the same address, after Kill().
+    void Restart();
 
   private:
     std::string directory_;
