@@ -45,27 +45,39 @@ void ReadValue(sqlite3_stmt *statement, int column, Value *pValue)
     }
 }
 
-// The column that names an object to people, if there is one.
-size_t FindKeyColumn(const std::vector<std::string> &columns)
+// The columns that name an object to people, the best first.
+std::vector<size_t> FindKeyColumns(const std::vector<std::string> &columns)
 {
-    constexpr const char *kEnds[] = {"Key", "_DOT_Key", "_DOT_key", "FQDD",
-                                     "ifName"};
-    for (const char *end : kEnds)
+    constexpr const char *kEnds[] = {"Key",    "_Key",    "_key", "FQDD",
+                                     "ifName", "objName", "name"};
+    std::vector<size_t> found;
+    for (const std::string end : kEnds)
     {
-        const size_t length = std::strlen(end);
         for (size_t i = 0; i < columns.size(); ++i)
         {
             const std::string &name = columns[i];
-            const bool isWhole = strcasecmp(name.c_str(), end) == 0;
-            const bool isEnd =
-                *end == '_' && name.size() > length && name.ends_with(end);
-            if (isWhole || isEnd)
+            const bool isKey = end[0] == '_'
+                                   ? name.ends_with(end)
+                                   : strcasecmp(name.c_str(), end.c_str()) == 0;
+            if (isKey && std::ranges::find(found, i) == found.end())
             {
-                return i;
+                found.push_back(i);
             }
         }
     }
-    return SIZE_MAX;
+    return found;
+}
+
+void TakeRow(const Table &table, sqlite3_stmt *statement, qdb_row *pRow)
+{
+    pRow->table = &table;
+    pRow->values.resize(table.columns.size());
+    for (size_t i = 0; i < table.columns.size(); ++i)
+    {
+        ReadValue(statement, static_cast<int>(i), &pRow->values[i]);
+    }
+    pRow->oid =
+        table.oid < table.columns.size() ? pRow->values[table.oid].integer : 0;
 }
 
 // Resets on every way out: a statement that is left open keeps the service from
@@ -169,15 +181,24 @@ int64_t Database::Version()
                : 0;
 }
 
-bool Database::IsReady()
+bool Database::Answers(const char *sql)
 {
-    sqlite3_stmt *statement =
-        Prepared("SELECT currentValue FROM TblIntAttribute WHERE Key = "
-                 "'Tarnu.Embedded.1#QuillonDB.1#IsQuillonDBReady'");
+    sqlite3_stmt *statement = Prepared(sql);
     const Reset reset{statement};
     bool isRow = false;
-    return statement == nullptr || Step(statement, &isRow) != 0 || !isRow ||
+    return statement != nullptr && Step(statement, &isRow) == 0 && isRow &&
            sqlite3_column_int(statement, 0) == 1;
+}
+
+bool Database::IsReady()
+{
+    return Answers("SELECT currentValue FROM TblIntAttribute WHERE Key = "
+                   "'Tarnu.Embedded.1#QuillonDB.1#IsQuillonDBReady'");
+}
+
+bool Database::IsEmpty()
+{
+    return Answers("SELECT NOT EXISTS (SELECT 1 FROM ActiveOIDMapping)");
 }
 
 // Tables with OIDs, and which of them keep elements of others.
@@ -230,7 +251,8 @@ int Database::LoadTable(Table *pTable)
             pTable->sides.back().fields.push_back(column);
         }
     }
-    pTable->key = FindKeyColumn(pTable->columns);
+    pTable->keys = FindKeyColumns(pTable->columns);
+    pTable->oid = pTable->Find("OID");
     pTable->stamp = pTable->Find("SingleRecordEtag");
     return result;
 }
@@ -241,25 +263,41 @@ const Table *Database::FindTable(const std::string &name) const
     return found == tables_.end() ? nullptr : &*found;
 }
 
-int Database::Read(const Table &table, int64_t oid, qdb_row *pRow, bool *pFound)
+int Database::Read(const Table &table, std::span<const int64_t> oids,
+                   std::vector<qdb_row> *pRows)
 {
+    std::string places = "?";
+    for (size_t i = 1; oids.size() > 1 && i < kTogether; ++i)
+    {
+        places += ",?";
+    }
     sqlite3_stmt *statement =
-        Prepared("SELECT * FROM " + Quoted(table.name) + " WHERE OID = ?");
-    const Reset reset{statement};
-    sqlite3_bind_int64(statement, 1, oid);
-    const int result = Step(statement, pFound);
-    if (result != 0 || !*pFound)
+        Prepared("SELECT * FROM " + Quoted(table.name) + " WHERE OID IN (" +
+                 places + ") ORDER BY OID");
+    size_t count = 0;
+    int result = 0;
     {
-        return result;
+        const Reset reset{statement};
+        sqlite3_clear_bindings(statement);
+        for (size_t i = 0; i < oids.size(); ++i)
+        {
+            sqlite3_bind_int64(statement, static_cast<int>(i + 1), oids[i]);
+        }
+        bool isRow = false;
+        result = Step(statement, &isRow);
+        for (; result == 0 && isRow; result = Step(statement, &isRow))
+        {
+            pRows->resize(std::max(pRows->size(), count + 1));
+            TakeRow(table, statement, &(*pRows)[count]);
+            ++count;
+        }
     }
-    pRow->table = &table;
-    pRow->oid = oid;
-    pRow->values.resize(table.columns.size());
-    for (size_t i = 0; i < table.columns.size(); ++i)
+    pRows->resize(count);
+    for (qdb_row &row : *pRows)
     {
-        ReadValue(statement, static_cast<int>(i), &pRow->values[i]);
+        result = result == 0 ? ReadArrays(table, &row) : result;
     }
-    return ReadArrays(table, pRow);
+    return result;
 }
 
 int Database::ReadArrays(const Table &table, qdb_row *pRow)
@@ -305,13 +343,18 @@ int Database::FindKey(const Table &table, const std::string &key,
                       std::vector<int64_t> *pOids)
 {
     pOids->clear();
-    if (table.key >= table.columns.size())
+    std::string columns;
+    for (const size_t column : table.keys)
+    {
+        columns += ", NULLIF(" + Quoted(table.columns[column]) + ", '')";
+    }
+    if (columns.empty())
     {
         return 0;
     }
     sqlite3_stmt *statement =
-        Prepared("SELECT OID FROM " + Quoted(table.name) + " WHERE " +
-                 Quoted(table.columns[table.key]) + " = ? ORDER BY OID");
+        Prepared("SELECT OID FROM " + Quoted(table.name) +
+                 " WHERE coalesce(NULL" + columns + ") = ? ORDER BY OID");
     const Reset reset{statement};
     sqlite3_bind_text(statement, 1, key.c_str(), -1, SQLITE_STATIC);
     bool isRow = false;

@@ -10,6 +10,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -54,8 +55,11 @@ class Database
     // A number that changes with every change of the database; 0 on failure.
     int64_t Version();
 
-    // What the mirrored attribute of readiness says; true where there is none.
+    // What the mirrored attribute of readiness says; false where there is none.
     bool IsReady();
+
+    // No object has a row.
+    bool IsEmpty();
 
     const std::vector<Table> &Tables() const
     {
@@ -63,8 +67,11 @@ class Database
     }
     const Table *FindTable(const std::string &name) const; // NULL: none
 
-    // Reads a row; *pFound: there is one. The row's buffers are used again.
-    int Read(const Table &table, int64_t oid, qdb_row *pRow, bool *pFound);
+    // Reads the rows that there are of at most kTogether OIDs, by one statement
+    // and in their order. Buffers of *pRows are used again.
+    static constexpr size_t kTogether = 64;
+    int Read(const Table &table, std::span<const int64_t> oids,
+             std::vector<qdb_row> *pRows);
 
     // The OIDs of rows with the key, in their order.
     int FindKey(const Table &table, const std::string &key,
@@ -78,6 +85,7 @@ class Database
     int LoadTable(Table *pTable);
     sqlite3_stmt *Prepared(const std::string &sql);
     int Step(sqlite3_stmt *statement, bool *pIsRow);
+    bool Answers(const char *sql); // by a 1
     int ReadArrays(const Table &table, qdb_row *pRow);
     int ReadSide(const Table &table, const SideTable &side, qdb_row *pRow);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
+#include <span>
 #include <utility>
 
 namespace qdb::client
@@ -98,11 +99,11 @@ bool Follower::IsFollowed(const std::string &table) const
     return followed_.empty() || followed_.contains(table);
 }
 
-int Follower::Apply(const std::vector<RawSignal> &signals)
+// Each row once, and the rows of a table together.
+int Follower::Apply(const std::vector<RawSignal> &raws)
 {
-    std::map<std::pair<const Table *, int64_t>, std::vector<Signal>> rows;
-    std::vector<std::pair<const Table *, int64_t>> order;
-    for (const RawSignal &raw : signals)
+    std::map<const Table *, std::pair<std::vector<int64_t>, Signals>> tables;
+    for (const RawSignal &raw : raws)
     {
         Signal signal;
         signal.kind = raw.kind;
@@ -117,19 +118,42 @@ int Follower::Apply(const std::vector<RawSignal> &signals)
             continue;
         }
         reader_.ReadBody(raw.text.c_str(), *table, &signal);
-        const std::pair key(table, signal.oid);
-        std::vector<Signal> &list = rows[key];
+        auto &[oids, signals] = tables[table];
+        std::vector<Signal> &list = signals[signal.oid];
         if (list.empty())
         {
-            order.push_back(key);
+            oids.push_back(signal.oid);
         }
         list.push_back(std::move(signal));
     }
     int result = 0;
-    for (const auto &key : order)
+    for (const auto &[table, found] : tables)
     {
-        const int looked = LookAt(*key.first, key.second, std::move(rows[key]));
+        const int looked = LookAtAll(*table, found.first, found.second);
         result = result == 0 ? looked : result;
+    }
+    return result;
+}
+
+int Follower::LookAtAll(const Table &table, const std::vector<int64_t> &oids,
+                        const Signals &signals)
+{
+    static const std::vector<Signal> none;
+    int result = 0;
+    std::vector<qdb_row> rows;
+    for (size_t at = 0; at < oids.size(); at += Database::kTogether)
+    {
+        const std::span<const int64_t> some(
+            oids.data() + at, std::min(Database::kTogether, oids.size() - at));
+        const int read = database_.Read(table, some, &rows);
+        result = result == 0 ? read : result;
+        for (size_t i = 0; read == 0 && i < some.size(); ++i)
+        {
+            const auto now = std::ranges::find(rows, some[i], &qdb_row::oid);
+            const auto its = signals.find(some[i]);
+            LookAt(table, some[i], now == rows.end() ? nullptr : &*now,
+                   its == signals.end() ? none : its->second);
+        }
     }
     return result;
 }
@@ -177,36 +201,36 @@ void Follower::TellGone(const Table &table, const KnownRow &known,
     Tell(options_.row_removed, &std::as_const(last));
 }
 
-int Follower::LookAt(const Table &table, int64_t oid,
-                     std::vector<Signal> signals)
+void Follower::LookAt(const Table &table, int64_t oid, const qdb_row *now,
+                      const std::vector<Signal> &signals)
+{
+    const KnownRow *known = known_[table.name].Find(oid);
+    if (now != nullptr)
+    {
+        TellThere(table, *now, signals);
+    }
+    else if (known != nullptr)
+    {
+        TellGone(table, KnownRow(*known), signals);
+    }
+}
+
+void Follower::TellThere(const Table &table, const qdb_row &now,
+                         const std::vector<Signal> &signals)
 {
     KnownRows &rows = known_[table.name];
-    KnownRow *known = rows.Find(oid);
-    qdb_row now;
-    bool isThere = false;
-    if (const int result = database_.Read(table, oid, &now, &isThere))
-    {
-        return result;
-    }
-    if (!isThere)
-    {
-        if (known != nullptr)
-        {
-            TellGone(table, KnownRow(*known), signals);
-        }
-        return 0;
-    }
+    KnownRow *known = rows.Find(now.oid);
     const uint64_t tag = now.Tag();
     const bool isAhead = signals.empty() || signals.back().row.Tag() != tag;
     const uint32_t second = SecondOf(now);
-    const KnownRow told = {oid, tag, second, second + 1 < std::time(nullptr),
-                           isAhead};
+    const KnownRow told = {now.oid, tag, second,
+                           second + 1 < std::time(nullptr), isAhead};
     if (known == nullptr)
     {
         rows.Add(told);
         ++counts_.added;
-        Tell(options_.row_added, &std::as_const(now));
-        return 0;
+        Tell(options_.row_added, &now);
+        return;
     }
     if (known->tag == tag)
     {
@@ -215,13 +239,12 @@ int Follower::LookAt(const Table &table, int64_t oid,
             signals.empty() ? known->isAhead || isDoubtful_ : isAhead;
         known->second = told.second;
         known->isSettled = told.isSettled;
-        return 0;
+        return;
     }
     const qdb_change change = Compare(*known, signals, now);
     *known = told;
     ++counts_.changed;
     Tell(options_.row_changed, &change);
-    return 0;
 }
 
 int Follower::ScanTable(const Table &table)
@@ -252,13 +275,7 @@ int Follower::ScanTable(const Table &table)
     {
         doubtful.push_back(known->oid);
     }
-    int result = 0;
-    for (const int64_t oid : doubtful)
-    {
-        const int looked = LookAt(table, oid, {});
-        result = result == 0 ? looked : result;
-    }
-    return result;
+    return LookAtAll(table, doubtful, {});
 }
 
 void Follower::Doubt(bool isAnotherLife)

@@ -72,7 +72,13 @@ class Follower
 
   private:
     bool IsFollowed(const std::string &table) const;
-    int LookAt(const Table &table, int64_t oid, std::vector<Signal> signals);
+    using Signals = std::map<int64_t, std::vector<Signal>>; // by OID
+    int LookAtAll(const Table &table, const std::vector<int64_t> &oids,
+                  const Signals &signals);
+    void LookAt(const Table &table, int64_t oid, const qdb_row *now,
+                const std::vector<Signal> &signals);
+    void TellThere(const Table &table, const qdb_row &now,
+                   const std::vector<Signal> &signals);
     void TellGone(const Table &table, const KnownRow &known,
                   const std::vector<Signal> &signals);
     qdb_change Compare(const KnownRow &known,

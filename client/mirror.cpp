@@ -16,6 +16,7 @@
 #include <cstring>
 #include <iterator>
 #include <new>
+#include <span>
 #include <utility>
 
 namespace qdb::client
@@ -143,23 +144,27 @@ qdb_mirror::qdb_mirror(const qdb_options &given)
     Watch(wake, EPOLLIN);
 }
 
-// The rows of these OIDs, one statement each.
+// The rows of these OIDs, some at a time.
 int qdb_mirror::Give(const Table &table, const std::vector<int64_t> &oids,
                      qdb_row_callback callback, void *user)
 {
     int count = 0;
-    qdb_row row;
-    for (const int64_t oid : oids)
+    std::vector<qdb_row> rows;
+    for (size_t at = 0; at < oids.size(); at += Database::kTogether)
     {
-        bool isThere = false;
-        if (const int result = database.Read(table, oid, &row, &isThere))
+        const std::span<const int64_t> some(
+            oids.data() + at, std::min(Database::kTogether, oids.size() - at));
+        if (const int result = database.Read(table, some, &rows))
         {
             return result;
         }
-        count += isThere ? 1 : 0;
-        if (isThere && callback(user, &row) != 0)
+        for (const qdb_row &row : rows)
         {
-            break;
+            ++count;
+            if (callback(user, &row) != 0)
+            {
+                return count;
+            }
         }
     }
     return count;
@@ -253,7 +258,8 @@ bool qdb_mirror::IsServed(bool isTick)
     {
         bus.ForgetService();
     }
-    return !bus.IsServiceGone() && (isQuiet || database.IsReady());
+    return !bus.IsServiceGone() &&
+           (database.IsReady() || (isQuiet && !database.IsEmpty()));
 }
 
 void qdb_mirror::Follow(bool isTick)

@@ -86,10 +86,15 @@ extern "C"
 
     const char *qdb_row_key(const qdb_row *row)
     {
-        const char *key = row->table->key < row->values.size()
-                              ? qdb_row_text(row, row->table->key)
-                              : nullptr;
-        return key == nullptr ? "" : key;
+        for (const size_t column : row->table->keys)
+        {
+            if (column < row->values.size() &&
+                !row->values[column].text.empty())
+            {
+                return qdb_row_text(row, column);
+            }
+        }
+        return "";
     }
 
     size_t qdb_row_count(const qdb_row *row)
@@ -125,6 +130,6 @@ extern "C"
 
     size_t qdb_row_find(const qdb_row *row, const char *name)
     {
-        return row->table->Find(name);
+        return std::min(row->table->Find(name), row->values.size());
     }
 }

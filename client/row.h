@@ -21,7 +21,8 @@ struct Table
 {
     std::string name;
     std::vector<std::string> columns;
-    size_t key = SIZE_MAX; // column of the object's key or name; SIZE_MAX: none
+    std::vector<size_t> keys; // columns of the object's key or name
+    size_t oid = SIZE_MAX;
     size_t stamp = SIZE_MAX; // SingleRecordEtag: when the row was written
     std::vector<SideTable> sides;
 

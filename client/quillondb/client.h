@@ -23,100 +23,108 @@
 #include <stdint.h>
 
 #ifdef __cplusplus
-extern "C" {
+extern "C"
+{
 #endif
 
-typedef struct qdb_mirror qdb_mirror;
+    typedef struct qdb_mirror qdb_mirror;
 
-/* --- Rows ------------------------------------------------------------------
- *
- * A row belongs to the library, and is valid until the callback that was given
- * it returns. Its columns are those of the table, in the table's order; an
- * array property is the column of its name, as a JSON text.
- */
+    /* --- Rows
+     * ------------------------------------------------------------------
+     *
+     * A row belongs to the library, and is valid until the callback that was
+     * given it returns. Its columns are those of the table, in the table's
+     * order; an array property is the column of its name, as a JSON text.
+     */
 
-typedef struct qdb_row qdb_row;
+    typedef struct qdb_row qdb_row;
 
-enum qdb_type
-{
-    QDB_NULL = 0,
-    QDB_INTEGER = 1,
-    QDB_REAL = 2,
-    QDB_TEXT = 3,
-    QDB_JSON = 4, /* the elements of an array property */
-};
+    enum qdb_type
+    {
+        QDB_NULL = 0,
+        QDB_INTEGER = 1,
+        QDB_REAL = 2,
+        QDB_TEXT = 3,
+        QDB_JSON = 4, /* the elements of an array property */
+    };
 
-const char *qdb_row_table(const qdb_row *row);
-int64_t qdb_row_oid(const qdb_row *row);
+    const char *qdb_row_table(const qdb_row *row);
+    int64_t qdb_row_oid(const qdb_row *row);
 
-/* The object's key or name; "" for a table without such a column. */
-const char *qdb_row_key(const qdb_row *row);
+    /* The object's key or name; "" for a table without such a column. */
+    const char *qdb_row_key(const qdb_row *row);
 
-size_t qdb_row_count(const qdb_row *row);
+    size_t qdb_row_count(const qdb_row *row);
 
-/* By the place of a column, below qdb_row_count(). The text of any value but
- * NULL, for which it is NULL. */
-const char *qdb_row_name(const qdb_row *row, size_t column);
-enum qdb_type qdb_row_type(const qdb_row *row, size_t column);
-const char *qdb_row_text(const qdb_row *row, size_t column);
-int64_t qdb_row_integer(const qdb_row *row, size_t column);
-double qdb_row_real(const qdb_row *row, size_t column);
+    /* By the place of a column, below qdb_row_count(). The text of any value
+     * but NULL, for which it is NULL. */
+    const char *qdb_row_name(const qdb_row *row, size_t column);
+    enum qdb_type qdb_row_type(const qdb_row *row, size_t column);
+    const char *qdb_row_text(const qdb_row *row, size_t column);
+    int64_t qdb_row_integer(const qdb_row *row, size_t column);
+    double qdb_row_real(const qdb_row *row, size_t column);
 
-/* The place of a column; qdb_row_count() when the table has none of the name. */
-size_t qdb_row_find(const qdb_row *row, const char *name);
+    /* The place of a column; qdb_row_count() when the table has none of the
+     * name. */
+    size_t qdb_row_find(const qdb_row *row, const char *name);
 
-/* --- Changes -------------------------------------------------------------- */
+    /* --- Changes
+     * -------------------------------------------------------------- */
 
-typedef struct qdb_change qdb_change;
+    typedef struct qdb_change qdb_change;
 
-/* The row as it now is. */
-const qdb_row *qdb_change_row(const qdb_change *change);
+    /* The row as it now is. */
+    const qdb_row *qdb_change_row(const qdb_change *change);
 
-/* How many columns differ from what was told of the row before; -1 when that
- * isn't known, as behind a loss: any may. */
-int qdb_change_count(const qdb_change *change);
+    /* How many columns differ from what was told of the row before; -1 when
+     * that isn't known, as behind a loss: any may. */
+    int qdb_change_count(const qdb_change *change);
 
-/* The place of the i-th of them in the row. */
-size_t qdb_change_column(const qdb_change *change, size_t i);
+    /* The place of the i-th of them in the row. */
+    size_t qdb_change_column(const qdb_change *change, size_t i);
 
-/* What the i-th was, as a text, in *text; NULL for NULL. Returns 0 when the
- * old value isn't known. */
-int qdb_change_old(const qdb_change *change, size_t i, const char **text);
+    /* What the i-th was, as a text, in *text; NULL for NULL. Returns 0 when the
+     * old value isn't known. */
+    int qdb_change_old(const qdb_change *change, size_t i, const char **text);
 
-enum qdb_reason
-{
-    QDB_LOST_SIGNALS = 1,  /* the bus dropped some of the service's signals */
-    QDB_NEW_SERVICE = 2,   /* the service has been started anew */
-    QDB_NEW_DATABASE = 3,  /* another file is in the database's place */
-    QDB_NEW_BUS = 4,       /* the bus was gone */
-    QDB_SILENT_CHANGE = 5, /* rows came, changed or went without a signal */
-};
+    enum qdb_reason
+    {
+        QDB_LOST_SIGNALS =
+            1,               /* the bus dropped some of the service's signals */
+        QDB_NEW_SERVICE = 2, /* the service has been started anew */
+        QDB_NEW_DATABASE = 3,  /* another file is in the database's place */
+        QDB_NEW_BUS = 4,       /* the bus was gone */
+        QDB_SILENT_CHANGE = 5, /* rows came, changed or went without a signal */
+    };
 
-/* --- Following ------------------------------------------------------------ */
+    /* --- Following
+     * ------------------------------------------------------------ */
 
-typedef struct qdb_options
-{
-    size_t size;               /* sizeof(qdb_options) */
-    const char *database;      /* path; NULL: where it is installed */
-    const char *bus;           /* address; NULL: the system bus */
-    const char *const *tables; /* up to a NULL; NULL: all object tables */
-    int busy_ms;               /* a call waits no longer for the database */
-    void *user;                /* is given to the callbacks */
+    typedef struct qdb_options
+    {
+        size_t size;               /* sizeof(qdb_options) */
+        const char *database;      /* path; NULL: where it is installed */
+        const char *bus;           /* address; NULL: the system bus */
+        const char *const *tables; /* up to a NULL; NULL: all object tables */
+        int busy_ms;               /* a call waits no longer for the database */
+        void *user;                /* is given to the callbacks */
 
-    /* Any may be NULL. They may call all functions that read, and
-     * qdb_mirror_stop(), and no other. */
-    void (*row_added)(void *user, const qdb_row *row);
-    void (*row_changed)(void *user, const qdb_change *change);
-    /* `row` is the last that was told, as far as it is known; OID, table and,
-     * mostly, key are. */
-    void (*row_removed)(void *user, const qdb_row *row);
-    /* 1: all rows that there are have been told, and changes follow; 0: nothing
-     * is told until the next 1, since service, bus or database are away. */
-    void (*ready)(void *user, int is_ready);
-    /* The tables were read again, and so many rows told of since it began. */
-    void (*resynced)(void *user, enum qdb_reason reason, size_t added,
-                     size_t changed, size_t removed);
-} qdb_options;
+        /* Any may be NULL. They may call all functions that read, and
+         * qdb_mirror_stop(), and no other. */
+        void (*row_added)(void *user, const qdb_row *row);
+        void (*row_changed)(void *user, const qdb_change *change);
+        /* `row` is the last that was told, as far as it is known; OID, table
+         * and, mostly, key are. */
+        void (*row_removed)(void *user, const qdb_row *row);
+        /* 1: all rows that there are have been told, and changes follow; 0:
+         * nothing is told until the next 1, since service, bus or database are
+         * away. */
+        void (*ready)(void *user, int is_ready);
+        /* The tables were read again, and so many rows told of since it began.
+         */
+        void (*resynced)(void *user, enum qdb_reason reason, size_t added,
+                         size_t changed, size_t removed);
+    } qdb_options;
 
 #define QDB_OPTIONS_INIT                                                       \
     {                                                                          \
@@ -124,52 +132,55 @@ typedef struct qdb_options
             NULL, NULL                                                         \
     }
 
-/* Makes a handle; nothing is told before the first process(). Neither bus nor
- * database need be there. -EINVAL for options of no known size, or a table of
- * no name; *mirror stays as it is on failure. The options are copied. */
-int qdb_mirror_open(const qdb_options *options, qdb_mirror **mirror);
+    /* Makes a handle; nothing is told before the first process(). Neither bus
+     * nor database need be there. -EINVAL for options of no known size; *mirror
+     * stays as it is on failure. The options are copied, with what they point
+     * to. */
+    int qdb_mirror_open(const qdb_options *options, qdb_mirror **mirror);
 
-/* NULL is fine. Not in a callback. */
-void qdb_mirror_close(qdb_mirror *mirror);
+    /* NULL is fine. Not in a callback. */
+    void qdb_mirror_close(qdb_mirror *mirror);
 
-/* A descriptor that is readable (POLLIN) when qdb_mirror_process() has
- * something to do; the same for the handle's life. */
-int qdb_mirror_fd(const qdb_mirror *mirror);
+    /* A descriptor that is readable (POLLIN) when qdb_mirror_process() has
+     * something to do; the same for the handle's life. */
+    int qdb_mirror_fd(const qdb_mirror *mirror);
 
-/* Does what there is to do, with callbacks. Returns 1 when there is more to do,
- * so that it should be called again before the descriptor is waited for. */
-int qdb_mirror_process(qdb_mirror *mirror);
+    /* Does what there is to do, with callbacks. Returns 1 when there is more to
+     * do, so that it should be called again before the descriptor is waited
+     * for. */
+    int qdb_mirror_process(qdb_mirror *mirror);
 
-/* Processes and waits until qdb_mirror_stop(), which a callback, a signal
- * handler or another thread may call; at once, if that came before. */
-int qdb_mirror_run(qdb_mirror *mirror);
-void qdb_mirror_stop(qdb_mirror *mirror);
+    /* Processes and waits until qdb_mirror_stop(), which a callback, a signal
+     * handler or another thread may call; at once, if that came before. */
+    int qdb_mirror_run(qdb_mirror *mirror);
+    void qdb_mirror_stop(qdb_mirror *mirror);
 
-/* --- Reading --------------------------------------------------------------
- *
- * The database as it is now, whatever has been told. -ENOENT for a table that
- * isn't there, -EBUSY when the database stayed busy, -ENODATA when the file
- * isn't there or holds no tables.
- */
+    /* --- Reading
+     * --------------------------------------------------------------
+     *
+     * The database as it is now, whatever has been told. -ENOENT for a table
+     * that isn't there, -EBUSY when the database stayed busy, -ENODATA when the
+     * file isn't there or holds no tables.
+     */
 
-/* The names of the object tables, up to a NULL, the handle's until its end;
- * NULL when there is no database. */
-const char *const *qdb_tables(qdb_mirror *mirror);
+    /* The names of the object tables, up to a NULL, the handle's until its end;
+     * NULL when there is no database. */
+    const char *const *qdb_tables(qdb_mirror *mirror);
 
-typedef int (*qdb_row_callback)(void *user, const qdb_row *row);
+    typedef int (*qdb_row_callback)(void *user, const qdb_row *row);
 
-/* Gives the row of the OID, or each of the key. Returns how many there were. A
- * callback that returns another value than 0 ends it. */
-int qdb_mirror_get(qdb_mirror *mirror, const char *table, int64_t oid,
-                   qdb_row_callback callback, void *user);
-int qdb_mirror_get_by_key(qdb_mirror *mirror, const char *table,
-                          const char *key, qdb_row_callback callback,
-                          void *user);
+    /* Gives the row of the OID, or each of the key. Returns how many there
+     * were. A callback that returns another value than 0 ends it. */
+    int qdb_mirror_get(qdb_mirror *mirror, const char *table, int64_t oid,
+                       qdb_row_callback callback, void *user);
+    int qdb_mirror_get_by_key(qdb_mirror *mirror, const char *table,
+                              const char *key, qdb_row_callback callback,
+                              void *user);
 
-/* Gives all rows of a table, some at a time: between callbacks the database is
- * free. Returns how many there were. */
-int qdb_mirror_each(qdb_mirror *mirror, const char *table,
-                    qdb_row_callback callback, void *user);
+    /* Gives all rows of a table, some at a time: between callbacks the database
+     * is free. Returns how many there were. */
+    int qdb_mirror_each(qdb_mirror *mirror, const char *table,
+                        qdb_row_callback callback, void *user);
 
 #ifdef __cplusplus
 }

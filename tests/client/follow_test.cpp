@@ -115,6 +115,7 @@ void World::ComeAndGo()
 void World::Stall()
 {
     constexpr int kChanges = 3000;
+    Settle("before it stalls"); // so that nothing else explains the loss
     const int before = shadow_.Resyncs(QDB_LOST_SIGNALS);
     service_.Command(R"({"op":"churn","count":)" + std::to_string(kChanges) +
                      "}");
