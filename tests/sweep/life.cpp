@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <latch>
 #include <stdexcept>
 #include <thread>
 
@@ -125,13 +126,15 @@ void Drive(const test::TempRoot &root, const Fault &fault, FILE *report)
     }
 }
 
-void RunDriver(const test::TempRoot &root, const Fault &fault, FILE *report)
+void RunDriver(const test::TempRoot &root, const Fault &fault, FILE *report,
+               std::latch *pIsSpared)
 {
     sigset_t term;
     sigemptyset(&term);
     sigaddset(&term, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &term, nullptr);
     SpareThisThread();
+    pIsSpared->count_down();
     try
     {
         Drive(root, fault, report);
@@ -151,18 +154,22 @@ void EndDriver()
     gDriver.join();
 }
 
+// Faults meet the service alone, not what it is driven by. Nothing of the test
+// may go on here, whatever is thrown.
 [[noreturn]] void RunChild(const test::TempRoot &root, const Fault &fault,
-                           FILE *report)
+                           FILE *report) noexcept
 {
     gRuntimeRoot = root.Path().c_str();
     Begin(root);
-    Arm(fault);
+    std::latch isSpared(1);
     gDriver = std::thread(
         [&]
         {
-            RunDriver(root, fault, report);
+            RunDriver(root, fault, report, &isSpared);
         });
+    isSpared.wait();
     std::atexit(EndDriver);
+    Arm(fault);
     std::exit(RunService());
 }
 
