@@ -82,10 +82,6 @@ int Remaining(const Options &options, Clock::time_point start)
 
 int Wait(const Options &options)
 {
-    if (IsForReadiness(options) && !options.condition.empty())
-    {
-        throw Failure("ready takes no condition");
-    }
     const Clock::time_point start = Clock::now();
     bool isReady = false;
     const MirrorPtr mirror = Follow(options, &isReady);
@@ -133,6 +129,10 @@ void AddWaitCommand(CLI::App &app, Work *pWork)
     command->callback(
         [options, pWork]
         {
+            if (IsForReadiness(*options) && !options->condition.empty())
+            {
+                throw CLI::ValidationError("ready takes no CONDITION");
+            }
             *pWork = [options]
             {
                 return Wait(*options);
