@@ -66,7 +66,7 @@ TEST_F(QdbTool, PrintsTablesAndRows)
     const Case cases[] = {
         {"tables DB --csv | grep -E '^(table|TblMemoryInfo),'",
          "table,rows\nTblMemoryInfo,3\n"},
-        {"tables DB | grep -cE '^Tbl[A-Za-z]+ +[0-9]+$'",
+        {"tables DB | grep -cE '^Tbl[A-Za-z0-9_]+ +[0-9]+$'",
          std::to_string(ObjectTables().size()) + "\n"},
         {"tables DB --json | grep -F TblProbeObj",
          "{\"table\": \"TblProbeObj\", \"rows\": 3}\n"},
@@ -124,6 +124,8 @@ TEST_F(QdbTool, SaysWhatIsWrong)
         {"sql DB \"ATTACH '/tmp/qdb-test-made' AS x\"", refused},
         {"sql DB \"VACUUM INTO '/tmp/qdb-test-made'\"", refused},
         {"sql DB 'BEGIN EXCLUSIVE'", refused},
+        {"sql DB 'CREATE TEMP TABLE x(i)'", refused},
+        {"sql DB 'PRAGMA user_version = 7'", refused},
         {"sql DB 'SELECT 1; DELETE FROM TblMemoryInfo'", one},
         {"sql DB ''", one},
         {"sql DB 'SELEC 1'", "qdb: near \"SELEC\": syntax error\nexit 1\n"},

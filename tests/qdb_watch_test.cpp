@@ -58,7 +58,7 @@ TEST(QdbWatch, FollowsRowsThroughTheLivesOfTheService)
     EXPECT_TRUE(watch.WaitForLine(
         kTime + std::string("TblMemoryInfo 4096 Changed DIMM0: .*"
                             "Speed 0 -> 2933")));
-    service.Command(R"({"op":"delete","oid":4097})");
+    service.Command(R"({"op":"delete","oids":[4097]})");
     EXPECT_TRUE(watch.WaitForLine(
         kTime + std::string("TblMemoryInfo 4097 Removed DIMM1")));
 

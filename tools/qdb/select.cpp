@@ -30,28 +30,27 @@ struct FinalizeStatement
 using DatabasePtr = std::unique_ptr<sqlite3, CloseDatabase>;
 using StatementPtr = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
-// The file is opened for reading, but ATTACH and VACUUM INTO would make others.
-int AllowReading(void *, int action, const char *, const char *, const char *,
+// The file is opened for reading; but ATTACH and VACUUM INTO, which attaches,
+// would make others, and a transaction would be nobody's.
+int RefuseOthers(void *, int action, const char *, const char *, const char *,
                  const char *)
 {
-    switch (action)
-    {
-    case SQLITE_SELECT:
-    case SQLITE_READ:
-    case SQLITE_FUNCTION:
-    case SQLITE_RECURSIVE:
-    case SQLITE_PRAGMA:
-        return SQLITE_OK;
-    default:
-        return SQLITE_DENY;
-    }
+    const bool isRefused = action == SQLITE_ATTACH ||
+                           action == SQLITE_TRANSACTION ||
+                           action == SQLITE_SAVEPOINT;
+    return isRefused ? SQLITE_DENY : SQLITE_OK;
+}
+
+Failure Refused()
+{
+    return Failure("only statements that read are run here");
 }
 
 Failure Error(sqlite3 *handle)
 {
-    return sqlite3_errcode(handle) == SQLITE_AUTH ||
-                   sqlite3_errcode(handle) == SQLITE_READONLY
-               ? Failure("only statements that read are run here")
+    const int status = sqlite3_errcode(handle);
+    return status == SQLITE_AUTH || status == SQLITE_READONLY
+               ? Refused()
                : Failure(sqlite3_errmsg(handle));
 }
 
@@ -103,15 +102,17 @@ bool IsEnd(sqlite3 *handle, const char *sql)
     return status == SQLITE_OK && more == nullptr;
 }
 
-Selected Run(sqlite3 *handle, const std::string &sql, Grid *pGrid)
+// NULL when the database stayed busy.
+StatementPtr Prepare(sqlite3 *handle, const std::string &sql)
 {
     sqlite3_stmt *prepared = nullptr;
     const char *rest = nullptr;
-    int status = sqlite3_prepare_v2(handle, sql.c_str(), -1, &prepared, &rest);
-    const StatementPtr statement(prepared);
+    const int status =
+        sqlite3_prepare_v2(handle, sql.c_str(), -1, &prepared, &rest);
+    StatementPtr statement(prepared);
     if (IsBusy(status))
     {
-        return Selected::Busy;
+        return nullptr;
     }
     if (status != SQLITE_OK)
     {
@@ -121,24 +122,31 @@ Selected Run(sqlite3 *handle, const std::string &sql, Grid *pGrid)
     {
         throw Failure("one statement is wanted");
     }
-    const int columns = sqlite3_column_count(prepared);
+    if (!sqlite3_stmt_readonly(prepared))
+    {
+        throw Refused();
+    }
+    return statement;
+}
+
+// SQLite's last status.
+int Take(sqlite3_stmt *statement, Grid *pGrid)
+{
+    const int columns = sqlite3_column_count(statement);
     for (int i = 0; i < columns; ++i)
     {
-        pGrid->columns.emplace_back(sqlite3_column_name(prepared, i));
+        pGrid->columns.emplace_back(sqlite3_column_name(statement, i));
     }
-    while ((status = sqlite3_step(prepared)) == SQLITE_ROW)
+    int status = sqlite3_step(statement);
+    for (; status == SQLITE_ROW; status = sqlite3_step(statement))
     {
         auto &row = pGrid->rows.emplace_back();
         for (int i = 0; i < columns; ++i)
         {
-            row.push_back(ValueAt(prepared, i));
+            row.push_back(ValueAt(statement, i));
         }
     }
-    if (status != SQLITE_DONE && !IsBusy(status))
-    {
-        throw Error(handle);
-    }
-    return status == SQLITE_DONE ? Selected::Done : Selected::Busy;
+    return status;
 }
 
 } // namespace
@@ -159,9 +167,15 @@ Selected Select(const std::string &database, const std::string &sql, int busyMs,
         throw Failure(database + ": " + sqlite3_errmsg(opened));
     }
     sqlite3_busy_timeout(opened, busyMs);
-    sqlite3_set_authorizer(opened, AllowReading, nullptr);
+    sqlite3_set_authorizer(opened, RefuseOthers, nullptr);
     *pGrid = {};
-    return Run(opened, sql, pGrid);
+    const StatementPtr statement = Prepare(opened, sql);
+    const int last = statement ? Take(statement.get(), pGrid) : SQLITE_BUSY;
+    if (last != SQLITE_DONE && !IsBusy(last))
+    {
+        throw Error(opened);
+    }
+    return last == SQLITE_DONE ? Selected::Done : Selected::Busy;
 }
 
 Grid MustSelect(const std::string &database, const std::string &sql)
