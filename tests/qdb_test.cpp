@@ -75,7 +75,7 @@ TEST_F(QdbTool, PrintsTablesAndRows)
          "Key     OID\nDIMM0  4096\nDIMM1  4097\nDIMM2  4098\n"},
         {"get DB TblMemoryInfo 4097 --column Key --csv", "Key\nDIMM1\n"},
         {"get DB TblMemoryInfo 0x1001 --column Key --csv", "Key\nDIMM1\n"},
-        {"get DB --column OID TblMemoryInfo DIMM2 --json", "{\"OID\": 4098}\n"},
+        {"get DB --column oid TblMemoryInfo DIMM2 --json", "{\"OID\": 4098}\n"},
         {"get DB TblMemoryInfo DIMM2 --json | grep -c '\"Speed\": 0, '", "1\n"},
         // Arrays are columns like others.
         {"get DB TblFanExtObj --csv | grep -c VariableSpeed", "1\n"},

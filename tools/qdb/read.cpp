@@ -4,6 +4,7 @@
 #include "tools/qdb/select.h"
 #include "tools/qdb/value.h"
 
+#include <strings.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -126,14 +127,21 @@ Taking TakingOf(const ReadOptions &options)
                    "SELECT * FROM " + QuotedName(options.table) + " LIMIT 0")
             .columns;
     Taking taking;
-    taking.grid.columns = options.columns.empty() ? all : options.columns;
-    for (const std::string &name : taking.grid.columns)
+    for (const std::string &name :
+         options.columns.empty() ? all : options.columns)
     {
-        const auto found = std::ranges::find(all, name);
+        // As in SQL, where case doesn't matter.
+        const auto found = std::ranges::find_if(
+            all,
+            [&](const std::string &column)
+            {
+                return strcasecmp(column.c_str(), name.c_str()) == 0;
+            });
         if (found == all.end())
         {
             throw Failure("no column " + name + " in " + options.table);
         }
+        taking.grid.columns.push_back(*found);
         taking.places.push_back(static_cast<size_t>(found - all.begin()));
     }
     return taking;
