@@ -68,7 +68,7 @@ int Tables(const ReadOptions &options)
     {
         sql += sql.empty() ? "SELECT '" : " UNION ALL SELECT '";
         sql += *name;
-        sql += "' AS 'table', count(*) AS 'rows' FROM " + QuotedName(*name);
+        sql += "' AS \"table\", count(*) AS \"rows\" FROM " + QuotedName(*name);
     }
     Print(GridText(MustSelect(options.database, sql), StyleOf(options)));
     return kFine;

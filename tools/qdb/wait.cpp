@@ -54,10 +54,9 @@ void OnReady(void *user, int isReady)
 
 MirrorPtr Follow(const Options &options, bool *pIsReady)
 {
-    // Readiness is the same for all tables: one that is small will do.
-    const char *table =
-        IsForReadiness(options) ? "TblSystemInfo" : options.what.c_str();
-    const char *const tables[] = {table, nullptr};
+    // Readiness is the same for all tables, and signals of all of them wake the
+    // loop: one that is small will do, so that nothing big is read at first.
+    const char *const tables[] = {"TblSystemInfo", nullptr};
     qdb_options given = QDB_OPTIONS_INIT;
     given.database = options.database.c_str();
     given.bus = options.bus.empty() ? nullptr : options.bus.c_str();
