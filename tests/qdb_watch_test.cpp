@@ -48,16 +48,20 @@ TEST(QdbWatch, FollowsRowsThroughTheLivesOfTheService)
     const PrivateBus bus;
     ServiceProcess service(Modules());
     // It may begin before everything else.
-    QdbProcess watch(Watch(service, {"TblMemoryInfo"}));
+    QdbProcess watch(Watch(service, {"TblMemoryInfo", "--all"}));
     ASSERT_TRUE(watch.WaitFor("qdb: waiting for the mirror\n"));
     service.Start();
     ASSERT_TRUE(service.WaitReady());
     ASSERT_TRUE(watch.WaitFor("qdb: watching\n"));
+    ASSERT_TRUE(watch.WaitForLine(
+        kTime + std::string("TblMemoryInfo 4096 (Present|Added) DIMM0")));
 
     service.SetSpeed(2933);
     EXPECT_TRUE(watch.WaitForLine(
         kTime + std::string("TblMemoryInfo 4096 Changed DIMM0: .*"
                             "Speed 0 -> 2933")));
+    ASSERT_TRUE(watch.WaitForLine(
+        kTime + std::string("TblMemoryInfo 4097 (Present|Added) DIMM1")));
     service.Command(R"({"op":"delete","oids":[4097]})");
     EXPECT_TRUE(watch.WaitForLine(
         kTime + std::string("TblMemoryInfo 4097 Removed DIMM1")));
