@@ -9,6 +9,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -233,9 +234,12 @@ TEST_F(QdbTool, WaitsForADatabaseThatIsHeld)
     EXPECT_EQ(
         Qdb("wait TblMemoryInfo --timeout 0.2 --database " + root.Database()),
         "qdb: not in time\nexit 3\n");
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
     EXPECT_EQ(
         Qdb("sql 'SELECT * FROM TblMemoryInfo' --database " + root.Database()),
         "qdb: the database is busy\nexit 1\n");
+    EXPECT_GE(Clock::now() - start, std::chrono::seconds(4));
 
     QdbProcess tool({"sql", "SELECT count(*) AS n FROM TblMemoryInfo", "--csv",
                      "--database", root.Database()});
