@@ -1,7 +1,7 @@
 // The reader of the telemetry pipe. An input is the size of the pieces in which
 // the bytes come, and the bytes.
 #include "fuzz/support.h"
-#include "tools/watch/pipe_parser.h"
+#include "tools/qdb/pipe_parser.h"
 
 #include <string_view>
 
@@ -10,8 +10,8 @@ namespace qdb::fuzz
 namespace
 {
 
-using watch::PipeParser;
-using watch::PipeRecord;
+using tool::PipeParser;
+using tool::PipeRecord;
 
 std::string_view TextOf(Bytes bytes)
 {

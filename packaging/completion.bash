@@ -1,4 +1,4 @@
-# Completion for quillondb, qdb-schema, qdb-watch and dmctl. What there is to
+# Completion for quillondb, qdb, qdb-schema and dmctl. What there is to
 # say, the programs themselves tell by --help.
 
 # Prints the options and subcommands that a help text on standard input tells
@@ -15,6 +15,13 @@ _quillondb_words() {
          }'
 }
 
+# Prints what else the command of a program takes, a word per line: tables, as far
+# as there is a database that tells them.
+_quillondb_tables() {
+    [[ $2 != wait ]] || echo ready
+    "$1" tables --csv 2>/dev/null | awk -F , 'NR > 1 { print $1 }'
+}
+
 # Fills COMPREPLY; where it stays empty, file names are offered.
 _quillondb() {
     local word words
@@ -27,11 +34,16 @@ _quillondb() {
             words=$("${command[@]}" --help 2>/dev/null | _quillondb_words)
         fi
     done
+    case ${command[0]##*/}:${command[1]-} in
+    qdb:get | qdb:watch | qdb:wait)
+        words+=$'\n'$(_quillondb_tables "${command[@]}")
+        ;;
+    esac
     # What follows these is the user's own.
     case ${COMP_WORDS[COMP_CWORD-1]} in
-    --database | --pipe | --socket | --table) words= ;;
+    --bus | --column | --database | --pipe | --socket | --timeout) words= ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "${COMP_WORDS[COMP_CWORD]}")
 }
 
-complete -o default -F _quillondb quillondb qdb-schema qdb-watch dmctl
+complete -o default -F _quillondb quillondb qdb qdb-schema dmctl

@@ -104,9 +104,16 @@ check_pages() {
         done
     done <<'TABLE'
 quillondb 8
+qdb 1
+qdb 1 tables
+qdb 1 get
+qdb 1 sql
+qdb 1 watch
+qdb 1 wait
+qdb 1 schema
+qdb 1 schema create
 qdb-schema 1
 qdb-schema 1 create
-qdb-watch 1
 dmctl 1
 dmctl 1 cfg
 TABLE
@@ -127,8 +134,10 @@ check_programs() {
 quillondb:--v:--version
 qdb-schema:cr:create
 qdb-schema create:--f:--force
-qdb-watch:--t:--table
-qdb-watch --table:--:
+qdb:ta:tables
+qdb watch:--a:--all
+qdb get --column:--:
+qdb schema create:--f:--force
 dmctl:au:audit
 dmctl --socket x cfg:ra:raw
 TABLE
@@ -184,10 +193,10 @@ signal_has() {
 }
 
 see_change() {
-    "${enter[@]}" qdb-watch --json --table TblFanExtObj \
+    "${enter[@]}" qdb watch --json TblFanExtObj \
         >"$work/watch.out" 2>"$work/watch.log" &
     watch=$!
-    wait_until 'the start of qdb-watch' grep -q watching "$work/watch.log"
+    wait_until 'the start of qdb watch' grep -q watching "$work/watch.log"
     ! row_has 4321 || fail 'the row has its new value already'
     quietly in_root dmctl set "$fan" VariableSpeed=4321
     wait_until 'the change of the row' row_has 4321
@@ -222,7 +231,7 @@ try_installed() {
     start_service
     see_change
     stop "$service" quillondb
-    stop "$watch" qdb-watch
+    stop "$watch" qdb
     stop "$bus" dbus-daemon
     say 7 'Purging the packages: nothing may be left'
     purge

@@ -1,14 +1,11 @@
 // Lines for people, with and without colours, and lines for programs.
-#include "tools/watch/render.h"
+#include "tools/qdb/render.h"
 
-#include "tools/watch/text.h"
+#include "tools/qdb/value.h"
 
-#include <algorithm>
-#include <array>
-#include <cctype>
 #include <vector>
 
-namespace qdb::watch
+namespace qdb::tool
 {
 namespace
 {
@@ -34,47 +31,6 @@ std::string Paint(std::string_view text, std::string_view parameter,
     return painted;
 }
 
-// --- Key of a row --------------------------------------------------------
-
-// How well a column names its row, 0 best; the path in front of the field's
-// own name doesn't count.
-size_t NameRank(std::string_view column)
-{
-    constexpr std::string_view kPath = "_DOT_";
-    constexpr std::array<std::string_view, 4> kNames = {"key", "fqdd",
-                                                        "objname", "name"};
-    const size_t path = column.rfind(kPath);
-    std::string field(path == std::string_view::npos
-                          ? column
-                          : column.substr(path + kPath.size()));
-    std::ranges::transform(field, field.begin(),
-                           [](unsigned char c)
-                           {
-                               return static_cast<char>(std::tolower(c));
-                           });
-    return static_cast<size_t>(std::ranges::find(kNames, field) -
-                               kNames.begin());
-}
-
-std::string RowKey(json_t *row)
-{
-    std::string key;
-    size_t best = NameRank("");
-    const char *name;
-    json_t *value;
-    json_object_foreach(row, name, value)
-    {
-        if (NameRank(name) < best && json_string_length(value) > 0)
-        {
-            best = NameRank(name);
-            key = json_string_value(value);
-        }
-    }
-    return Shortened(Printable(key));
-}
-
-// --- Changed columns -----------------------------------------------------
-
 std::string Item(const std::string &name, const std::string &old,
                  const std::string &value, bool colour)
 {
@@ -84,64 +40,27 @@ std::string Item(const std::string &name, const std::string &old,
     return item + Paint(value, kGreen, colour);
 }
 
-// The element with this index, NULL if the array has none.
-json_t *ElementAt(json_t *array, json_t *index)
-{
-    size_t i;
-    json_t *element;
-    json_array_foreach(array, i, element)
-    {
-        if (json_equal(json_object_get(element, "ARR_INDEX"), index) == 1)
-        {
-            return element;
-        }
-    }
-    return nullptr;
-}
-
-// An element without its index; "" for NULL.
-std::string ElementText(json_t *element)
-{
-    if (element == nullptr)
-    {
-        return "";
-    }
-    if (json_t *value = json_object_get(element, "VAL"))
-    {
-        return ValueText(value);
-    }
-    const JsonPtr rest(json_copy(element));
-    json_object_del(rest.get(), "ARR_INDEX");
-    return ValueText(rest.get());
-}
-
-bool IsArrayProperty(const json_t *value)
-{
-    return json_is_array(value) &&
-           (json_array_size(value) == 0 ||
-            json_object_get(json_array_get(value, 0), "ARR_INDEX") != nullptr);
-}
-
-// Of an array property the signal names the elements that differ. It names
-// none when the array has only become longer.
-void AddElements(const Change &change, const char *name, json_t *elements,
+// Of an array property, the elements that differ.
+void AddElements(const std::string &name, json_t *old, json_t *elements,
                  bool colour, std::vector<std::string> &items)
 {
-    json_t *old = json_object_get(change.previous.get(), name);
     size_t i;
     json_t *element;
     json_array_foreach(elements, i, element)
     {
-        json_t *index = json_object_get(element, "ARR_INDEX");
-        items.push_back(Item(Printable(name) + '[' + ValueText(index) + ']',
-                             ElementText(ElementAt(old, index)),
-                             ElementText(element), colour));
+        json_t *before = json_array_get(old, i);
+        if (json_equal(before, element) != 1)
+        {
+            items.push_back(Item(name + '[' + std::to_string(i) + ']',
+                                 before == nullptr ? "" : ValueText(before),
+                                 ValueText(element), colour));
+        }
     }
-    if (json_array_size(elements) == 0)
+    if (json_array_size(elements) < json_array_size(old))
     {
-        const json_t *now = json_object_get(change.row.get(), name);
-        items.push_back(Printable(name) + " now has " +
-                        std::to_string(json_array_size(now)) + " elements");
+        items.push_back(name + " now has " +
+                        std::to_string(json_array_size(elements)) +
+                        " elements");
     }
 }
 
@@ -152,26 +71,45 @@ std::vector<std::string> ChangedItems(const Change &change, bool colour)
     json_t *value;
     json_object_foreach(change.changed.get(), name, value)
     {
+        json_t *old = json_object_get(change.previous.get(), name);
         if (kTag == name)
         {
             continue;
         }
-        if (IsArrayProperty(value))
+        if (json_is_array(value) && json_is_array(old))
         {
-            AddElements(change, name, value, colour, items);
+            AddElements(Printable(name), old, value, colour, items);
             continue;
         }
-        const json_t *old = json_object_get(change.previous.get(), name);
-        items.push_back(Item(Printable(name), old ? ValueText(old) : "",
+        items.push_back(Item(Printable(name),
+                             old == nullptr ? "" : ValueText(old),
                              ValueText(value), colour));
     }
     return items;
+}
+
+const char *KindName(Kind kind)
+{
+    switch (kind)
+    {
+    case Kind::Present:
+        return "Present";
+    case Kind::Added:
+        return "Added";
+    case Kind::Changed:
+        return "Changed";
+    case Kind::Removed:
+        return "Removed";
+    }
+    return "";
 }
 
 std::string_view KindColour(Kind kind)
 {
     switch (kind)
     {
+    case Kind::Present:
+        return kDim;
     case Kind::Added:
         return kGreen;
     case Kind::Changed:
@@ -198,7 +136,7 @@ std::string ForPeople(const Change &change, std::string_view time, bool colour)
         Paint(Printable(change.table), kCyan, colour) + ' ' +
         std::to_string(change.oid) + ' ' +
         Paint(KindName(change.kind), KindColour(change.kind), colour);
-    const std::string key = RowKey(change.row.get());
+    const std::string key = Shortened(Printable(change.key));
     line += key.empty() ? "" : ' ' + key;
     const char *separator = ": ";
     for (const std::string &item : ChangedItems(change, colour))
@@ -207,6 +145,14 @@ std::string ForPeople(const Change &change, std::string_view time, bool colour)
         separator = ", ";
     }
     return line;
+}
+
+std::string ForPeople(const Resync &resync, std::string_view time, bool colour)
+{
+    return Paint(time, kDim, colour) + ' ' + Paint("resync", kYellow, colour) +
+           ", " + resync.text + ": " + std::to_string(resync.added) +
+           " added, " + std::to_string(resync.changed) + " changed, " +
+           std::to_string(resync.removed) + " removed";
 }
 
 std::string ForPeople(const PipeRecord &record, std::string_view time,
@@ -228,7 +174,17 @@ std::string ForPrograms(const Change &change)
         json_object_set(line.get(), "changed", change.changed.get());
         json_object_set(line.get(), "previous", change.previous.get());
     }
-    return Dump(line.get(), 0);
+    return JsonLine(line.get());
+}
+
+std::string ForPrograms(const Resync &resync)
+{
+    const JsonPtr line(
+        json_pack("{ss ss sI sI sI}", "kind", "Resync", "reason", resync.reason,
+                  "added", static_cast<json_int_t>(resync.added), "changed",
+                  static_cast<json_int_t>(resync.changed), "removed",
+                  static_cast<json_int_t>(resync.removed)));
+    return JsonLine(line.get());
 }
 
 std::string ForPrograms(const PipeRecord &record)
@@ -237,7 +193,7 @@ std::string ForPrograms(const PipeRecord &record)
                                  record.table.c_str(), "rowid",
                                  static_cast<json_int_t>(record.rowid),
                                  "operation", OperationName(record.operation)));
-    return Dump(line.get(), 0);
+    return JsonLine(line.get());
 }
 
-} // namespace qdb::watch
+} // namespace qdb::tool

@@ -1,12 +1,12 @@
 // Takes records from the front of the bytes that came, one step at a time. What
 // is left behind a step begins where the next record may.
-#include "tools/watch/pipe_parser.h"
+#include "tools/qdb/pipe_parser.h"
 
 #include <array>
 #include <charconv>
 #include <optional>
 
-namespace qdb::watch
+namespace qdb::tool
 {
 namespace
 {
@@ -129,4 +129,4 @@ bool PipeParser::Step(Result &result)
     return true;
 }
 
-} // namespace qdb::watch
+} // namespace qdb::tool

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-namespace qdb::watch
+namespace qdb::tool
 {
 
 // Operations, SQLite's action codes.
@@ -47,4 +47,4 @@ class PipeParser
     bool inGap_ = false;  // no record since the last bytes skipped
 };
 
-} // namespace qdb::watch
+} // namespace qdb::tool

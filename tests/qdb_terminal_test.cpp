@@ -1,0 +1,113 @@
+// What qdb prints in a terminal: colours, a limited width, no control
+// characters of anybody else.
+#include "tests/support/qdb_tool.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace qdb::test
+{
+namespace
+{
+
+// Both ends of a terminal that leaves lines as they are.
+class Terminal
+{
+  public:
+    explicit Terminal(unsigned short columns)
+        : master_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
+    {
+        EXPECT_EQ(grantpt(master_), 0);
+        EXPECT_EQ(unlockpt(master_), 0);
+        slave_ = open(ptsname(master_), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        termios mode = {};
+        EXPECT_EQ(tcgetattr(slave_, &mode), 0);
+        cfmakeraw(&mode);
+        EXPECT_EQ(tcsetattr(slave_, TCSANOW, &mode), 0);
+        winsize size = {};
+        size.ws_col = columns;
+        EXPECT_EQ(ioctl(slave_, TIOCSWINSZ, &size), 0);
+    }
+    ~Terminal()
+    {
+        close(slave_);
+        close(master_);
+    }
+    Terminal(const Terminal &) = delete;
+    Terminal &operator=(const Terminal &) = delete;
+
+    int Slave() const
+    {
+        return slave_;
+    }
+
+    // What programs that have ended have written to it; there was something.
+    std::string Shown() const
+    {
+        char text[4096];
+        const ssize_t size = read(master_, text, sizeof(text));
+        return {text, static_cast<size_t>(size < 0 ? 0 : size)};
+    }
+
+  private:
+    int master_;
+    int slave_ = -1;
+};
+
+TEST(QdbTerminal, IsGivenWhatItCanShow)
+{
+    const TempRoot root;
+    root.MakeDatabase();
+    const std::string sql = "SELECT 'a' AS name, char(27, 155) AS text";
+    const struct
+    {
+        const char *what;
+        std::vector<std::string> more;
+        const char *noColor; // the environment's NO_COLOR; NULL: none
+        unsigned short columns;
+        const char *expected;
+    } cases[] = {
+        {"in colour",
+         {},
+         nullptr,
+         80,
+         "\x1b[1mname  text\x1b[0m\na     \\u001b\\u009b\n"},
+        {"NO_COLOR is empty",
+         {},
+         "",
+         80,
+         "\x1b[1mname  text\x1b[0m\na     \\u001b\\u009b\n"},
+        {"NO_COLOR", {}, "1", 80, "name  text\na     \\u001b\\u009b\n"},
+        {"narrow", {}, "1", 17, "name  a\ntext  \\u001b\\u009b\n"},
+        {"CSV", {"--csv"}, nullptr, 17, "name,text\na,\\u001b\\u009b\n"},
+        {"JSON",
+         {"--json"},
+         nullptr,
+         17,
+         "{\"name\": \"a\", \"text\": \"\\u001B\\u009b\"}\n"},
+    };
+    for (const auto &item : cases)
+    {
+        unsetenv("NO_COLOR");
+        if (item.noColor != nullptr)
+        {
+            setenv("NO_COLOR", item.noColor, 1);
+        }
+        std::vector<std::string> arguments = {"sql", sql, "--database",
+                                              root.Database()};
+        arguments.insert(arguments.end(), item.more.begin(), item.more.end());
+        const Terminal terminal(item.columns);
+        QdbProcess tool(arguments, terminal.Slave());
+        EXPECT_EQ(tool.End(0), 0) << item.what << tool.Output();
+        EXPECT_EQ(terminal.Shown(), item.expected) << item.what;
+    }
+    unsetenv("NO_COLOR");
+}
+
+} // namespace
+} // namespace qdb::test
