@@ -154,7 +154,7 @@ TEST(QdbWatch, EndsWithItsReader)
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     QdbProcess watch({"watch", "--database", root.Database()}, ends[1]);
     close(ends[1]);
-    EXPECT_TRUE(watch.WaitFor("qdb: watching\n"));
+    EXPECT_TRUE(watch.WaitFor("qdb: waiting for the mirror\n"));
     close(ends[0]);
     EXPECT_EQ(watch.End(0), 0);
 }
