@@ -29,11 +29,6 @@ std::string FileText(const std::string &path)
     return text.str();
 }
 
-std::vector<std::string> PythonCommand(const std::string &script)
-{
-    return {Python(), SourceOf(script)};
-}
-
 // What has to be found, as regular expressions, in what an example prints from
 // a step on.
 struct Story
@@ -82,14 +77,6 @@ std::vector<Story> Stories()
                            "changed 4096 2933\n", "removed 5000 "});
     }
     return stories;
-}
-
-std::unique_ptr<Example> Follow(std::vector<std::string> command,
-                                const ServiceProcess &service,
-                                const std::string &name)
-{
-    command.push_back(service.Root().Database());
-    return std::make_unique<Example>(command, service.Root(), name);
 }
 
 TEST(Examples, ShowWhatIsAddedChangedAndRemoved)
@@ -276,43 +263,6 @@ TEST(Examples, StandInTheDocumentAsTheyAre)
                   std::string::npos)
             << file << " differs from what the document shows";
     }
-}
-
-TEST(Examples, PythonReadsAndLosesNoException)
-{
-    if (Python().empty())
-    {
-        GTEST_SKIP() << "no Python that could load the library";
-    }
-    const PrivateBus bus;
-    ServiceProcess service({.scenario = Server(3)});
-    service.Start();
-    ASSERT_TRUE(service.WaitReady());
-    const auto test = Follow(PythonCommand("tests/quillondb_test.py"), service,
-                             "quillondb_test");
-    EXPECT_EQ(test->WaitExit(), 0) << test->Output();
-}
-
-TEST(Examples, AnInterruptEndsPython)
-{
-    if (Python().empty())
-    {
-        GTEST_SKIP() << "no Python that could load the library";
-    }
-    const PrivateBus bus;
-    ServiceProcess service({.scenario = Server(3)});
-    service.Start();
-    ASSERT_TRUE(service.WaitReady());
-    const auto follow =
-        Follow(PythonCommand("client/examples/follow.py"), service, "follow");
-    EXPECT_TRUE(WaitUntil(
-        [&]
-        {
-            return follow->Output().find("ready") != std::string::npos;
-        }));
-    follow->Signal(SIGINT);
-    EXPECT_EQ(follow->WaitExit(), 128 + SIGINT) << follow->Output();
-    EXPECT_NE(follow->Output().find("KeyboardInterrupt"), std::string::npos);
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-"""The Python module against the running service; tests/examples_test.cpp starts
+"""The Python module against the running service; tests/python_test.cpp starts
 it with the path of a database of three memory modules. Status 1 and what failed,
 or 0.
 """

@@ -278,7 +278,10 @@ class Mirror:
     bus       address; None: the system bus
     busy_ms   no call waits longer for the database
 
-    Neither bus nor database need be there. Iteration gives each Change, as it
+    Neither bus nor database need be there. close() ends it, and so does a with
+    statement, or the last use.
+
+    Iteration gives each Change, as it
     comes, until stop(), or raises what came up. Where break left it, another one
     goes on; behind a KeyboardInterrupt it takes a new mirror, since a change may
     have been on its way.

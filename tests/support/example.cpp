@@ -88,6 +88,11 @@ std::string Python()
     return Variable("QDB_TEST_PYTHON");
 }
 
+std::vector<std::string> PythonCommand(const std::string &script)
+{
+    return {Python(), SourceOf(script)};
+}
+
 Example::Example(const std::vector<std::string> &command, const TempRoot &root,
                  const std::string &name)
     : output_(root.Path() + "/" + name + ".out")
@@ -159,6 +164,14 @@ int Example::WaitExit(int deadlineMs)
     }
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::unique_ptr<Example> Follow(std::vector<std::string> command,
+                                const ServiceProcess &service,
+                                const std::string &name)
+{
+    command.push_back(service.Root().Database());
+    return std::make_unique<Example>(command, service.Root(), name);
 }
 
 } // namespace qdb::test

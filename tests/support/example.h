@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,9 @@ std::string ExampleProgram(const std::string &name);
 
 // "" where there is no Python that could load the library.
 std::string Python();
+
+// What runs a script of the tree by it.
+std::vector<std::string> PythonCommand(const std::string &script);
 
 class Example
 {
@@ -43,5 +47,10 @@ class Example
     std::string output_;
     pid_t pid_ = -1;
 };
+
+// Starts it with the path of the service's database as its last argument.
+std::unique_ptr<Example> Follow(std::vector<std::string> command,
+                                const ServiceProcess &service,
+                                const std::string &name);
 
 } // namespace qdb::test
