@@ -58,7 +58,7 @@ dependencies() {
     for name in "${names[@]}"; do
         dpkg-deb -f "$work/${name}"_*.deb Depends
         echo
-    done | tr ',' '\n' | sed 's/^ *//; /^$/d; /^quillondb/d' | sort -u |
+    done | tr ',' '\n' | sed 's/^ *//; /^$/d; /quillondb/d' | sort -u |
         paste -s -d ,
 }
 
@@ -204,6 +204,23 @@ see_change() {
     quietly in_root dmctl audit --database "$database"
 }
 
+# A consumer that has nothing but the packages.
+see_rows() {
+    local rows
+    rows=$(sqlite3 -readonly -cmd '.timeout 5000' "$root$database" \
+        'SELECT count(*) FROM TblFanExtObj')
+    quietly in_root python3 -c '
+import sys
+import quillondb
+
+added = 0
+for change in quillondb.Mirror(tables=["TblFanExtObj"]):
+    added += change.kind == "added"
+    if change.kind == "ready":
+        break
+sys.exit(added == 0 or added != int(sys.argv[1]))' "$rows"
+}
+
 # stop PROCESS WHAT; those of ours end with status 0.
 stop() {
     local status=0
@@ -230,6 +247,7 @@ try_installed() {
     start_bus
     start_service
     see_change
+    see_rows
     stop "$service" quillondb
     stop "$watch" qdb
     stop "$bus" dbus-daemon
