@@ -8,7 +8,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <functional>
 #include <sstream>
+#include <stdexcept>
 
 namespace qdb::test
 {
