@@ -196,6 +196,15 @@ void Begin(ServiceProcess &service, const std::string &scenario)
     EXPECT_TRUE(service.WaitReady());
 }
 
+// One more object of a scenario. Without a key and a parent the service would
+// make its row anew every few seconds.
+std::string Module(int oid, int speed)
+{
+    return R"({"type":"0xE1","oid":)" + std::to_string(oid) +
+           R"(,"parents":[1],"values":{"Key":"More","Speed":)" +
+           std::to_string(speed) + "}},";
+}
+
 TEST(Examples, StayRightWhenTheServiceIsKilledAndStartedAnew)
 {
     const struct
@@ -211,8 +220,8 @@ TEST(Examples, StayRightWhenTheServiceIsKilledAndStartedAnew)
     // Others than before, some of them under the OIDs of before.
     const std::string lives[] = {
         Server(3),
-        Server(2, "", R"({"type":"0xE1","oid":7000,"values":{"Speed":3200}},)"),
-        Server(1, "", R"({"type":"0xE1","oid":4098,"values":{"Speed":4800}},)"),
+        Server(2, "", Module(7000, 3200)),
+        Server(1, "", Module(4098, 4800)),
     };
     const PrivateBus bus;
     ServiceProcess service({.database = false});

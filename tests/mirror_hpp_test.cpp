@@ -8,7 +8,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <functional>
 #include <sstream>
+#include <stdexcept>
 
 namespace qdb::test
 {
@@ -189,7 +193,8 @@ TEST_F(MirrorHpp, StopsWhereItIsAskedTo)
     // It has moved, and its callbacks still find what they belong to.
     Mirror moved = std::move(mirror);
     stopped = &moved;
-    service_.Command(R"({"op":"create","type":"0xE1","oid":5000})");
+    service_.Command(R"({"op":"create","type":"0xE1","oid":5000,)"
+                     R"("parents":[1],"values":{"Key":"More"}})");
     moved.Run();
     EXPECT_EQ(rows, 4);
 }
