@@ -4,7 +4,7 @@
 // A signal says which row to look at, the database says what the row is. It may
 // be ahead of the signals by then; these find nothing new when they come. A row
 // that was told can be recognised by its tag, and so a signal that tells of
-// exactly that state; from there on all old values are known.
+// exactly that state: what comes with later ones has its old values from there.
 //
 // Between signals a scan finds what came without one, or whose signal was lost.
 // It looks at OIDs and at the seconds in which rows were written, and reads the

@@ -211,7 +211,7 @@ int qdb_mirror::Process()
     }
     Follow(isTick);
     Arm();
-    return isMore && !isStopped ? 1 : 0;
+    return isMore ? 1 : 0;
 }
 
 void qdb_mirror::SetReady(bool isNow)
