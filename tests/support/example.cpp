@@ -7,10 +7,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 
 namespace qdb::test
 {
@@ -52,9 +54,21 @@ std::vector<std::string> Environment(bool isPython)
         environment.push_back("PYTHONPATH=" + SourceOf("client/python"));
         environment.push_back("PYTHONDONTWRITEBYTECODE=1");
     }
+    // Each once: a shell that starts Python takes the last.
+    const std::vector<std::string> given = environment;
     for (char **entry = environ; *entry != nullptr; ++entry)
     {
-        environment.emplace_back(*entry);
+        const std::string_view variable = *entry;
+        const std::string_view name =
+            variable.substr(0, variable.find('=') + 1);
+        if (std::ranges::none_of(given,
+                                 [&](const std::string &other)
+                                 {
+                                     return other.starts_with(name);
+                                 }))
+        {
+            environment.emplace_back(variable);
+        }
     }
     return environment;
 }
