@@ -1,21 +1,11 @@
-// The handle: bus, database and clock behind one descriptor, and the order of
-// things: subscribed first, then readiness, then the rows, then what came
-// meanwhile.
+#include "client/mirror.h"
 
-#include "client/change_bus.h"
-
-#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <cstring>
-#include <iterator>
-#include <new>
+#include <ctime>
 #include <span>
 #include <utility>
 
@@ -28,31 +18,6 @@ constexpr char kInstalled[] =
     "/var/run/quillondatabase/DMLiveObjectDatabase.db";
 constexpr int kMostMessages = 256; // before the caller is let in
 constexpr uint64_t kTickMicroseconds = 500000;
-
-class Descriptor
-{
-  public:
-    explicit Descriptor(int fd) : fd_(fd)
-    {
-    }
-    ~Descriptor()
-    {
-        if (fd_ >= 0)
-        {
-            close(fd_);
-        }
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-
-    operator int() const
-    {
-        return fd_;
-    }
-
-  private:
-    int fd_;
-};
 
 // Takes what a timer or an event descriptor has counted. Whether there was any.
 bool Drain(int fd)
@@ -82,52 +47,9 @@ uint64_t NowMicroseconds()
 } // namespace
 } // namespace qdb::client
 
-using qdb::client::ChangeBus;
 using qdb::client::Counts;
 using qdb::client::Database;
-using qdb::client::Descriptor;
-using qdb::client::Follower;
-using qdb::client::Stamp;
 using qdb::client::Table;
-
-struct qdb_mirror
-{
-    explicit qdb_mirror(const qdb_options &given);
-
-    int Process();
-    bool OpenDatabase(); // for a reader
-    int FindTable(const char *name, const Table **pTable);
-    int Give(const Table &table, const std::vector<int64_t> &oids,
-             qdb_row_callback callback, void *user);
-
-    qdb_options options;
-    Database database;
-    ChangeBus bus;
-    Follower follower;
-    Descriptor epoll;
-    Descriptor timer;
-    Descriptor wake;
-    std::atomic<bool> isStopped = false;
-    std::vector<const char *> tables;
-
-  private:
-    void Follow(bool isTick);
-    void FollowReady(bool isTick);
-    bool IsServed(bool isTick);
-    bool Scan(Counts *pCounts);
-    void SetReady(bool isNow);
-    void Watch(int fd, uint32_t events);
-    void Arm();
-
-    bool isReady_ = false;
-    int reason_ = 0;      // for the next scan; 0: none
-    int64_t version_ = 0; // of the database when it was last scanned; 0: never
-    int64_t seen_ = 0;    // of the database at the last look
-    int quiet_ = -1;      // looks at which it was the same; -1: none yet
-    bool hasStirred_ = false; // since the service was last here
-    int watched_ = -1;        // the bus's descriptor in the epoll set
-    uint64_t nextTick_ = 0;
-};
 
 qdb_mirror::qdb_mirror(const qdb_options &given)
     : options(given),
@@ -144,7 +66,6 @@ qdb_mirror::qdb_mirror(const qdb_options &given)
     Watch(wake, EPOLLIN);
 }
 
-// The rows of these OIDs, some at a time.
 int qdb_mirror::Give(const Table &table, const std::vector<int64_t> &oids,
                      qdb_row_callback callback, void *user)
 {
@@ -209,7 +130,7 @@ int qdb_mirror::Process()
     {
         bus.Process(qdb::client::kMostMessages, &isMore);
     }
-    Follow(isTick);
+    Follow(isTick, isMore);
     Arm();
     return isMore ? 1 : 0;
 }
@@ -230,6 +151,7 @@ bool qdb_mirror::Scan(Counts *pCounts)
 {
     const int64_t version = database.Version();
     const bool isWhole = follower.Scan(pCounts) == 0;
+    ticksSinceScan_ = 0;
     version_ = isWhole ? version : 0;
     return isWhole;
 }
@@ -262,7 +184,7 @@ bool qdb_mirror::IsServed(bool isTick)
            (database.IsReady() || (isQuiet && !database.IsEmpty()));
 }
 
-void qdb_mirror::Follow(bool isTick)
+void qdb_mirror::Follow(bool isTick, bool isMore)
 {
     const int reason = bus.TakeReason();
     reason_ = reason == 0 ? reason_ : reason;
@@ -276,7 +198,7 @@ void qdb_mirror::Follow(bool isTick)
     }
     if (bus.IsSubscribed() && hasDatabase && IsServed(isTick))
     {
-        return FollowReady(isTick);
+        return FollowReady(isTick, isMore);
     }
     if (isReady_)
     {
@@ -288,18 +210,35 @@ void qdb_mirror::Follow(bool isTick)
     SetReady(false);
 }
 
-void qdb_mirror::FollowReady(bool isTick)
+// Something has been written, and no signal of it seems to be on its way: none
+// waits, and none has come since the last look, unless that was long ago.
+bool qdb_mirror::MayBeSilent(bool isTick, bool isMore)
+{
+    constexpr int kMostTicks = 4;
+    if (!isTick)
+    {
+        return false;
+    }
+    const bool isCalm = !std::exchange(hasHeard_, false);
+    ++ticksSinceScan_;
+    return !isMore && (isCalm || ticksSinceScan_ >= kMostTicks) &&
+           database.Version() != version_;
+}
+
+void qdb_mirror::FollowReady(bool isTick, bool isMore)
 {
     const bool isFirst = !isReady_;
     if (reason_ != 0)
     {
         follower.Doubt(reason_ != QDB_LOST_SIGNALS);
     }
-    if (!isFirst && follower.Apply(bus.TakeSignals()) != 0)
+    const std::vector<qdb::client::RawSignal> signals = bus.TakeSignals();
+    hasHeard_ = hasHeard_ || !signals.empty();
+    if (!isFirst && follower.Apply(signals) != 0)
     {
         version_ = 0;
     }
-    const bool isSilent = isTick && database.Version() != version_;
+    const bool isSilent = MayBeSilent(isTick, isMore);
     Counts counts;
     if (isFirst || reason_ != 0 || isSilent)
     {
@@ -334,7 +273,6 @@ bool qdb_mirror::OpenDatabase()
     return isThere && !database.Tables().empty();
 }
 
-// 0, -ENODATA or -ENOENT.
 int qdb_mirror::FindTable(const char *name, const Table **pTable)
 {
     if (!OpenDatabase())
@@ -343,122 +281,4 @@ int qdb_mirror::FindTable(const char *name, const Table **pTable)
     }
     *pTable = database.FindTable(name);
     return *pTable == nullptr ? -ENOENT : 0;
-}
-
-extern "C"
-{
-
-    int qdb_mirror_open(const qdb_options *options, qdb_mirror **mirror)
-    {
-        qdb_options copy = QDB_OPTIONS_INIT;
-        if (options == nullptr || options->size < offsetof(qdb_options, user) ||
-            options->size > sizeof(copy))
-        {
-            return -EINVAL;
-        }
-        std::memcpy(&copy, options, options->size);
-        copy.size = sizeof(copy);
-        auto *made = new (std::nothrow) qdb_mirror(copy);
-        if (made == nullptr)
-        {
-            return -ENOMEM;
-        }
-        if (made->epoll < 0 || made->timer < 0 || made->wake < 0)
-        {
-            delete made;
-            return -EMFILE;
-        }
-        *mirror = made;
-        return 0;
-    }
-
-    void qdb_mirror_close(qdb_mirror *mirror)
-    {
-        delete mirror;
-    }
-
-    int qdb_mirror_fd(const qdb_mirror *mirror)
-    {
-        return mirror->epoll;
-    }
-
-    int qdb_mirror_process(qdb_mirror *mirror)
-    {
-        return mirror->Process();
-    }
-
-    int qdb_mirror_run(qdb_mirror *mirror)
-    {
-        while (!mirror->isStopped)
-        {
-            if (mirror->Process() == 0 && !mirror->isStopped)
-            {
-                pollfd entry = {mirror->epoll, POLLIN, 0};
-                if (poll(&entry, 1, -1) < 0 && errno != EINTR)
-                {
-                    return -errno;
-                }
-            }
-        }
-        mirror->isStopped = false;
-        return 0;
-    }
-
-    const char *const *qdb_tables(qdb_mirror *mirror)
-    {
-        if (!mirror->OpenDatabase())
-        {
-            return nullptr;
-        }
-        mirror->tables.clear();
-        for (const Table &table : mirror->database.Tables())
-        {
-            mirror->tables.push_back(table.name.c_str());
-        }
-        mirror->tables.push_back(nullptr);
-        return mirror->tables.data();
-    }
-
-    int qdb_mirror_get(qdb_mirror *mirror, const char *table, int64_t oid,
-                       qdb_row_callback callback, void *user)
-    {
-        const Table *found = nullptr;
-        const int result = mirror->FindTable(table, &found);
-        return result != 0 ? result
-                           : mirror->Give(*found, {oid}, callback, user);
-    }
-
-    int qdb_mirror_get_by_key(qdb_mirror *mirror, const char *table,
-                              const char *key, qdb_row_callback callback,
-                              void *user)
-    {
-        const Table *found = nullptr;
-        std::vector<int64_t> oids;
-        int result = mirror->FindTable(table, &found);
-        result =
-            result != 0 ? result : mirror->database.FindKey(*found, key, &oids);
-        return result != 0 ? result
-                           : mirror->Give(*found, oids, callback, user);
-    }
-
-    int qdb_mirror_each(qdb_mirror *mirror, const char *table,
-                        qdb_row_callback callback, void *user)
-    {
-        const Table *found = nullptr;
-        std::vector<Stamp> stamps;
-        int result = mirror->FindTable(table, &found);
-        result =
-            result != 0 ? result : mirror->database.Stamps(*found, &stamps);
-        std::vector<int64_t> oids;
-        std::ranges::transform(stamps, std::back_inserter(oids), &Stamp::oid);
-        return result != 0 ? result
-                           : mirror->Give(*found, oids, callback, user);
-    }
-
-    void qdb_mirror_stop(qdb_mirror *mirror)
-    {
-        const uint64_t one = 1;
-        mirror->isStopped = true;
-        static_cast<void>(!write(mirror->wake, &one, sizeof(one)));
-    }
 }

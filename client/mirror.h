@@ -1,0 +1,96 @@
+// The handle: bus, database and clock behind one descriptor, and the order of
+// things: subscribed first, then readiness, then the rows, then what came
+// meanwhile.
+#pragma once
+
+#include "client/change_bus.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qdb::client
+{
+
+// A descriptor of our own; -1: it could not be made.
+class Descriptor
+{
+  public:
+    explicit Descriptor(int fd) : fd_(fd)
+    {
+    }
+    ~Descriptor()
+    {
+        if (fd_ >= 0)
+        {
+            close(fd_);
+        }
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+
+    operator int() const
+    {
+        return fd_;
+    }
+
+  private:
+    int fd_;
+};
+
+} // namespace qdb::client
+
+// What the C interface gives out. All of it belongs to the caller's thread, but
+// for isStopped and wake.
+struct qdb_mirror
+{
+    explicit qdb_mirror(const qdb_options &given);
+
+    // Does what there is to do; 1 when there is more.
+    int Process();
+
+    // For a reader: false when there is no database.
+    bool OpenDatabase();
+
+    // 0, -ENODATA or -ENOENT.
+    int FindTable(const char *name, const qdb::client::Table **pTable);
+
+    // Gives the rows that there are of these OIDs, some at a time. Returns how
+    // many, or a negative errno.
+    int Give(const qdb::client::Table &table, const std::vector<int64_t> &oids,
+             qdb_row_callback callback, void *user);
+
+    qdb_options options;
+    qdb::client::Database database;
+    qdb::client::ChangeBus bus;
+    qdb::client::Follower follower;
+    qdb::client::Descriptor epoll;
+    qdb::client::Descriptor timer;
+    qdb::client::Descriptor wake;
+    std::atomic<bool> isStopped = false;
+    std::vector<const char *> tables;
+
+  private:
+    void Follow(bool isTick, bool isMore);
+    void FollowReady(bool isTick, bool isMore);
+    bool MayBeSilent(bool isTick, bool isMore);
+    bool IsServed(bool isTick);
+    bool Scan(qdb::client::Counts *pCounts);
+    void SetReady(bool isNow);
+    void Watch(int fd, uint32_t events);
+    void Arm();
+
+    bool isReady_ = false;
+    int reason_ = 0;      // for the next scan; 0: none
+    int64_t version_ = 0; // of the database when it was last scanned; 0: never
+    int64_t seen_ = 0;    // of the database at the last look
+    int quiet_ = -1;      // looks at which it was the same; -1: none yet
+    bool hasHeard_ = false; // a signal since the last tick
+    int ticksSinceScan_ = 0;
+    bool hasStirred_ = false; // since the service was last here
+    int watched_ = -1;        // the bus's descriptor in the epoll set
+    uint64_t nextTick_ = 0;
+};
