@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <random>
 #include <string>
 #include <string_view>
@@ -106,6 +107,9 @@ void SweepSome()
     std::printf("--seed %u\n", gSeed);
     std::mt19937 engine(gSeed);
     std::vector<Kind> kinds = AllKinds();
+    // A mutex that stays taken has to the thread sanitizer an order with all
+    // that are taken later. Whole sweeps have it, without that.
+    std::erase_if(kinds, std::mem_fn(&Kind::leavesStuck));
     std::ranges::shuffle(kinds, engine);
     for (size_t i = 0; i < kChosen; ++i)
     {
