@@ -15,7 +15,9 @@ thread_local bool tLacksMemory = false;
 // The one exception: Jansson keeps the token that it reads in a block of 16
 // bytes, asks for 32 when a number has more, and asserts that it got them. The
 // only others of that size are nodes of string values, which find no memory for
-// their names next. Nothing from here outlives the parse.
+// their names next. Nothing from here outlives the parse, and nothing is given
+// from here once anything was refused: a string of which only the first bytes
+// were kept would be copied past its end.
 constexpr size_t kTokenSize = 32;
 constexpr int kTokens = 2;
 alignas(16) thread_local char tTokens[kTokens][kTokenSize];
@@ -27,8 +29,11 @@ void *Refuse(size_t size)
     {
         tLacksMemory = true;
     }
-    return size == kTokenSize && tTokensLeft > 0 ? tTokens[--tTokensLeft]
-                                                 : nullptr;
+    if (size != kTokenSize)
+    {
+        tTokensLeft = 0;
+    }
+    return tTokensLeft > 0 ? tTokens[--tTokensLeft] : nullptr;
 }
 
 void *Allocate(size_t size)

@@ -148,6 +148,19 @@ void TearDown(sd_bus_slot *slot)
 
 } // namespace
 
+void SeedBusLibrary()
+{
+    sd_bus *bus = nullptr;
+    sd_bus_slot *slot = nullptr;
+    if (sd_bus_new(&bus) >= 0)
+    {
+        sd_bus_add_object_vtable(bus, &slot, kSignalPath, kSignalInterface,
+                                 kSignalTable, nullptr);
+    }
+    sd_bus_slot_unref(slot);
+    sd_bus_unref(bus);
+}
+
 int DbusMain()
 {
     QDB_LOG(kLogTrace, "%s: Entering DbusMain\n");

@@ -214,6 +214,7 @@ bool StartUp(QdbWorkerArg *arguments)
     {
         return true;
     }
+    SeedBusLibrary();
     StartThread(gSignalThread, handle_sdbus_signal_Request_thread, nullptr,
                 nullptr);
     Populate();

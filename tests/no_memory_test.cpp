@@ -6,6 +6,7 @@
 #include "config/key_reload.h"
 #include "config/raw_data.h"
 #include "core/json.h"
+#include "objects/json_text.h"
 #include "publish/telemetry.h"
 #include "reconcile/count_check.h"
 #include "reconcile/population.h"
@@ -36,6 +37,28 @@ Bytes Setting(const std::string &texts)
 Bytes Supply(const std::string &name)
 {
     return MakeObject(0x15, kOid, R"({"boardProductName": ")" + name + R"("})");
+}
+
+// At every allocation of Jansson's, the token's that it reads included.
+TEST(JsonText, IsParsedAsAWholeOrNotAtAll)
+{
+    const std::string text = R"({"name":[1234567890123456789,"short",)"
+                             R"(12345678901234567.5,"thirty-one bytes of )"
+                             R"(one string","a",98765432101234567,")" +
+                             std::string(200, 'x') + R"(",true],"last":null})";
+    int failed = 0;
+    for (;; ++failed)
+    {
+        const NoMemoryAt fault(failed + 1);
+        const JsonPtr parsed = ParseJson(text.c_str(), nullptr);
+        if (!fault.HasFailed())
+        {
+            EXPECT_NE(parsed, nullptr);
+            break;
+        }
+        EXPECT_EQ(parsed, nullptr);
+    }
+    EXPECT_GT(failed, 10);
 }
 
 TEST_F(NoMemory, WorkersGoOnWithTheNextRecord)
