@@ -3,6 +3,7 @@
 #include "config/config_objects.h"
 #include "core/log.h"
 #include "core/state.h"
+#include "core/statistics.h"
 #include "platform/zo_base.h"
 #include "queues/event_queue.h"
 #include "queues/event_record.h"
@@ -72,13 +73,26 @@ BusRecordHead MakeHead(EventType event, uint32_t size)
     return head;
 }
 
+// Whether one more record from the bus may be queued; counts those that may
+// not.
+bool MayQueue(uint32_t size)
+{
+    const bool hasRoom = HasRoomForBusRecord(size);
+    if (!hasRoom)
+    {
+        CountOne(Figures().dropped, DropCause::OverBound);
+    }
+    return hasRoom;
+}
+
 // Queues a bus record: the fixed part, and the texts at their offsets where it
 // has any.
 int Enqueue(const BusRecordHead &head, const char *interfaceName,
             const char *path)
 {
+    CountEvent(EventKind::Bus);
     char *record =
-        HasRoomForBusRecord(head.header.evtSize)
+        MayQueue(head.header.evtSize)
             ? static_cast<char *>(std::calloc(1, head.header.evtSize))
             : nullptr;
     if (record == nullptr)
@@ -148,12 +162,12 @@ int HandleSignalRawDataUpdated(const char *key, const char *filePath)
 {
     static constexpr char kName[] = "HandleSignalRawDataUpdated";
     LogEntry(kName);
+    CountEvent(EventKind::RawData);
     const uint32_t keySize = SizeOfText(key);
     const uint32_t pathAt = kRawFixedSize + keySize;
     const uint32_t size = pathAt + SizeOfText(filePath);
-    char *record = HasRoomForBusRecord(size)
-                       ? static_cast<char *>(ZOAllocMem(size))
-                       : nullptr;
+    char *record =
+        MayQueue(size) ? static_cast<char *>(ZOAllocMem(size)) : nullptr;
     if (record == nullptr)
     {
         QDB_LOG(kLogInvalid, "%s: %s: failed to alloc memory for data event\n",

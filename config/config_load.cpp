@@ -1,6 +1,7 @@
 #include "config/config_load.h"
 
 #include "config/bus_rows.h"
+#include "core/fate.h"
 #include "core/gate.h"
 #include "core/guard.h"
 #include "core/log.h"
@@ -53,6 +54,7 @@ int TryCreate(Load &load, const DataObjHeader *object,
         if (fetchesAgain.Refused())
         {
             load.outOfDate.push_back(object->objID);
+            NoteFate(Fate::PassedOn);
             return SQLITE_OK;
         }
         if (status == SQLITE_OK)
@@ -122,6 +124,7 @@ void LoadObjects(Load &load, const ConfigObjectList &list,
             (oids == nullptr ||
              std::ranges::find(*oids, object->objID) != oids->end()))
         {
+            const BookEntry entry(Road::Population);
             // Want of memory costs this object, not the rest of the list.
             int status = kNoMemory;
             Guard("a configuration object",

@@ -1,7 +1,9 @@
 #include "config/key_reload.h"
 
+#include "core/fate.h"
 #include "core/log.h"
 #include "core/object_order.h"
+#include "core/platform_ptr.h"
 #include "core/status.h"
 #include "db/execute.h"
 #include "db/mapping.h"
@@ -43,6 +45,7 @@ int FetchAttribute(const KeyedRow &row, ConfigObjectPtr *ppObject)
     DataObjHeader *object = nullptr;
     const int status = dbus_get_data_obj_hdr(row.objType, row.path, &object);
     ppObject->reset(object);
+    NoteWhetherThere(object);
     return status;
 }
 
@@ -83,6 +86,7 @@ int FetchAgain(const KeyedRow &row, ConfigObjectPtr *ppObject)
 
 int ReloadRow(size_t rowIndex)
 {
+    const BookEntry entry(Road::Reload);
     const KeyedRow &row = CfgKeyBasedNCObjTable[rowIndex];
     QDB_LOG(kLogTrace, "%s: %s: key=%s\n", kReload, row.key);
     QDB_LOG(kLogTrace, "%s: %s: path=%s\n", kReload, row.path);
@@ -96,6 +100,7 @@ int ReloadRow(size_t rowIndex)
         return ZO_STATUS_NO_SUCH_OBJECT;
     }
     const RowWrite write = ChooseWrite(row, object.get(), kReload);
+    NoteFate(Fate::Unchanged);
     return write == RowWrite::None
                ? SQLITE_OK
                : CfgKeyBasedNCObjRefreshHandling(&object, rowIndex, write);
@@ -130,6 +135,7 @@ int CfgKeyBasedNCObjRefreshHandling(ConfigObjectPtr *ppObject, size_t rowIndex,
     KeyedRow &row = CfgKeyBasedNCObjTable[rowIndex];
     if (!row.cached.Store(ppObject->get()))
     {
+        NoteFate(Fate::NoMemory);
         QDB_LOG(kLogError, "%s: %s: Memory allocation failed\n", kHandling);
         return kNoMemory;
     }

@@ -5,6 +5,7 @@
 // pass a frame of C: the platform's callback, SQLite's hook, a thread's entry.
 #pragma once
 
+#include "core/fate.h"
 #include "core/log.h"
 
 #include <exception>
@@ -23,6 +24,7 @@ void Guard(const char *what, Body body)
     }
     catch (const std::exception &exception)
     {
+        NoteFate(Fate::NoMemory);
         QDB_LOG(kLogError, "%s: %s failed: %s\n", what, exception.what());
     }
 }

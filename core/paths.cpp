@@ -25,6 +25,11 @@ FilePath DatabasePath()
     return UnderRoot("/var/run/quillondatabase/", kDatabaseName);
 }
 
+FilePath StatisticsPath()
+{
+    return UnderRoot("/var/run/quillondatabase/", "statistics");
+}
+
 FilePath TelemetryPipePath()
 {
     return UnderRoot("/var/run/telemetryservice/", "qdbtdbipcpipe");

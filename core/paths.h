@@ -21,6 +21,7 @@ struct FilePath
 };
 
 FilePath DatabasePath();
+FilePath StatisticsPath();
 FilePath TelemetryPipePath();
 
 // Ends in a slash.

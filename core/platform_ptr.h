@@ -4,6 +4,7 @@
 // the turn at the database in hand.
 #pragma once
 
+#include "core/fate.h"
 #include "core/object_order.h"
 #include "core/waiting.h"
 #include "platform/zo_base.h"
@@ -76,6 +77,14 @@ class OidList
     std::unique_ptr<uint32_t, FreeGeneric> list_;
 };
 
+inline void NoteWhetherThere(const DataObjHeader *object)
+{
+    if (object == nullptr)
+    {
+        NoteFate(Fate::Vanished);
+    }
+}
+
 // The object as the Data Manager has it now, NULL: not at all. Notes when it
 // was asked, for object_order.h.
 inline ObjectPtr FetchObject(uint32_t oid)
@@ -84,6 +93,7 @@ inline ObjectPtr FetchObject(uint32_t oid)
     const uint64_t asked = Tick();
     ObjectPtr object(ZOILGetObjByOID(&oid));
     NoteFetch(object.get(), asked);
+    NoteWhetherThere(object.get());
     return object;
 }
 
@@ -93,6 +103,7 @@ inline ObjectPtr FetchByKey(const char *key)
     const uint64_t asked = Tick();
     ObjectPtr object(ZOILGetObjByKey(key));
     NoteFetch(object.get(), asked);
+    NoteWhetherThere(object.get());
     return object;
 }
 

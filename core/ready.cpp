@@ -2,6 +2,7 @@
 
 #include "core/log.h"
 #include "core/state.h"
+#include "core/statistics.h"
 #include "core/supervisor.h"
 #include "core/waiting.h"
 #include "platform/cfgclient.h"
@@ -16,6 +17,8 @@ void EnableSignals()
     QDB_LOG(kLogTrace, "%s: QDB is ready. Enable sending Dbus events!! \n");
     gQdbReadyRetryPending = 0;
     DbusEventsEnabled = 1;
+    Put(Figures().readyRefused, 0);
+    Put(Figures().signalsEnabled, 1);
 }
 
 int Set(int value)
@@ -62,6 +65,7 @@ void PublishReadiness()
             "%s: %s: CfgSetAttributeInt QDB_READY failed ret:%d for %s\n",
             "main", status, kReadyKey);
     gQdbReadyRetryPending = 1;
+    Put(Figures().readyRefused, 1);
 }
 
 void RetryReadiness(const char *caller)

@@ -4,9 +4,13 @@
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/state.h"
+#include "core/statistics.h"
 #include "core/status.h"
 #include "db/execute.h"
 #include "db/turn.h"
+
+#include <string>
+#include <string_view>
 
 namespace qdb
 {
@@ -96,6 +100,23 @@ StatementPtr PrepareOnce(const char *sql, int *pStatus)
     sqlite3_stmt *statement = nullptr;
     *pStatus = sqlite3_prepare_v2(QDVdbHandle, sql, -1, &statement, nullptr);
     return StatementPtr(statement);
+}
+
+void CountRows()
+{
+    for (const std::string_view table : CountedTables())
+    {
+        int status = SQLITE_OK;
+        const StatementPtr statement = PrepareOnce(
+            ("SELECT count(*) FROM " + std::string(table)).c_str(), &status);
+        if (statement == nullptr ||
+            StepStatement(statement.get()) != SQLITE_ROW)
+        {
+            return;
+        }
+        PutRows(table.data(), static_cast<uint64_t>(
+                                  sqlite3_column_int64(statement.get(), 0)));
+    }
 }
 
 int CloseDatabase()

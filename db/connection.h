@@ -54,4 +54,8 @@ StatementPtr PrepareOnce(const char *sql, int *pStatus);
 // users keep it busy. Returns 0, or the last status.
 int CloseDatabase();
 
+// Puts into the statistics how many rows an earlier life has left in each
+// table. Ends at the first table that can't be counted.
+void CountRows();
+
 } // namespace qdb

@@ -4,6 +4,7 @@
 #include "core/log.h"
 #include "core/sleep.h"
 #include "core/state.h"
+#include "core/statistics.h"
 #include "core/waiting.h"
 #include "db/turn.h"
 
@@ -77,6 +78,11 @@ int StepStatement(sqlite3_stmt *statement)
         SleepMicroseconds(kAbortedPauseMicroseconds);
         status = StepOnce(statement, isFresh);
     }
+    if (IsBusy(status))
+    {
+        CountOne(Figures().refused,
+                 status == SQLITE_BUSY ? BusyStatus::Busy : BusyStatus::Locked);
+    }
     tLastStepStatus = status;
     return status;
 }
@@ -84,6 +90,12 @@ int StepStatement(sqlite3_stmt *statement)
 int LastStepStatus()
 {
     return tLastStepStatus;
+}
+
+int StatusBehind(int status)
+{
+    return status == kFailed && !IsSuccess(tLastStepStatus) ? tLastStepStatus
+                                                            : status;
 }
 
 int execute_statement(sqlite3_stmt *statement)
@@ -102,6 +114,13 @@ int execute_statement(sqlite3_stmt *statement)
     return IsSuccess(status) ? SQLITE_OK : kFailed;
 }
 
+void SleepForBusy(unsigned microseconds)
+{
+    constexpr uint64_t kMicrosecond = 1000;
+    SleepMicroseconds(microseconds);
+    Count(Figures().busyNanoseconds, kMicrosecond * microseconds);
+}
+
 Verdict JudgeAttempt(int status, RetryRule rule, int returnStatus)
 {
     NoteProgress();
@@ -115,7 +134,7 @@ Verdict JudgeAttempt(int status, RetryRule rule, int returnStatus)
         QDB_LOG(kLogTrace, "%s: \nStatusCheck:Retry\n");
         if (rule.pauseWhenBusy && !(rule.endsAtStop && StopPatienceIsOver()))
         {
-            SleepMicroseconds(kBusyPauseMicroseconds);
+            SleepForBusy(kBusyPauseMicroseconds);
         }
         return Verdict::Again;
     }

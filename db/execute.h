@@ -38,6 +38,13 @@ struct RetryRule
     bool endsAtStop = true;
 };
 
+// What a failure was: for kFailed, the status of the calling thread's last step
+// if that failed.
+int StatusBehind(int status);
+
+// SleepMicroseconds, for the sake of a busy database.
+void SleepForBusy(unsigned microseconds);
+
 enum class Verdict
 {
     Done,

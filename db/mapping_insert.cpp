@@ -47,12 +47,6 @@ struct Insert
     bool backlog; // gSkipConstraintCheck, read once per call
 };
 
-void Pause(unsigned microseconds)
-{
-    GiveUpTurn();
-    SleepMicroseconds(microseconds);
-}
-
 // Whether a mapped OID is waited for any longer.
 bool WaitForConstraint(const Insert &insert, bool lastAttempt)
 {
@@ -76,7 +70,8 @@ bool WaitForConstraint(const Insert &insert, bool lastAttempt)
     }
     if (insert.patience != DeletePatience::None)
     {
-        Pause(kConstraintPauseMicroseconds);
+        GiveUpTurn();
+        SleepMicroseconds(kConstraintPauseMicroseconds);
     }
     return true;
 }
@@ -92,7 +87,8 @@ void WaitWhileBusy(const Insert &insert, bool lastAttempt)
     }
     if (insert.backlog)
     {
-        Pause(kBacklogBusyPauseMicroseconds);
+        GiveUpTurn();
+        SleepForBusy(kBacklogBusyPauseMicroseconds);
     }
 }
 

@@ -2,8 +2,10 @@
 
 #include "config/bus_rows.h"
 #include "config/config_objects.h"
+#include "core/fate.h"
 #include "core/log.h"
 #include "core/object_order.h"
+#include "core/platform_ptr.h"
 #include "core/state.h"
 #include "core/status.h"
 #include "db/clearing.h"
@@ -88,6 +90,7 @@ int FetchAttribute(const BusRow &row, const BusEvent &event,
     const int status =
         dbus_get_data_obj_hdr(row.row->objType, event.path, &object);
     pObject->reset(object);
+    NoteWhetherThere(object);
     return status;
 }
 
@@ -329,10 +332,16 @@ int ObjectNotificationDbus(const DataEventHeader *record, uint16_t eventType,
     {
         return ClearConfiguration();
     }
+    const BookEntry entry(Road::Bus, Arrival::Counted);
     BusEvent event = {};
     event.taken = taken;
     const int status = Decode(*record, &event);
-    return status == SQLITE_OK ? RunEvent(event) : status;
+    if (status != SQLITE_OK)
+    {
+        NoteFate(Fate::Invalid);
+        return status;
+    }
+    return RunEvent(event);
 }
 
 } // namespace qdb

@@ -4,6 +4,7 @@
 #include "core/gate.h"
 #include "core/log.h"
 #include "core/state.h"
+#include "core/statistics.h"
 #include "core/threads.h"
 #include "db/clearing.h"
 #include "publish/telemetry.h"
@@ -82,6 +83,7 @@ void StartReload()
 void HandleDetach()
 {
     QDB_LOG(kLogTrace, "%s: DM Detached!!! Clear all DB tables\n");
+    Put(Figures().detachedSince, MomentNow());
     const DetachClearing clearing;
     ClearTableData("ActiveOIDMapping");
     QDB_LOG(kLogTrace, "%s: DM Detached!!! Cleared all DB tables\n");

@@ -1,5 +1,6 @@
 #include "events/dispatch.h"
 
+#include "core/fate.h"
 #include "core/log.h"
 #include "core/object_order.h"
 #include "core/platform_ptr.h"
@@ -106,6 +107,7 @@ void QueueObject(uint16_t eventType, uint32_t oid)
 void LeaveToQueue(Notification &notification, uint32_t oid)
 {
     notification.patienceMs = 0;
+    NoteFate(Fate::PassedOn);
     QueueObject(DATA_EVENT_DATA_OBJ_DESTROY, oid);
 }
 
@@ -198,7 +200,7 @@ void RunRow(Visit &visit, const ObjTypeRow &row)
 
 // Both rows of a two-row type are visited; a failure in one doesn't stop the
 // other. The walk ends when the object has vanished under way.
-void WalkRows(Visit &visit)
+void WalkRows(Visit &visit, BookEntry *pEntry)
 {
     if (visit.objType == 0)
     {
@@ -209,6 +211,7 @@ void WalkRows(Visit &visit)
         if (row.objType == visit.objType && visit.object != nullptr)
         {
             RunRow(visit, row);
+            pEntry->NextRow();
         }
     }
 }
@@ -227,6 +230,7 @@ bool LookUpType(const Notification &notification, uint32_t oid,
     *pObjType = static_cast<uint16_t>(GetObjType(oid));
     if (*pObjType == 0)
     {
+        NoteFate(Fate::NoRow);
         claim.NoteKnown();
     }
     return true;
@@ -241,6 +245,7 @@ ObjectPtr MakeStub(Notification &notification, uint32_t oid)
         static_cast<DataObjHeader *>(std::calloc(1, sizeof(DataObjHeader))));
     if (stub == nullptr)
     {
+        NoteFate(Fate::NoMemory);
         QDB_LOG(kLogTrace, "%s: malloc Failed!!");
         return stub;
     }
@@ -257,6 +262,7 @@ bool IsSkipped(uint32_t objType)
 {
     if (IsConfigType(objType))
     {
+        NoteFate(Fate::Legacy);
         QDB_LOG(kLogTrace,
                 "%s: Skipping legacy DM Event for ObjType=0x%04x!!\n", objType);
         return true;
@@ -286,6 +292,7 @@ ObjectPtr FetchVisited(const DataEventHeader &record,
 void VisitOid(const DataEventHeader &record, Notification &notification,
               uint32_t oid)
 {
+    BookEntry entry(Road::DataManager, Arrival::Counted);
     if (IsSkipped(GetObjType(oid)))
     {
         return;
@@ -297,7 +304,7 @@ void VisitOid(const DataEventHeader &record, Notification &notification,
     if (visit.object != nullptr)
     {
         visit.objType = visit.object->objType;
-        WalkRows(visit);
+        WalkRows(visit, &entry);
     }
 }
 
@@ -309,22 +316,23 @@ int Notify(const DataEventHeader *record, Notification notification)
                 "%s: Invalid Argument, notification not processed\n");
         return kInvalidArgument;
     }
-    const uint32_t count = RecordWord(*record, kObjCountAt).value_or(0);
-    if (count > kMaxObjCount ||
-        kFirstOidAt + count * sizeof(uint32_t) > record->evtSize)
+    const std::optional<uint32_t> count = ObjectCount(*record);
+    if (!count)
     {
         QDB_LOG(kLogTrace,
                 "%s: Invalid Obj Count in ObjList, notification not processed "
                 "pOL->objCount=%u\n",
-                count);
+                RecordWord(*record, kObjCountAt).value_or(0));
         return kInvalidObjectCount;
     }
     const WorkAhead more;
+    ListEntry entry(Road::DataManager, *count);
     for (uint32_t i = 0;
-         i < count && !(notification.onCallback && StopRequested()); ++i)
+         i < *count && !(notification.onCallback && StopRequested()); ++i)
     {
         const uint32_t at =
             kFirstOidAt + i * static_cast<uint32_t>(sizeof(uint32_t));
+        entry.TakeOne();
         VisitOid(*record, notification, *RecordWord(*record, at));
     }
     return notification.returnStatus;

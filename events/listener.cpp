@@ -1,5 +1,6 @@
 #include "events/listener.h"
 
+#include "core/fate.h"
 #include "core/gate.h"
 #include "core/guard.h"
 #include "core/log.h"
@@ -99,6 +100,7 @@ void DestroyBunch(const DataEventHeader &record)
 {
     QDB_LOG(kLogTrace, "%s: Delete has come in bunch objcount =%d\n",
             static_cast<int>(RecordWord(record, kObjCountAt).value_or(0)));
+    CountArrivals(RoadOf(record), ObjectsIn(record));
     NotifyOnCallback(&record, DATA_EVENT_DATA_OBJ_DESTROY);
 }
 
@@ -110,6 +112,7 @@ void TakeRecord(const DataEventHeader &record, bool retryReadiness)
                 "%s: event dropped: type: %u size: %u is too "
                 "short or badly formed\n",
                 record.evtType, record.evtSize);
+        CountOne(Figures().dropped, DropCause::Malformed);
         return;
     }
     if (record.evtType == ZO_EVENT_RAW_DATA_UPDATE)
@@ -119,6 +122,7 @@ void TakeRecord(const DataEventHeader &record, bool retryReadiness)
     RecordPtr copy = CopyRecord(record);
     if (copy == nullptr)
     {
+        CountOne(Figures().dropped, DropCause::NoMemory);
         return;
     }
     if (retryReadiness)
@@ -133,9 +137,36 @@ void TakeRecord(const DataEventHeader &record, bool retryReadiness)
     QdbenQueue(gQdbEventQueue, copy.release());
 }
 
+EventKind KindOf(const DataEventHeader &record)
+{
+    switch (record.evtType)
+    {
+    case ZO_EVENT_RAW_DATA_UPDATE:
+        return EventKind::RawData;
+    case DATA_EVENT_DATA_OBJ_DIRTY_LIST:
+        return EventKind::Refresh;
+    case DATA_EVENT_OBJ_STATUS_CHG:
+        return EventKind::StatusChange;
+    case DATA_EVENT_DATA_OBJ_CREATE:
+        return EventKind::Create;
+    case DATA_EVENT_DATA_OBJ_DESTROY:
+        return EventKind::Destroy;
+    case DATA_EVENT_DM_DETACHED:
+        return EventKind::Detach;
+    default:
+        return EventKind::Other;
+    }
+}
+
 void HandleRecord(const DataEventHeader &record)
 {
     LogReceived(record);
+    const EventKind kind = KindOf(record);
+    CountEvent(kind);
+    if (kind == EventKind::Create)
+    {
+        Put(Figures().detachedSince, 0);
+    }
     switch (record.evtType)
     {
     case ZO_EVENT_RAW_DATA_UPDATE:
@@ -152,6 +183,10 @@ void HandleRecord(const DataEventHeader &record)
         if (IsReservedEvent(record.evtType))
         {
             TakeRecord(record, false);
+        }
+        else
+        {
+            CountOne(Figures().dropped, DropCause::UnknownType);
         }
         break;
     }

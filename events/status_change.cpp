@@ -1,5 +1,6 @@
 #include "events/status_change.h"
 
+#include "core/fate.h"
 #include "core/log.h"
 #include "core/status.h"
 #include "db/execute.h"
@@ -15,15 +16,16 @@ namespace qdb
 namespace
 {
 
-void LogReload(const char *function, const DataObjHeader &object)
+void PassOn(const char *function, const DataObjHeader &object)
 {
+    NoteFate(Fate::PassedOn);
     QDB_LOG(kLogTrace, "%s: DATA_EVENT_OBJ_STATUS_CHG calling %s for OID:%x\n",
             function, object.objID);
 }
 
 // Refreshes the object in every row of its type, in status loops; the first
 // failure ends the walk.
-int RefreshRows(const DataObjHeader &object, uint64_t taken)
+int RefreshRows(const DataObjHeader &object, uint64_t taken, BookEntry *pEntry)
 {
     for (const ObjTypeRow &row : ObjectTypeTable)
     {
@@ -49,47 +51,49 @@ int RefreshRows(const DataObjHeader &object, uint64_t taken)
         {
             return FailureOf(status);
         }
+        pEntry->NextRow();
     }
     return SQLITE_OK;
 }
 
 // Any type that has no reload of its own. The keyed object is known by its OID
 // alone, so that without it nothing can be told from it, and nothing is done.
-int HandleOther(const DataObjHeader &object, uint64_t taken)
+int HandleOther(const DataObjHeader &object, uint64_t taken, BookEntry *pEntry)
 {
     const ObjectPtr keyed = FetchKeyedObject();
     if (keyed == nullptr)
     {
+        NoteFate(Fate::Ignored);
         QDB_LOG(kLogTrace, "%s: ObjectNotificationStChg: pDOHkey is NULL\n");
         return SQLITE_OK;
     }
     if (keyed->objID != object.objID)
     {
-        return RefreshRows(object, taken);
+        return RefreshRows(object, taken, pEntry);
     }
-    LogReload("ReLoadKeyBasedNCObjects", object);
+    PassOn("ReLoadKeyBasedNCObjects", object);
     return RunKeyReload();
 }
 
-int HandleObject(const DataObjHeader &object, uint64_t taken)
+int HandleObject(const DataObjHeader &object, uint64_t taken, BookEntry *pEntry)
 {
     switch (ReloadOf(object.objType))
     {
     case Reload::Memory:
-        LogReload("ReLoadNCObjects", object);
+        PassOn("ReLoadNCObjects", object);
         return RunMemoryReload();
     case Reload::Fru:
         // The words are those of memory.
-        LogReload("ReLoadNCObjects", object);
+        PassOn("ReLoadNCObjects", object);
         return RunFRUReload();
     case Reload::Device:
-        LogReload("ObjTypeBasedNCObjects", object);
+        PassOn("ObjTypeBasedNCObjects", object);
         return RunTypeReload();
     case Reload::HostPower:
     case Reload::None:
         break;
     }
-    return HandleOther(object, taken);
+    return HandleOther(object, taken, pEntry);
 }
 
 } // namespace
@@ -103,6 +107,7 @@ int ObjectNotificationStChg(const DataEventHeader *event, uint64_t taken)
                            "notification not processed\n");
         return kInvalidArgument;
     }
+    BookEntry entry(Road::DataManager, Arrival::Counted);
     const uint32_t size = StatusObjectSize(*event);
     if (size == 0)
     {
@@ -117,10 +122,11 @@ int ObjectNotificationStChg(const DataEventHeader *event, uint64_t taken)
         reinterpret_cast<const char *>(event) + kStatusObjectAt, size);
     if (object == nullptr)
     {
+        NoteFate(Fate::NoMemory);
         QDB_LOG(kLogTrace, "%s: ObjectNotificationStChg: pDOH NO memory\n");
         return kNoMemory;
     }
-    const int status = HandleObject(*object, taken);
+    const int status = HandleObject(*object, taken, &entry);
     QDB_LOG(kLogTrace, "%s: ObjectNotificationStChg: Exit: %d", status);
     return status;
 }

@@ -4,6 +4,7 @@
 #include "core/guard.h"
 #include "core/log.h"
 #include "core/state.h"
+#include "core/statistics.h"
 #include "core/status.h"
 #include "events/bus_dispatch.h"
 #include "events/dispatch.h"
@@ -64,6 +65,29 @@ int Dispatch(const QdbEventNode &node, int thID, int status)
     }
 }
 
+// Tells since when a worker has been at a record, and when that came.
+class AtWork
+{
+  public:
+    AtWork(const QdbEventNode &node, int thID)
+        : busySince_(
+              Figures().workerBusySince.at(static_cast<size_t>(thID - 1)))
+    {
+        tEventCame = node.came;
+        Put(busySince_, MomentNow());
+    }
+    ~AtWork()
+    {
+        Put(busySince_, 0);
+        tEventCame = 0;
+    }
+    AtWork(const AtWork &) = delete;
+    AtWork &operator=(const AtWork &) = delete;
+
+  private:
+    Cell &busySince_;
+};
+
 // Takes and runs records until a stop record comes.
 void RunRecords(int thID)
 {
@@ -85,11 +109,14 @@ void RunRecords(int thID)
                     node->seqNo, thID);
             return;
         }
-        Guard("event record",
-              [&]
-              {
-                  status = Dispatch(*node, thID, status);
-              });
+        {
+            const AtWork atWork(*node, thID);
+            Guard("event record",
+                  [&]
+                  {
+                      status = Dispatch(*node, thID, status);
+                  });
+        }
         node.reset();
         if (status == SQLITE_CORRUPT)
         {

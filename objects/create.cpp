@@ -8,6 +8,7 @@
 // 5. Behind the turn, with the claim still held, the parents are asked for and
 //    linked, and the row is announced.
 
+#include "core/fate.h"
 #include "core/guard.h"
 #include "core/lock.h"
 #include "core/object_order.h"
@@ -293,6 +294,10 @@ int WriteInTurn(const Create &create, RowReading *pRow, bool *pWritten)
         ret = InsertRow(create);
     }
     *pWritten = ret == SQLITE_OK;
+    if (*pWritten)
+    {
+        CountSince(Figures().toCommit, tEventCame);
+    }
     return *pWritten ? FinishRow(create, pRow) : ret;
 }
 
@@ -321,6 +326,18 @@ int RunSteps(const Create &create)
     return SQLITE_OK;
 }
 
+void NoteEnd(int ret)
+{
+    if (ret == SQLITE_OK)
+    {
+        NoteFate(Fate::Created);
+    }
+    else
+    {
+        NoteFailure(StatusBehind(ret));
+    }
+}
+
 } // namespace
 
 int CreateObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
@@ -333,6 +350,7 @@ int CreateObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
     int ret = kFailed;
     if (QDVdbHandle == nullptr)
     {
+        NoteFailure(kFailed);
         QDB_LOG(kLogError, "%s: [%s]Error: DB handle not available %d",
                 row.suffix, create.LogOid());
     }
@@ -350,6 +368,7 @@ int CreateObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
                                    {
                                        return RunSteps(create);
                                    });
+                  NoteEnd(ret);
               });
     }
     const int status = ResultOf(ret);

@@ -8,6 +8,7 @@
 // 4. With the claim still held the row is announced as it was.
 // 5. On every way out DeletingOID is free again, and creates go on.
 
+#include "core/fate.h"
 #include "core/guard.h"
 #include "core/lock.h"
 #include "core/object_order.h"
@@ -101,6 +102,7 @@ int RemoveInTurn(const ObjTypeRow &row, uint32_t oid, RowReading *pReading)
                 "OID: %d",
                 row.suffix, StoredOid(oid));
         LogEnd(row, oid, FailureOf(read));
+        NoteFailure(read == SQLITE_OK ? SQLITE_DONE : read);
         return FailureOf(read);
     }
     const int status = DeleteObjectByOID(oid);
@@ -110,8 +112,11 @@ int RemoveInTurn(const ObjTypeRow &row, uint32_t oid, RowReading *pReading)
                 "%s: Delete_[%s]: DeleteObjectByOID failed with return status "
                 "%d",
                 row.suffix, status);
+        NoteFailure(StatusBehind(status));
         return FailureOf(status == kFailed ? LastStepStatus() : status);
     }
+    CountSince(Figures().toCommit, tEventCame);
+    NoteFate(Fate::Removed);
     return SQLITE_OK;
 }
 
@@ -159,6 +164,7 @@ int DeleteLocked(const ObjTypeRow &row, const DataObjHeader *pDOH,
     const DeleteEnd end(state);
     if (pDOH == nullptr || QDVdbHandle == nullptr)
     {
+        NoteFailure(kFailed);
         QDB_LOG(kLogError,
                 "%s: [%s]Invalid input parameters. Exiting:", row.suffix);
         return kFailed;

@@ -42,6 +42,7 @@ inline ObjectPtr FetchAgain(uint32_t oid, ObjectPtr object)
     object = FetchObject(oid);
     if (object != nullptr && objType != 0 && object->objType != objType)
     {
+        NoteFate(Fate::Vanished);
         object.reset();
     }
     return object;
@@ -96,6 +97,7 @@ int RunOnNewest(const DataObjHeader *pDOH, Operation operation)
         newer = FetchObject(oid);
         if (newer == nullptr || newer->objType != objType)
         {
+            NoteFate(Fate::Vanished);
             return ZO_STATUS_NO_SUCH_OBJECT;
         }
         pDOH = newer.get();

@@ -5,6 +5,7 @@
 // 3. In one turn the row is read, written, its arrays with it, and read again.
 // 4. Behind the turn, with the claim still held, the difference is announced.
 
+#include "core/fate.h"
 #include "core/guard.h"
 #include "core/lock.h"
 #include "core/object_order.h"
@@ -150,6 +151,10 @@ int UpdateRow(Refresh &refresh)
         return refresh.ret;
     }
     refresh.ret = WriteRow(refresh);
+    if (refresh.ret == SQLITE_OK)
+    {
+        CountSince(Figures().toCommit, tEventCame);
+    }
     return refresh.ret;
 }
 
@@ -175,11 +180,13 @@ void Announce(const Refresh &refresh, RowReading before, RowReading after)
                                            std::move(after), &changes);
     if (changes == 0)
     {
+        NoteFate(Fate::Unchanged);
         QDB_LOG(kLogWarning,
                 "%s: [%s] No change set found for %d %X. Error: %d",
                 refresh.row.suffix, refresh.LogOid(), refresh.Oid(), 0);
         return;
     }
+    NoteFate(Fate::Changed);
     if (text != nullptr)
     {
         QDB_LOG(kLogTrace, "%s: Json_Out_Str = %s", text.get());
@@ -244,6 +251,7 @@ int RefreshObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
     int status = kFailed;
     if (QDVdbHandle == nullptr)
     {
+        NoteFailure(kFailed);
         QDB_LOG(kLogError, "%s: [%s]Error: DB handle not available oID:%d",
                 row.suffix, refresh.LogOid());
         LogRowError(kLogError, kStem, row);
@@ -261,6 +269,10 @@ int RefreshObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
                                       {
                                           return RunSteps(refresh);
                                       });
+                  if (status != SQLITE_OK)
+                  {
+                      NoteFailure(StatusBehind(status));
+                  }
               });
     }
     QDB_LOG(kLogTrace, "%s: [%s] %s%s Exit for OID: %d,status:%d ret:%d",

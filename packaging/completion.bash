@@ -41,7 +41,7 @@ _quillondb() {
     esac
     # What follows these is the user's own.
     case ${COMP_WORDS[COMP_CWORD-1]} in
-    --bus | --column | --database | --pipe | --socket | --timeout) words= ;;
+    --bus | --column | --database | --pipe | --socket | --statistics | --timeout | --watch) words= ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "${COMP_WORDS[COMP_CWORD]}")
 }

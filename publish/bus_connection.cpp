@@ -1,6 +1,7 @@
 #include "publish/bus_connection.h"
 
 #include "core/log.h"
+#include "core/statistics.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -78,8 +79,9 @@ int OnWake(sd_event_source * /*source*/, int fd, uint32_t /*events*/,
     return read(fd, &count, sizeof(count)) < 0 && errno != EAGAIN ? -errno : 0;
 }
 
-void LogFailure(const char *step, int result)
+void LogFailure(const char *step, int result, SignalEnd end = SignalEnd::Failed)
 {
+    CountOne(Figures().signals, end);
     QDB_LOG(kLogWarning, "%s: Failed to emit signal %s: %s\n", step,
             strerrordesc_np(-result));
 }
@@ -98,7 +100,7 @@ void Send(sd_bus *bus, const char *jsonText, const char *member)
 {
     if (std::strlen(jsonText) > kMaxSignalText)
     {
-        LogFailure("sd_bus_send", -EMSGSIZE);
+        LogFailure("sd_bus_send", -EMSGSIZE, SignalEnd::TooLong);
         return;
     }
     Unref signal;
@@ -119,7 +121,10 @@ void Send(sd_bus *bus, const char *jsonText, const char *member)
     if (result < 0)
     {
         LogFailure("sd_bus_send", result);
+        return;
     }
+    CountOne(Figures().signals, SignalEnd::Sent);
+    CountSince(Figures().toSignal, tEventCame);
 }
 
 } // namespace
@@ -175,6 +180,7 @@ void send_dbus_signal(const char *jsonText, int kind)
     if (bus == nullptr)
     {
         QDB_LOG(kLogWarning, "%s: No active connection with Dbus. Exit.\n");
+        CountOne(Figures().signals, SignalEnd::NoBus);
         return;
     }
     if (member == nullptr)

@@ -1,6 +1,7 @@
 #include "publish/bus_service.h"
 
 #include "core/log.h"
+#include "core/statistics.h"
 #include "core/supervisor.h"
 #include "core/threads.h"
 #include "publish/bus_connection.h"
@@ -43,6 +44,7 @@ bool Connect()
     if (Succeeded(result, kLogInvalid, "Failed to connect to bus"))
     {
         gBusConnection = bus;
+        Put(Figures().busConnected, 1);
     }
     return result >= 0;
 }
@@ -144,6 +146,7 @@ void TearDown(sd_bus_slot *slot)
     sd_bus_slot_unref(slot);
     sd_bus_unref(bus);
     gBusConnection = nullptr;
+    Put(Figures().busConnected, 0);
 }
 
 } // namespace

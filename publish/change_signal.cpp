@@ -2,6 +2,7 @@
 
 #include "core/log.h"
 #include "core/state.h"
+#include "core/statistics.h"
 #include "publish/bus_connection.h"
 
 namespace qdb
@@ -27,6 +28,10 @@ int SendChange(const char *jsonText, ChangeSignalKind kind)
     if (jsonText != nullptr && DbusEventsEnabled != 0)
     {
         send_dbus_signal(jsonText, kind);
+    }
+    else
+    {
+        CountOne(Figures().signals, SignalEnd::NotReady);
     }
     return 0;
 }

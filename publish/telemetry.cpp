@@ -4,6 +4,7 @@
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/state.h"
+#include "core/statistics.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -48,6 +49,23 @@ int OpenPipe()
     return 0;
 }
 
+RecordEnd EndOf(int error)
+{
+    switch (error)
+    {
+    case 0:
+        return RecordEnd::Written;
+    case ENXIO:
+    case ENOENT:
+    case EPIPE:
+        return RecordEnd::NoReader;
+    case EAGAIN:
+        return RecordEnd::Full;
+    default:
+        return RecordEnd::Failed;
+    }
+}
+
 // After a failed write: a reader that has gone away closes the pipe, so that
 // the next record finds its successor.
 void HandleWriteFailure(int error)
@@ -80,6 +98,12 @@ void TelemetryUpdateHook(void * /*userData*/, int operation,
                          const char *databaseName, const char *tableName,
                          long long rowid)
 {
+    if (tableName != nullptr)
+    {
+        CountRowChange(tableName, operation == SQLITE_INSERT   ? 1
+                                  : operation == SQLITE_DELETE ? -1
+                                                               : 0);
+    }
     if (rowid < 1 || tableName == nullptr || databaseName == nullptr)
     {
         QDB_LOG(kLogInvalid, "%s: One or some of the input parameters are "
@@ -158,7 +182,9 @@ int PublishTelemetryLine(const char *lineText)
 {
     QDB_LOG(kLogTrace, "%s: buffer =%s\n", lineText);
     const PlatformLock lock(gNamedPipeMutex, gOwnMutex);
-    if (const int error = WriteTelemetryBytes(lineText, std::strlen(lineText)))
+    const int error = WriteTelemetryBytes(lineText, std::strlen(lineText));
+    CountOne(Figures().records, EndOf(error));
+    if (error != 0)
     {
         HandleWriteFailure(error);
     }

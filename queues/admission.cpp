@@ -16,6 +16,7 @@
 
 #include "core/lock.h"
 #include "core/state.h"
+#include "core/statistics.h"
 #include "core/threads.h"
 
 #include <algorithm>
@@ -147,6 +148,7 @@ void Enter()
         atWork = CountAtWork(now);
     }
     Begin(now);
+    Count(Figures().workersAdmitted);
 }
 
 void Leave()
@@ -154,6 +156,7 @@ void Leave()
     // Under the lock, or the one in line could count us and then miss this.
     const LeafLock lock(gLeftMutex);
     tSeat->since = 0;
+    Uncount(Figures().workersAdmitted);
     pthread_cond_signal(&gLeft);
 }
 

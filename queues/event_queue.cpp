@@ -8,6 +8,7 @@
 // 3. The stop nodes are out at most once: the list would be a ring otherwise.
 #include "queues/event_queue.h"
 
+#include "core/fate.h"
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/object_order.h"
@@ -17,6 +18,7 @@
 #include "queues/admission.h"
 #include "queues/event_record.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <functional>
@@ -97,12 +99,25 @@ struct Before
     int size = 0;
 };
 
+// With the queue's lock.
+void CountLength(int length)
+{
+    const auto now = static_cast<uint64_t>(std::max(length, 0));
+    Statistics &figures = Figures();
+    Put(figures.queueLength, now);
+    if (now > figures.queueMost.load(std::memory_order_relaxed))
+    {
+        Put(figures.queueMost, now);
+    }
+}
+
 Before Append(QdbEventQueue &queue, QdbEventNode *node)
 {
     const PlatformLock lock(gQdbDBMutex, gOwnMutex);
     if (queue.tail == nullptr)
     {
         queue.head = node;
+        Put(Figures().queueOldest, node->came);
     }
     else
     {
@@ -110,7 +125,20 @@ Before Append(QdbEventQueue &queue, QdbEventNode *node)
     }
     queue.tail = node;
     gBusBytes += BusBytesOf(*node);
-    return {gQdbSeqNumber.fetch_add(1), QdbEventQSize.fetch_add(1)};
+    const Before before = {gQdbSeqNumber.fetch_add(1),
+                           QdbEventQSize.fetch_add(1)};
+    CountLength(before.size + 1);
+    return before;
+}
+
+// A record that finds no memory for its node, with the objects in it.
+void CountLost(const DataEventHeader *record)
+{
+    CountOne(Figures().dropped, DropCause::NoMemory);
+    if (record != nullptr)
+    {
+        CountFates(RoadOf(*record), Fate::NoMemory, ObjectsIn(*record));
+    }
 }
 
 // What every record goes through; without a node it is lost.
@@ -124,6 +152,7 @@ void Enqueue(QdbEventQueue &queue, QdbEventNode *node, DataEventHeader *record)
     }
     else
     {
+        CountLost(record);
         FreeRecord(record);
     }
     LogExit("QdbenQueue");
@@ -139,6 +168,7 @@ QdbEventNode *TakeHead(QdbEventQueue &queue)
     {
         queue.tail = nullptr;
     }
+    Put(Figures().queueOldest, queue.head == nullptr ? 0 : queue.head->came);
     gBusBytes -= BusBytesOf(*node);
     return node;
 }
@@ -153,7 +183,7 @@ QdbEventNode *QdbnewNode(DataEventHeader *data, int seqNo)
         return nullptr;
     }
     LogEntry("QdbnewNode");
-    *node = {data, seqNo, nullptr, 0};
+    *node = {data, seqNo, nullptr, MomentNow(), 0};
     LogExit("QdbnewNode");
     return node;
 }
@@ -161,6 +191,10 @@ QdbEventNode *QdbnewNode(DataEventHeader *data, int seqNo)
 void QdbenQueue(QdbEventQueue *queue, DataEventHeader *record)
 {
     LogEntry("QdbenQueue");
+    if (record != nullptr)
+    {
+        CountArrivals(RoadOf(*record), ObjectsIn(*record));
+    }
     Enqueue(*queue, QdbnewNode(record, gQdbSeqNumber), record);
 }
 
@@ -185,6 +219,7 @@ QdbEventNode *QdbdeQueue(QdbEventQueue *queue)
             node->taken = Tick();
             LogExit("QdbdeQueue");
             sizeBefore = QdbEventQSize.fetch_sub(1);
+            CountLength(sizeBefore - 1);
             if (sizeBefore - 1 <= kBacklogWorkedOff)
             {
                 gSkipConstraintCheck = 0;
@@ -206,7 +241,7 @@ void QueueStopRecords()
     for (size_t i = 0; i < gStopNodes.size(); ++i)
     {
         LogEntry("QdbenQueue");
-        gStopNodes[i] = {&gStopRecords[i], gQdbSeqNumber, nullptr, 0};
+        gStopNodes[i] = {&gStopRecords[i], gQdbSeqNumber, nullptr, 0, 0};
         Enqueue(*gQdbEventQueue, &gStopNodes[i], &gStopRecords[i]);
     }
 }

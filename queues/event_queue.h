@@ -21,6 +21,7 @@ struct QdbEventNode
     DataEventHeader *data;
     int seqNo; // for the log alone; two nodes may carry the same number
     QdbEventNode *next;
+    uint64_t came;  // the moment of core/statistics.h
     uint64_t taken; // the tick of core/object_order.h at which it was taken
 };
 

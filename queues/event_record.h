@@ -6,6 +6,7 @@
 // evtSize, and the owner of a record guarantees that evtSize bytes are there.
 #pragma once
 
+#include "core/statistics.h"
 #include "platform/zoil.h"
 
 #include <cstdint>
@@ -64,6 +65,16 @@ inline constexpr uint32_t kObjCountAt = 16;
 inline constexpr uint32_t kFirstOidAt = 20;
 inline constexpr uint32_t kMaxObjCount = 4000;
 
+// How many OIDs a list has; nothing when it can't be so many.
+inline std::optional<uint32_t> ObjectCount(const DataEventHeader &record)
+{
+    const uint32_t count = RecordWord(record, kObjCountAt).value_or(0);
+    return count > kMaxObjCount ||
+                   kFirstOidAt + count * sizeof(uint32_t) > record.evtSize
+               ? std::nullopt
+               : std::optional(count);
+}
+
 // Status changes, type 4: a whole object from 20 on.
 inline constexpr uint32_t kStatusObjectAt = 20;
 inline constexpr uint32_t kMinStatusObjectSize = 16;
@@ -91,5 +102,35 @@ inline constexpr uint32_t kBusOidAt = 20;
 inline constexpr uint32_t kBusPathOffsetAt = 24;
 inline constexpr uint32_t kBusInterfaceOffsetAt = 28;
 inline constexpr uint32_t kBusFixedSize = 32;
+
+// How many objects a record on the queue is about, for the books.
+inline uint32_t ObjectsIn(const DataEventHeader &record)
+{
+    switch (record.evtType)
+    {
+    case DATA_EVENT_DATA_OBJ_DIRTY_LIST:
+    case DATA_EVENT_DATA_OBJ_CREATE:
+    case DATA_EVENT_DATA_OBJ_DESTROY:
+        return ObjectCount(record).value_or(0);
+    case DATA_EVENT_OBJ_STATUS_CHG:
+        return 1;
+    case DATA_EVENT_DBUS_TO_QDB:
+        // A restart of the configuration manager names none.
+        return static_cast<uint16_t>(
+                   RecordWord(record, kBusEventTypeAt).value_or(0)) ==
+                       DATA_EVENT_POP_UNLOADED
+                   ? 0
+                   : 1;
+    default:
+        return 0;
+    }
+}
+
+// The road that they are on.
+inline Road RoadOf(const DataEventHeader &record)
+{
+    return record.evtType == DATA_EVENT_DBUS_TO_QDB ? Road::Bus
+                                                    : Road::DataManager;
+}
 
 } // namespace qdb

@@ -1,6 +1,7 @@
 // See the header for what `count` means; the lines that keep it so are marked.
 #include "queues/fail_queue.h"
 
+#include "core/fate.h"
 #include "core/lock.h"
 #include "core/log.h"
 
@@ -38,6 +39,9 @@ void QdbFailenQueue(FailQueue *queue, uint32_t oid, FailedOperation operation,
                            "QdbFailQNode");
         return;
     }
+    NoteFate(Fate::Kept);
+    Count(Figures().failedKept);
+    Count(Figures().failedWaiting);
     const LeafLock lock(gMutex);
     // Invariant 1: the first node of an empty queue isn't counted, so that the
     // -1 of a queue just emptied lasts until the next drain finds it.
@@ -69,6 +73,9 @@ QdbFailQNode *QdbFaildeQueue(FailQueue *queue)
     {
         queue->tail = nullptr;
     }
+    Count(Figures().failedTaken);
+    Uncount(Figures().failedWaiting);
+    CountArrivals(Road::Drain, 1);
     // Down to -1 with the last node, which was never counted.
     --queue->count;
     return node;

@@ -1,5 +1,6 @@
 #include "reconcile/count_check.h"
 
+#include "core/fate.h"
 #include "core/log.h"
 #include "core/platform_ptr.h"
 #include "core/state.h"
@@ -196,6 +197,7 @@ int VisitObject(const RecreateRow &row, uint32_t oid, ObjectPtr object,
             kName, refresh, recreate);
     if (!recreate && !refresh)
     {
+        NoteFate(Fate::Unchanged);
         return returnStatus;
     }
     const ObjTypeRow &handlers = *FindRow(row.objType);
@@ -215,6 +217,7 @@ int WalkObjects(const RecreateRow &row, const OidList &list, bool recreate)
     int status = SQLITE_OK;
     for (const uint32_t oid : list.Oids())
     {
+        const BookEntry entry(Road::Reload);
         ObjectPtr object = FetchObject(oid);
         if (object == nullptr)
         {

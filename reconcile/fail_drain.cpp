@@ -1,5 +1,6 @@
 #include "reconcile/fail_drain.h"
 
+#include "core/fate.h"
 #include "core/log.h"
 #include "core/platform_ptr.h"
 #include "core/state.h"
@@ -110,6 +111,7 @@ int Repeat(const Repetition &what)
 
 void DrainNode(const QdbFailQNode &node)
 {
+    const BookEntry entry(Road::Drain, Arrival::Counted);
     LOG_DRAIN("Fail Dequeue Entry Processing for OID=0x%x\n", node.oid);
     const ObjectPtr object = FetchObject(node.oid);
     if (object == nullptr)

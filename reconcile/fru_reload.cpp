@@ -1,5 +1,6 @@
 #include "reconcile/fru_reload.h"
 
+#include "core/fate.h"
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/platform_ptr.h"
@@ -164,6 +165,7 @@ void RefreshWithRetry(uint32_t oid, ObjectPtr object,
 
 void VisitFru(uint32_t oid, int *pStatus)
 {
+    const BookEntry entry(Road::Reload);
     ObjectPtr object = FetchListed("ReLoadFRUNCObjects", oid, pStatus);
     if (object == nullptr)
     {
@@ -181,6 +183,7 @@ void VisitFru(uint32_t oid, int *pStatus)
         FetchParent(object.get(), nullptr, "ReLoadFRUNCObjects ");
     if (!refresh)
     {
+        NoteFate(Fate::Unchanged);
         QDB_LOG(kLogTrace,
                 "%s: ReLoadFRUNCObjects: OID = %x Refresh skipped as cached "
                 "data is same\n",

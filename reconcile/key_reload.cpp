@@ -1,5 +1,6 @@
 #include "reconcile/key_reload.h"
 
+#include "core/fate.h"
 #include "core/log.h"
 #include "core/object_order.h"
 #include "core/status.h"
@@ -46,11 +47,13 @@ int ReLoadKeyBasedNCObjects()
     QDB_LOG(kLogTrace, "%s: Entering ReLoadKeyBasedNCObjects \n");
     QDB_LOG(kLogTrace, "%s: ReLoadKeyBasedNCObjects: key=%s\n",
             gSystemInfo.key);
+    const BookEntry entry(Road::Reload);
     ObjectPtr object = FetchKeyedObject();
     if (object == nullptr)
     {
         return ZO_STATUS_NO_SUCH_OBJECT;
     }
+    NoteFate(Fate::Unchanged);
     int status = SQLITE_OK;
     const RowWrite write = ChooseWrite(gSystemInfo, object.get(), kReload);
     if (write != RowWrite::None)
@@ -65,6 +68,7 @@ int ReLoadKeyBasedNCObject(ObjectPtr object, KeyedRow &row, RowWrite write)
 {
     if (!row.cached.Store(object.get()))
     {
+        NoteFate(Fate::NoMemory);
         QDB_LOG(kLogError,
                 "%s: ReLoadKeyBasedNCObjects: Memory allocation failed\n");
         return kNoMemory;

@@ -1,5 +1,6 @@
 #include "reconcile/memory_reload.h"
 
+#include "core/fate.h"
 #include "core/log.h"
 #include "core/platform_ptr.h"
 #include "core/status.h"
@@ -184,6 +185,7 @@ void Check(const Visit &visit, Findings *pFindings)
 
 void VisitObject(Pass &pass, const ObjTypeRow &row, uint32_t oid)
 {
+    const BookEntry entry(Road::Reload);
     ObjectPtr object = FetchListed("ReLoadNCObjects", oid, &pass.returnStatus);
     if (object == nullptr)
     {
@@ -197,6 +199,7 @@ void VisitObject(Pass &pass, const ObjTypeRow &row, uint32_t oid)
             pass.findings.powerRefresh);
     QDB_LOG(kLogTrace, "%s:  p_Power_State_create_need = %d \n",
             pass.findings.powerCreate);
+    NoteFate(Fate::Unchanged);
     if (IsSkipped(visit, pass.findings))
     {
         return;

@@ -5,6 +5,7 @@
 #include "core/log.h"
 #include "core/sleep.h"
 #include "core/state.h"
+#include "core/statistics.h"
 #include "core/status.h"
 #include "reconcile/count_check.h"
 #include "reconcile/reloads.h"
@@ -114,6 +115,8 @@ bool RunReloads()
 // One pass. False when the thread is to end.
 bool RunPass()
 {
+    const uint64_t began = MomentNow();
+    Put(Figures().passBegan, began);
     if (!RunReloads())
     {
         return false;
@@ -123,6 +126,8 @@ bool RunPass()
         static_cast<void>(CheckDMObjCountandReCreateEntries());
     }
     malloc_trim(0);
+    Count(Figures().passes);
+    Put(Figures().passNanoseconds, MomentNow() - began);
     QDB_LOG(kLogPass, "%s: handle_QuillonDB_NC_Event_Request end of loop "
                       "\n");
     return true;

@@ -2,6 +2,7 @@
 
 #include "config/bus_rows.h"
 #include "config/config_load.h"
+#include "core/fate.h"
 #include "core/log.h"
 #include "core/status.h"
 #include "core/supervisor.h"
@@ -44,6 +45,7 @@ void CreateWithRetry(Walk &walk, const ObjTypeRow &row, uint32_t oid,
 
 void VisitObject(Walk &walk, const ObjTypeRow &row, uint32_t oid)
 {
+    const BookEntry entry(Road::Population, Arrival::Counted);
     ObjectPtr object = FetchListed(walk.function, oid, &walk.returnStatus);
     if (object == nullptr)
     {
@@ -61,12 +63,15 @@ void VisitObject(Walk &walk, const ObjTypeRow &row, uint32_t oid)
 void VisitObjects(Walk &walk, const ObjTypeRow &row, const OidList &list)
 {
     const WorkAhead more;
+    CountArrivals(Road::Population, list.Oids().size());
+    ListEntry entry(Road::Population, list.Oids().size());
     for (const uint32_t oid : list.Oids())
     {
         if (StopRequested())
         {
             return;
         }
+        entry.TakeOne();
         VisitObject(walk, row, oid);
     }
 }
@@ -150,6 +155,8 @@ int OnLoadObjectsCreation()
         if (IsFirstOfType(row))
         {
             TellStatus("filling: %td of %td types", ++types, all);
+            Put(Figures().typesFilled, static_cast<uint64_t>(types));
+            Put(Figures().types, static_cast<uint64_t>(all));
         }
         VisitRow(walk, row, groups);
     }

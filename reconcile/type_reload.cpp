@@ -1,5 +1,6 @@
 #include "reconcile/type_reload.h"
 
+#include "core/fate.h"
 #include "core/log.h"
 #include "core/status.h"
 #include "db/clearing.h"
@@ -93,6 +94,7 @@ bool Differs(const TypeRow &row, const DataObjHeader *pDOH)
 
 void VisitObject(size_t rowIndex, uint32_t oid, int *pStatus)
 {
+    const BookEntry entry(Road::Reload);
     TypeRow &row = ObjTypeBasedNCObjTable[rowIndex];
     const ObjectPtr object = FetchObject(oid);
     if (object == nullptr)
@@ -111,6 +113,7 @@ void VisitObject(size_t rowIndex, uint32_t oid, int *pStatus)
             object->objType, object->objType);
     const ObjectPtr parent =
         FetchParent(object.get(), nullptr, "ObjTypeBasedNCObjects ");
+    NoteFate(Fate::Unchanged);
     if (Differs(row, object.get()))
     {
         *pStatus = ObjTypeBasedNCObjRefreshHandling(object.get(), parent.get(),
@@ -185,6 +188,7 @@ int ObjTypeBasedNCObjRefreshHandling(const DataObjHeader *pDOH,
     }
     if (!row.cached.Store(pDOH))
     {
+        NoteFate(Fate::NoMemory);
         QDB_LOG(kLogError, "%s: ObjTypeBasedNCObjRefreshHandling: Memory "
                            "allocation failed\n");
         return kNoMemory;

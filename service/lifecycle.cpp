@@ -12,9 +12,11 @@
 #include "config/raw_data.h"
 #include "core/gate.h"
 #include "core/log.h"
+#include "core/paths.h"
 #include "core/ready.h"
 #include "core/sleep.h"
 #include "core/state.h"
+#include "core/statistics.h"
 #include "core/status.h"
 #include "core/supervisor.h"
 #include "core/threads.h"
@@ -39,6 +41,7 @@
 #include <signal.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 namespace qdb
@@ -80,11 +83,23 @@ bool AllocateQueues()
     return gQdbEventQueue != nullptr && gFailQueue != nullptr;
 }
 
+void OpenFigures()
+{
+    if (const int error = OpenStatistics(StatisticsPath().text))
+    {
+        QDB_LOG(kLogWarning, "%s: no statistics file: %s\n",
+                strerrordesc_np(error));
+    }
+    Put(Figures().started, MomentNow());
+    EnterPhase(Phase::Starting);
+}
+
 // Up to the first event that may arrive; false when the Data Manager refuses
 // the listener.
 bool Prepare()
 {
     LogEntry("main");
+    OpenFigures();
     ClearReadiness();
     CreateMutex(gQdbDBMutex, "gQdbDBMutex");
     CreateMutex(gNamedPipeMutex, "gNamedPipeMutex");
@@ -102,6 +117,10 @@ bool OpenDatabase()
     }
     QDB_LOG(kLogTrace, "%s: QDVDBInit() success.");
     sem_init(&gSqliteCorruptSem, 0, 0);
+    if (kCounts)
+    {
+        CountRows();
+    }
     sqlite3_update_hook(QDVdbHandle, TelemetryUpdateHook, nullptr);
     return true;
 }
@@ -109,6 +128,7 @@ bool OpenDatabase()
 // Fills the tables; a corrupt database ends the process on the spot.
 void Populate()
 {
+    EnterPhase(Phase::Filling);
     const int status = OnLoadObjectsCreation();
     if (status == SQLITE_CORRUPT)
     {
@@ -230,6 +250,7 @@ bool StartUp(QdbWorkerArg *arguments)
     if (!StopRequested())
     {
         PublishReadiness();
+        EnterPhase(Phase::Running);
         if (IsSupervised())
         {
             TellOfMirror();

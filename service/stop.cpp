@@ -5,6 +5,7 @@
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/state.h"
+#include "core/statistics.h"
 #include "core/supervisor.h"
 #include "core/threads.h"
 #include "db/busy_wait.h"
@@ -116,6 +117,7 @@ void StopService()
 {
     // First of all, since the watch counts from here.
     RequestStop();
+    EnterPhase(Phase::Stopping);
     // Before the stop records: what is queued behind them nobody takes. It may
     // hang in the platform; the watch goes on with EndThreads then.
     RemoveListener();

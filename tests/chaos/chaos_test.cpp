@@ -13,6 +13,7 @@
 #include "tests/support/private_bus.h"
 #include "tests/support/wait.h"
 #include "tools/audit/audit.h"
+#include "tools/qdb/statistics.h"
 
 #include <gtest/gtest.h>
 
@@ -142,6 +143,34 @@ void JudgeAmidst(Chaos &chaos)
     }
 }
 
+// What the service has counted agrees with itself and with the tables.
+std::string JudgeBooks(const Driver &driver)
+{
+    const test::TempRoot &root = driver.Service().Root();
+    const auto statistics = tool::ReadStatistics(root.Statistics());
+    if (!statistics || !statistics->isRunning)
+    {
+        return "no statistics";
+    }
+    std::string wrong;
+    for (const std::string &road : tool::Unbalanced(*statistics))
+    {
+        wrong += road + "\n";
+    }
+    for (const tool::Series &table : statistics->Find("table_rows")->series)
+    {
+        const std::string name(table.Label("table"));
+        const std::string rows = test::QueryValue(
+            root.Database(), "SELECT count(*) FROM " + name);
+        if (rows != std::to_string(table.Count()))
+        {
+            wrong += name + " has " + rows + " rows, " +
+                     std::to_string(table.Count()) + " counted\n";
+        }
+    }
+    return wrong;
+}
+
 void RunRound(double seconds, Chaos &chaos)
 {
     constexpr size_t kEpochsBetweenLooks = 3;
@@ -170,14 +199,14 @@ void RunRound(double seconds, Chaos &chaos)
     std::fflush(stdout); // somebody may be waiting for an hour
     Judge(report, chaos.world, true);
     // Passes go on, and what they do is told a moment later.
-    std::string signals;
+    std::string wrong;
     EXPECT_TRUE(test::WaitUntil(
         [&]
         {
-            signals = chaos.JudgeSignals();
-            return signals.empty();
+            wrong = chaos.JudgeSignals() + JudgeBooks(chaos.driver);
+            return wrong.empty();
         }))
-        << signals;
+        << wrong;
     EXPECT_EQ(chaos.signalFault, "");
 }
 

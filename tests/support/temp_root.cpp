@@ -51,6 +51,11 @@ std::string TempRoot::Database() const
     return path_ + "/var/run/quillondatabase/DMLiveObjectDatabase.db";
 }
 
+std::string TempRoot::Statistics() const
+{
+    return path_ + "/var/run/quillondatabase/statistics";
+}
+
 std::string TempRoot::Pipe() const
 {
     return path_ + "/var/run/telemetryservice/qdbtdbipcpipe";

@@ -22,6 +22,7 @@ class TempRoot
         return path_;
     }
     std::string Database() const;
+    std::string Statistics() const;
     std::string Pipe() const;
 
     // Makes the database file anew, with the schema and no rows.

@@ -95,6 +95,7 @@ std::string Judge(const Auditor &auditor, const Fault &fault)
     const Kind &kind = fault.kind;
     const bool mayOrphan = kind.call == Call::Step && fault.forGood;
     const int patienceMs = kind.leavesStuck || mayOrphan ? kShortMs : kWholeMs;
+    AwaitEndOfFault();
     const bool isDeaf = !AnnounceAll() && kind.mayEnd;
     audit::Report found;
     bool isRight = AwaitRows(auditor, isDeaf, patienceMs, &found);

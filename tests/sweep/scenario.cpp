@@ -3,6 +3,7 @@
 #include "core/ready.h"
 #include "core/sleep.h"
 #include "core/state.h"
+#include "core/statistics.h"
 #include "queues/event_queue.h"
 #include "standin/standin.h"
 #include "tests/support/change_listener.h"
@@ -92,8 +93,26 @@ void AwaitRest()
     Await(
         []
         {
-            return standin::WaitDelivered(1) && QdbEventQSize == 0;
+            return standin::WaitDelivered(1) && QdbEventQSize == 0 &&
+                   std::ranges::all_of(Figures().workerBusySince,
+                                       [](const Cell &since)
+                                       {
+                                           return since == 0;
+                                       });
         });
+}
+
+// So many more have ended, which come at once.
+void AwaitPasses(int count)
+{
+    const int before = gPasses;
+    gWantsPass = true;
+    Await(
+        [=]
+        {
+            return gPasses >= before + count;
+        });
+    gWantsPass = false;
 }
 
 const test::TempRoot *gRoot = nullptr;
@@ -193,14 +212,7 @@ void PlayPass()
     standin::DeleteObjects(Words{kBezel}, false);
     PutObject(kObjects[0], kStatus + 2 * kNew, false);
     PutSetting(kSeenSetting, R"({"DisplayName":"other"})");
-    const int before = gPasses;
-    gWantsPass = true;
-    Await(
-        [=]
-        {
-            return gPasses > before;
-        });
-    gWantsPass = false;
+    AwaitPasses(1);
 }
 
 void Detach()
@@ -241,6 +253,12 @@ void DetachAndAttach()
 {
     Detach();
     standin::Attach();
+    AwaitRest();
+}
+
+void AwaitEndOfFault()
+{
+    AwaitPasses(2);
     AwaitRest();
 }
 

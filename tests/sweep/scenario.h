@@ -23,6 +23,10 @@ void Begin(const test::TempRoot &root);
 // keeps the service from going on.
 void Play();
 
+// Waits until what began while something failed has ended: a pass, and what
+// workers have in hand.
+void AwaitEndOfFault();
+
 // Tells of the end and the creation of all objects and attributes that there
 // were and are, and waits until the service has heard it. False when it hears
 // nothing from the bus.

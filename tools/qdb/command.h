@@ -41,6 +41,7 @@ using Work = std::function<int()>;
 void AddReadCommands(CLI::App &app, Work *pWork);
 void AddWatchCommand(CLI::App &app, Work *pWork);
 void AddWaitCommand(CLI::App &app, Work *pWork);
+void AddStatusCommand(CLI::App &app, Work *pWork);
 
 // create, sql and markdown. `name` is what their errors begin with.
 void AddSchemaCommands(CLI::App &app, const std::string &name, Work *pWork);

@@ -43,11 +43,13 @@ int RunAll(int argc, char **argv)
     Work work;
     CLI::App app("Looks at QuillonDB's mirror of a server's hardware.", "qdb");
     app.footer("Exit status: 0 fine, 1 failed or not found, 2 wrong usage, 3 "
-               "not in time (wait).\nMore: qdb COMMAND --help, and qdb(1).");
+               "not in time (wait) or not running (status).\nMore: qdb COMMAND "
+               "--help, and qdb(1).");
     app.require_subcommand(1);
     AddReadCommands(app, &work);
     AddWatchCommand(app, &work);
     AddWaitCommand(app, &work);
+    AddStatusCommand(app, &work);
     CLI::App *schema = app.add_subcommand(
         "schema", "make the database's file, or print what is in it");
     AddSchemaCommands(*schema, "qdb schema", &work);

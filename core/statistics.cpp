@@ -1,0 +1,210 @@
+#include "core/statistics.h"
+
+#include "core/statistics_families.h"
+#include "core/waiting.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+namespace qdb
+{
+namespace
+{
+
+Statistics gUnseen;
+
+// The whole file.
+struct Image
+{
+    StatisticsHeader header;
+    StatisticsFamily families[kFamilyCount];
+    StatisticsSeries series[kSeriesCount];
+    Statistics figures;
+};
+static_assert(offsetof(Image, figures) % sizeof(Cell) == 0);
+
+class FileDescriptor
+{
+  public:
+    explicit FileDescriptor(int fd) : fd_(fd)
+    {
+    }
+    ~FileDescriptor()
+    {
+        if (fd_ >= 0)
+        {
+            close(fd_);
+        }
+    }
+    FileDescriptor(const FileDescriptor &) = delete;
+    FileDescriptor &operator=(const FileDescriptor &) = delete;
+
+    int Get() const
+    {
+        return fd_;
+    }
+    void Keep()
+    {
+        fd_ = -1;
+    }
+
+  private:
+    int fd_;
+};
+
+// With all its blocks, since a write to a page that finds no room is a SIGBUS.
+// Locked for the life of the process, as the format promises. 0 or errno.
+int Fill(int fd)
+{
+    constexpr mode_t kForEverybody = 0644;
+    flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_len = 1;
+    if (fchmod(fd, kForEverybody) != 0 || fcntl(fd, F_SETLK, &lock) != 0)
+    {
+        return errno;
+    }
+    return posix_fallocate(fd, 0, sizeof(Image));
+}
+
+int Map(const FileDescriptor &file, Image **ppImage)
+{
+    if (file.Get() < 0)
+    {
+        return errno;
+    }
+    if (const int error = Fill(file.Get()))
+    {
+        return error;
+    }
+    void *memory = mmap(nullptr, sizeof(Image), PROT_READ | PROT_WRITE,
+                        MAP_SHARED, file.Get(), 0);
+    if (memory == MAP_FAILED)
+    {
+        return errno;
+    }
+    *ppImage = new (memory) Image{};
+    return 0;
+}
+
+void Describe(Image *pImage)
+{
+    constexpr auto cellCount =
+        static_cast<uint32_t>(sizeof(Statistics) / sizeof(Cell));
+    DescribeFamilies(pImage->families, pImage->series);
+    StatisticsHeader &header = pImage->header;
+    header.version = kStatisticsVersion;
+    header.pid = static_cast<uint32_t>(getpid());
+    header.families = {offsetof(Image, families), kFamilyCount,
+                       sizeof(StatisticsFamily)};
+    header.series = {offsetof(Image, series), kSeriesCount,
+                     sizeof(StatisticsSeries)};
+    header.cells = {offsetof(Image, figures), cellCount, sizeof(Cell)};
+    std::atomic_thread_fence(std::memory_order_release);
+    std::memcpy(header.magic, kStatisticsMagic, sizeof(header.magic));
+}
+
+// kCountedTables for one that isn't counted.
+size_t IndexOf(const char *table)
+{
+    const auto found = std::ranges::lower_bound(figures::kTables, table);
+    return found != figures::kTables.end() && *found == table
+               ? static_cast<size_t>(found - figures::kTables.begin())
+               : kCountedTables;
+}
+
+} // namespace
+
+Statistics *gStatistics = &gUnseen;
+constinit thread_local uint64_t tEventCame = 0;
+
+uint64_t MomentNow()
+{
+    return kCounts ? static_cast<uint64_t>(NowNanoseconds()) : 0;
+}
+
+void EnterPhase(Phase phase)
+{
+    Put(Figures().phase, static_cast<uint64_t>(phase));
+    Put(Figures().phaseSince, MomentNow());
+}
+
+void CountEvent(EventKind kind)
+{
+    CountOne(Figures().received, kind);
+    Put(Figures().lastEvent, MomentNow());
+}
+
+void CountSince(Histogram &histogram, uint64_t moment)
+{
+    if (!kCounts || moment == 0)
+    {
+        return;
+    }
+    constexpr uint64_t kMicrosecond = 1000;
+    const uint64_t took = MomentNow() - moment;
+    const auto bucket =
+        static_cast<size_t>(std::bit_width(took / kMicrosecond));
+    Count(histogram[std::min<size_t>(bucket, kHistogramBuckets - 1)]);
+    Count(histogram[kHistogramBuckets], took);
+}
+
+void CountRowChange(const char *table, int rowsMore)
+{
+    const size_t index = kCounts ? IndexOf(table) : kCountedTables;
+    if (index == kCountedTables)
+    {
+        return;
+    }
+    Count(Figures().tableRows[index], static_cast<uint64_t>(int64_t{rowsMore}));
+    Count(Figures().tableChanges[index]);
+    Put(Figures().tableChanged[index], MomentNow());
+}
+
+std::span<const std::string_view> CountedTables()
+{
+    return figures::kTables;
+}
+
+void PutRows(const char *table, uint64_t rows)
+{
+    if (const size_t index = IndexOf(table); index < kCountedTables)
+    {
+        Put(Figures().tableRows[index], rows);
+    }
+}
+
+int OpenStatistics(const char *path)
+{
+    if (!kCounts)
+    {
+        return 0;
+    }
+    // A reader that still maps the old file keeps that.
+    if (unlink(path) != 0 && errno != ENOENT)
+    {
+        return errno;
+    }
+    FileDescriptor file(
+        open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    Image *image = nullptr;
+    if (const int error = Map(file, &image))
+    {
+        return error;
+    }
+    Describe(image);
+    gStatistics = &image->figures;
+    file.Keep();
+    return 0;
+}
+
+} // namespace qdb
