@@ -231,14 +231,17 @@ uint64_t Statistics::Value(std::string_view name, std::string_view label) const
     return 0;
 }
 
-uint64_t Statistics::Sum(std::string_view name, std::string_view label) const
+uint64_t Statistics::Sum(std::string_view name, std::string_view label,
+                         std::string_view butNot) const
 {
     uint64_t sum = 0;
     if (const Family *family = Find(name))
     {
         for (const Series &series : family->series)
         {
-            sum += Holds(series, label) ? series.Count() : 0;
+            const bool counts = Holds(series, label) &&
+                                (butNot.empty() || !Holds(series, butNot));
+            sum += counts ? series.Count() : 0;
         }
     }
     return sum;

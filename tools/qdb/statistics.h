@@ -48,8 +48,10 @@ struct Statistics
     // first one of all; 0 without one.
     uint64_t Value(std::string_view name, std::string_view label = {}) const;
 
-    // The sum over all series whose labels hold `label`.
-    uint64_t Sum(std::string_view name, std::string_view label = {}) const;
+    // The sum over all series whose labels hold `label`, and not `butNot`
+    // unless that is empty.
+    uint64_t Sum(std::string_view name, std::string_view label = {},
+                 std::string_view butNot = {}) const;
 };
 
 // Nothing when there is no file. Throws std::runtime_error, with the reason,

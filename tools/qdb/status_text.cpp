@@ -68,9 +68,10 @@ struct Looks
     const Statistics &now;
     const Statistics *before;
 
-    uint64_t Sum(const char *name, const char *label = "") const
+    uint64_t Sum(const char *name, const char *label = "",
+                 const char *butNot = "") const
     {
-        return now.Sum(name, label);
+        return now.Sum(name, label, butNot);
     }
     std::string Ago(const char *name) const
     {
@@ -80,20 +81,23 @@ struct Looks
                    : Duration(now.now - moment) + " ago";
     }
     // " (12.0/s)", or nothing.
-    std::string Rate(const char *name, const char *label = "") const
+    std::string Rate(const char *name, const char *label,
+                     const char *butNot) const
     {
         if (before == nullptr || now.now <= before->now)
         {
             return {};
         }
-        const uint64_t more = now.Sum(name, label) - before->Sum(name, label);
+        const uint64_t more =
+            now.Sum(name, label, butNot) - before->Sum(name, label, butNot);
         const double seconds =
             static_cast<double>(now.now - before->now) / kNanoseconds;
         return Format(" (%.1f/s)", static_cast<double>(more) / seconds);
     }
-    std::string Counted(const char *name, const char *label = "") const
+    std::string Counted(const char *name, const char *label = "",
+                        const char *butNot = "") const
     {
-        return Grouped(Sum(name, label)) + Rate(name, label);
+        return Grouped(Sum(name, label, butNot)) + Rate(name, label, butNot);
     }
 };
 
@@ -194,7 +198,12 @@ struct Trouble
     const char *family;
     const char *label; // of the series that count
     const char *words; // behind the number
+    const char *butNot = "";
 };
+
+// A reload also looks for what a server hasn't got, and finds what population
+// has made.
+constexpr char kReload[] = "road=\"reload\"";
 
 constexpr Trouble kTroubles[] = {
     {"events_dropped", "malformed", "events dropped: malformed"},
@@ -202,11 +211,10 @@ constexpr Trouble kTroubles[] = {
     {"events_dropped", "over_bound",
      "events from the bus dropped: too many wait already"},
     {"events_dropped", "unknown_type", "events dropped: of unknown type"},
-    {"objects", "fate=\"vanished\"", "objects given up: vanished"},
+    {"objects", "fate=\"vanished\"", "objects given up: vanished", kReload},
     {"objects", "fate=\"busy\"", "objects given up: the database was busy"},
-    // A reload finds what population has made, and that is no trouble.
-    {"objects", "data_manager\",fate=\"constraint\"",
-     "objects left as they were: their OID is in use"},
+    {"objects", "fate=\"constraint\"",
+     "objects left as they were: their OID is in use", kReload},
     {"objects", "fate=\"invalid\"", "objects given up: not readable"},
     {"objects", "fate=\"no_memory\"", "objects given up: no memory"},
     {"objects", "fate=\"failed\"", "objects given up: see the log"},
@@ -227,10 +235,12 @@ std::string Unusual(const Looks &looks)
     std::string text;
     for (const Trouble &trouble : kTroubles)
     {
-        if (looks.Sum(trouble.family, trouble.label) != 0)
+        if (looks.Sum(trouble.family, trouble.label, trouble.butNot) != 0)
         {
-            text += "  " + looks.Counted(trouble.family, trouble.label) + " " +
-                    trouble.words + "\n";
+            text +=
+                "  " +
+                looks.Counted(trouble.family, trouble.label, trouble.butNot) +
+                " " + trouble.words + "\n";
         }
     }
     if (const size_t stuck = BusyFor(looks.now, kStuck))
