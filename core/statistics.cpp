@@ -124,7 +124,7 @@ size_t IndexOf(const char *table)
 
 } // namespace
 
-Statistics *gStatistics = &gUnseen;
+constinit std::atomic<Statistics *> gStatistics = &gUnseen;
 constinit thread_local uint64_t tEventCame = 0;
 
 uint64_t MomentNow()

@@ -172,12 +172,12 @@ struct Statistics
     std::array<Cell, kCountedTables> tableChanged;
 };
 
-// Set by OpenStatistics, before any other thread starts.
-extern Statistics *gStatistics;
+// Set by OpenStatistics.
+extern std::atomic<Statistics *> gStatistics;
 
 inline Statistics &Figures()
 {
-    return *gStatistics;
+    return *gStatistics.load(std::memory_order_acquire);
 }
 
 inline void Count(Cell &cell, uint64_t more = 1)
@@ -239,7 +239,7 @@ void PutRows(const char *table, uint64_t rows);
 
 // Makes the file anew, whatever is there under its name, and counts in it from
 // here on. Returns 0 or what failed, as errno has it; counting goes on in
-// memory then. Once, before any thread starts.
+// memory then. Once, before anything is counted.
 int OpenStatistics(const char *path);
 
 } // namespace qdb
