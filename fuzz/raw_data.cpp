@@ -76,16 +76,9 @@ std::string Base64(Bytes content)
     return text;
 }
 
-bool IsMarked(std::string key)
+bool IsMarked(const std::string &key)
 {
-    std::ranges::transform(key, key.begin(),
-                           [](char c)
-                           {
-                               return c >= 'A' && c <= 'Z'
-                                          ? static_cast<char>(c + 32)
-                                          : c;
-                           });
-    return key.find("apprawdata") != std::string::npos;
+    return sqlite3_strlike("%apprawdata%", key.c_str(), 0) == 0;
 }
 
 std::string InCapitals(std::string key)

@@ -289,25 +289,14 @@ TEST(Translation, HoldsStrangersToSixteenMebibytes)
         size_t texts; // bytes of each record's texts
         const char *line;
     } kCases[] = {
-        {[&]
-         {
-             return qdb_signal_notification_callback("i", "InterfacesAdded",
-                                                     longText.c_str(), 5);
-         },
+        // clang-format off
+        {[&] { return qdb_signal_notification_callback("i", "InterfacesAdded", longText.c_str(), 5); },
          60003, "Failed to allocate memory for pDEH\n"},
-        {[]
-         {
-             return qdb_signal_notification_callback("", "PropertiesChanged",
-                                                     "", 0);
-         },
+        {[] { return qdb_signal_notification_callback("", "PropertiesChanged", "", 0); },
          2, "Failed to allocate memory for pDEH\n"},
-        {[&]
-         {
-             return HandleSignalRawDataUpdated("key", longText.c_str());
-         },
-         60005,
-         "HandleSignalRawDataUpdated: failed to alloc memory for data "
-         "event\n"},
+        {[&] { return HandleSignalRawDataUpdated("key", longText.c_str()); },
+         60005, "HandleSignalRawDataUpdated: failed to alloc memory for data event\n"},
+        // clang-format on
     };
     constexpr size_t kMost = 16 << 20;
     for (const auto &c : kCases)

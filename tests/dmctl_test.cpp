@@ -4,16 +4,15 @@
 #include "platform/zoil.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/standin_socket.h"
+#include "tests/support/text.h"
 #include "tests/support/wait.h"
 
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <memory>
-#include <regex>
 #include <thread>
 
 namespace qdb::test
@@ -25,20 +24,7 @@ namespace
 // What a run of the program prints, and "exit N" behind it unless N is 0.
 std::string Dmctl(const std::string &arguments)
 {
-    const char *program = getenv("QDB_TEST_DMCTL");
-    EXPECT_NE(program, nullptr);
-    const std::string command =
-        std::string(program) + ' ' + arguments + " 2>&1";
-    FILE *output = popen(command.c_str(), "r");
-    std::string text;
-    for (int c = fgetc(output); c != EOF; c = fgetc(output))
-    {
-        text += static_cast<char>(c);
-    }
-    const int status = pclose(output);
-    return status == 0
-               ? text
-               : text + "exit " + std::to_string(WEXITSTATUS(status)) + '\n';
+    return OutputOf(Variable("QDB_TEST_DMCTL") + ' ' + arguments + " 2>&1");
 }
 
 // The message's types and values as sd-bus shows them, in one line.
@@ -49,8 +35,7 @@ std::string Content(sd_bus_message *message)
     FILE *file = open_memstream(&text, &size);
     sd_bus_message_dump(message, file, SD_BUS_MESSAGE_DUMP_SUBTREE_ONLY);
     fclose(file);
-    const std::string content =
-        std::regex_replace(text, std::regex("[;\\s]+"), " ");
+    const std::string content = Replaced(text, "[;\\s]+", " ");
     free(text);
     return content;
 }
@@ -241,7 +226,7 @@ TEST_F(DmctlTest, HoldsTheManagersName)
     EXPECT_EQ(Dmctl("cfg own --seconds 0.01"),
               "com.vexo.tarnu.CfgMgr is held\n");
     // The owner's connection has a name of its own.
-    EXPECT_EQ(std::regex_replace(Heard(bus, 2), std::regex(":[0-9.]+"), "X"),
+    EXPECT_EQ(Replaced(Heard(bus, 2), ":[0-9.]+", "X"),
               "NameOwnerChanged /org/freedesktop/DBus org.freedesktop.DBus "
               "STRING \"com.vexo.tarnu.CfgMgr\" STRING \"\" "
               "STRING \"X\" \n"

@@ -1,9 +1,10 @@
 // The examples for readers of the mirror, as they are told to run them: against
 // the real service, on a bus of their own.
 
-#include "tests/support/example.h"
 #include "tests/support/private_bus.h"
+#include "tests/support/program.h"
 #include "tests/support/service_process.h"
+#include "tests/support/text.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -12,7 +13,6 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <regex>
 #include <sstream>
 
 namespace qdb::test
@@ -21,13 +21,6 @@ namespace
 {
 
 using Rows = std::map<std::string, std::string>; // OID to speed
-
-std::string FileText(const std::string &path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 // What has to be found, as regular expressions, in what an example prints from
 // a step on.
@@ -45,30 +38,16 @@ std::vector<Story> Stories()
 {
     const std::string four = "4096 \\d+; 4097 \\d+; 4098 \\d+; ";
     std::vector<Story> stories = {
-        {"copy",
-         {ExampleProgram("copy")},
-         four + "\n",
-         four + "5000 \\d+; \n",
-         "4096 2933; 4097 \\d+; 4098 \\d+; 5000 \\d+; \n",
-         "4096 2933; 4097 \\d+; 4098 \\d+; \n"},
-        {"follow_poll",
-         {ExampleProgram("follow_poll")},
-         "added 4098 \\d+\n",
-         "added 5000 \\d+\n",
-         "changed 4096 2933\n",
-         "removed 5000 "},
-        {"follow_sd_event",
-         {ExampleProgram("follow_sd_event")},
-         "added 4098\n",
-         "added 5000\n",
-         "changed 4096.* Speed \\S+->2933",
-         "removed 5000\n"},
-        {"watch",
-         {SourceOf("client/examples/watch.sh")},
-         "> 4098\\|\\d+\n",
-         "> 5000\\|\\d+\n",
-         "< 4096\\|\\d+\n(.*\n)*> 4096\\|2933\n",
-         "< 5000\\|\\d+\n"},
+        // clang-format off
+        {"copy", {ExampleProgram("copy")}, four + "\n", four + "5000 \\d+; \n",
+         "4096 2933; 4097 \\d+; 4098 \\d+; 5000 \\d+; \n", "4096 2933; 4097 \\d+; 4098 \\d+; \n"},
+        {"follow_poll", {ExampleProgram("follow_poll")},
+         "added 4098 \\d+\n", "added 5000 \\d+\n", "changed 4096 2933\n", "removed 5000 "},
+        {"follow_sd_event", {ExampleProgram("follow_sd_event")},
+         "added 4098\n", "added 5000\n", "changed 4096.* Speed \\S+->2933", "removed 5000\n"},
+        {"watch", {SourceOf("client/examples/watch.sh")},
+         "> 4098\\|\\d+\n", "> 5000\\|\\d+\n", "< 4096\\|\\d+\n(.*\n)*> 4096\\|2933\n", "< 5000\\|\\d+\n"},
+        // clang-format on
     };
     if (!Python().empty())
     {
@@ -86,10 +65,10 @@ TEST(Examples, ShowWhatIsAddedChangedAndRemoved)
     service.Start();
     ASSERT_TRUE(service.WaitReady());
     const std::vector<Story> stories = Stories();
-    std::vector<std::unique_ptr<Example>> examples;
+    std::vector<std::unique_ptr<Program>> examples;
     for (const Story &story : stories)
     {
-        examples.push_back(Follow(story.command, service, story.name));
+        examples.push_back(Follow(story.command, service));
     }
     const struct
     {
@@ -111,12 +90,11 @@ TEST(Examples, ShowWhatIsAddedChangedAndRemoved)
         }
         for (size_t i = 0; i < stories.size(); ++i)
         {
-            const std::regex expected(stories[i].*step.expected);
             EXPECT_TRUE(WaitUntil(
                 [&]
                 {
-                    return std::regex_search(
-                        examples[i]->Output().substr(seen[i]), expected);
+                    return IsIn(examples[i]->Output().substr(seen[i]),
+                                stories[i].*step.expected);
                 }))
                 << stories[i].name << ", "
                 << (step.command == nullptr ? "at first" : step.command)
@@ -225,13 +203,12 @@ TEST(Examples, StayRightWhenTheServiceIsKilledAndStartedAnew)
     };
     const PrivateBus bus;
     ServiceProcess service({.database = false});
-    std::vector<std::unique_ptr<Example>> examples;
+    std::vector<std::unique_ptr<Program>> examples;
     for (const auto &follower : followers)
     {
-        examples.push_back(
-            follower.command[0].empty()
-                ? nullptr
-                : Follow(follower.command, service, follower.name));
+        examples.push_back(follower.command[0].empty()
+                               ? nullptr
+                               : Follow(follower.command, service));
     }
     for (size_t life = 0; life < std::size(lives); ++life)
     {

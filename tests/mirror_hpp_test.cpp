@@ -236,31 +236,13 @@ TEST_F(MirrorHpp, ReadsAndSaysWhyNot)
         int error;
         std::function<void()> call;
     } cases[] = {
-        {ENOENT,
-         [&]
-         {
-             mirror.Each("TblNone", take);
-         }},
-        {ENOENT,
-         [&]
-         {
-             mirror.Get("TblNone", 1, take);
-         }},
-        {ENOENT,
-         [&]
-         {
-             mirror.GetByKey("TblNone", "x", take);
-         }},
-        {ENODATA,
-         [&]
-         {
-             nowhere.Each("TblMemoryInfo", take);
-         }},
-        {ENODATA,
-         [&]
-         {
-             nowhere.Tables();
-         }},
+        // clang-format off
+        {ENOENT, [&] { mirror.Each("TblNone", take); }},
+        {ENOENT, [&] { mirror.Get("TblNone", 1, take); }},
+        {ENOENT, [&] { mirror.GetByKey("TblNone", "x", take); }},
+        {ENODATA, [&] { nowhere.Each("TblMemoryInfo", take); }},
+        {ENODATA, [&] { nowhere.Tables(); }},
+        // clang-format on
     };
     for (const auto &item : cases)
     {

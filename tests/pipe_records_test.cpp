@@ -38,27 +38,24 @@ TEST(PipeRecords, FindsRecordsOnThePipe)
         std::string bytes;
         const char *expected;
     } cases[] = {
-        {"one", "||DMLiveObjectDatabase.db|TblProbeObj|17|23||",
-         "TblProbeObj 17 23\n"},
-        {"without anything between them",
-         "||d|T|1|18||||d|U|9223372036854775807|9||||d|T|0|9||",
+        // clang-format off
+        {"one", "||DMLiveObjectDatabase.db|TblProbeObj|17|23||", "TblProbeObj 17 23\n"},
+        {"without anything between them", "||d|T|1|18||||d|U|9223372036854775807|9||||d|T|0|9||",
          "T 1 18\nU 9223372036854775807 9\nT 0 9\n"},
         {"cut off before its end", "||d|T|1|1||d|U|2|18||", "U 2 18\ngap\n"},
         {"cut off between fields", "||d|T|||d|U|2|18||", "U 2 18\ngap\n"},
-        {"cut off in its end, which takes the next one's beginning",
-         "||d|T|1|18|||d|U|2|18||||d|V|3|18||", "T 1 18\nV 3 18\ngap\n"},
+        {"cut off in its end, which takes the next one's beginning", "||d|T|1|18|||d|U|2|18||||d|V|3|18||",
+         "T 1 18\nV 3 18\ngap\n"},
         {"begun in the middle", "T|1|18||||d|U|2|18||", "U 2 18\ngap\n"},
-        {"bytes in between", "||d|T|1|18||xy||d|U|2|18||",
-         "T 1 18\nU 2 18\ngap\n"},
-        {"two gaps", "x||d|T|1|18||y||d|U|2|18||",
-         "T 1 18\nU 2 18\ngap\ngap\n"},
+        {"bytes in between", "||d|T|1|18||xy||d|U|2|18||", "T 1 18\nU 2 18\ngap\n"},
+        {"two gaps", "x||d|T|1|18||y||d|U|2|18||", "T 1 18\nU 2 18\ngap\ngap\n"},
         {"several bad ones are one gap",
          "||d|T|x|18||||d|T|1|17||||d|T|-1|18||||d|T|1|18|1||||d||1|18||"
          "||d|T|99999999999999999999|18||||d|T |1|18||||d|U|2|18||",
          "U 2 18\ngap\n"},
-        {"longer than any record", "||d|" + tooLong + "||||d|U|2|18||",
-         "U 2 18\ngap\n"},
+        {"longer than any record", "||d|" + tooLong + "||||d|U|2|18||", "U 2 18\ngap\n"},
         {"only bars", "|||||||d|U|2|18||", "U 2 18\ngap\n"},
+        // clang-format on
     };
     for (const auto &item : cases)
     {

@@ -207,13 +207,11 @@ TEST(Process, TellsItsSupervisorHowItIs)
         ServiceOptions options;
         const char *state;
     } kCases[] = {
+        // clang-format off
         {"good", {.scenario = Server(700)}, "1,400 objects, changes announced"},
-        {"mute",
-         {.scenario = Server(1), .busAddress = "unix:path=/nowhere"},
-         "changes not announced: no bus"},
-        {"refused",
-         {.scenario = Server(1, refused)},
-         "changes not announced: readiness is refused"},
+        {"mute", {.scenario = Server(1), .busAddress = "unix:path=/nowhere"}, "changes not announced: no bus"},
+        {"refused", {.scenario = Server(1, refused)}, "changes not announced: readiness is refused"},
+        // clang-format on
     };
     for (const auto &c : kCases)
     {

@@ -6,10 +6,10 @@
 #include "tests/support/change_listener.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mirror.h"
+#include "tests/support/text.h"
 #include "tests/support/wait.h"
 
 #include <map>
-#include <regex>
 #include <thread>
 
 namespace qdb::test
@@ -155,8 +155,7 @@ TEST_F(SignalTest, TheObjectShowsItsSignals)
                                  "Introspect", nullptr, &reply, nullptr),
               0);
     EXPECT_GT(sd_bus_message_read(reply, "s", &text), 0);
-    const std::string xml =
-        std::regex_replace(std::string(text), std::regex("\n *"), "");
+    const std::string xml = Replaced(text, "\n *", "");
     sd_bus_message_unref(reply);
     sd_bus_flush_close_unref(bus);
     std::string expected =

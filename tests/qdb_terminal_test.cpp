@@ -1,6 +1,6 @@
 // What qdb prints in a terminal: colours, a limited width, no control
 // characters of anybody else.
-#include "tests/support/qdb_tool.h"
+#include "tests/support/program.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -72,24 +72,14 @@ TEST(QdbTerminal, IsGivenWhatItCanShow)
         unsigned short columns;
         const char *expected;
     } cases[] = {
-        {"in colour",
-         {},
-         nullptr,
-         80,
-         "\x1b[1mname  text\x1b[0m\na     \\u001b\\u009b\n"},
-        {"NO_COLOR is empty",
-         {},
-         "",
-         80,
-         "\x1b[1mname  text\x1b[0m\na     \\u001b\\u009b\n"},
+        // clang-format off
+        {"in colour", {}, nullptr, 80, "\x1b[1mname  text\x1b[0m\na     \\u001b\\u009b\n"},
+        {"NO_COLOR is empty", {}, "", 80, "\x1b[1mname  text\x1b[0m\na     \\u001b\\u009b\n"},
         {"NO_COLOR", {}, "1", 80, "name  text\na     \\u001b\\u009b\n"},
         {"narrow", {}, "1", 17, "name  a\ntext  \\u001b\\u009b\n"},
         {"CSV", {"--csv"}, nullptr, 17, "name,text\na,\\u001b\\u009b\n"},
-        {"JSON",
-         {"--json"},
-         nullptr,
-         17,
-         "{\"name\": \"a\", \"text\": \"\\u001B\\u009b\"}\n"},
+        {"JSON", {"--json"}, nullptr, 17, "{\"name\": \"a\", \"text\": \"\\u001B\\u009b\"}\n"},
+        // clang-format on
     };
     for (const auto &item : cases)
     {
@@ -102,7 +92,7 @@ TEST(QdbTerminal, IsGivenWhatItCanShow)
                                               root.Database()};
         arguments.insert(arguments.end(), item.more.begin(), item.more.end());
         const Terminal terminal(item.columns);
-        QdbProcess tool(arguments, terminal.Slave());
+        Program tool = StartQdb(arguments, terminal.Slave());
         EXPECT_EQ(tool.End(0), 0) << item.what << tool.Output();
         EXPECT_EQ(terminal.Shown(), item.expected) << item.what;
     }

@@ -250,34 +250,18 @@ TEST(QdbText, PrintsGridsInEachForm)
         Style style;
         const char *expected;
     } cases[] = {
-        {"aligned",
-         {Form::People, false, false, 0},
-         "name       n\n"
-         "\u00e4,\"b\"      7\n"
-         "\\u001b  NULL\n"
-         "         -10\n"},
-        {"in colour, and as wide as the terminal",
-         {Form::People, true, true, 12},
-         "\x1b[1mname       n\x1b[0m\n"
-         "\u00e4,\"b\"      7\n"
-         "\\u001b  NULL\n"
-         "         -10\n"},
-        {"too wide for the terminal",
-         {Form::People, true, false, 11},
-         "name  \u00e4,\"b\"\nn     7\n\n"
-         "name  \\u001b\nn     NULL\n\n"
-         "name  \nn     -10\n"},
-        {"JSON",
-         {Form::Json, false, false, 0},
-         "{\"name\": \"\u00e4,\\\"b\\\"\", \"n\": 7}\n"
-         "{\"name\": \"\\u001B\", \"n\": null}\n"
-         "{\"name\": \"\", \"n\": -10}\n"},
-        {"CSV",
-         {Form::Csv, false, false, 0},
-         "name,n\n\"\u00e4,\"\"b\"\"\",7\n\x1b,\n\"\",-10\n"},
-        {"CSV in a terminal",
-         {Form::Csv, true, false, 0},
-         "name,n\n\"\u00e4,\"\"b\"\"\",7\n\\u001b,\n\"\",-10\n"},
+        // clang-format off
+        {"aligned", {Form::People, false, false, 0},
+         "name       n\n" "\u00e4,\"b\"      7\n" "\\u001b  NULL\n" "         -10\n"},
+        {"in colour, and as wide as the terminal", {Form::People, true, true, 12},
+         "\x1b[1mname       n\x1b[0m\n" "\u00e4,\"b\"      7\n" "\\u001b  NULL\n" "         -10\n"},
+        {"too wide for the terminal", {Form::People, true, false, 11},
+         "name  \u00e4,\"b\"\nn     7\n\n" "name  \\u001b\nn     NULL\n\n" "name  \nn     -10\n"},
+        {"JSON", {Form::Json, false, false, 0},
+         "{\"name\": \"\u00e4,\\\"b\\\"\", \"n\": 7}\n" "{\"name\": \"\\u001B\", \"n\": null}\n" "{\"name\": \"\", \"n\": -10}\n"},
+        {"CSV", {Form::Csv, false, false, 0}, "name,n\n\"\u00e4,\"\"b\"\"\",7\n\x1b,\n\"\",-10\n"},
+        {"CSV in a terminal", {Form::Csv, true, false, 0}, "name,n\n\"\u00e4,\"\"b\"\"\",7\n\\u001b,\n\"\",-10\n"},
+        // clang-format on
     };
     for (const auto &item : cases)
     {

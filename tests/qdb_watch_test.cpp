@@ -1,7 +1,7 @@
 // qdb watch as its user sees it: a real service, its bus and its pipe.
 #include "tests/support/bus_sender.h"
 #include "tests/support/private_bus.h"
-#include "tests/support/qdb_tool.h"
+#include "tests/support/program.h"
 #include "tests/support/service_process.h"
 
 #include <fcntl.h>
@@ -48,7 +48,7 @@ TEST(QdbWatch, FollowsRowsThroughTheLivesOfTheService)
     const PrivateBus bus;
     ServiceProcess service(Modules());
     // It may begin before everything else.
-    QdbProcess watch(Watch(service, {"TblMemoryInfo", "--all"}));
+    Program watch = StartQdb(Watch(service, {"TblMemoryInfo", "--all"}));
     ASSERT_TRUE(watch.WaitFor("qdb: waiting for the mirror\n"));
     service.Start();
     ASSERT_TRUE(service.WaitReady());
@@ -87,8 +87,8 @@ TEST(QdbWatch, BeginsWithWhatIsThereAndMarksLosses)
     ServiceProcess service(Modules());
     service.Start();
     ASSERT_TRUE(service.WaitReady());
-    QdbProcess people(Watch(service, {"TblMemoryInfo", "--all"}));
-    QdbProcess programs(
+    Program people = StartQdb(Watch(service, {"TblMemoryInfo", "--all"}));
+    Program programs = StartQdb(
         Watch(service, {"TblMemoryInfo", "TblProbeObj", "--all", "--json"}));
     ASSERT_TRUE(people.WaitFor("qdb: watching\n"));
     ASSERT_TRUE(programs.WaitFor("qdb: watching\n"));
@@ -131,7 +131,7 @@ TEST(QdbWatch, ShowsThePipe)
     ServiceOptions options = Modules();
     options.pipe = true;
     ServiceProcess service(options);
-    QdbProcess watch(Watch(
+    Program watch = StartQdb(Watch(
         service, {"TblMemoryInfo", "--json", "--pipe", service.Root().Pipe()}));
     ASSERT_TRUE(watch.WaitFor("qdb: waiting for the mirror\n"));
     service.Start();
@@ -152,7 +152,7 @@ TEST(QdbWatch, EndsWithItsReader)
     root.MakeDatabase();
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    QdbProcess watch({"watch", "--database", root.Database()}, ends[1]);
+    Program watch = StartQdb({"watch", "--database", root.Database()}, ends[1]);
     close(ends[1]);
     EXPECT_TRUE(watch.WaitFor("qdb: waiting for the mirror\n"));
     close(ends[0]);

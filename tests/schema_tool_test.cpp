@@ -1,7 +1,9 @@
 // The database file that qdb-schema makes, seen as the service sees it: through
 // SQLite, with foreign keys on; and the program itself.
 #include "objects/schema/rows.h"
+#include "tests/support/program.h"
 #include "tests/support/temp_root.h"
+#include "tests/support/text.h"
 #include "tools/schema_markdown.h"
 #include "tools/schema_sql.h"
 
@@ -13,7 +15,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
 
 namespace qdb::test
 {
@@ -22,13 +23,6 @@ namespace
 
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
-
-std::string ReadFile(const fs::path &path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 TEST(Schema, DeletingTheMappingRowTakesEverythingOfTheObject)
 {
@@ -112,13 +106,13 @@ class SchemaTool : public testing::Test
 TEST_F(SchemaTool, CreateReplacesOnlyWhenForcedAndLeavesNothingBehind)
 {
     const std::string path = In("live.db");
-    ASSERT_EQ(Run("create " + path), 0) << ReadFile(In("err"));
-    const std::string made = ReadFile(path);
+    ASSERT_EQ(Run("create " + path), 0) << FileText(In("err"));
+    const std::string made = FileText(path);
 
     std::ofstream(path) << "something precious";
     EXPECT_EQ(Run("create " + path), 1);
-    EXPECT_EQ(ReadFile(path), "something precious");
-    EXPECT_EQ(ReadFile(In("err")),
+    EXPECT_EQ(FileText(path), "something precious");
+    EXPECT_EQ(FileText(In("err")),
               "qdb-schema: " + path + ": exists already\n");
 
     std::ofstream(path + "-journal") << "of the old file";
@@ -126,23 +120,20 @@ TEST_F(SchemaTool, CreateReplacesOnlyWhenForcedAndLeavesNothingBehind)
     EXPECT_EQ(Run("create --force " + root_.Path() + "/no/x"), 1);
     fs::create_directory(path + "-journal");
     EXPECT_EQ(Run("create --force " + path), 1);
-    EXPECT_EQ(ReadFile(path), made);
+    EXPECT_EQ(FileText(path), made);
     EXPECT_EQ(Files(), (Lines{"err", "live.db", "out"}));
 }
 
 TEST_F(SchemaTool, PrintsTheSchemaAndTheReference)
 {
     ASSERT_EQ(Run("sql"), 0);
-    EXPECT_EQ(ReadFile(In("out")), SchemaSql());
+    EXPECT_EQ(FileText(In("out")), SchemaSql());
     ASSERT_EQ(Run("markdown"), 0);
-    EXPECT_EQ(ReadFile(In("out")), SchemaMarkdown());
+    EXPECT_EQ(FileText(In("out")), SchemaMarkdown());
     EXPECT_EQ(Run("no-such-command"), 1);
     // Layouts can't be derived from anything else: every change of one shows as
     // a changed line for someone to look at.
-    const char *source = std::getenv("QDB_TEST_SOURCE");
-    ASSERT_NE(source, nullptr) << "QDB_TEST_SOURCE: the source folder";
-    EXPECT_TRUE(ReadFile(std::string(source) + "/docs/tables.md") ==
-                SchemaMarkdown())
+    EXPECT_TRUE(FileText(SourceOf("docs/tables.md")) == SchemaMarkdown())
         << "docs/tables.md is out of date: qdb-schema markdown > "
            "docs/tables.md";
 }

@@ -8,7 +8,9 @@
 #include "platform/zoil.h"
 #include "standin/object_builder.h"
 #include "standin/standin.h"
+#include "tests/support/service_process.h"
 #include "tests/support/temp_root.h"
+#include "tests/support/text.h"
 #include "tests/support/wait.h"
 
 #include <gtest/gtest.h>
@@ -20,13 +22,14 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace
 {
+
+using qdb::test::CommandAt;
 
 TEST(Standin, RefusesValuesThatDoNotFit)
 {
@@ -233,52 +236,6 @@ TEST_F(StandinDelays, TakeTheirTimeButNoProcessorTime)
     EXPECT_LT(spent, std::chrono::nanoseconds(kDelay).count());
 }
 
-class Client
-{
-  public:
-    explicit Client(const std::string &path)
-    {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        isConnected_ = connect(fd_, reinterpret_cast<sockaddr *>(&address),
-                               sizeof(address)) == 0;
-    }
-
-    bool IsConnected() const
-    {
-        return isConnected_;
-    }
-
-    // The reply; "" when the other side closes.
-    std::string Ask(const std::string &text, const char *end = "\n") const
-    {
-        const std::string out = text + end;
-        for (size_t sent = 0; sent < out.size();)
-        {
-            const ssize_t n =
-                send(fd_, out.data() + sent, out.size() - sent, MSG_NOSIGNAL);
-            if (n <= 0)
-            {
-                return "";
-            }
-            sent += static_cast<size_t>(n);
-        }
-        std::string reply;
-        char c = 0;
-        while (recv(fd_, &c, 1, 0) == 1 && c != '\n')
-        {
-            reply += c;
-        }
-        return reply;
-    }
-
-  private:
-    // Left to the end of the process.
-    const int fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
-    bool isConnected_ = false;
-};
-
 constexpr char kScenario[] = R"({
  "objects": [
   {"type":"0x36","key":"host","values":{"powerState":1}},
@@ -350,13 +307,6 @@ constexpr std::pair<const char *, const char *> kExchange[] = {
         std::exit(1);                                                          \
     }
 
-std::string ReadFile(const std::string &path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
 // Run in a fresh process, in which nothing has used the stand-in before.
 [[noreturn]] void UseEnvironment(const std::string &folder)
 {
@@ -373,22 +323,20 @@ std::string ReadFile(const std::string &path)
     REQUIRE(bind(stale, reinterpret_cast<sockaddr *>(&address),
                  sizeof(address)) == 0);
     close(stale);
-    REQUIRE(!Client(path).IsConnected()); // nothing is served yet
+    REQUIRE(CommandAt(path, "{}").empty()); // nothing is served yet
     REQUIRE(ZOMutexCreate(0) == nullptr);
     vexoprintf(4, 208, "not written");
     vexoprintf(3, 208, "written");
     REQUIRE(CfgSetAttributeInt("ready", 0, 0, 0) == 0);
     REQUIRE(CfgSetAttributeInt("ready", 1, 0, 0) == 0);
-    REQUIRE(ReadFile((folder + "/state")) == R"({"ready":1})");
+    REQUIRE(qdb::test::FileText(folder + "/state") == R"({"ready":1})");
     struct stat status = {};
     REQUIRE(stat(path.c_str(), &status) == 0 &&
             (status.st_mode & 0777) == 0600);
 
-    const Client idle(path);
-    const Client client(path);
     for (const auto &[request, expected] : kExchange)
     {
-        const std::string reply = client.Ask(request);
+        const std::string reply = CommandAt(path, request);
         if (!reply.starts_with(expected))
         {
             std::fprintf(stderr, "%s\n gave %s\n", request, reply.c_str());
@@ -396,9 +344,10 @@ std::string ReadFile(const std::string &path)
         }
     }
     const std::string tooLong((16 << 20) + 1, ' ');
-    REQUIRE(client.Ask(tooLong).empty());
-    REQUIRE(Client(path).Ask(tooLong, "").empty());
-    REQUIRE(idle.Ask("{}").starts_with(R"({"ok":false)"));
+    REQUIRE(CommandAt(path, tooLong).empty());
+    // Long before its end.
+    REQUIRE(CommandAt(path, tooLong + tooLong).empty());
+    REQUIRE(CommandAt(path, "{}").starts_with(R"({"ok":false)"));
     std::exit(0); // with the threads still there
 }
 

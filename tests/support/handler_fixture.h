@@ -15,8 +15,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
-
 namespace qdb::test
 {
 
@@ -113,29 +111,13 @@ class Handler : public DbTest
 
     // What has been announced since the last call, with "T" for a present time
     // in a row's tag.
-    Lines Announced()
-    {
-        static const std::regex kTime(R"("SingleRecordEtag": "\d{10}")");
-        Lines lines;
-        for (const auto &[member, json, serial] : listener_.TakeAll())
-        {
-            lines.push_back(
-                member.substr(kMemberPrefix.size()) + " " +
-                std::regex_replace(json, kTime, R"("SingleRecordEtag": "T")"));
-        }
-        return lines;
-    }
+    Lines Announced();
 
     // The same without rows, such as "Added".
-    Lines Kinds()
-    {
-        Lines kinds = Announced();
-        for (std::string &kind : kinds)
-        {
-            kind.erase(kind.find(' '));
-        }
-        return kinds;
-    }
+    Lines Kinds();
+
+    // The handlers that have run since Restart(), such as "Create 7".
+    static Lines Calls();
 
     ChangeListener listener_;
 };

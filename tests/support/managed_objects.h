@@ -2,14 +2,10 @@
 // database makes of them.
 #pragma once
 
-#include "core/json.h"
-#include "standin/commands.h"
-#include "tests/support/db_fixture.h"
+#include "tests/support/audited.h"
 #include "tests/support/event_records.h"
 #include "tests/support/wait.h"
-#include "tools/audit/audit.h"
 
-#include <memory>
 #include <set>
 
 namespace qdb::test
@@ -41,12 +37,9 @@ inline void DeleteObjects(const Words &oids)
 inline Lines Unequal(const audit::Snapshot &snapshot,
                      const std::set<uint32_t> &besides = {})
 {
-    const JsonPtr request(json_pack("{s:s}", "op", "dump"));
-    const audit::Content content =
-        audit::ParseContent(standin::Execute(request.get()).get());
     Lines lines;
     for (const audit::Difference &difference :
-         Compare(content, snapshot).differences)
+         Compare(Managers(), snapshot).differences)
     {
         if (!besides.contains(static_cast<uint32_t>(difference.oid)))
         {
@@ -58,13 +51,9 @@ inline Lines Unequal(const audit::Snapshot &snapshot,
 
 inline audit::Snapshot SnapshotOf(const Mirror &mirror)
 {
-    sqlite3 *opened = nullptr;
-    EXPECT_EQ(sqlite3_open(mirror.Root().Database().c_str(), &opened),
-              SQLITE_OK);
-    const std::unique_ptr<sqlite3, int (*)(sqlite3 *)> database(opened,
-                                                                sqlite3_close);
-    sqlite3_busy_timeout(opened, kDeadlineMs);
-    return audit::ReadSnapshot(opened);
+    const ConnectionPtr database = OpenDatabase(mirror.Root().Database());
+    sqlite3_busy_timeout(database.get(), kDeadlineMs);
+    return audit::ReadSnapshot(database.get());
 }
 
 } // namespace qdb::test

@@ -4,17 +4,13 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-
-extern char **environ;
 
 namespace qdb::test
 {
@@ -55,41 +51,14 @@ bool IsServed(const std::string &path)
 BusDaemon::BusDaemon(const std::string &configuration,
                      const std::string &socket)
 {
-    const std::string option = "--config-file=" + configuration;
-    const char *arguments[] = {"setpriv",     "--pdeathsig",  "KILL",
-                               "dbus-daemon", option.c_str(), "--nofork",
-                               "--nopidfile", nullptr};
-    EXPECT_EQ(posix_spawnp(&pid_, "setpriv", nullptr, nullptr,
-                           const_cast<char **>(arguments), environ),
-              0);
+    Start({"dbus-daemon", "--config-file=" + configuration, "--nofork",
+           "--nopidfile"},
+          socket + ".log");
     EXPECT_TRUE(WaitUntil(
         [&]
         {
             return IsServed(socket);
         }));
-}
-
-BusDaemon::~BusDaemon()
-{
-    Kill();
-}
-
-void BusDaemon::Signal(int signalNumber) const
-{
-    if (pid_ > 0)
-    {
-        kill(pid_, signalNumber);
-    }
-}
-
-void BusDaemon::Kill()
-{
-    Signal(SIGKILL);
-    if (pid_ > 0)
-    {
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
 }
 
 PrivateBus::PrivateBus(size_t held)
@@ -107,7 +76,7 @@ PrivateBus::PrivateBus(size_t held)
 
 PrivateBus::~PrivateBus()
 {
-    Kill();
+    daemon_.reset();
     std::error_code ignored;
     std::filesystem::remove_all(directory_, ignored);
 }
@@ -129,7 +98,8 @@ void PrivateBus::Thaw() const
 
 void PrivateBus::Kill()
 {
-    daemon_->Kill();
+    daemon_->Signal(SIGKILL);
+    daemon_->WaitExit();
 }
 
 } // namespace qdb::test

@@ -1,7 +1,7 @@
 // A dbus-daemon of the test's own.
 #pragma once
 
-#include <sys/types.h>
+#include "tests/support/child.h"
 
 #include <optional>
 #include <string>
@@ -9,24 +9,12 @@
 namespace qdb::test
 {
 
-// With the configuration of a file, which has it listen on the socket. Listens
-// when it has been made and runs as long as the object lives; ends with this
-// process, however that ends.
-class BusDaemon
+// With the configuration of a file, which has it listen on the socket, beside
+// which its log lies. Listens when it has been made.
+class BusDaemon : public Child
 {
   public:
     BusDaemon(const std::string &configuration, const std::string &socket);
-    ~BusDaemon();
-    BusDaemon(const BusDaemon &) = delete;
-    BusDaemon &operator=(const BusDaemon &) = delete;
-
-    void Signal(int signalNumber) const;
-
-    // Ends it now.
-    void Kill();
-
-  private:
-    pid_t pid_ = -1;
 };
 
 // With a configuration that allows everything. The process's system bus is this

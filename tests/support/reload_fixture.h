@@ -57,24 +57,6 @@ class NcReload : public Handler
         EXPECT_EQ(ObjTypeBasedNCObjects(), 256);
         Restart();
     }
-
-    // The handlers that have run since Restart(), such as "Create 7".
-    static Lines Calls()
-    {
-        static const std::regex kEntry(
-            "\\[\\w+\\] (Create|Refresh|Delete)Obj_\\w+ Entry for OID: (-?\\d+)"
-            "\n?");
-        Lines calls;
-        for (const std::string &line : LogLines())
-        {
-            std::smatch match;
-            if (std::regex_match(line, match, kEntry))
-            {
-                calls.push_back(match[1].str() + " " + match[2].str());
-            }
-        }
-        return calls;
-    }
 };
 
 } // namespace qdb::test

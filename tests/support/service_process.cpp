@@ -1,12 +1,11 @@
 #include "tests/support/service_process.h"
 
-#include <fcntl.h>
+#include "tests/support/text.h"
+
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,20 +14,11 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <sstream>
 
 namespace qdb::test
 {
 namespace
 {
-
-std::string ReadFile(const std::string &path)
-{
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 // Sends the line and returns the answer's; "" when there is none.
 std::string Ask(int fd, const std::string &line)
@@ -42,31 +32,6 @@ std::string Ask(int fd, const std::string &line)
         reply.append(block, static_cast<size_t>(std::max<ssize_t>(n, 0)));
     }
     return n > 0 ? reply : "";
-}
-
-// What the service finds in its environment: what is there already and, before
-// it, what is asked for.
-std::vector<std::string> Environment(const ServiceOptions &options,
-                                     const std::string &root)
-{
-    std::vector<std::string> environment;
-    for (char **entry = environ; *entry != nullptr; ++entry)
-    {
-        environment.emplace_back(*entry);
-    }
-    const std::string bus = options.busAddress.empty()
-                                ? std::getenv("DBUS_SYSTEM_BUS_ADDRESS")
-                                : options.busAddress;
-    environment.insert(environment.begin(),
-                       {"QDB_TEST_ROOT=" + root,
-                        "QDB_STANDIN_SCENARIO=" + root + "/scenario.json",
-                        "QDB_STANDIN_SOCKET=" + root + "/control",
-                        "QDB_STANDIN_STATE=" + root + "/state.json",
-                        "QDB_STANDIN_LOG=" + std::to_string(options.logLevel),
-                        "DBUS_SYSTEM_BUS_ADDRESS=" + bus});
-    environment.insert(environment.begin(), options.variables.begin(),
-                       options.variables.end());
-    return environment;
 }
 
 } // namespace
@@ -102,11 +67,8 @@ ServiceProcess::ServiceProcess(ServiceOptions options)
 // What a failure can't be understood without.
 ServiceProcess::~ServiceProcess()
 {
-    if (pid_ > 0)
-    {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
+    Signal(SIGKILL);
+    WaitExit();
     if (testing::Test::HasFailure())
     {
         constexpr size_t kShown = 4096;
@@ -119,40 +81,24 @@ ServiceProcess::~ServiceProcess()
 
 void ServiceProcess::Start()
 {
-    const char *program = std::getenv("QDB_TEST_SERVICE");
-    ASSERT_NE(program, nullptr) << "QDB_TEST_SERVICE names the service";
-    const std::vector<std::string> environment =
-        Environment(options_, root_.Path());
-    std::vector<char *> variables;
-    for (const std::string &variable : environment)
-    {
-        variables.push_back(const_cast<char *>(variable.c_str()));
-    }
-    variables.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(
-        &actions, STDERR_FILENO, (root_.Path() + "/log").c_str(),
-        O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
-    // Whatever this process does with it, the service has to ignore it itself.
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t defaults;
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-    char *arguments[] = {const_cast<char *>(program), nullptr};
-    EXPECT_EQ(posix_spawn(&pid_, program, &actions, &attributes, arguments,
-                          variables.data()),
-              0);
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&actions);
+    const std::string &root = root_.Path();
+    const std::string bus = options_.busAddress.empty()
+                                ? Variable("DBUS_SYSTEM_BUS_ADDRESS")
+                                : options_.busAddress;
+    std::vector<std::string> variables = options_.variables;
+    variables.insert(variables.end(),
+                     {"QDB_TEST_ROOT=" + root,
+                      "QDB_STANDIN_SCENARIO=" + root + "/scenario.json",
+                      "QDB_STANDIN_SOCKET=" + root + "/control",
+                      "QDB_STANDIN_STATE=" + root + "/state.json",
+                      "QDB_STANDIN_LOG=" + std::to_string(options_.logLevel),
+                      "DBUS_SYSTEM_BUS_ADDRESS=" + bus});
+    Child::Start({Variable("QDB_TEST_SERVICE")}, root + "/log", variables);
 }
 
 std::string ServiceProcess::Log() const
 {
-    return ReadFile(root_.Path() + "/log");
+    return FileText(root_.Path() + "/log");
 }
 
 bool ServiceProcess::WaitForLog(const std::string &text) const
@@ -173,31 +119,6 @@ bool ServiceProcess::WaitReady() const
         });
 }
 
-void ServiceProcess::Signal(int signalNumber) const
-{
-    // Never -1, which would mean every process there is.
-    if (pid_ > 0)
-    {
-        kill(pid_, signalNumber);
-    }
-}
-
-int ServiceProcess::WaitExit(int deadlineMs)
-{
-    int status = 0;
-    if (pid_ <= 0 || !WaitUntil(
-                         [&]
-                         {
-                             return waitpid(pid_, &status, WNOHANG) == pid_;
-                         },
-                         deadlineMs))
-    {
-        return -1;
-    }
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 int ServiceProcess::Stop()
 {
     Signal(SIGTERM);
@@ -206,7 +127,7 @@ int ServiceProcess::Stop()
 
 int ServiceProcess::ReadyAttribute() const
 {
-    const std::string state = ReadFile(root_.Path() + "/state.json");
+    const std::string state = FileText(root_.Path() + "/state.json");
     const std::string key = "IsQuillonDBReady\":";
     const size_t at = state.find(key);
     return at == std::string::npos ? -1

@@ -1,10 +1,9 @@
 // The real service as a process of its own, with a root of its own.
 #pragma once
 
+#include "tests/support/child.h"
 #include "tests/support/temp_root.h"
 #include "tests/support/wait.h"
-
-#include <sys/types.h>
 
 #include <functional>
 #include <string>
@@ -25,17 +24,15 @@ struct ServiceOptions
     bool database = true;        // make the database before the start
     bool pipe = false;           // make the telemetry pipe
     std::string busAddress = {}; // "": the system bus of this process
-    std::vector<std::string> variables = {}; // "NAME=value", before all others
+    std::vector<std::string> variables = {}; // "NAME=value", in place of others
 };
 
-class ServiceProcess
+class ServiceProcess : public Child
 {
   public:
     // Prepares the root; Start() runs the service.
     explicit ServiceProcess(ServiceOptions options = {});
     ~ServiceProcess(); // kills it if it still runs
-    ServiceProcess(const ServiceProcess &) = delete;
-    ServiceProcess &operator=(const ServiceProcess &) = delete;
 
     void Start();
 
@@ -43,22 +40,11 @@ class ServiceProcess
     {
         return root_;
     }
-    pid_t Pid() const
-    {
-        return pid_;
-    }
-
     std::string Log() const;
     bool WaitForLog(const std::string &text) const;
 
     // Waits for the readiness attribute to be 1.
     bool WaitReady() const;
-
-    void Signal(int signalNumber) const;
-
-    // The exit status; 128 and the signal when one killed it, -1 when it still
-    // runs at the deadline.
-    int WaitExit(int deadlineMs = kDeadlineMs);
 
     // SIGTERM, then WaitExit with the limit that a stop has.
     int Stop();
@@ -78,7 +64,6 @@ class ServiceProcess
   private:
     ServiceOptions options_;
     TempRoot root_;
-    pid_t pid_ = -1;
 };
 
 // The longest that a stop may take.

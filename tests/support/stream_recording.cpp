@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <map>
 #include <set>
-#include <sstream>
 
 namespace qdb::test
 {
@@ -63,37 +61,6 @@ std::string Join(const Lines &lines, const std::string &indent)
     return text;
 }
 
-// The operations of a rendered text, each the lines from its name to the last
-// of its log, wherever that stands.
-std::vector<Lines> OperationsOf(const std::string &text)
-{
-    std::vector<Lines> operations = {{"the comment"}};
-    std::map<std::string, Lines> logs;
-    Lines *pLog = nullptr;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-    {
-        if (line.starts_with(kOperationMark))
-        {
-            operations.emplace_back();
-        }
-        Lines &operation = operations.back();
-        if (line.starts_with(kLogMark))
-        {
-            // Its hash is no difference of its own.
-            pLog = &logs[line];
-            operation.insert(operation.end(), pLog->begin(), pLog->end());
-            continue;
-        }
-        operation.push_back(line);
-        if (line.starts_with(kLogIndent))
-        {
-            pLog->push_back(line);
-        }
-    }
-    return operations;
-}
-
 } // namespace
 
 Lines CutLog(Lines log)
@@ -127,33 +94,6 @@ std::string RenderStream(const Stream &stream, const std::string &comment,
         if (!cutNothing && written.insert(name).second)
         {
             text += log;
-        }
-    }
-    return text;
-}
-
-std::string Differences(const std::string &recorded, const std::string &now)
-{
-    constexpr int kShownOperations = 10;
-    const std::vector<Lines> before = OperationsOf(recorded);
-    const std::vector<Lines> after = OperationsOf(now);
-    std::string text;
-    int shown = 0;
-    for (size_t i = 0; i < std::max(before.size(), after.size()); ++i)
-    {
-        const Lines was = i < before.size() ? before[i] : Lines{"(nothing)"};
-        const Lines is = i < after.size() ? after[i] : Lines{"(nothing)"};
-        const auto [old, found] = std::ranges::mismatch(was, is);
-        if (old == was.end() && found == is.end())
-        {
-            continue;
-        }
-        text += is[0] + ", line " + std::to_string(found - is.begin() + 1) +
-                "\n  - " + (old == was.end() ? "(end)" : *old) + "\n  + " +
-                (found == is.end() ? "(end)" : *found) + "\n";
-        if (was[0] != is[0] || ++shown == kShownOperations)
-        {
-            return text + "and perhaps more\n";
         }
     }
     return text;

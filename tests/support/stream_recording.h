@@ -32,8 +32,4 @@ std::vector<std::string> CutLog(std::vector<std::string> log);
 std::string RenderStream(const Stream &stream, const std::string &comment,
                          bool cutNothing = false);
 
-// The first operations in which two rendered texts differ, for people: the
-// first line of each that isn't the same. Empty when there is none.
-std::string Differences(const std::string &recorded, const std::string &now);
-
 } // namespace qdb::test

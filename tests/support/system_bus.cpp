@@ -1,5 +1,6 @@
 #include "tests/support/system_bus.h"
 
+#include "tests/support/text.h"
 #include "tests/support/wait.h"
 
 #include <grp.h>
@@ -12,8 +13,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
-#include <sstream>
 
 namespace qdb::test
 {
@@ -23,22 +22,17 @@ namespace
 constexpr char kDistribution[] = "/usr/share/dbus-1/system.conf";
 constexpr uid_t kRoot = 0;
 
-std::string TextOf(const std::string &path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
 // The distribution's configuration without what ties it to the machine: its
 // user, its files, and the policies of other packages. The directory "system.d"
 // stays, which is looked for beside the configuration.
 std::string OnlyThePolicy(const std::string &socket)
 {
-    const std::regex ties("<(user|pidfile|servicehelper|listen)>[^<]*</\\1>|"
-                          "<(include|includedir)[^>]*>/[^<]*</\\2>|"
-                          "<(fork|syslog|standard_system_servicedirs)/>");
-    std::string text = std::regex_replace(TextOf(kDistribution), ties, "");
+    std::string text =
+        Replaced(FileText(kDistribution),
+                 "<(user|pidfile|servicehelper|listen)>[^<]*</\\1>|"
+                 "<(include|includedir)[^>]*>/[^<]*</\\2>|"
+                 "<(fork|syslog|standard_system_servicedirs)/>",
+                 "");
     const std::string end = "</busconfig>";
     text.replace(text.rfind(end), end.size(),
                  "<listen>unix:path=" + socket + "</listen>\n" + end);
@@ -79,15 +73,15 @@ SystemBus::SystemBus(bool strict)
 {
     const std::string &directory = root_.Path();
     const std::string added = directory + "/system.d/";
-    const std::string ours = std::string(std::getenv("QDB_TEST_SOURCE")) +
-                             "/packaging/com.vexo.tarnu.qdb.";
+    const std::string ours =
+        Variable("QDB_TEST_SOURCE") + "/packaging/com.vexo.tarnu.qdb.";
     std::filesystem::create_directory(added);
     std::ofstream(added + "cfgmgr.conf") << kConfigManager;
     std::filesystem::copy(ours + "conf", added);
     if (strict)
     {
         std::ofstream(added + "strict.conf")
-            << OfThatGroup(TextOf(ours + "strict.conf"));
+            << OfThatGroup(FileText(ours + "strict.conf"));
     }
     const std::string configuration = directory + "/system.conf";
     std::ofstream(configuration) << OnlyThePolicy(directory + "/socket");
