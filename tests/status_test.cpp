@@ -1,7 +1,7 @@
 // qdb status over the life of a real service, and a service whose file can't be
 // made.
 #include "tests/support/private_bus.h"
-#include "tests/support/qdb_tool.h"
+#include "tests/support/program.h"
 #include "tests/support/service_process.h"
 #include "tests/support/wait.h"
 
