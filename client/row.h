@@ -21,7 +21,8 @@ struct Table
 {
     std::string name;
     std::vector<std::string> columns;
-    std::vector<size_t> keys; // columns of the object's key or name
+    std::vector<std::string> types; // of the columns, as they are declared
+    std::vector<size_t> keys;       // columns of the object's key or name
     size_t oid = SIZE_MAX;
     size_t stamp = SIZE_MAX; // SingleRecordEtag: when the row was written
     std::vector<SideTable> sides;

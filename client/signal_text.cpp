@@ -15,13 +15,6 @@ StatementPtr Prepare(sqlite3 *handle, const char *sql)
     return StatementPtr(prepared);
 }
 
-std::string TextAt(sqlite3_stmt *statement, int column)
-{
-    const auto *text =
-        reinterpret_cast<const char *>(sqlite3_column_text(statement, column));
-    return text == nullptr ? "" : text;
-}
-
 // A member of json_each: its type and its atom, or the text of an array.
 Value MemberValue(sqlite3_stmt *statement)
 {

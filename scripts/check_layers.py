@@ -30,7 +30,7 @@ SERVICE = [
 BESIDE = {
     "standin": ["platform", "objects/schema", "core/json.h"],
     "client": [],
-    "tools": ["objects/schema", "core/json.h", "db/statement_ptr.h"],
+    "tools": ["client/descriptor.h", "objects/schema", "core/json.h", "db/statement_ptr.h"],
 }
 FREE = ["tests", "bench", "fuzz"]
 

@@ -1,12 +1,14 @@
 // The C++ side of the client library, on the real service: what it gives out,
 // and the ways of exceptions.
 
-#include "client/quillondb/client.hpp"
+#include "client/quillondb/copy.hpp"
 #include "tests/support/private_bus.h"
 #include "tests/support/service_process.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <signal.h>
+#include <sqlite3.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -229,6 +231,23 @@ TEST_F(MirrorHpp, ReadsAndSaysWhyNot)
     EXPECT_EQ(mirror.Each("TblMemoryInfo", take), 3u);
     EXPECT_EQ(keys, "DIMM1 DIMM2 DIMM0 DIMM1 DIMM2 ");
     EXPECT_EQ(std::ranges::count(mirror.Tables(), "TblMemoryInfo"), 1);
+    EXPECT_EQ(mirror.Count("TblMemoryInfo"), 3u);
+    std::string columns;
+    for (const quillondb::Column &column : mirror.Columns("TblMemoryInfo"))
+    {
+        columns += column.name + ' ' + column.type + ", ";
+    }
+    EXPECT_NE(columns.find("OID INTEGER, "), std::string::npos) << columns;
+    EXPECT_NE(columns.find("Speed INTEGER, "), std::string::npos) << columns;
+    EXPECT_EQ(
+        mirror.Select("SELECT Key, OID FROM TblMemoryInfo WHERE OID > 4096",
+                      [&](const Row &row)
+                      {
+                          keys = std::string(row["Key"].Text());
+                          EXPECT_EQ(row[1].Integer(), row.Oid());
+                      }),
+        2u);
+    EXPECT_EQ(keys, "DIMM2");
 
     Mirror nowhere({}, {.database = "/nonexistent"});
     const struct
@@ -261,11 +280,99 @@ TEST_F(MirrorHpp, ReadsAndSaysWhyNot)
          {
              nowhere.Tables();
          }},
+        {ENOENT,
+         [&]
+         {
+             mirror.Count("TblNone");
+         }},
+        {ENOENT,
+         [&]
+         {
+             mirror.Columns("TblNone");
+         }},
+        {ENODATA,
+         [&]
+         {
+             nowhere.Select("SELECT 1", take);
+         }},
+        {EINVAL,
+         [&]
+         {
+             mirror.Select("SELECT Sped FROM TblMemoryInfo", take);
+         }},
+        {EPERM,
+         [&]
+         {
+             mirror.Select("DELETE FROM TblMemoryInfo", take);
+         }},
     };
     for (const auto &item : cases)
     {
         EXPECT_EQ(ErrorOf(item.call), item.error);
     }
+}
+
+TEST_F(MirrorHpp, SaysWhatItWaitsFor)
+{
+    const std::string database = service_.Root().Database();
+    const auto reaches = [](Mirror &mirror, qdb_state expected)
+    {
+        return ProcessUntil(mirror,
+                            [&]
+                            {
+                                return mirror.State() == expected;
+                            });
+    };
+    Mirror nowhere({}, {.database = "/nonexistent"});
+    EXPECT_EQ(nowhere.State(), QDB_NO_BUS);
+    EXPECT_TRUE(reaches(nowhere, QDB_NO_DATABASE));
+    Mirror mirror({}, {.database = database});
+    EXPECT_TRUE(reaches(mirror, QDB_READY));
+    sqlite3 *holder = nullptr;
+    sqlite3_open(database.c_str(), &holder);
+    EXPECT_TRUE(WaitUntil(
+        [&]
+        {
+            return sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr,
+                                nullptr) == SQLITE_OK;
+        }));
+    Mirror late({},
+                {.database = database, .busy = std::chrono::milliseconds(1)});
+    EXPECT_TRUE(reaches(late, QDB_BUSY));
+    sqlite3_close(holder);
+    EXPECT_TRUE(reaches(late, QDB_READY));
+    // Only who has spoken can be known to be gone.
+    service_.SetSpeed(2667);
+    EXPECT_TRUE(service_.WaitForSpeed(2667));
+    service_.Signal(SIGKILL);
+    service_.WaitExit();
+    EXPECT_TRUE(reaches(mirror, QDB_NO_SERVICE));
+    service_.Root().MakeDatabase();
+    EXPECT_TRUE(reaches(nowhere, QDB_NO_DATABASE));
+    Mirror empty({}, {.database = database});
+    EXPECT_TRUE(reaches(empty, QDB_FILLING));
+}
+
+TEST_F(MirrorHpp, KeepsACopy)
+{
+    quillondb::Copy copy("TblMemoryInfo", service_.Root().Database());
+    EXPECT_TRUE(copy.Wait());
+    EXPECT_EQ(copy.Rows().size(), 3u);
+    EXPECT_EQ(copy.Rows().at(4097)["Key"], "DIMM1");
+    EXPECT_THROW(copy.Rows().at(4097)["Sped"], std::out_of_range);
+    service_.SetSpeed(2667);
+    while (copy.Rows().at(4096)["Speed"] != "2667")
+    {
+        ASSERT_TRUE(copy.Wait());
+    }
+    service_.Command(R"({"op":"delete","oids":[4097]})");
+    while (copy.Rows().contains(4097))
+    {
+        ASSERT_TRUE(copy.Wait());
+    }
+    copy.Stop();
+    EXPECT_FALSE(copy.Wait());
+    EXPECT_EQ(copy.Rows().size(), 2u);
 }
 
 } // namespace
