@@ -15,31 +15,14 @@ StatementPtr Prepare(sqlite3 *handle, const char *sql)
     return StatementPtr(prepared);
 }
 
-// A member of json_each: its type and its atom, or the text of an array.
-Value MemberValue(sqlite3_stmt *statement)
-{
-    constexpr int kType = 1;
-    constexpr int kAtom = 2;
-    constexpr int kValue = 3;
-    const std::string type = TextAt(statement, kType);
-    if (type == "integer" || type == "true" || type == "false")
-    {
-        return Integer(sqlite3_column_int64(statement, kAtom));
-    }
-    if (type == "real")
-    {
-        return Real(sqlite3_column_double(statement, kAtom));
-    }
-    if (type == "text")
-    {
-        return {QDB_TEXT, 0, 0, TextAt(statement, kAtom)};
-    }
-    if (type == "array" || type == "object")
-    {
-        return {QDB_JSON, 0, 0, TextAt(statement, kValue)};
-    }
-    return {};
-}
+// The elements of an array property as a row has them: the service sends each
+// with its place, and a plain value as an object.
+constexpr char kElements[] =
+    "SELECT json_group_array(json(element)) FROM (SELECT CASE type WHEN "
+    "'object' THEN (SELECT CASE WHEN count(*) = 1 AND max(f.key) = 'VAL' THEN "
+    "json_quote(max(f.atom)) ELSE json_group_object(f.key, f.atom) END FROM "
+    "json_each(e.value) f WHERE f.key <> 'ARR_INDEX') ELSE json_quote(atom) "
+    "END AS element FROM json_each(?1) e)";
 
 } // namespace
 
@@ -54,6 +37,31 @@ SignalReader::SignalReader()
                             "WHERE json_valid(?1)");
     members_ =
         Prepare(opened, "SELECT key, type, atom, value FROM json_each(?1, ?2)");
+    elements_ = Prepare(opened, kElements);
+}
+
+// Of the row that members_ stands at.
+Value SignalReader::MemberValue()
+{
+    constexpr int kType = 1;
+    constexpr int kAtom = 2;
+    constexpr int kValue = 3;
+    sqlite3_stmt *statement = members_.get();
+    const std::string type = TextAt(statement, kType);
+    if (type == "true" || type == "false")
+    {
+        return Integer(sqlite3_column_int64(statement, kAtom));
+    }
+    if (type == "array")
+    {
+        const std::string text = TextAt(statement, kValue);
+        const Reset reset{elements_.get()};
+        sqlite3_bind_text(elements_.get(), 1, text.c_str(), -1, SQLITE_STATIC);
+        sqlite3_step(elements_.get());
+        return {QDB_JSON, 0, 0, TextAt(elements_.get(), 0)};
+    }
+    return type == "object" ? Value{QDB_JSON, 0, 0, TextAt(statement, kValue)}
+                            : ValueAt(statement, kAtom);
 }
 
 bool SignalReader::ReadHead(const char *text, Signal *pSignal)
@@ -86,7 +94,7 @@ void SignalReader::ReadObject(const char *text, const char *path,
         const size_t column = isNext ? next : table.Find(name);
         if (column < table.columns.size())
         {
-            take(column, MemberValue(statement));
+            take(column, MemberValue());
             next = column + 1;
         }
     }

@@ -1,8 +1,9 @@
 // The JSON text of a change signal, read by SQLite.
 #pragma once
 
-#include "client/database.h"
+#include "client/statement.h"
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -45,9 +46,12 @@ class SignalReader
     void ReadObject(const char *text, const char *path, const Table &table,
                     const Take &take);
 
+    Value MemberValue();
+
     DatabasePtr memory_;
     StatementPtr head_;
     StatementPtr members_;
+    StatementPtr elements_;
 };
 
 } // namespace qdb::client
