@@ -1,5 +1,7 @@
 #include "client/database.h"
 
+#include "core/json.h"
+
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -199,7 +201,11 @@ int Database::ReadSide(const Table &table, const SideTable &side, qdb_row *pRow)
         const size_t column = table.Find(TextAt(statement, 0));
         if (column < pRow->values.size())
         {
-            pRow->values[column] = {QDB_JSON, 0, 0, TextAt(statement, 1)};
+            const std::string text = TextAt(statement, 1);
+            const JsonPtr array(json_loads(text.c_str(), 0, nullptr));
+            pRow->values[column] = array != nullptr
+                                       ? JsonValue(array.get())
+                                       : Value{QDB_JSON, 0, 0, text};
         }
     }
     return result;

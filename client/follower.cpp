@@ -105,19 +105,15 @@ int Follower::Apply(const std::vector<RawSignal> &raws)
     std::map<const Table *, std::pair<std::vector<int64_t>, Signals>> tables;
     for (const RawSignal &raw : raws)
     {
-        Signal signal;
-        signal.kind = raw.kind;
-        if (!reader_.ReadHead(raw.text.c_str(), &signal) ||
-            !IsFollowed(signal.table))
-        {
-            continue;
-        }
-        const Table *table = database_.FindTable(signal.table);
+        const SignalText text(raw.text);
+        const std::string name = text.Table();
+        const Table *table =
+            IsFollowed(name) ? database_.FindTable(name) : nullptr;
         if (table == nullptr)
         {
             continue;
         }
-        reader_.ReadBody(raw.text.c_str(), *table, &signal);
+        Signal signal = text.Read(raw.kind, *table);
         auto &[oids, signals] = tables[table];
         std::vector<Signal> &list = signals[signal.oid];
         if (list.empty())

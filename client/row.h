@@ -3,6 +3,8 @@
 
 #include "client/quillondb/client.h"
 
+#include <jansson.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -41,7 +43,13 @@ struct Value
 };
 
 Value Integer(int64_t number);
+
+// Its text has the digits that SQLite's JSON has of it, and so what a signal
+// can tell.
 Value Real(double number);
+
+// Arrays and objects, from whichever side.
+Value JsonValue(const json_t *json);
 
 } // namespace qdb::client
 

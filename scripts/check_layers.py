@@ -29,7 +29,7 @@ SERVICE = [
 # What stands beside the service, and what it may look at.
 BESIDE = {
     "standin": ["platform", "objects/schema", "core/json.h"],
-    "client": [],
+    "client": ["core/json.h"],
     "tools": ["client/descriptor.h", "objects/schema", "core/json.h", "db/statement_ptr.h"],
 }
 FREE = ["tests", "bench", "fuzz"]

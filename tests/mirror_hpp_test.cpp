@@ -62,7 +62,10 @@ class MirrorHpp : public testing::Test
     ServiceProcess service_{
         {.scenario = Server(3, "",
                             R"({"type":"0x304","oid":9000,)"
-                            R"("values":{"deviceID":1}},)")}};
+                            R"("values":{"deviceID":1}},)"
+                            R"({"type":"0x221","oid":9001,"values":)"
+                            R"({"ClockLimit":1,)"
+                            R"("DRAMUsage":0.30000000000000004}},)")}};
 };
 
 TEST_F(MirrorHpp, TellsRowsChangesAndReadiness)
@@ -105,47 +108,56 @@ TEST_F(MirrorHpp, TellsRowsChangesAndReadiness)
     tells("changed 4096 2667\nremoved 4097\n");
 }
 
-// Of a table whose signals give them.
-TEST_F(MirrorHpp, GivesOldValues)
+TEST_F(MirrorHpp, TellsWhichColumnsDifferAndOldValuesAsFarAsSignalsDo)
 {
-    std::string told;
-    const auto tell = [&](const Change &change)
+    const struct
     {
-        told += std::to_string(change.IsKnown());
-        for (const Difference &difference : change.Differences())
-        {
-            const char *old = difference.old == nullptr ? "?" : difference.old;
-            told += std::string(" ") + difference.now.Name() + ' ' + old + ' ' +
-                    std::string(difference.now.Text());
-        }
+        const char *table;
+        const char *command;
+        const char *expected;
+    } cases[] = {
+        {"TblRAID_PhysicalDisk",
+         R"({"op":"set","oid":9000,"values":{"deviceID":)", "1 deviceID 2 3"},
+        // A signal tells of the real beside it in fewer digits than it has.
+        {"TblGPUHealthObj", R"({"op":"set","oid":9001,"values":{"ClockLimit":)",
+         "1 ClockLimit ? 3"},
     };
-    bool isReady = false;
-    Mirror mirror({.changed = tell,
-                   .ready =
-                       [&](bool isNow)
-                   {
-                       isReady = isNow;
-                   }},
-                  {.database = service_.Root().Database(),
-                   .tables = {"TblRAID_PhysicalDisk"}});
-    EXPECT_TRUE(ProcessUntil(mirror,
-                             [&]
-                             {
-                                 return isReady;
-                             }));
-    // What was before the first is known or not, as it may be read meanwhile.
-    for (const std::string value : {"2", "3"})
+    for (const auto &item : cases)
     {
-        told.clear();
-        service_.Command(R"({"op":"set","oid":9000,"values":{"deviceID":)" +
-                         value + "}}");
+        std::string told;
+        const auto tell = [&](const Change &change)
+        {
+            told += std::to_string(change.IsKnown());
+            for (const Difference &difference : change.Differences())
+            {
+                const char *old =
+                    difference.old == nullptr ? "?" : difference.old;
+                told += std::string(" ") + difference.now.Name() + ' ' + old +
+                        ' ' + std::string(difference.now.Text());
+            }
+        };
+        Mirror mirror(
+            {.changed = tell},
+            {.database = service_.Root().Database(), .tables = {item.table}});
         EXPECT_TRUE(ProcessUntil(mirror,
                                  [&]
                                  {
-                                     return !told.empty();
+                                     return mirror.State() == QDB_READY;
                                  }));
+        // What was before the first is known or not, as it may be read
+        // meanwhile.
+        for (const std::string value : {"2", "3"})
+        {
+            told.clear();
+            service_.Command(item.command + value + "}}");
+            EXPECT_TRUE(ProcessUntil(mirror,
+                                     [&]
+                                     {
+                                         return !told.empty();
+                                     }));
+        }
+        EXPECT_EQ(told, item.expected) << item.table;
     }
-    EXPECT_EQ(told, "1 deviceID 2 3");
 }
 
 TEST_F(MirrorHpp, ThrowsWhatACallbackThrowsAndTellsNothingMore)
