@@ -14,7 +14,6 @@
 #include "quillondb/rows.hpp"
 
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -26,39 +25,6 @@
 
 namespace quillondb
 {
-
-// The tables were read again, and so many rows told of since it began.
-struct Resync
-{
-    qdb_reason reason;
-    size_t added;
-    size_t changed;
-    size_t removed;
-};
-
-// Any may be empty.
-struct Handlers
-{
-    std::function<void(const Row &)> added = {};
-    std::function<void(const Change &)> changed = {};
-    std::function<void(const Row &)> removed = {}; // as far as it is known
-    std::function<void(bool)> ready = {};
-    std::function<void(const Resync &)> resynced = {};
-};
-
-struct Column
-{
-    std::string name;
-    std::string type; // as the table declares it
-};
-
-struct Options
-{
-    std::string database = {};            // path; "": where it is installed
-    std::string bus = {};                 // address; "": the system bus
-    std::vector<std::string> tables = {}; // none: all object tables
-    std::chrono::milliseconds busy{1000}; // the longest wait for the database
-};
 
 class Mirror
 {
@@ -192,7 +158,7 @@ class Mirror
     {
         qdb_result *made = nullptr;
         const int failure = qdb_mirror_select(Handle(), sql, &made);
-        const std::unique_ptr<qdb_result, Free> result(made);
+        const std::unique_ptr<qdb_result, Close> result(made);
         Check(failure, qdb_mirror_error(Handle()));
         for (size_t i = 0; i < qdb_result_count(made); ++i)
         {
@@ -208,10 +174,6 @@ class Mirror
         {
             qdb_mirror_close(mirror);
         }
-    };
-
-    struct Free
-    {
         void operator()(qdb_result *result) const
         {
             qdb_result_free(result);

@@ -55,17 +55,12 @@ class World
     void HoldDatabase();
     void StartService();
     void Settle(const std::string &what);
-    void JudgeLosses();
-    int OtherResyncs() const;
 
     std::mt19937 engine_;
     PrivateBus bus_;
     ServiceProcess service_;
     Monitor monitor_;
     Shadow shadow_;
-    Dropped dropped_;
-    int losses_ = 0;         // that were noticed up to the last judgement
-    int otherResyncs_ = 0;   // as many
     uint32_t next_ = 700000; // OIDs of objects that come
     std::vector<uint32_t> come_;
     int stalls_ = 0;
@@ -181,7 +176,7 @@ void World::RestartService()
 void World::RestartBus()
 {
     shadow_.Process(0);
-    JudgeLosses();
+    monitor_.Collect();
     bus_.Kill();
     service_.SetSpeed(17);
     shadow_.Process(20);
@@ -221,29 +216,7 @@ void World::Settle(const std::string &what)
     service_.SetSpeed(speed);
     EXPECT_TRUE(service_.WaitForSpeed(speed));
     slowest_ = std::max(slowest_, shadow_.Settle());
-    JudgeLosses();
-}
-
-int World::OtherResyncs() const
-{
-    return shadow_.Resyncs(QDB_NEW_SERVICE) +
-           shadow_.Resyncs(QDB_NEW_DATABASE) + shadow_.Resyncs(QDB_NEW_BUS);
-}
-
-// What has been dropped has been noticed, if not for a loss then for what came
-// on top of it; and no loss was noticed that wasn't one.
-void World::JudgeLosses()
-{
-    const Dropped dropped = monitor_.Take();
-    const int losses = shadow_.Resyncs(QDB_LOST_SIGNALS);
-    const int others = OtherResyncs();
-    EXPECT_LE(losses - losses_, static_cast<int>(dropped.gaps));
-    EXPECT_TRUE(dropped.gaps == 0 || losses > losses_ || others > otherResyncs_)
-        << dropped.signals << " signals were dropped";
-    losses_ = losses;
-    otherResyncs_ = others;
-    dropped_.signals += dropped.signals;
-    dropped_.gaps += dropped.gaps;
+    monitor_.Judge(shadow_);
 }
 
 const World::Happening World::kHappenings[] = {
@@ -282,7 +255,8 @@ void World::Finish() const
                 shadow_.Resyncs(QDB_NEW_DATABASE), shadow_.Resyncs(QDB_NEW_BUS),
                 shadow_.Resyncs(QDB_SILENT_CHANGE), slowest_);
     std::printf("%zu signals dropped in %zu gaps, %d losses noticed\n",
-                dropped_.signals, dropped_.gaps, losses_);
+                monitor_.Signals(), monitor_.Gaps(),
+                shadow_.Resyncs(QDB_LOST_SIGNALS));
     EXPECT_GT(shadow_.Known(), 0U);
 }
 

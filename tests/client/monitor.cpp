@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 
-#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace qdb::test
@@ -34,16 +34,11 @@ bool HasReached(const Serials &serials, const std::string &sender,
            *found->second.rbegin() >= serial;
 }
 
-void Count(const std::set<uint64_t> &seen, const std::set<uint64_t> &taken,
-           Dropped *pDropped)
+// Whatever begins everything anew.
+int OtherResyncs(const Shadow &shadow)
 {
-    for (auto at = taken.begin(); std::next(at) != taken.end(); ++at)
-    {
-        const auto missing = static_cast<size_t>(std::distance(
-            seen.upper_bound(*at), seen.lower_bound(*std::next(at))));
-        pDropped->signals += missing;
-        pDropped->gaps += missing > 0 ? 1U : 0U;
-    }
+    return shadow.Resyncs(QDB_NEW_SERVICE) + shadow.Resyncs(QDB_NEW_DATABASE) +
+           shadow.Resyncs(QDB_NEW_BUS);
 }
 
 } // namespace
@@ -111,9 +106,8 @@ void Monitor::Listen(const std::stop_token &stop)
     sd_bus_close_unref(bus);
 }
 
-Dropped Monitor::Take()
+void Monitor::Collect()
 {
-    Dropped dropped;
     for (auto &[sender, taken] : tTaken)
     {
         EXPECT_TRUE(WaitUntil(
@@ -123,11 +117,29 @@ Dropped Monitor::Take()
                 return HasReached(seen_, sender, *taken.rbegin());
             }));
         const std::lock_guard lock(mutex_);
-        Count(seen_[sender], taken, &dropped);
+        const std::set<uint64_t> &seen = seen_[sender];
         // The next gap begins behind the last one that came.
-        taken.erase(taken.begin(), std::prev(taken.end()));
+        for (; taken.size() > 1; taken.erase(taken.begin()))
+        {
+            const auto missing = static_cast<size_t>(
+                std::distance(seen.upper_bound(*taken.begin()),
+                              seen.lower_bound(*std::next(taken.begin()))));
+            signals_ += missing;
+            gaps_ += missing > 0 ? 1U : 0U;
+        }
     }
-    return dropped;
+}
+
+void Monitor::Judge(const Shadow &shadow)
+{
+    Collect();
+    const size_t gaps = gaps_ - std::exchange(judgedGaps_, gaps_);
+    const int losses = shadow.Resyncs(QDB_LOST_SIGNALS) - losses_;
+    const int others = OtherResyncs(shadow) - others_;
+    EXPECT_LE(losses, static_cast<int>(gaps));
+    EXPECT_TRUE(gaps == 0 || losses + others > 0) << gaps << " losses";
+    losses_ += losses;
+    others_ += others;
 }
 
 void Monitor::Forget()

@@ -3,6 +3,8 @@
 // all the time, and by those that the library takes.
 #pragma once
 
+#include "tests/client/shadow.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -16,12 +18,6 @@ namespace qdb::test
 
 using Serials = std::map<std::string, std::set<uint64_t>>; // by sender
 
-struct Dropped
-{
-    size_t signals = 0; // that the library's connection didn't get
-    size_t gaps = 0;    // between two that it got
-};
-
 // The library's thread is the one that makes it. One at a time.
 class Monitor
 {
@@ -31,9 +27,23 @@ class Monitor
     Monitor(const Monitor &) = delete;
     Monitor &operator=(const Monitor &) = delete;
 
-    // What was dropped since the last call, up to the last signal that the
-    // library has taken.
-    Dropped Take();
+    // Counts what was dropped up to the last signal that the library has taken.
+    void Collect();
+
+    // Expects that the shadow, which is at rest, was told of what was dropped
+    // since the last call, if not as a loss then by what came on top of it, and
+    // of no loss that wasn't one.
+    void Judge(const Shadow &shadow);
+
+    // That were dropped so far, and between how many pairs that weren't.
+    size_t Signals() const
+    {
+        return signals_;
+    }
+    size_t Gaps() const
+    {
+        return gaps_;
+    }
 
     // The bus has ended; another gives out the same names again.
     void Forget();
@@ -46,7 +56,13 @@ class Monitor
     std::mutex mutex_;
     Serials seen_;             // under mutex_
     bool isListening_ = false; // under mutex_
-    std::jthread thread_;
+    size_t signals_ = 0;
+    size_t gaps_ = 0;
+    size_t judgedGaps_ = 0;
+    int losses_ =
+        0; // that the shadow was told of, and what else may cover them
+    int others_ = 0;
+    std::jthread thread_; // ends first
 };
 
 } // namespace qdb::test
