@@ -112,8 +112,7 @@ qdb_change Follower::Compare(const KnownRow &known,
 {
     for (auto signal = signals.rbegin(); signal != signals.rend(); ++signal)
     {
-        if (signal->kind != SignalKind::Removed &&
-            signal->row.Tag() == known.tag)
+        if (signal->kind != SignalKind::Removed && signal->tag == known.tag)
         {
             Old old;
             AddDifferences(signal->row, now, &old);
@@ -165,7 +164,7 @@ void Follower::TellThere(const Table &table, const qdb_row &now,
     KnownRows &rows = known_[table.name];
     KnownRow *known = rows.Find(now.oid);
     const uint64_t tag = now.Tag();
-    const bool isAhead = signals.empty() || signals.back().row.Tag() != tag;
+    const bool isAhead = signals.empty() || signals.back().tag != tag;
     const uint32_t second = SecondOf(now);
     const KnownRow told = {now.oid, tag, second,
                            second + 1 < std::time(nullptr), isAhead};

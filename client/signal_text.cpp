@@ -100,6 +100,7 @@ Signal SignalText::Read(SignalKind kind, const client::Table &table) const
                {
                    signal.row.values[column] = MemberValue(member);
                });
+    signal.tag = signal.row.Tag();
     if (kind != SignalKind::Changed)
     {
         return signal;

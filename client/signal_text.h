@@ -25,6 +25,7 @@ struct Signal
     SignalKind kind = SignalKind::Added;
     int64_t oid = 0;
     qdb_row row = {};                      // as the signal tells it
+    uint64_t tag = 0;                      // of that
     std::vector<size_t> changed = {};      // columns
     std::map<size_t, Value> previous = {}; // old values, as far as it has them
 };
