@@ -227,7 +227,7 @@ void qdb_mirror::Follow(bool isTick, bool isMore)
 // waits, and none has come since the last look, unless that was long ago.
 bool qdb_mirror::MayBeSilent(bool isTick, bool isMore)
 {
-    constexpr int kMostTicks = 4;
+    constexpr int kMostTicks = 10;
     if (!isTick)
     {
         return false;
