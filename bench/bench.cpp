@@ -1,5 +1,6 @@
 #include "bench/bench.h"
 
+#include "bench/follow.h"
 #include "bench/pair.h"
 #include "bench/slow.h"
 
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <iterator>
 
 namespace qdb::bench
 {
@@ -27,9 +29,11 @@ struct Extent
     int latencyRuns;
     unsigned idleSeconds;
     uint32_t slowObjects;
+    uint32_t followedObjects;
+    int followedPasses;
 };
-constexpr Extent kQuick = {1, 1, 1, 10, 200};
-constexpr Extent kWhole = {3, 4, 5, 60, 2000};
+constexpr Extent kQuick = {1, 1, 1, 10, 200, 5000, 1};
+constexpr Extent kWhole = {3, 4, 5, 60, 2000, 50000, 4};
 
 // Of the last minute.
 double LoadAverage()
@@ -198,10 +202,15 @@ std::vector<Figures> RunBench(const Settings &settings)
         }
         round.End();
     }
-    return {
+    std::vector<Figures> all = {
         FiguresOf(slices),
         MeasureSlowPlatform(settings.service, subscribers, extent.slowObjects),
         latency, rest};
+    std::ranges::copy(MeasureFollowing(settings.service, subscribers,
+                                       extent.followedObjects,
+                                       extent.followedPasses),
+                      std::back_inserter(all));
+    return all;
 }
 
 } // namespace qdb::bench

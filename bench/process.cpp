@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <exception>
 
 namespace qdb::bench
@@ -43,6 +44,18 @@ int64_t Now()
 double Seconds(int64_t nanoseconds)
 {
     return static_cast<double>(nanoseconds) / 1e9;
+}
+
+int64_t ProcessorTime(pid_t process)
+{
+    clockid_t clock = 0;
+    timespec time = {};
+    if (clock_getcpuclockid(process, &clock) != 0 ||
+        clock_gettime(clock, &time) != 0)
+    {
+        throw std::runtime_error("a process has no clock");
+    }
+    return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
 }
 
 void Await(const std::string &what, const std::function<bool()> &condition)

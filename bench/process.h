@@ -19,6 +19,10 @@ int64_t Now();
 
 double Seconds(int64_t nanoseconds);
 
+// Of a process so far, in nanoseconds. Throws std::runtime_error when it is
+// gone.
+int64_t ProcessorTime(pid_t process);
+
 // Looks every millisecond until the condition holds. Throws std::runtime_error
 // when it doesn't in the longest time that a measurement may take, and when a
 // child ends meanwhile.

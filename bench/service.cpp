@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <ctime>
 #include <fstream>
 
 namespace qdb::bench
@@ -26,18 +25,6 @@ std::string StandinPath()
         throw std::runtime_error("where is the stand-in?");
     }
     return info.dli_fname;
-}
-
-int64_t ProcessorTime(pid_t process)
-{
-    clockid_t clock = 0;
-    timespec time = {};
-    if (clock_getcpuclockid(process, &clock) != 0 ||
-        clock_gettime(clock, &time) != 0)
-    {
-        throw std::runtime_error("the service has no clock");
-    }
-    return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
 }
 
 int64_t Member(const Json &reply, const char *name)

@@ -188,6 +188,12 @@ const Parent *ParentOf(uint16_t type, uint32_t oid)
                                 : &kSystem;
 }
 
+Measured OneType()
+{
+    const Table &table = *FindRow(kMeasuredType)->table;
+    return {table.name, ChangedColumn(table)};
+}
+
 std::vector<uint32_t> OidsOf(const Step &step)
 {
     std::vector<uint32_t> oids;

@@ -49,6 +49,14 @@ constexpr uint32_t SignalsOf(Action action)
 // The OIDs of a step's objects, in the order of its events.
 std::vector<uint32_t> OidsOf(const Step &step);
 
+// The table of the set of one type, and the column that its steps change.
+struct Measured
+{
+    const char *table;
+    const char *column;
+};
+Measured OneType();
+
 // Every object but the first of the population has one parent, which has a row
 // of its own.
 struct Parent

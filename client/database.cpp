@@ -1,6 +1,7 @@
 #include "client/database.h"
 
-#include <strings.h>
+#include "core/json.h"
+
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -12,84 +13,17 @@ namespace qdb::client
 namespace
 {
 
-std::string Quoted(const std::string &name)
-{
-    return '"' + name + '"';
-}
-
-std::string TextAt(sqlite3_stmt *statement, int column)
-{
-    const void *text = sqlite3_column_text(statement, column);
-    return text == nullptr
-               ? ""
-               : std::string(static_cast<const char *>(text),
-                             static_cast<size_t>(
-                                 sqlite3_column_bytes(statement, column)));
-}
-
-void ReadValue(sqlite3_stmt *statement, int column, Value *pValue)
-{
-    switch (sqlite3_column_type(statement, column))
-    {
-    case SQLITE_INTEGER:
-        *pValue = Integer(sqlite3_column_int64(statement, column));
-        break;
-    case SQLITE_FLOAT:
-        *pValue = Real(sqlite3_column_double(statement, column));
-        break;
-    case SQLITE_NULL:
-        *pValue = {};
-        break;
-    default:
-        *pValue = {QDB_TEXT, 0, 0, TextAt(statement, column)};
-    }
-}
-
-// The columns that name an object to people, the best first.
-std::vector<size_t> FindKeyColumns(const std::vector<std::string> &columns)
-{
-    constexpr const char *kEnds[] = {"Key",    "_Key",    "_key", "FQDD",
-                                     "ifName", "objName", "name"};
-    std::vector<size_t> found;
-    for (const std::string end : kEnds)
-    {
-        for (size_t i = 0; i < columns.size(); ++i)
-        {
-            const std::string &name = columns[i];
-            const bool isKey = end[0] == '_'
-                                   ? name.ends_with(end)
-                                   : strcasecmp(name.c_str(), end.c_str()) == 0;
-            if (isKey && std::ranges::find(found, i) == found.end())
-            {
-                found.push_back(i);
-            }
-        }
-    }
-    return found;
-}
-
 void TakeRow(const Table &table, sqlite3_stmt *statement, qdb_row *pRow)
 {
     pRow->table = &table;
     pRow->values.resize(table.columns.size());
     for (size_t i = 0; i < table.columns.size(); ++i)
     {
-        ReadValue(statement, static_cast<int>(i), &pRow->values[i]);
+        pRow->values[i] = ValueAt(statement, static_cast<int>(i));
     }
     pRow->oid =
         table.oid < table.columns.size() ? pRow->values[table.oid].integer : 0;
 }
-
-// Resets on every way out: a statement that is left open keeps the service from
-// writing.
-struct Reset
-{
-    sqlite3_stmt *statement;
-    ~Reset()
-    {
-        sqlite3_reset(statement);
-    }
-};
 
 } // namespace
 
@@ -158,17 +92,7 @@ int Database::Step(sqlite3_stmt *statement, bool *pIsRow)
     const int status = statement == nullptr ? sqlite3_errcode(handle_.get())
                                             : sqlite3_step(statement);
     *pIsRow = status == SQLITE_ROW;
-    switch (status)
-    {
-    case SQLITE_ROW:
-    case SQLITE_DONE:
-        return 0;
-    case SQLITE_BUSY:
-    case SQLITE_LOCKED:
-        return -EBUSY;
-    default:
-        return -EIO;
-    }
+    return ResultOf(status);
 }
 
 int64_t Database::Version()
@@ -199,62 +123,6 @@ bool Database::IsReady()
 bool Database::IsEmpty()
 {
     return Answers("SELECT NOT EXISTS (SELECT 1 FROM ActiveOIDMapping)");
-}
-
-// Tables with OIDs, and which of them keep elements of others.
-int Database::Load()
-{
-    sqlite3_stmt *statement = Prepared(
-        "SELECT name FROM sqlite_master m WHERE type = 'table' AND "
-        "name LIKE 'Tbl%' AND EXISTS (SELECT 1 FROM pragma_table_info(m.name) "
-        "WHERE name = 'OID') ORDER BY name");
-    const Reset reset{statement};
-    bool isRow = false;
-    int result = Step(statement, &isRow);
-    for (; result == 0 && isRow; result = Step(statement, &isRow))
-    {
-        tables_.emplace_back();
-        tables_.back().name = TextAt(statement, 0);
-    }
-    for (Table &table : tables_)
-    {
-        result = result == 0 ? LoadTable(&table) : result;
-    }
-    return result == 0 && tables_.empty() ? -ENODATA : result;
-}
-
-int Database::LoadTable(Table *pTable)
-{
-    sqlite3_stmt *statement = Prepared(
-        "SELECT m.name, i.name FROM sqlite_master m, pragma_table_info(m.name) "
-        "i WHERE m.type = 'table' AND (m.name = ?1 OR m.name LIKE '%ARR\\_' || "
-        "?1 ESCAPE '\\') ORDER BY m.name, i.cid");
-    const Reset reset{statement};
-    sqlite3_bind_text(statement, 1, pTable->name.c_str(), -1, SQLITE_STATIC);
-    bool isRow = false;
-    int result = Step(statement, &isRow);
-    for (; result == 0 && isRow; result = Step(statement, &isRow))
-    {
-        const std::string owner = TextAt(statement, 0);
-        const std::string column = TextAt(statement, 1);
-        if (owner == pTable->name)
-        {
-            pTable->columns.push_back(column);
-            continue;
-        }
-        if (pTable->sides.empty() || pTable->sides.back().name != owner)
-        {
-            pTable->sides.push_back({owner, {}});
-        }
-        if (column != "OID" && column != "PROP" && column != "ARR_INDEX")
-        {
-            pTable->sides.back().fields.push_back(column);
-        }
-    }
-    pTable->keys = FindKeyColumns(pTable->columns);
-    pTable->oid = pTable->Find("OID");
-    pTable->stamp = pTable->Find("SingleRecordEtag");
-    return result;
 }
 
 const Table *Database::FindTable(const std::string &name) const
@@ -333,7 +201,11 @@ int Database::ReadSide(const Table &table, const SideTable &side, qdb_row *pRow)
         const size_t column = table.Find(TextAt(statement, 0));
         if (column < pRow->values.size())
         {
-            pRow->values[column] = {QDB_JSON, 0, 0, TextAt(statement, 1)};
+            const std::string text = TextAt(statement, 1);
+            const JsonPtr array(json_loads(text.c_str(), 0, nullptr));
+            pRow->values[column] = array != nullptr
+                                       ? JsonValue(array.get())
+                                       : Value{QDB_JSON, 0, 0, text};
         }
     }
     return result;
@@ -363,6 +235,17 @@ int Database::FindKey(const Table &table, const std::string &key,
     {
         pOids->push_back(sqlite3_column_int64(statement, 0));
     }
+    return result;
+}
+
+int Database::Count(const Table &table, int64_t *pCount)
+{
+    sqlite3_stmt *statement =
+        Prepared("SELECT count(*) FROM " + Quoted(table.name));
+    const Reset reset{statement};
+    bool isRow = false;
+    const int result = Step(statement, &isRow);
+    *pCount = result == 0 && isRow ? sqlite3_column_int64(statement, 0) : 0;
     return result;
 }
 

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "client/row.h"
+#include "client/statement.h"
 
-#include <sqlite3.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -16,23 +16,6 @@
 
 namespace qdb::client
 {
-
-struct CloseDatabase
-{
-    void operator()(sqlite3 *handle) const
-    {
-        sqlite3_close_v2(handle);
-    }
-};
-struct FinalizeStatement
-{
-    void operator()(sqlite3_stmt *statement) const
-    {
-        sqlite3_finalize(statement);
-    }
-};
-using DatabasePtr = std::unique_ptr<sqlite3, CloseDatabase>;
-using StatementPtr = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
 // An OID with the second in which its row was written.
 struct Stamp
@@ -67,6 +50,15 @@ class Database
     }
     const Table *FindTable(const std::string &name) const; // NULL: none
 
+    const std::string &Path() const
+    {
+        return path_;
+    }
+    int BusyMs() const
+    {
+        return busyMs_;
+    }
+
     // Reads the rows that there are of at most kTogether OIDs, by one statement
     // and in their order. Buffers of *pRows are used again.
     static constexpr size_t kTogether = 64;
@@ -76,6 +68,9 @@ class Database
     // The OIDs of rows with the key, in their order.
     int FindKey(const Table &table, const std::string &key,
                 std::vector<int64_t> *pOids);
+
+    // How many rows a table has.
+    int Count(const Table &table, int64_t *pCount);
 
     // All rows of a table by OID, in ascending order.
     int Stamps(const Table &table, std::vector<Stamp> *pStamps);

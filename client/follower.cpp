@@ -1,5 +1,7 @@
 #include "client/follower.h"
 
+#include "client/old_values.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
@@ -11,8 +13,6 @@ namespace qdb::client
 namespace
 {
 
-using Old = std::map<size_t, std::optional<Value>>; // by column
-
 // The second in which the row was written; 0 when it doesn't tell.
 uint32_t SecondOf(const qdb_row &row)
 {
@@ -21,58 +21,6 @@ uint32_t SecondOf(const qdb_row &row)
                ? static_cast<uint32_t>(
                      std::strtoul(row.values[stamp].text.c_str(), nullptr, 10))
                : 0;
-}
-
-// Adds the columns in which the rows differ and that aren't there yet.
-void AddDifferences(const qdb_row &before, const qdb_row &now, Old *pOld)
-{
-    for (size_t i = 0; i < now.values.size(); ++i)
-    {
-        if (i != now.table->stamp && before.values[i] != now.values[i])
-        {
-            pOld->emplace(i, before.values[i]);
-        }
-    }
-}
-
-// Of signals that follow each other, the first one to a state that was told.
-Old CollectChanges(const std::vector<Signal> &signals, const qdb_row &now)
-{
-    Old old;
-    for (size_t i = 0; i < signals.size(); ++i)
-    {
-        for (const size_t column : signals[i].changed)
-        {
-            const auto previous = signals[i].previous.find(column);
-            std::optional<Value> value;
-            if (previous != signals[i].previous.end())
-            {
-                value = previous->second;
-            }
-            else if (i > 0)
-            {
-                value = signals[i - 1].row.values[column];
-            }
-            old.emplace(column, std::move(value));
-        }
-    }
-    AddDifferences(signals.back().row, now, &old);
-    old.erase(now.table->stamp);
-    return old;
-}
-
-qdb_change MakeChange(const Old &old, const qdb_row &now)
-{
-    qdb_change change = {&now, true};
-    for (const auto &[column, value] : old)
-    {
-        if (!value || *value != now.values[column])
-        {
-            change.columns.push_back(column);
-            change.old.push_back(value);
-        }
-    }
-    return change;
 }
 
 } // namespace
@@ -105,19 +53,15 @@ int Follower::Apply(const std::vector<RawSignal> &raws)
     std::map<const Table *, std::pair<std::vector<int64_t>, Signals>> tables;
     for (const RawSignal &raw : raws)
     {
-        Signal signal;
-        signal.kind = raw.kind;
-        if (!reader_.ReadHead(raw.text.c_str(), &signal) ||
-            !IsFollowed(signal.table))
-        {
-            continue;
-        }
-        const Table *table = database_.FindTable(signal.table);
+        const SignalText text(raw.text);
+        const std::string name = text.Table();
+        const Table *table =
+            IsFollowed(name) ? database_.FindTable(name) : nullptr;
         if (table == nullptr)
         {
             continue;
         }
-        reader_.ReadBody(raw.text.c_str(), *table, &signal);
+        Signal signal = text.Read(raw.kind, *table);
         auto &[oids, signals] = tables[table];
         std::vector<Signal> &list = signals[signal.oid];
         if (list.empty())
@@ -168,8 +112,7 @@ qdb_change Follower::Compare(const KnownRow &known,
 {
     for (auto signal = signals.rbegin(); signal != signals.rend(); ++signal)
     {
-        if (signal->kind != SignalKind::Removed &&
-            signal->row.Tag() == known.tag)
+        if (signal->kind != SignalKind::Removed && signal->tag == known.tag)
         {
             Old old;
             AddDifferences(signal->row, now, &old);
@@ -221,7 +164,7 @@ void Follower::TellThere(const Table &table, const qdb_row &now,
     KnownRows &rows = known_[table.name];
     KnownRow *known = rows.Find(now.oid);
     const uint64_t tag = now.Tag();
-    const bool isAhead = signals.empty() || signals.back().row.Tag() != tag;
+    const bool isAhead = signals.empty() || signals.back().tag != tag;
     const uint32_t second = SecondOf(now);
     const KnownRow told = {now.oid, tag, second,
                            second + 1 < std::time(nullptr), isAhead};

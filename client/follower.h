@@ -92,7 +92,6 @@ class Follower
     const qdb_options &options_;
     const std::set<std::string> followed_;
     Database &database_;
-    SignalReader reader_;
     std::map<std::string, KnownRows> known_; // by table
     Counts counts_;
     bool isTelling_ = false;

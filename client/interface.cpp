@@ -1,5 +1,6 @@
 // The C interface of a handle.
 #include "client/mirror.h"
+#include "client/select.h"
 
 #include <poll.h>
 
@@ -8,6 +9,7 @@
 #include <cstddef>
 #include <cstring>
 #include <iterator>
+#include <memory>
 #include <new>
 
 using qdb::client::Stamp;
@@ -121,6 +123,54 @@ extern "C"
         std::ranges::transform(stamps, std::back_inserter(oids), &Stamp::oid);
         return result != 0 ? result
                            : mirror->Give(*found, oids, callback, user);
+    }
+
+    qdb_state qdb_mirror_state(const qdb_mirror *mirror)
+    {
+        return mirror->state;
+    }
+
+    int64_t qdb_mirror_count(qdb_mirror *mirror, const char *table)
+    {
+        const Table *found = nullptr;
+        int64_t count = 0;
+        int result = mirror->FindTable(table, &found);
+        result = result != 0 ? result : mirror->database.Count(*found, &count);
+        return result != 0 ? result : count;
+    }
+
+    int qdb_mirror_columns(qdb_mirror *mirror, const char *table,
+                           const qdb_column **columns)
+    {
+        const Table *found = nullptr;
+        if (const int result = mirror->FindTable(table, &found))
+        {
+            return result;
+        }
+        mirror->columns.clear();
+        for (size_t i = 0; i < found->columns.size(); ++i)
+        {
+            mirror->columns.push_back(
+                {found->columns[i].c_str(), found->types[i].c_str()});
+        }
+        *columns = mirror->columns.data();
+        return static_cast<int>(mirror->columns.size());
+    }
+
+    int qdb_mirror_select(qdb_mirror *mirror, const char *sql,
+                          qdb_result **result)
+    {
+        auto made = std::make_unique<qdb_result>();
+        const int status = qdb::client::Select(mirror->database.Path(),
+                                               mirror->database.BusyMs(), sql,
+                                               made.get(), &mirror->error);
+        *result = status == 0 ? made.release() : *result;
+        return status;
+    }
+
+    const char *qdb_mirror_error(const qdb_mirror *mirror)
+    {
+        return mirror->error.c_str();
     }
 
     void qdb_mirror_stop(qdb_mirror *mirror)

@@ -5,6 +5,7 @@
 #include <sys/timerfd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <span>
 #include <utility>
@@ -135,16 +136,28 @@ int qdb_mirror::Process()
     return isMore ? 1 : 0;
 }
 
-void qdb_mirror::SetReady(bool isNow)
+void qdb_mirror::SetState(qdb_state now)
 {
-    if (isReady_ != isNow)
+    const bool isReady = now == QDB_READY;
+    const bool wasReady = std::exchange(state, now) == QDB_READY;
+    if (isReady != wasReady && options.ready != nullptr)
     {
-        isReady_ = isNow;
-        if (options.ready != nullptr)
-        {
-            options.ready(options.user, isNow ? 1 : 0);
-        }
+        options.ready(options.user, isReady ? 1 : 0);
     }
+}
+
+// Of a mirror that can't be ready.
+qdb_state qdb_mirror::FindState(int opened) const
+{
+    if (!bus.IsSubscribed())
+    {
+        return QDB_NO_BUS;
+    }
+    if (opened != 0)
+    {
+        return opened == -EBUSY ? QDB_BUSY : QDB_NO_DATABASE;
+    }
+    return bus.IsServiceGone() ? QDB_NO_SERVICE : QDB_FILLING;
 }
 
 bool qdb_mirror::Scan(Counts *pCounts)
@@ -163,7 +176,7 @@ bool qdb_mirror::Scan(Counts *pCounts)
 bool qdb_mirror::IsServed(bool isTick)
 {
     constexpr int kQuietTicks = 2;
-    if (bus.IsServiceHere() || (isReady_ && !bus.IsServiceGone()))
+    if (bus.IsServiceHere() || (state == QDB_READY && !bus.IsServiceGone()))
     {
         return true;
     }
@@ -189,32 +202,32 @@ void qdb_mirror::Follow(bool isTick, bool isMore)
     const int reason = bus.TakeReason();
     reason_ = reason == 0 ? reason_ : reason;
     bool isNew = false;
-    const bool hasDatabase = database.Open(&isNew) == 0;
+    const int opened = database.Open(&isNew);
     if (isNew)
     {
         quiet_ = -1;
         hasStirred_ = true;
         reason_ = version_ == 0 ? reason_ : int{QDB_NEW_DATABASE};
     }
-    if (bus.IsSubscribed() && hasDatabase && IsServed(isTick))
+    if (bus.IsSubscribed() && opened == 0 && IsServed(isTick))
     {
         return FollowReady(isTick, isMore);
     }
-    if (isReady_)
+    if (state == QDB_READY)
     {
         quiet_ = -1;
         hasStirred_ = false;
         reason_ = reason_ == 0 && bus.IsServiceGone() ? int{QDB_NEW_SERVICE}
                                                       : reason_;
     }
-    SetReady(false);
+    SetState(FindState(opened));
 }
 
 // Something has been written, and no signal of it seems to be on its way: none
 // waits, and none has come since the last look, unless that was long ago.
 bool qdb_mirror::MayBeSilent(bool isTick, bool isMore)
 {
-    constexpr int kMostTicks = 4;
+    constexpr int kMostTicks = 10;
     if (!isTick)
     {
         return false;
@@ -227,7 +240,7 @@ bool qdb_mirror::MayBeSilent(bool isTick, bool isMore)
 
 void qdb_mirror::FollowReady(bool isTick, bool isMore)
 {
-    const bool isFirst = !isReady_;
+    const bool isFirst = state != QDB_READY;
     if (reason_ != 0)
     {
         follower.Doubt(reason_ != QDB_LOST_SIGNALS);
@@ -245,7 +258,7 @@ void qdb_mirror::FollowReady(bool isTick, bool isMore)
         const bool isWhole = Scan(&counts);
         if (isFirst && !isWhole)
         {
-            return; // again at the next tick
+            return SetState(QDB_BUSY); // again at the next tick
         }
     }
     const bool isAny = counts.added + counts.changed + counts.removed > 0;
@@ -258,7 +271,7 @@ void qdb_mirror::FollowReady(bool isTick, bool isMore)
                          counts.added, counts.changed, counts.removed);
     }
     reason_ = 0;
-    SetReady(true);
+    SetState(QDB_READY);
 }
 
 // In a callback the tables have to stay what they are.

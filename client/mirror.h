@@ -4,44 +4,12 @@
 #pragma once
 
 #include "client/change_bus.h"
-
-#include <unistd.h>
+#include "client/descriptor.h"
 
 #include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
-
-namespace qdb::client
-{
-
-// A descriptor of our own; -1: it could not be made.
-class Descriptor
-{
-  public:
-    explicit Descriptor(int fd) : fd_(fd)
-    {
-    }
-    ~Descriptor()
-    {
-        if (fd_ >= 0)
-        {
-            close(fd_);
-        }
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-
-    operator int() const
-    {
-        return fd_;
-    }
-
-  private:
-    int fd_;
-};
-
-} // namespace qdb::client
 
 // What the C interface gives out. All of it belongs to the caller's thread, but
 // for isStopped and wake.
@@ -71,7 +39,12 @@ struct qdb_mirror
     qdb::client::Descriptor timer;
     qdb::client::Descriptor wake;
     std::atomic<bool> isStopped = false;
+    qdb_state state = QDB_NO_BUS;
+    std::string error = {}; // of the last select
+
+    // What was given out last.
     std::vector<const char *> tables;
+    std::vector<qdb_column> columns;
 
   private:
     void Follow(bool isTick, bool isMore);
@@ -79,11 +52,11 @@ struct qdb_mirror
     bool MayBeSilent(bool isTick, bool isMore);
     bool IsServed(bool isTick);
     bool Scan(qdb::client::Counts *pCounts);
-    void SetReady(bool isNow);
+    void SetState(qdb_state now);
+    qdb_state FindState(int opened) const;
     void Watch(int fd, uint32_t events);
     void Arm();
 
-    bool isReady_ = false;
     int reason_ = 0;      // for the next scan; 0: none
     int64_t version_ = 0; // of the database when it was last scanned; 0: never
     int64_t seen_ = 0;    // of the database at the last look

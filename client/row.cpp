@@ -1,5 +1,7 @@
 #include "client/row.h"
 
+#include "core/json.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -44,8 +46,14 @@ Value Integer(int64_t number)
 Value Real(double number)
 {
     char text[32];
-    std::snprintf(text, sizeof(text), "%.17g", number);
+    std::snprintf(text, sizeof(text), "%.15g", number);
     return {QDB_REAL, static_cast<int64_t>(number), number, text};
+}
+
+Value JsonValue(const json_t *json)
+{
+    const JsonText text(json_dumps(json, JSON_COMPACT));
+    return text == nullptr ? Value{} : Value{QDB_JSON, 0, 0, text.get()};
 }
 
 } // namespace qdb::client

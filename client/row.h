@@ -3,6 +3,8 @@
 
 #include "client/quillondb/client.h"
 
+#include <jansson.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -21,7 +23,8 @@ struct Table
 {
     std::string name;
     std::vector<std::string> columns;
-    std::vector<size_t> keys; // columns of the object's key or name
+    std::vector<std::string> types; // of the columns, as they are declared
+    std::vector<size_t> keys;       // columns of the object's key or name
     size_t oid = SIZE_MAX;
     size_t stamp = SIZE_MAX; // SingleRecordEtag: when the row was written
     std::vector<SideTable> sides;
@@ -40,7 +43,13 @@ struct Value
 };
 
 Value Integer(int64_t number);
+
+// Its text has the digits that SQLite's JSON has of it, and so what a signal
+// can tell.
 Value Real(double number);
+
+// Arrays and objects, from whichever side.
+Value JsonValue(const json_t *json);
 
 } // namespace qdb::client
 

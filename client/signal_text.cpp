@@ -1,6 +1,7 @@
 #include "client/signal_text.h"
 
-#include <cstring>
+#include "client/statement.h"
+
 #include <utility>
 
 namespace qdb::client
@@ -8,122 +9,113 @@ namespace qdb::client
 namespace
 {
 
-StatementPtr Prepare(sqlite3 *handle, const char *sql)
+// The elements of an array property as a row has them: the service sends each
+// with its place, and a plain value as an object.
+Value ArrayValue(json_t *elements)
 {
-    sqlite3_stmt *prepared = nullptr;
-    sqlite3_prepare_v2(handle, sql, -1, &prepared, nullptr);
-    return StatementPtr(prepared);
+    const JsonPtr array(json_array());
+    size_t i = 0;
+    json_t *element = nullptr;
+    json_array_foreach(elements, i, element)
+    {
+        json_object_del(element, "ARR_INDEX");
+        json_t *plain = json_object_get(element, "VAL");
+        json_array_append(array.get(),
+                          plain != nullptr && json_object_size(element) == 1
+                              ? plain
+                              : element);
+    }
+    return JsonValue(array.get());
 }
 
-std::string TextAt(sqlite3_stmt *statement, int column)
+Value MemberValue(json_t *member)
 {
-    const auto *text =
-        reinterpret_cast<const char *>(sqlite3_column_text(statement, column));
-    return text == nullptr ? "" : text;
+    switch (json_typeof(member))
+    {
+    case JSON_INTEGER:
+        return Integer(json_integer_value(member));
+    case JSON_TRUE:
+        return Integer(1);
+    case JSON_FALSE:
+        return Integer(0);
+    case JSON_REAL:
+        return Real(json_real_value(member));
+    case JSON_STRING:
+        return {QDB_TEXT,
+                0,
+                0,
+                {json_string_value(member), json_string_length(member)}};
+    case JSON_ARRAY:
+        return ArrayValue(member);
+    case JSON_OBJECT:
+        return JsonValue(member);
+    default:
+        return {};
+    }
 }
 
-// A member of json_each: its type and its atom, or the text of an array.
-Value MemberValue(sqlite3_stmt *statement)
+// Gives each member that is a column of the table.
+template <typename Take>
+void ReadObject(json_t *object, const Table &table, Take take)
 {
-    constexpr int kType = 1;
-    constexpr int kAtom = 2;
-    constexpr int kValue = 3;
-    const std::string type = TextAt(statement, kType);
-    if (type == "integer" || type == "true" || type == "false")
-    {
-        return Integer(sqlite3_column_int64(statement, kAtom));
-    }
-    if (type == "real")
-    {
-        return Real(sqlite3_column_double(statement, kAtom));
-    }
-    if (type == "text")
-    {
-        return {QDB_TEXT, 0, 0, TextAt(statement, kAtom)};
-    }
-    if (type == "array" || type == "object")
-    {
-        return {QDB_JSON, 0, 0, TextAt(statement, kValue)};
-    }
-    return {};
-}
-
-} // namespace
-
-SignalReader::SignalReader()
-{
-    sqlite3 *opened = nullptr;
-    sqlite3_open_v2(":memory:", &opened,
-                    SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
-    memory_.reset(opened);
-    head_ = Prepare(opened, "SELECT json_extract(?1, '$.TableName'), "
-                            "json_extract(?1, '$.RowDetails.OID') "
-                            "WHERE json_valid(?1)");
-    members_ =
-        Prepare(opened, "SELECT key, type, atom, value FROM json_each(?1, ?2)");
-}
-
-bool SignalReader::ReadHead(const char *text, Signal *pSignal)
-{
-    sqlite3_stmt *statement = head_.get();
-    sqlite3_bind_text(statement, 1, text, -1, SQLITE_STATIC);
-    const bool isRead = sqlite3_step(statement) == SQLITE_ROW &&
-                        sqlite3_column_type(statement, 0) == SQLITE_TEXT;
-    if (isRead)
-    {
-        pSignal->table = TextAt(statement, 0);
-        pSignal->oid = sqlite3_column_int64(statement, 1);
-    }
-    sqlite3_reset(statement);
-    return isRead;
-}
-
-void SignalReader::ReadObject(const char *text, const char *path,
-                              const Table &table, const Take &take)
-{
-    sqlite3_stmt *statement = members_.get();
-    sqlite3_bind_text(statement, 1, text, -1, SQLITE_STATIC);
-    sqlite3_bind_text(statement, 2, path, -1, SQLITE_STATIC);
     size_t next = 0; // members mostly come in the order of the columns
-    while (sqlite3_step(statement) == SQLITE_ROW)
+    const char *name = nullptr;
+    json_t *member = nullptr;
+    json_object_foreach(object, name, member)
     {
-        const std::string name = TextAt(statement, 0);
         const bool isNext =
             next < table.columns.size() && table.columns[next] == name;
         const size_t column = isNext ? next : table.Find(name);
         if (column < table.columns.size())
         {
-            take(column, MemberValue(statement));
+            take(column, member);
             next = column + 1;
         }
     }
-    sqlite3_reset(statement);
 }
 
-void SignalReader::ReadBody(const char *text, const Table &table,
-                            Signal *pSignal)
+} // namespace
+
+SignalText::SignalText(const std::string &text)
+    : whole_(json_loadb(text.data(), text.size(), JSON_ALLOW_NUL, nullptr))
 {
-    pSignal->row = {&table, pSignal->oid,
-                    std::vector<Value>(table.columns.size())};
-    ReadObject(text, "$.RowDetails", table,
-               [&](size_t column, Value value)
+}
+
+std::string SignalText::Table() const
+{
+    const char *name =
+        json_string_value(json_object_get(whole_.get(), "TableName"));
+    return name == nullptr ? "" : name;
+}
+
+Signal SignalText::Read(SignalKind kind, const client::Table &table) const
+{
+    json_t *details = json_object_get(whole_.get(), "RowDetails");
+    Signal signal;
+    signal.kind = kind;
+    signal.oid = json_integer_value(json_object_get(details, "OID"));
+    signal.row = {&table, signal.oid, std::vector<Value>(table.columns.size())};
+    ReadObject(details, table,
+               [&](size_t column, json_t *member)
                {
-                   pSignal->row.values[column] = std::move(value);
+                   signal.row.values[column] = MemberValue(member);
                });
-    if (pSignal->kind != SignalKind::Changed)
+    signal.tag = signal.row.Tag();
+    if (kind != SignalKind::Changed)
     {
-        return;
+        return signal;
     }
-    ReadObject(text, "$.PropertiesChanged", table,
-               [&](size_t column, const Value & /*value*/)
+    ReadObject(json_object_get(whole_.get(), "PropertiesChanged"), table,
+               [&](size_t column, json_t * /*member*/)
                {
-                   pSignal->changed.push_back(column);
+                   signal.changed.push_back(column);
                });
-    ReadObject(text, "$.PreviousPropertyValues", table,
-               [&](size_t column, Value value)
+    ReadObject(json_object_get(whole_.get(), "PreviousPropertyValues"), table,
+               [&](size_t column, json_t *member)
                {
-                   pSignal->previous[column] = std::move(value);
+                   signal.previous[column] = MemberValue(member);
                });
+    return signal;
 }
 
 } // namespace qdb::client

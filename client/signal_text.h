@@ -1,7 +1,8 @@
-// The JSON text of a change signal, read by SQLite.
+// The JSON text of a change signal.
 #pragma once
 
-#include "client/database.h"
+#include "client/row.h"
+#include "core/json.h"
 
 #include <map>
 #include <string>
@@ -22,32 +23,26 @@ enum class SignalKind
 struct Signal
 {
     SignalKind kind = SignalKind::Added;
-    std::string table;
     int64_t oid = 0;
-    qdb_row row;                           // as the signal tells it
+    qdb_row row = {};                      // as the signal tells it
+    uint64_t tag = 0;                      // of that
     std::vector<size_t> changed = {};      // columns
     std::map<size_t, Value> previous = {}; // old values, as far as it has them
 };
 
-class SignalReader
+class SignalText
 {
   public:
-    SignalReader();
+    explicit SignalText(const std::string &text);
 
-    // Table and OID; false for a text of another form.
-    bool ReadHead(const char *text, Signal *pSignal);
+    // "" for a text of another form.
+    std::string Table() const;
 
-    // All else, for a table of that name.
-    void ReadBody(const char *text, const Table &table, Signal *pSignal);
+    // For a table of that name.
+    Signal Read(SignalKind kind, const client::Table &table) const;
 
   private:
-    using Take = std::function<void(size_t column, Value value)>;
-    void ReadObject(const char *text, const char *path, const Table &table,
-                    const Take &take);
-
-    DatabasePtr memory_;
-    StatementPtr head_;
-    StatementPtr members_;
+    JsonPtr whole_; // NULL: no JSON
 };
 
 } // namespace qdb::client

@@ -29,8 +29,9 @@ SERVICE = [
 # What stands beside the service, and what it may look at.
 BESIDE = {
     "standin": ["platform", "objects/schema", "core/json.h"],
-    "client": [],
-    "tools": ["objects/schema", "core/json.h", "core/statistics_file.h", "db/statement_ptr.h"],
+    "client": ["core/json.h"],
+    "tools": ["client/descriptor.h", "objects/schema", "core/json.h", "core/statistics_file.h",
+              "db/statement_ptr.h"],
 }
 FREE = ["tests", "bench", "fuzz"]
 

@@ -1,12 +1,14 @@
 // The C++ side of the client library, on the real service: what it gives out,
 // and the ways of exceptions.
 
-#include "client/quillondb/client.hpp"
+#include "client/quillondb/copy.hpp"
 #include "tests/support/private_bus.h"
 #include "tests/support/service_process.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <signal.h>
+#include <sqlite3.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -60,7 +62,10 @@ class MirrorHpp : public testing::Test
     ServiceProcess service_{
         {.scenario = Server(3, "",
                             R"({"type":"0x304","oid":9000,)"
-                            R"("values":{"deviceID":1}},)")}};
+                            R"("values":{"deviceID":1}},)"
+                            R"({"type":"0x221","oid":9001,"values":)"
+                            R"({"ClockLimit":1,)"
+                            R"("DRAMUsage":0.30000000000000004}},)")}};
 };
 
 TEST_F(MirrorHpp, TellsRowsChangesAndReadiness)
@@ -103,47 +108,56 @@ TEST_F(MirrorHpp, TellsRowsChangesAndReadiness)
     tells("changed 4096 2667\nremoved 4097\n");
 }
 
-// Of a table whose signals give them.
-TEST_F(MirrorHpp, GivesOldValues)
+TEST_F(MirrorHpp, TellsWhichColumnsDifferAndOldValuesAsFarAsSignalsDo)
 {
-    std::string told;
-    const auto tell = [&](const Change &change)
+    const struct
     {
-        told += std::to_string(change.IsKnown());
-        for (const Difference &difference : change.Differences())
-        {
-            const char *old = difference.old == nullptr ? "?" : difference.old;
-            told += std::string(" ") + difference.now.Name() + ' ' + old + ' ' +
-                    std::string(difference.now.Text());
-        }
+        const char *table;
+        const char *command;
+        const char *expected;
+    } cases[] = {
+        {"TblRAID_PhysicalDisk",
+         R"({"op":"set","oid":9000,"values":{"deviceID":)", "1 deviceID 2 3"},
+        // A signal tells of the real beside it in fewer digits than it has.
+        {"TblGPUHealthObj", R"({"op":"set","oid":9001,"values":{"ClockLimit":)",
+         "1 ClockLimit ? 3"},
     };
-    bool isReady = false;
-    Mirror mirror({.changed = tell,
-                   .ready =
-                       [&](bool isNow)
-                   {
-                       isReady = isNow;
-                   }},
-                  {.database = service_.Root().Database(),
-                   .tables = {"TblRAID_PhysicalDisk"}});
-    EXPECT_TRUE(ProcessUntil(mirror,
-                             [&]
-                             {
-                                 return isReady;
-                             }));
-    // What was before the first is known or not, as it may be read meanwhile.
-    for (const std::string value : {"2", "3"})
+    for (const auto &item : cases)
     {
-        told.clear();
-        service_.Command(R"({"op":"set","oid":9000,"values":{"deviceID":)" +
-                         value + "}}");
+        std::string told;
+        const auto tell = [&](const Change &change)
+        {
+            told += std::to_string(change.IsKnown());
+            for (const Difference &difference : change.Differences())
+            {
+                const char *old =
+                    difference.old == nullptr ? "?" : difference.old;
+                told += std::string(" ") + difference.now.Name() + ' ' + old +
+                        ' ' + std::string(difference.now.Text());
+            }
+        };
+        Mirror mirror(
+            {.changed = tell},
+            {.database = service_.Root().Database(), .tables = {item.table}});
         EXPECT_TRUE(ProcessUntil(mirror,
                                  [&]
                                  {
-                                     return !told.empty();
+                                     return mirror.State() == QDB_READY;
                                  }));
+        // What was before the first is known or not, as it may be read
+        // meanwhile.
+        for (const std::string value : {"2", "3"})
+        {
+            told.clear();
+            service_.Command(item.command + value + "}}");
+            EXPECT_TRUE(ProcessUntil(mirror,
+                                     [&]
+                                     {
+                                         return !told.empty();
+                                     }));
+        }
+        EXPECT_EQ(told, item.expected) << item.table;
     }
-    EXPECT_EQ(told, "1 deviceID 2 3");
 }
 
 TEST_F(MirrorHpp, ThrowsWhatACallbackThrowsAndTellsNothingMore)
@@ -229,6 +243,23 @@ TEST_F(MirrorHpp, ReadsAndSaysWhyNot)
     EXPECT_EQ(mirror.Each("TblMemoryInfo", take), 3u);
     EXPECT_EQ(keys, "DIMM1 DIMM2 DIMM0 DIMM1 DIMM2 ");
     EXPECT_EQ(std::ranges::count(mirror.Tables(), "TblMemoryInfo"), 1);
+    EXPECT_EQ(mirror.Count("TblMemoryInfo"), 3u);
+    std::string columns;
+    for (const quillondb::Column &column : mirror.Columns("TblMemoryInfo"))
+    {
+        columns += column.name + ' ' + column.type + ", ";
+    }
+    EXPECT_NE(columns.find("OID INTEGER, "), std::string::npos) << columns;
+    EXPECT_NE(columns.find("Speed INTEGER, "), std::string::npos) << columns;
+    EXPECT_EQ(
+        mirror.Select("SELECT Key, OID FROM TblMemoryInfo WHERE OID > 4096",
+                      [&](const Row &row)
+                      {
+                          keys = std::string(row["Key"].Text());
+                          EXPECT_EQ(row[1].Integer(), row.Oid());
+                      }),
+        2u);
+    EXPECT_EQ(keys, "DIMM2");
 
     Mirror nowhere({}, {.database = "/nonexistent"});
     const struct
@@ -240,14 +271,82 @@ TEST_F(MirrorHpp, ReadsAndSaysWhyNot)
         {ENOENT, [&] { mirror.Each("TblNone", take); }},
         {ENOENT, [&] { mirror.Get("TblNone", 1, take); }},
         {ENOENT, [&] { mirror.GetByKey("TblNone", "x", take); }},
+        {ENOENT, [&] { mirror.Count("TblNone"); }},
+        {ENOENT, [&] { mirror.Columns("TblNone"); }},
         {ENODATA, [&] { nowhere.Each("TblMemoryInfo", take); }},
         {ENODATA, [&] { nowhere.Tables(); }},
+        {ENODATA, [&] { nowhere.Select("SELECT 1", take); }},
+        {EINVAL, [&] { mirror.Select("SELECT Sped FROM TblMemoryInfo", take); }},
+        {EPERM, [&] { mirror.Select("DELETE FROM TblMemoryInfo", take); }},
         // clang-format on
     };
     for (const auto &item : cases)
     {
         EXPECT_EQ(ErrorOf(item.call), item.error);
     }
+}
+
+TEST_F(MirrorHpp, SaysWhatItWaitsFor)
+{
+    const std::string database = service_.Root().Database();
+    const auto reaches = [](Mirror &mirror, qdb_state expected)
+    {
+        return ProcessUntil(mirror,
+                            [&]
+                            {
+                                return mirror.State() == expected;
+                            });
+    };
+    Mirror nowhere({}, {.database = "/nonexistent"});
+    EXPECT_EQ(nowhere.State(), QDB_NO_BUS);
+    EXPECT_TRUE(reaches(nowhere, QDB_NO_DATABASE));
+    Mirror mirror({}, {.database = database});
+    EXPECT_TRUE(reaches(mirror, QDB_READY));
+    sqlite3 *holder = nullptr;
+    sqlite3_open(database.c_str(), &holder);
+    EXPECT_TRUE(WaitUntil(
+        [&]
+        {
+            return sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr,
+                                nullptr) == SQLITE_OK;
+        }));
+    Mirror late({},
+                {.database = database, .busy = std::chrono::milliseconds(1)});
+    EXPECT_TRUE(reaches(late, QDB_BUSY));
+    sqlite3_close(holder);
+    EXPECT_TRUE(reaches(late, QDB_READY));
+    // Only who has spoken can be known to be gone.
+    service_.SetSpeed(2667);
+    EXPECT_TRUE(service_.WaitForSpeed(2667));
+    service_.Signal(SIGKILL);
+    service_.WaitExit();
+    EXPECT_TRUE(reaches(mirror, QDB_NO_SERVICE));
+    service_.Root().MakeDatabase();
+    EXPECT_TRUE(reaches(nowhere, QDB_NO_DATABASE));
+    Mirror empty({}, {.database = database});
+    EXPECT_TRUE(reaches(empty, QDB_FILLING));
+}
+
+TEST_F(MirrorHpp, KeepsACopy)
+{
+    quillondb::Copy copy("TblMemoryInfo", service_.Root().Database());
+    EXPECT_TRUE(copy.Wait());
+    EXPECT_EQ(copy.Rows().size(), 3u);
+    EXPECT_EQ(copy.Rows().at(4097)["Key"], "DIMM1");
+    EXPECT_THROW(copy.Rows().at(4097)["Sped"], std::out_of_range);
+    service_.SetSpeed(2667);
+    while (copy.Rows().at(4096)["Speed"] != "2667")
+    {
+        ASSERT_TRUE(copy.Wait());
+    }
+    service_.Command(R"({"op":"delete","oids":[4097]})");
+    while (copy.Rows().contains(4097))
+    {
+        ASSERT_TRUE(copy.Wait());
+    }
+    copy.Stop();
+    EXPECT_FALSE(copy.Wait());
+    EXPECT_EQ(copy.Rows().size(), 2u);
 }
 
 } // namespace

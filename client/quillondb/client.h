@@ -150,6 +150,18 @@ extern "C"
      * for. */
     int qdb_mirror_process(qdb_mirror *mirror);
 
+    /* Why rows are told, or aren't. */
+    enum qdb_state
+    {
+        QDB_READY = 0,       /* changes are told as they come */
+        QDB_NO_BUS = 1,      /* the bus can't be reached, or hasn't answered */
+        QDB_NO_DATABASE = 2, /* there is no file, or none with tables */
+        QDB_NO_SERVICE = 3,  /* the service has left the bus */
+        QDB_FILLING = 4,     /* nothing tells yet that the tables are filled */
+        QDB_BUSY = 5,        /* others hold the database */
+    };
+    enum qdb_state qdb_mirror_state(const qdb_mirror *mirror);
+
     /* Processes and waits until qdb_mirror_stop(), which a callback, a signal
      * handler or another thread may call; at once, if that came before. */
     int qdb_mirror_run(qdb_mirror *mirror);
@@ -163,9 +175,24 @@ extern "C"
      * file isn't there or holds no tables.
      */
 
-    /* The names of the object tables, up to a NULL, the handle's until its end;
-     * NULL when there is no database. */
+    /* The names of the object tables, up to a NULL; NULL when there is no
+     * database. They are the handle's, until its next call from outside a
+     * callback. */
     const char *const *qdb_tables(qdb_mirror *mirror);
+
+    typedef struct qdb_column
+    {
+        const char *name;
+        const char *type; /* as the table declares it, such as "INTEGER" */
+    } qdb_column;
+
+    /* The columns of a table, in its order, in *columns. Returns how many. They
+     * are the handle's, as the names of the tables are. */
+    int qdb_mirror_columns(qdb_mirror *mirror, const char *table,
+                           const qdb_column **columns);
+
+    /* How many rows a table has. */
+    int64_t qdb_mirror_count(qdb_mirror *mirror, const char *table);
 
     typedef int (*qdb_row_callback)(void *user, const qdb_row *row);
 
@@ -181,6 +208,33 @@ extern "C"
      * is free. Returns how many there were. */
     int qdb_mirror_each(qdb_mirror *mirror, const char *table,
                         qdb_row_callback callback, void *user);
+
+    /* --- Statements of one's own
+     * --------------------------------------------
+     *
+     * All rows are in memory, and the database is free, before the first is
+     * looked at. A row of them has no key, and an OID if there is such a
+     * column; a BLOB is a text as SQL writes it, x'0a'.
+     */
+
+    typedef struct qdb_result qdb_result;
+
+    /* Gives what one statement selects in *result, which ends with
+     * qdb_result_free() and may outlive the handle. -EPERM when it would do
+     * more than read, -EINVAL when it is wrong, -EIO when the file is,
+     * otherwise as above; *result stays as it is then. */
+    int qdb_mirror_select(qdb_mirror *mirror, const char *sql,
+                          qdb_result **result);
+
+    /* What was wrong with the last statement, for people; "" for one that
+     * wasn't. The handle's until the next one. */
+    const char *qdb_mirror_error(const qdb_mirror *mirror);
+
+    size_t qdb_result_columns(const qdb_result *result);
+    const char *qdb_result_name(const qdb_result *result, size_t column);
+    size_t qdb_result_count(const qdb_result *result);
+    const qdb_row *qdb_result_row(const qdb_result *result, size_t i);
+    void qdb_result_free(qdb_result *result); /* NULL is fine */
 
 #ifdef __cplusplus
 }

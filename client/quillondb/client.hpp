@@ -14,7 +14,6 @@
 #include "quillondb/rows.hpp"
 
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -26,33 +25,6 @@
 
 namespace quillondb
 {
-
-// The tables were read again, and so many rows told of since it began.
-struct Resync
-{
-    qdb_reason reason;
-    size_t added;
-    size_t changed;
-    size_t removed;
-};
-
-// Any may be empty.
-struct Handlers
-{
-    std::function<void(const Row &)> added = {};
-    std::function<void(const Change &)> changed = {};
-    std::function<void(const Row &)> removed = {}; // as far as it is known
-    std::function<void(bool)> ready = {};
-    std::function<void(const Resync &)> resynced = {};
-};
-
-struct Options
-{
-    std::string database = {};            // path; "": where it is installed
-    std::string bus = {};                 // address; "": the system bus
-    std::vector<std::string> tables = {}; // none: all object tables
-    std::chrono::milliseconds busy{1000}; // the longest wait for the database
-};
 
 class Mirror
 {
@@ -116,6 +88,12 @@ class Mirror
         qdb_mirror_stop(Handle());
     }
 
+    // Why rows are told, or aren't.
+    qdb_state State() const
+    {
+        return qdb_mirror_state(Handle());
+    }
+
     // The names of the object tables. ENODATA without a database.
     std::vector<std::string> Tables()
     {
@@ -127,6 +105,27 @@ class Mirror
             names.emplace_back(*name);
         }
         return names;
+    }
+
+    // The columns of a table, in its order.
+    std::vector<Column> Columns(const char *table)
+    {
+        const qdb_column *column = nullptr;
+        const int count = Check(qdb_mirror_columns(Handle(), table, &column),
+                                "qdb_mirror_columns");
+        std::vector<Column> columns;
+        for (int i = 0; i < count; ++i)
+        {
+            columns.push_back({column[i].name, column[i].type});
+        }
+        return columns;
+    }
+
+    // How many rows a table has.
+    size_t Count(const char *table)
+    {
+        return static_cast<size_t>(
+            Check(qdb_mirror_count(Handle(), table), "qdb_mirror_count"));
     }
 
     // These give rows of the database as it is now, and return how many there
@@ -153,12 +152,31 @@ class Mirror
         return reading.End(qdb_mirror_each(Handle(), table, OnRow, &reading));
     }
 
+    // The rows that one statement selects; what is wrong with one is in the
+    // text of the failure.
+    size_t Select(const char *sql, const Reader &reader)
+    {
+        qdb_result *made = nullptr;
+        const int failure = qdb_mirror_select(Handle(), sql, &made);
+        const std::unique_ptr<qdb_result, Close> result(made);
+        Check(failure, qdb_mirror_error(Handle()));
+        for (size_t i = 0; i < qdb_result_count(made); ++i)
+        {
+            reader(Row(qdb_result_row(made, i)));
+        }
+        return qdb_result_count(made);
+    }
+
   private:
     struct Close
     {
         void operator()(qdb_mirror *mirror) const
         {
             qdb_mirror_close(mirror);
+        }
+        void operator()(qdb_result *result) const
+        {
+            qdb_result_free(result);
         }
     };
 
@@ -204,11 +222,13 @@ class Mirror
         }
     };
 
-    static int Check(int result, const char *what)
+    template <typename Number>
+    static Number Check(Number result, const char *what)
     {
         if (result < 0)
         {
-            throw std::system_error(-result, std::generic_category(), what);
+            throw std::system_error(static_cast<int>(-result),
+                                    std::generic_category(), what);
         }
         return result;
     }

@@ -1,10 +1,12 @@
-// Rows and their changes, as client.hpp gives them out: views of what belongs
-// to the library, which end with the callback that was given them.
+// What client.hpp takes and tells of. Rows and their changes are views of what
+// belongs to the library, and end with the callback that was given them.
 #pragma once
 
 #include "quillondb/client.h"
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <ostream>
 #include <stdexcept>
 #include <string>
@@ -156,6 +158,39 @@ class Change : public Row
 
   private:
     const qdb_change *change_;
+};
+
+// The tables were read again, and so many rows told of since it began.
+struct Resync
+{
+    qdb_reason reason;
+    size_t added;
+    size_t changed;
+    size_t removed;
+};
+
+// Any may be empty.
+struct Handlers
+{
+    std::function<void(const Row &)> added = {};
+    std::function<void(const Change &)> changed = {};
+    std::function<void(const Row &)> removed = {}; // as far as it is known
+    std::function<void(bool)> ready = {};
+    std::function<void(const Resync &)> resynced = {};
+};
+
+struct Column
+{
+    std::string name;
+    std::string type; // as the table declares it
+};
+
+struct Options
+{
+    std::string database = {};            // path; "": where it is installed
+    std::string bus = {};                 // address; "": the system bus
+    std::vector<std::string> tables = {}; // none: all object tables
+    std::chrono::milliseconds busy{1000}; // the longest wait for the database
 };
 
 } // namespace quillondb

@@ -314,7 +314,8 @@ Slot *Chaos::Pick(unsigned traits)
 }
 
 Chaos::Chaos(uint32_t seed, World &theWorld, Driver &theDriver)
-    : world(theWorld), driver(theDriver), engine(seed)
+    : world(theWorld), driver(theDriver), engine(seed),
+      shadow(driver.Service().Root().Database(), "")
 {
     checker.Doubt(); // what is there was never announced
     checker.LetVanish(
@@ -335,6 +336,7 @@ void Chaos::FollowSignals()
     const bool isDoubtful = epoch.cleared || epoch.heldMs >= kLongHoldMs;
     const bool isDoubted = isDoubtful || wasDoubtful;
     driver.Signals().Sync();
+    shadow.Process(0);
     for (const test::Change &change : driver.Signals().Take())
     {
         const std::string fault = checker.Take(change);

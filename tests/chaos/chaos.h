@@ -6,6 +6,7 @@
 
 #include "tests/chaos/driver.h"
 #include "tests/chaos/world.h"
+#include "tests/client/shadow.h"
 #include "tests/support/signal_checker.h"
 
 #include <random>
@@ -42,6 +43,8 @@ struct Chaos
     std::string signalFault;  // the first, with the journal of its object
     bool wasDoubtful = false; // and so may this epoch's signals be
     size_t signals = 0;       // that were judged
+    test::Shadow shadow;      // which knows the client library alone
+    double slowest = 0;       // seconds that it took to be right
 };
 
 } // namespace qdb::chaos

@@ -1,8 +1,11 @@
 #include "tests/client/shadow.h"
 
+#include "tests/support/wait.h"
+
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <chrono>
 #include <set>
 #include <utility>
 
@@ -90,6 +93,21 @@ void Shadow::Process(int quietMs)
         {
         }
     } while (poll(&entry, 1, quietMs) > 0);
+}
+
+double Shadow::Settle()
+{
+    using Clock = std::chrono::steady_clock;
+    const auto begin = Clock::now();
+    EXPECT_TRUE(WaitUntil(
+        [this]
+        {
+            Process(10);
+            return isReady_ && Compare().empty();
+        }))
+        << Compare();
+    EXPECT_EQ(wrong_, "");
+    return std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
 std::string Shadow::Compare() const

@@ -42,14 +42,9 @@ class Shadow
     // Lets the mirror work until there is nothing to do for so long.
     void Process(int quietMs);
 
-    // What was told and can't be: a line each.
-    const std::string &Wrong() const
-    {
-        return wrong_;
-    }
-
-    // What the tables have and the shadow doesn't, or otherwise; "": nothing.
-    std::string Compare() const;
+    // Waits until the shadow is what the tables are, and expects that nothing
+    // was told twice or wrongly until then. Returns the seconds that it took.
+    double Settle();
 
     bool IsReady() const
     {
@@ -69,6 +64,9 @@ class Shadow
     }
 
   private:
+    // What the tables have and the shadow doesn't, or otherwise; "": nothing.
+    std::string Compare() const;
+
     static void OnAdded(void *self, const qdb_row *row);
     static void OnChanged(void *self, const qdb_change *change);
     static void OnRemoved(void *self, const qdb_row *row);
@@ -82,7 +80,7 @@ class Shadow
     const std::string database_;
     qdb_mirror *mirror_ = nullptr;
     SeenTables rows_;
-    std::string wrong_;
+    std::string wrong_; // what was told and can't be, a line each
     bool isReady_ = false;
     std::array<int, 8> resyncs_ = {}; // by qdb_reason
     size_t told_ = 0;                 // differences

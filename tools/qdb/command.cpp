@@ -85,15 +85,31 @@ Failure FailureOf(int result, const std::string &table,
 void CheckTable(qdb_mirror *mirror, const std::string &table,
                 const std::string &database)
 {
-    const char *const *name = qdb_tables(mirror);
-    while (name != nullptr && *name != nullptr && table != *name)
-    {
-        ++name;
-    }
-    if (name != nullptr && *name == nullptr)
+    const qdb_column *columns = nullptr;
+    if (qdb_mirror_columns(mirror, table.c_str(), &columns) == -ENOENT)
     {
         throw FailureOf(-ENOENT, table, database);
     }
+}
+
+const char *StateText(qdb_state state)
+{
+    switch (state)
+    {
+    case QDB_READY:
+        return "ready";
+    case QDB_NO_BUS:
+        return "the bus can't be reached";
+    case QDB_NO_DATABASE:
+        return "there is no database";
+    case QDB_NO_SERVICE:
+        return "the service has left the bus";
+    case QDB_FILLING:
+        return "the service hasn't filled the tables";
+    case QDB_BUSY:
+        return "the database is busy";
+    }
+    return "for an unknown reason";
 }
 
 } // namespace qdb::tool

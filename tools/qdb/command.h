@@ -80,4 +80,7 @@ Failure FailureOf(int result, const std::string &table,
 void CheckTable(qdb_mirror *mirror, const std::string &table,
                 const std::string &database);
 
+// For people.
+const char *StateText(qdb_state state);
+
 } // namespace qdb::tool

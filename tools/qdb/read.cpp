@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <iterator>
 #include <optional>
 #include <vector>
 
@@ -70,14 +71,16 @@ int Tables(const ReadOptions &options)
         sql += *name;
         sql += "' AS \"table\", count(*) AS \"rows\" FROM " + QuotedName(*name);
     }
-    Print(GridText(MustSelect(options.database, sql), StyleOf(options)));
+    Print(GridText(MustSelect(mirror.get(), options.database, sql),
+                   StyleOf(options)));
     return kFine;
 }
 
 int Sql(const ReadOptions &options)
 {
-    Print(
-        GridText(MustSelect(options.database, options.sql), StyleOf(options)));
+    const MirrorPtr mirror = OpenDatabase(options);
+    Print(GridText(MustSelect(mirror.get(), options.database, options.sql),
+                   StyleOf(options)));
     return kFine;
 }
 
@@ -120,12 +123,28 @@ int Take(void *user, const qdb_row *row)
 }
 
 // Rows needn't be there for a table to have columns.
-Taking TakingOf(const ReadOptions &options)
+std::vector<std::string> ColumnsOf(qdb_mirror *mirror,
+                                   const ReadOptions &options)
 {
-    const std::vector<std::string> all =
-        MustSelect(options.database,
-                   "SELECT * FROM " + QuotedName(options.table) + " LIMIT 0")
-            .columns;
+    const qdb_column *columns = nullptr;
+    const int count =
+        qdb_mirror_columns(mirror, options.table.c_str(), &columns);
+    if (count < 0)
+    {
+        throw FailureOf(count, options.table, options.database);
+    }
+    std::vector<std::string> names;
+    std::transform(columns, columns + count, std::back_inserter(names),
+                   [](const qdb_column &column)
+                   {
+                       return column.name;
+                   });
+    return names;
+}
+
+Taking TakingOf(qdb_mirror *mirror, const ReadOptions &options)
+{
+    const std::vector<std::string> all = ColumnsOf(mirror, options);
     Taking taking;
     for (const std::string &name :
          options.columns.empty() ? all : options.columns)
@@ -150,8 +169,7 @@ Taking TakingOf(const ReadOptions &options)
 int Get(const ReadOptions &options)
 {
     const MirrorPtr mirror = OpenDatabase(options);
-    CheckTable(mirror.get(), options.table, options.database);
-    Taking taking = TakingOf(options);
+    Taking taking = TakingOf(mirror.get(), options);
     const char *table = options.table.c_str();
     int count = 0;
     if (options.object.empty())

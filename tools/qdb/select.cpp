@@ -3,193 +3,72 @@
 #include "tools/qdb/command.h"
 #include "tools/qdb/value.h"
 
-#include <sqlite3.h>
-#include <unistd.h>
+#include <cerrno>
 
 namespace qdb::tool
 {
 namespace
 {
 
-constexpr int kBusyMs = 5000;
-
-struct CloseDatabase
+struct FreeResult
 {
-    void operator()(sqlite3 *handle) const
+    void operator()(qdb_result *result) const
     {
-        sqlite3_close_v2(handle);
+        qdb_result_free(result);
     }
 };
-struct FinalizeStatement
+
+Grid GridOf(const qdb_result *result)
 {
-    void operator()(sqlite3_stmt *statement) const
+    Grid grid;
+    const size_t columns = qdb_result_columns(result);
+    for (size_t i = 0; i < columns; ++i)
     {
-        sqlite3_finalize(statement);
+        grid.columns.emplace_back(qdb_result_name(result, i));
     }
-};
-using DatabasePtr = std::unique_ptr<sqlite3, CloseDatabase>;
-using StatementPtr = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
-
-// The file is opened for reading; but ATTACH and VACUUM INTO, which attaches,
-// would make others, and a transaction would be nobody's.
-int RefuseOthers(void *, int action, const char *, const char *, const char *,
-                 const char *)
-{
-    const bool isRefused = action == SQLITE_ATTACH ||
-                           action == SQLITE_TRANSACTION ||
-                           action == SQLITE_SAVEPOINT;
-    return isRefused ? SQLITE_DENY : SQLITE_OK;
-}
-
-Failure Refused()
-{
-    return Failure("only statements that read are run here");
-}
-
-Failure Error(sqlite3 *handle)
-{
-    const int status = sqlite3_errcode(handle);
-    return status == SQLITE_AUTH || status == SQLITE_READONLY
-               ? Refused()
-               : Failure(sqlite3_errmsg(handle));
-}
-
-bool IsBusy(int status)
-{
-    return (status & 0xFF) == SQLITE_BUSY || (status & 0xFF) == SQLITE_LOCKED;
-}
-
-std::string Hex(const unsigned char *bytes, size_t size)
-{
-    constexpr const char *kDigits = "0123456789abcdef";
-    std::string text = "x'";
-    for (size_t i = 0; i < size; ++i)
+    for (size_t at = 0; at < qdb_result_count(result); ++at)
     {
-        text += kDigits[bytes[i] >> 4];
-        text += kDigits[bytes[i] & 15];
-    }
-    return text + '\'';
-}
-
-JsonPtr ValueAt(sqlite3_stmt *statement, int column)
-{
-    switch (sqlite3_column_type(statement, column))
-    {
-    case SQLITE_INTEGER:
-        return JsonPtr(json_integer(sqlite3_column_int64(statement, column)));
-    case SQLITE_FLOAT:
-        return RealValue(sqlite3_column_double(statement, column));
-    case SQLITE_NULL:
-        return JsonPtr(json_null());
-    default:
-        break;
-    }
-    const bool isBlob = sqlite3_column_type(statement, column) == SQLITE_BLOB;
-    const auto *bytes = static_cast<const unsigned char *>(
-        sqlite3_column_blob(statement, column));
-    const auto size =
-        static_cast<size_t>(sqlite3_column_bytes(statement, column));
-    return TextValue(isBlob ? Hex(bytes, size)
-                            : std::string(bytes, bytes + size));
-}
-
-// Nothing but space and comments.
-bool IsEnd(sqlite3 *handle, const char *sql)
-{
-    sqlite3_stmt *more = nullptr;
-    const int status = sqlite3_prepare_v2(handle, sql, -1, &more, nullptr);
-    const StatementPtr owner(more);
-    return status == SQLITE_OK && more == nullptr;
-}
-
-// NULL when the database stayed busy.
-StatementPtr Prepare(sqlite3 *handle, const std::string &sql)
-{
-    sqlite3_stmt *prepared = nullptr;
-    const char *rest = nullptr;
-    const int status =
-        sqlite3_prepare_v2(handle, sql.c_str(), -1, &prepared, &rest);
-    StatementPtr statement(prepared);
-    if (IsBusy(status))
-    {
-        return nullptr;
-    }
-    if (status != SQLITE_OK)
-    {
-        throw Error(handle);
-    }
-    if (prepared == nullptr || !IsEnd(handle, rest))
-    {
-        throw Failure("one statement is wanted");
-    }
-    if (!sqlite3_stmt_readonly(prepared))
-    {
-        throw Refused();
-    }
-    return statement;
-}
-
-// SQLite's last status.
-int Take(sqlite3_stmt *statement, Grid *pGrid)
-{
-    const int columns = sqlite3_column_count(statement);
-    for (int i = 0; i < columns; ++i)
-    {
-        pGrid->columns.emplace_back(sqlite3_column_name(statement, i));
-    }
-    int status = sqlite3_step(statement);
-    for (; status == SQLITE_ROW; status = sqlite3_step(statement))
-    {
-        auto &row = pGrid->rows.emplace_back();
-        for (int i = 0; i < columns; ++i)
+        auto &row = grid.rows.emplace_back();
+        for (size_t i = 0; i < columns; ++i)
         {
-            row.push_back(ValueAt(statement, i));
+            row.push_back(ColumnValue(qdb_result_row(result, at), i));
         }
     }
-    return status;
+    return grid;
 }
 
 } // namespace
 
-Selected Select(const std::string &database, const std::string &sql, int busyMs,
-                Grid *pGrid)
+int Select(qdb_mirror *mirror, const std::string &database,
+           const std::string &sql, Grid *pGrid)
 {
-    sqlite3 *opened = nullptr;
-    const int status = sqlite3_open_v2(database.c_str(), &opened,
-                                       SQLITE_OPEN_READONLY, nullptr);
-    const DatabasePtr handle(opened);
-    if (status != SQLITE_OK)
+    qdb_result *made = nullptr;
+    const int status = qdb_mirror_select(mirror, sql.c_str(), &made);
+    const std::unique_ptr<qdb_result, FreeResult> result(made);
+    switch (status)
     {
-        if (access(database.c_str(), F_OK) != 0)
-        {
-            return Selected::NoDatabase;
-        }
-        throw Failure(database + ": " + sqlite3_errmsg(opened));
+    case 0:
+        *pGrid = GridOf(made);
+        return 0;
+    case -ENODATA:
+    case -EBUSY:
+        return status;
+    case -EIO:
+        throw Failure(database + ": " + qdb_mirror_error(mirror));
+    default:
+        throw Failure(qdb_mirror_error(mirror));
     }
-    sqlite3_busy_timeout(opened, busyMs);
-    sqlite3_set_authorizer(opened, RefuseOthers, nullptr);
-    *pGrid = {};
-    const StatementPtr statement = Prepare(opened, sql);
-    const int last = statement ? Take(statement.get(), pGrid) : SQLITE_BUSY;
-    if (last != SQLITE_DONE && !IsBusy(last))
-    {
-        throw Error(opened);
-    }
-    return last == SQLITE_DONE ? Selected::Done : Selected::Busy;
 }
 
-Grid MustSelect(const std::string &database, const std::string &sql)
+Grid MustSelect(qdb_mirror *mirror, const std::string &database,
+                const std::string &sql)
 {
     Grid grid;
-    switch (Select(database, sql, kBusyMs, &grid))
+    if (const int result = Select(mirror, database, sql, &grid))
     {
-    case Selected::NoDatabase:
-        throw Failure("no database at " + database);
-    case Selected::Busy:
-        throw Failure("the database is busy");
-    default:
-        return grid;
+        throw FailureOf(result, "", database);
     }
+    return grid;
 }
 
 std::string QuotedName(const std::string &name)

@@ -1,30 +1,26 @@
-// Statements of the user's own, which the client library has no call for.
+// Statements of the user's own.
 #pragma once
 
 #include "tools/qdb/grid.h"
+
+#include <quillondb/client.h>
 
 #include <string>
 
 namespace qdb::tool
 {
 
-enum class Selected
-{
-    Done,
-    NoDatabase, // there is no file
-    Busy,       // it stayed busy for busyMs milliseconds
-};
-
-// Runs one statement on a connection that only reads, and gives what it selects
-// in *pGrid. The database is free again when this returns: the service waits
-// for a statement that is under way. Throws Failure for anything else that is
-// wrong, a statement that would write included.
-Selected Select(const std::string &database, const std::string &sql, int busyMs,
-                Grid *pGrid);
+// Gives what one statement selects in *pGrid. Returns 0, or what may pass:
+// -ENODATA when there is no file, -EBUSY. Throws Failure for anything else that
+// is wrong, a statement that would write included. `database` is its name in
+// errors.
+int Select(qdb_mirror *mirror, const std::string &database,
+           const std::string &sql, Grid *pGrid);
 
 // The same for a command that has nothing to do without a result: throws
 // Failure.
-Grid MustSelect(const std::string &database, const std::string &sql);
+Grid MustSelect(qdb_mirror *mirror, const std::string &database,
+                const std::string &sql);
 
 // A name as SQL.
 std::string QuotedName(const std::string &name);

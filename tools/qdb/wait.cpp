@@ -34,25 +34,18 @@ bool IsForReadiness(const Options &options)
 }
 
 // A database that isn't there, or is busy, may change.
-bool HasRow(const Options &options)
+bool HasRow(qdb_mirror *mirror, const Options &options)
 {
     const std::string condition =
         options.condition.empty() ? "1" : options.condition;
     Grid grid;
-    const Selected selected =
-        Select(options.database,
-               "SELECT 1 FROM " + QuotedName(options.what) + " WHERE (" +
-                   condition + "\n) LIMIT 1",
-               kBusyMs, &grid);
-    return selected == Selected::Done && !grid.rows.empty();
+    const std::string sql = "SELECT 1 FROM " + QuotedName(options.what) +
+                            " WHERE (" + condition + "\n) LIMIT 1";
+    return Select(mirror, options.database, sql, &grid) == 0 &&
+           !grid.rows.empty();
 }
 
-void OnReady(void *user, int isReady)
-{
-    *static_cast<bool *>(user) = isReady == 1;
-}
-
-MirrorPtr Follow(const Options &options, bool *pIsReady)
+MirrorPtr Follow(const Options &options)
 {
     // Readiness is the same for all tables, and signals of all of them wake the
     // loop: one that is small will do, so that nothing big is read at first.
@@ -62,8 +55,6 @@ MirrorPtr Follow(const Options &options, bool *pIsReady)
     given.bus = options.bus.empty() ? nullptr : options.bus.c_str();
     given.tables = tables;
     given.busy_ms = kBusyMs;
-    given.user = pIsReady;
-    given.ready = OnReady;
     return OpenMirror(given);
 }
 
@@ -82,21 +73,24 @@ int Remaining(const Options &options, Clock::time_point start)
 int Wait(const Options &options)
 {
     const Clock::time_point start = Clock::now();
-    bool isReady = false;
-    const MirrorPtr mirror = Follow(options, &isReady);
+    const MirrorPtr mirror = Follow(options);
     for (;;)
     {
         // Rows are looked for at each signal, and at each tick of the library,
         // which comes also without a bus.
         const bool isMore = qdb_mirror_process(mirror.get()) == 1;
-        if (IsForReadiness(options) ? isReady : HasRow(options))
+        const qdb_state state = qdb_mirror_state(mirror.get());
+        if (IsForReadiness(options) ? state == QDB_READY
+                                    : HasRow(mirror.get(), options))
         {
             return kFine;
         }
         const int remaining = Remaining(options, start);
         if (remaining == 0)
         {
-            Complain("not in time");
+            Complain(IsForReadiness(options)
+                         ? std::string("not in time: ") + StateText(state)
+                         : "not in time");
             return kTimeout;
         }
         pollfd entry = {qdb_mirror_fd(mirror.get()), POLLIN, 0};

@@ -1,5 +1,6 @@
 // qdb watch: shows changes as they happen, until SIGINT, SIGTERM or the end of
 // whoever reads them.
+#include "client/descriptor.h"
 #include "tools/qdb/command.h"
 #include "tools/qdb/value.h"
 #include "tools/qdb/watcher.h"
@@ -22,6 +23,8 @@ namespace qdb::tool
 namespace
 {
 
+using client::Descriptor;
+
 struct Options
 {
     std::string database;
@@ -30,31 +33,6 @@ struct Options
     bool isAll = false;
     bool isJson = false;
     std::string pipe; // "": none
-};
-
-class Descriptor
-{
-  public:
-    explicit Descriptor(int fd) : fd_(fd)
-    {
-    }
-    ~Descriptor()
-    {
-        if (fd_ >= 0)
-        {
-            close(fd_);
-        }
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-
-    operator int() const
-    {
-        return fd_;
-    }
-
-  private:
-    int fd_;
 };
 
 Failure SystemError(const std::string &what)
