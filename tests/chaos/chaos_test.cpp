@@ -160,8 +160,8 @@ std::string JudgeBooks(const Driver &driver)
     for (const tool::Series &table : statistics->Find("table_rows")->series)
     {
         const std::string name(table.Label("table"));
-        const std::string rows = test::QueryValue(
-            root.Database(), "SELECT count(*) FROM " + name);
+        const std::string rows =
+            test::QueryValue(root.Database(), "SELECT count(*) FROM " + name);
         if (rows != std::to_string(table.Count()))
         {
             wrong += name + " has " + rows + " rows, " +
