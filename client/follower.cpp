@@ -71,18 +71,18 @@ int Follower::Apply(const std::vector<RawSignal> &raws)
         list.push_back(std::move(signal));
     }
     int result = 0;
-    for (const auto &[table, found] : tables)
+    for (auto &[table, found] : tables)
     {
-        const int looked = LookAtAll(*table, found.first, found.second);
+        const int looked = LookAtAll(*table, found.first, &found.second);
         result = result == 0 ? looked : result;
     }
     return result;
 }
 
 int Follower::LookAtAll(const Table &table, const std::vector<int64_t> &oids,
-                        const Signals &signals)
+                        Signals *pSignals)
 {
-    static const std::vector<Signal> none;
+    std::vector<Signal> none;
     int result = 0;
     std::vector<qdb_row> rows;
     for (size_t at = 0; at < oids.size(); at += Database::kTogether)
@@ -94,9 +94,9 @@ int Follower::LookAtAll(const Table &table, const std::vector<int64_t> &oids,
         for (size_t i = 0; read == 0 && i < some.size(); ++i)
         {
             const auto now = std::ranges::find(rows, some[i], &qdb_row::oid);
-            const auto its = signals.find(some[i]);
+            const auto its = pSignals->find(some[i]);
             LookAt(table, some[i], now == rows.end() ? nullptr : &*now,
-                   its == signals.end() ? none : its->second);
+                   its == pSignals->end() ? &none : &its->second);
         }
     }
     return result;
@@ -126,7 +126,10 @@ qdb_change Follower::Compare(const KnownRow &known,
                             [](const Signal &signal)
                             {
                                 return signal.kind == SignalKind::Changed;
-                            });
+                            }) &&
+        // What signals don't tell of may have changed without one.
+        (signals.front().missing.empty() ||
+         BeginsWith(signals.front(), known.tag));
     return isChain ? MakeChange(CollectChanges(signals, now), now)
                    : qdb_change{&now};
 }
@@ -145,16 +148,20 @@ void Follower::TellGone(const Table &table, const KnownRow &known,
 }
 
 void Follower::LookAt(const Table &table, int64_t oid, const qdb_row *now,
-                      const std::vector<Signal> &signals)
+                      std::vector<Signal> *pSignals)
 {
     const KnownRow *known = known_[table.name].Find(oid);
     if (now != nullptr)
     {
-        TellThere(table, *now, signals);
+        for (Signal &signal : *pSignals)
+        {
+            signal.Complete(*now);
+        }
+        TellThere(table, *now, *pSignals);
     }
     else if (known != nullptr)
     {
-        TellGone(table, KnownRow(*known), signals);
+        TellGone(table, KnownRow(*known), *pSignals);
     }
 }
 
@@ -218,7 +225,8 @@ int Follower::ScanTable(const Table &table)
     {
         doubtful.push_back(known->oid);
     }
-    return LookAtAll(table, doubtful, {});
+    Signals none;
+    return LookAtAll(table, doubtful, &none);
 }
 
 void Follower::Doubt(bool isAnotherLife)

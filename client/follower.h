@@ -73,10 +73,11 @@ class Follower
   private:
     bool IsFollowed(const std::string &table) const;
     using Signals = std::map<int64_t, std::vector<Signal>>; // by OID
+    // What the signals leave out is filled in from the rows.
     int LookAtAll(const Table &table, const std::vector<int64_t> &oids,
-                  const Signals &signals);
+                  Signals *pSignals);
     void LookAt(const Table &table, int64_t oid, const qdb_row *now,
-                const std::vector<Signal> &signals);
+                std::vector<Signal> *pSignals);
     void TellThere(const Table &table, const qdb_row &now,
                    const std::vector<Signal> &signals);
     void TellGone(const Table &table, const KnownRow &known,

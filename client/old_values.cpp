@@ -41,6 +41,24 @@ Old CollectChanges(const std::vector<Signal> &signals, const qdb_row &now)
     return old;
 }
 
+bool BeginsWith(const Signal &signal, uint64_t tag)
+{
+    qdb_row before = signal.row;
+    for (const size_t column : signal.changed)
+    {
+        const auto previous = signal.previous.find(column);
+        if (previous != signal.previous.end())
+        {
+            before.values[column] = previous->second;
+        }
+        else if (column != before.table->stamp)
+        {
+            return false;
+        }
+    }
+    return before.Tag() == tag;
+}
+
 qdb_change MakeChange(const Old &old, const qdb_row &now)
 {
     qdb_change change = {&now, true};

@@ -76,6 +76,15 @@ void ReadObject(json_t *object, const Table &table, Take take)
 
 } // namespace
 
+void Signal::Complete(const qdb_row &now)
+{
+    for (const size_t column : missing)
+    {
+        row.values[column] = now.values[column];
+    }
+    tag = missing.empty() ? tag : row.Tag();
+}
+
 SignalText::SignalText(const std::string &text)
     : whole_(json_loadb(text.data(), text.size(), JSON_ALLOW_NUL, nullptr))
 {
@@ -100,6 +109,14 @@ Signal SignalText::Read(SignalKind kind, const client::Table &table) const
                {
                    signal.row.values[column] = MemberValue(member);
                });
+    for (size_t i = 0; i < table.columns.size(); ++i)
+    {
+        if (signal.row.values[i].type == QDB_NULL &&
+            json_object_get(details, table.columns[i].c_str()) == nullptr)
+        {
+            signal.missing.push_back(i);
+        }
+    }
     signal.tag = signal.row.Tag();
     if (kind != SignalKind::Changed)
     {

@@ -19,15 +19,19 @@ enum class SignalKind
 };
 
 // A signal that has been read. Columns that the table doesn't have are left
-// out.
+// out; those that it has and the signal doesn't are `missing`.
 struct Signal
 {
     SignalKind kind = SignalKind::Added;
     int64_t oid = 0;
     qdb_row row = {};                      // as the signal tells it
-    uint64_t tag = 0;                      // of that
+    std::vector<size_t> missing = {};      // columns
+    uint64_t tag = 0;                      // of the row
     std::vector<size_t> changed = {};      // columns
     std::map<size_t, Value> previous = {}; // old values, as far as it has them
+
+    // Takes what is missing in it from the row as it is now.
+    void Complete(const qdb_row &now);
 };
 
 class SignalText
