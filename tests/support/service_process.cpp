@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <sstream>
 
@@ -44,28 +45,38 @@ std::string Ask(int fd, const std::string &line)
     return n > 0 ? reply : "";
 }
 
-// What the service finds in its environment: what is there already and, before
-// it, what is asked for.
+// What the service finds in its environment: what is asked for, and what is
+// there already. Nothing is in it twice: not all take the first for what
+// counts.
 std::vector<std::string> Environment(const ServiceOptions &options,
                                      const std::string &root)
 {
-    std::vector<std::string> environment;
-    for (char **entry = environ; *entry != nullptr; ++entry)
-    {
-        environment.emplace_back(*entry);
-    }
     const std::string bus = options.busAddress.empty()
                                 ? std::getenv("DBUS_SYSTEM_BUS_ADDRESS")
                                 : options.busAddress;
-    environment.insert(environment.begin(),
-                       {"QDB_TEST_ROOT=" + root,
-                        "QDB_STANDIN_SCENARIO=" + root + "/scenario.json",
-                        "QDB_STANDIN_SOCKET=" + root + "/control",
-                        "QDB_STANDIN_STATE=" + root + "/state.json",
-                        "QDB_STANDIN_LOG=" + std::to_string(options.logLevel),
-                        "DBUS_SYSTEM_BUS_ADDRESS=" + bus});
-    environment.insert(environment.begin(), options.variables.begin(),
-                       options.variables.end());
+    std::vector<std::string> wanted = options.variables;
+    wanted.insert(wanted.end(),
+                  {"QDB_TEST_ROOT=" + root,
+                   "QDB_STANDIN_SCENARIO=" + root + "/scenario.json",
+                   "QDB_STANDIN_SOCKET=" + root + "/control",
+                   "QDB_STANDIN_STATE=" + root + "/state.json",
+                   "QDB_STANDIN_LOG=" + std::to_string(options.logLevel),
+                   "DBUS_SYSTEM_BUS_ADDRESS=" + bus});
+    std::map<std::string, std::string> byName;
+    for (const std::string &variable : wanted)
+    {
+        byName.emplace(variable.substr(0, variable.find('=')), variable);
+    }
+    for (char **entry = environ; *entry != nullptr; ++entry)
+    {
+        const std::string variable = *entry;
+        byName.emplace(variable.substr(0, variable.find('=')), variable);
+    }
+    std::vector<std::string> environment;
+    for (const auto &[name, variable] : byName)
+    {
+        environment.push_back(variable);
+    }
     return environment;
 }
 
