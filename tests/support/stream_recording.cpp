@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -94,6 +96,22 @@ std::vector<Lines> OperationsOf(const std::string &text)
     return operations;
 }
 
+std::string WithFifteenDigits(const std::string &line)
+{
+    static const std::regex longReal("\\d\\.\\d{15,}e[-+]\\d+");
+    std::string text;
+    std::string rest = line;
+    for (std::smatch match; std::regex_search(rest, match, longReal);)
+    {
+        char digits[32];
+        std::snprintf(digits, sizeof(digits), "%.14e",
+                      std::strtod(match.str().c_str(), nullptr));
+        text += match.prefix().str() + digits;
+        rest = match.suffix().str();
+    }
+    return text + rest;
+}
+
 } // namespace
 
 Lines CutLog(Lines log)
@@ -157,6 +175,18 @@ std::string Differences(const std::string &recorded, const std::string &now)
         }
     }
     return text;
+}
+
+std::string RowsWithFifteenDigits(const std::string &text)
+{
+    std::string shortened;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+    {
+        shortened += line.starts_with("row ") ? WithFifteenDigits(line) : line;
+        shortened += '\n';
+    }
+    return shortened;
 }
 
 } // namespace qdb::test

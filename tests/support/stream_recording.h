@@ -36,4 +36,10 @@ std::string RenderStream(const Stream &stream, const std::string &comment,
 // first line of each that isn't the same. Empty when there is none.
 std::string Differences(const std::string &recorded, const std::string &now);
 
+// The text with the reals of its rows rounded to fifteen digits. SQLite's
+// quote() gives more, of which those beyond depend on its version, and on
+// whether long double is wider than double, which it isn't on ARM. Other lines
+// have the service's own digits, and stay.
+std::string RowsWithFifteenDigits(const std::string &text);
+
 } // namespace qdb::test
