@@ -12,6 +12,8 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+
 namespace qdb::fuzz
 {
 namespace
@@ -66,10 +68,10 @@ void Append(Record *pRecord, const std::string &text)
     pRecord->push_back(0);
 }
 
-// A header without its size.
-Record Begin(uint16_t type)
+// A header without its size, and room for so many bytes behind it.
+Record Begin(uint16_t type, size_t room = 0)
 {
-    Record record(sizeof(DataEventHeader));
+    Record record(sizeof(DataEventHeader) + room);
     HeadOf<DataEventHeader>(record)->evtType = type;
     return record;
 }
@@ -107,10 +109,11 @@ void GiveBytes(Input *pInput)
     const bool lies = pInput->Byte() % 2 == 1;
     const uint32_t claimed = pInput->Word() % kMostClaimed;
     const uint8_t which = pInput->Byte();
-    Record record =
-        Begin(which < std::size(kTypes) ? kTypes[which] : pInput->Word());
+    const uint16_t type =
+        which < std::size(kTypes) ? kTypes[which] : pInput->Word();
     const Bytes body = pInput->Take(pInput->Word());
-    record.insert(record.end(), body.begin(), body.end());
+    Record record = Begin(type, body.size());
+    std::ranges::copy(body, record.begin() + sizeof(DataEventHeader));
     lies ? Give(record, claimed) : Give(record);
 }
 

@@ -163,7 +163,7 @@ TEST_F(DbTest, StatusLoopFollowsItsSite)
 std::atomic<int> gFree = 0;
 std::atomic<int> gHeld = 0;
 
-int LookAtStepMutex(void * = nullptr)
+void LookAtStepMutex()
 {
     const bool isFree = pthread_mutex_trylock(&SqliteStepMutex) == 0;
     ++(isFree ? gFree : gHeld);
@@ -171,6 +171,11 @@ int LookAtStepMutex(void * = nullptr)
     {
         pthread_mutex_unlock(&SqliteStepMutex);
     }
+}
+
+int LookAtStepMutexOf(unsigned, void *, void *, void *)
+{
+    LookAtStepMutex();
     return 0;
 }
 
@@ -193,11 +198,13 @@ TEST_F(DbTest, TheStepMutexIsHeldInStepsAndNotInSleeps)
         EXPECT_EQ(gHeld, 0);
         EXPECT_EQ(StepCount(c.sql), 4);
 
-        // Called at every instruction that a step runs.
+        // Called when a step begins to run, and at each of its rows. A progress
+        // handler won't do: from SQLite 3.41 on it is also called in preparing.
         gFree = gHeld = 0;
-        sqlite3_progress_handler(QDVdbHandle, 1, LookAtStepMutex, nullptr);
+        sqlite3_trace_v2(QDVdbHandle, SQLITE_TRACE_STMT | SQLITE_TRACE_ROW,
+                         LookAtStepMutexOf, nullptr);
         EXPECT_EQ(c.call(), c.mapped);
-        sqlite3_progress_handler(QDVdbHandle, 0, nullptr, nullptr);
+        sqlite3_trace_v2(QDVdbHandle, 0, nullptr, nullptr);
         EXPECT_GT(gHeld, 0);
         EXPECT_EQ(gFree, 0);
     }

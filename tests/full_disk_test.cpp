@@ -8,6 +8,7 @@
 #include <sys/vfs.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 
@@ -32,7 +33,7 @@ class SmallDisk
     SmallDisk &operator=(const SmallDisk &) = delete;
 
     // 0, or the error.
-    int Mount(size_t bytes) const
+    int Mount(uintmax_t bytes) const
     {
         static const bool isOwn =
             unshare(CLONE_NEWNS) == 0 &&
@@ -43,7 +44,7 @@ class SmallDisk
                    : errno;
     }
 
-    void Grow(size_t bytes) const
+    void Grow(uintmax_t bytes) const
     {
         EXPECT_EQ(mount("tmpfs", directory_.c_str(), "tmpfs", MS_REMOUNT,
                         Size(bytes).c_str()),
@@ -52,7 +53,7 @@ class SmallDisk
     }
 
   private:
-    static std::string Size(size_t bytes)
+    static std::string Size(uintmax_t bytes)
     {
         return "size=" + std::to_string(bytes);
     }

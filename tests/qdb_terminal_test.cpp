@@ -46,12 +46,23 @@ class Terminal
         return slave_;
     }
 
-    // What programs that have ended have written to it; there was something.
+    // What programs that have ended have written to it. A terminal hands it on
+    // in pieces, but in order.
     std::string Shown() const
     {
-        char text[4096];
-        const ssize_t size = read(master_, text, sizeof(text));
-        return {text, static_cast<size_t>(size < 0 ? 0 : size)};
+        constexpr std::string_view kEnd = "(end)";
+        EXPECT_EQ(write(slave_, kEnd.data(), kEnd.size()),
+                  static_cast<ssize_t>(kEnd.size()));
+        std::string text;
+        char block[4096];
+        ssize_t size = 1;
+        while (size > 0 && !text.ends_with(kEnd))
+        {
+            size = read(master_, block, sizeof(block));
+            text.append(block, static_cast<size_t>(size < 0 ? 0 : size));
+        }
+        EXPECT_GT(size, 0);
+        return text.substr(0, text.rfind(kEnd));
     }
 
   private:

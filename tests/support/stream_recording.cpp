@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <regex>
 #include <set>
+#include <sstream>
 
 namespace qdb::test
 {
@@ -61,6 +64,22 @@ std::string Join(const Lines &lines, const std::string &indent)
     return text;
 }
 
+std::string WithFifteenDigits(const std::string &line)
+{
+    static const std::regex longReal("\\d\\.\\d{15,}e[-+]\\d+");
+    std::string text;
+    std::string rest = line;
+    for (std::smatch match; std::regex_search(rest, match, longReal);)
+    {
+        char digits[32];
+        std::snprintf(digits, sizeof(digits), "%.14e",
+                      std::strtod(match.str().c_str(), nullptr));
+        text += match.prefix().str() + digits;
+        rest = match.suffix().str();
+    }
+    return text + rest;
+}
+
 } // namespace
 
 Lines CutLog(Lines log)
@@ -97,6 +116,18 @@ std::string RenderStream(const Stream &stream, const std::string &comment,
         }
     }
     return text;
+}
+
+std::string RowsWithFifteenDigits(const std::string &text)
+{
+    std::string shortened;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+    {
+        shortened += line.starts_with("row ") ? WithFifteenDigits(line) : line;
+        shortened += '\n';
+    }
+    return shortened;
 }
 
 } // namespace qdb::test

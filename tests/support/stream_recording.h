@@ -32,4 +32,10 @@ std::vector<std::string> CutLog(std::vector<std::string> log);
 std::string RenderStream(const Stream &stream, const std::string &comment,
                          bool cutNothing = false);
 
+// The text with the reals of its rows rounded to fifteen digits. SQLite's
+// quote() gives more, of which those beyond depend on its version, and on
+// whether long double is wider than double, which it isn't on ARM. Other lines
+// have the service's own digits, and stay.
+std::string RowsWithFifteenDigits(const std::string &text);
+
 } // namespace qdb::test
