@@ -96,17 +96,18 @@ std::vector<Lines> OperationsOf(const std::string &text)
     return operations;
 }
 
+// The exponent stays out of it: rounded, the greatest real would be infinite.
 std::string WithFifteenDigits(const std::string &line)
 {
-    static const std::regex longReal("\\d\\.\\d{15,}e[-+]\\d+");
+    static const std::regex longReal("(\\d\\.\\d{15,})(e[-+]\\d+)");
     std::string text;
     std::string rest = line;
     for (std::smatch match; std::regex_search(rest, match, longReal);)
     {
         char digits[32];
-        std::snprintf(digits, sizeof(digits), "%.14e",
-                      std::strtod(match.str().c_str(), nullptr));
-        text += match.prefix().str() + digits;
+        std::snprintf(digits, sizeof(digits), "%.14f",
+                      std::strtod(match.str(1).c_str(), nullptr));
+        text += match.prefix().str() + digits + match.str(2);
         rest = match.suffix().str();
     }
     return text + rest;
