@@ -64,41 +64,7 @@ std::string Join(const Lines &lines, const std::string &indent)
     return text;
 }
 
-<<<<<<< HEAD
-=======
-// The operations of a rendered text, each the lines from its name to the last
-// of its log, wherever that stands.
-std::vector<Lines> OperationsOf(const std::string &text)
-{
-    std::vector<Lines> operations = {{"the comment"}};
-    std::map<std::string, Lines> logs;
-    Lines *pLog = nullptr;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-    {
-        if (line.starts_with(kOperationMark))
-        {
-            operations.emplace_back();
-        }
-        Lines &operation = operations.back();
-        if (line.starts_with(kLogMark))
-        {
-            // Its hash is no difference of its own.
-            pLog = &logs[line];
-            operation.insert(operation.end(), pLog->begin(), pLog->end());
-            continue;
-        }
-        operation.push_back(line);
-        if (line.starts_with(kLogIndent))
-        {
-            pLog->push_back(line);
-        }
-    }
-    return operations;
-}
-
 // The exponent stays out of it: rounded, the greatest real would be infinite.
->>>>>>> matrix
 std::string WithFifteenDigits(const std::string &line)
 {
     static const std::regex longReal("(\\d\\.\\d{15,})(e[-+]\\d+)");
