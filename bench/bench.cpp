@@ -3,13 +3,17 @@
 #include "bench/follow.h"
 #include "bench/pair.h"
 #include "bench/slow.h"
+#include "tools/qdb/statistics.h"
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
+#include <functional>
 #include <iterator>
+#include <vector>
 
 namespace qdb::bench
 {
@@ -117,9 +121,44 @@ void Round::RunWorkloads(int refreshes, uint64_t changes, Slices *pSlices)
     changes_ = pair_.Changes();
 }
 
+// What the service has counted from an event to its signal; nothing for one
+// that doesn't count.
+std::vector<uint64_t> CountedLatencies(const Service &service)
+{
+    const std::filesystem::path file =
+        service.scratch.root / "var/run/quillondatabase/statistics";
+    const auto statistics = tool::ReadStatistics(file.string());
+    const tool::Family *family =
+        statistics ? statistics->Find("event_to_signal") : nullptr;
+    return family == nullptr ? std::vector<uint64_t>{}
+                             : family->series.at(0).cells;
+}
+
+// The same latencies from inside, by powers of two: less than what is told from
+// outside by the way there and back.
+void AddCounted(const std::vector<uint64_t> &before,
+                std::vector<uint64_t> after, Figures *pFigures)
+{
+    if (before.size() != after.size() || before.empty())
+    {
+        return;
+    }
+    std::ranges::transform(after, before, after.begin(), std::minus<>());
+    const auto within = [&](double share)
+    {
+        constexpr double kMicrosecond = 1000;
+        return static_cast<double>(tool::PercentileOf(after, share)) /
+               kMicrosecond;
+    };
+    pFigures->rows.push_back(
+        {"by its own count, within",
+         {within(0.5), NAN, within(0.99), NAN, within(0.999), LoadAverage()}});
+}
+
 void Round::MeasureLatency(int runs, Figures *pFigures)
 {
     pair_.Run(All(Action::Create, Set::TwentyTypes));
+    const std::vector<uint64_t> before = CountedLatencies(pair_.service);
     for (int i = 0; i < runs; ++i)
     {
         std::vector<double> times;
@@ -134,6 +173,7 @@ void Round::MeasureLatency(int runs, Figures *pFigures)
              {times[times.size() / 2], 250, times[times.size() * 99 / 100],
               3000, times[times.size() * 999 / 1000], LoadAverage()}});
     }
+    AddCounted(before, CountedLatencies(pair_.service), pFigures);
 }
 
 void Round::MeasureIdle(unsigned seconds, Figures *pFigures)

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
-#include <cstring>
 #include <new>
 
 namespace qdb
@@ -109,8 +108,8 @@ void Describe(Image *pImage)
     header.series = {offsetof(Image, series), kSeriesCount,
                      sizeof(StatisticsSeries)};
     header.cells = {offsetof(Image, figures), cellCount, sizeof(Cell)};
-    std::atomic_thread_fence(std::memory_order_release);
-    std::memcpy(header.magic, kStatisticsMagic, sizeof(header.magic));
+    std::atomic_ref(header.magic)
+        .store(kStatisticsMagic, std::memory_order_release);
 }
 
 // kCountedTables for one that isn't counted.

@@ -11,13 +11,15 @@
 // which tells one that runs from what it left behind.
 #pragma once
 
+#include <array>
+#include <bit>
 #include <cstdint>
 
 namespace qdb
 {
 
-inline constexpr char kStatisticsMagic[8] = {'Q', 'D', 'B', 'S',
-                                             'T', 'A', 'T', 'S'};
+inline constexpr auto kStatisticsMagic =
+    std::bit_cast<uint64_t>(std::to_array("QDBSTAT"));
 inline constexpr uint32_t kStatisticsVersion = 1;
 
 // What is at `at` is `count` entries of `size` bytes.
@@ -30,7 +32,7 @@ struct StatisticsPart
 
 struct StatisticsHeader
 {
-    char magic[8]; // written last
+    uint64_t magic; // written last
     uint32_t version;
     uint32_t pid;
     StatisticsPart families;

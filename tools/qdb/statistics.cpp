@@ -89,9 +89,7 @@ class Parser
         : bytes_(bytes), path_(path)
     {
         header_ = Take<StatisticsHeader>(0);
-        if (std::memcmp(header_.magic, kStatisticsMagic,
-                        sizeof(kStatisticsMagic)) != 0 ||
-            header_.version == 0)
+        if (header_.magic != kStatisticsMagic || header_.version == 0)
         {
             Fail(path_, "is no statistics file");
         }
@@ -245,6 +243,25 @@ uint64_t Statistics::Sum(std::string_view name, std::string_view label,
         }
     }
     return sum;
+}
+
+uint64_t PercentileOf(const std::vector<uint64_t> &cells, double share)
+{
+    constexpr uint64_t kMicrosecond = 1000;
+    const auto all = std::accumulate(
+        cells.begin(), cells.begin() + kHistogramBuckets, uint64_t{0});
+    const auto wanted = static_cast<uint64_t>(static_cast<double>(all) * share);
+    uint64_t sum = 0;
+    uint32_t bucket = 0;
+    for (; bucket + 1 < kHistogramBuckets; ++bucket)
+    {
+        sum += cells[bucket];
+        if (sum > wanted)
+        {
+            break;
+        }
+    }
+    return kMicrosecond << bucket;
 }
 
 std::optional<Statistics> ReadStatistics(const std::string &path)

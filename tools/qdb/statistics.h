@@ -54,6 +54,10 @@ struct Statistics
                  std::string_view butNot = {}) const;
 };
 
+// Below what the share of all that a histogram's cells have counted is, in
+// nanoseconds: the upper end of a bucket.
+uint64_t PercentileOf(const std::vector<uint64_t> &cells, double share);
+
 // Nothing when there is no file. Throws std::runtime_error, with the reason,
 // for one that can't be read or isn't what the format says.
 std::optional<Statistics> ReadStatistics(const std::string &path);

@@ -106,27 +106,9 @@ std::string Line(const char *title, const std::string &text)
     return Format("%-11s", title) + text + "\n";
 }
 
-// Below what so many of a hundred were, by the upper ends of the buckets.
 std::string Percentile(const Series &series, double share)
 {
-    uint64_t all = 0;
-    for (uint32_t i = 0; i < kHistogramBuckets; ++i)
-    {
-        all += series.cells[i];
-    }
-    const auto wanted = static_cast<uint64_t>(static_cast<double>(all) * share);
-    uint64_t sum = 0;
-    uint32_t bucket = 0;
-    for (; bucket + 1 < kHistogramBuckets; ++bucket)
-    {
-        sum += series.cells[bucket];
-        if (sum > wanted)
-        {
-            break;
-        }
-    }
-    constexpr uint64_t kMicrosecond = 1000;
-    return Duration(kMicrosecond << bucket);
+    return Duration(PercentileOf(series.cells, share));
 }
 
 std::string Latency(const Statistics &statistics, const char *name)
