@@ -43,6 +43,11 @@ int Checked(int result, const std::string &what)
     return result;
 }
 
+void CheckSent(int result, const std::string &member)
+{
+    Checked(result, "can't send " + member);
+}
+
 NoConnection Unreachable(int result)
 {
     const char *address = getenv("DBUS_SYSTEM_BUS_ADDRESS");
@@ -125,11 +130,11 @@ void ConfigBus::Send(const std::string &path, const std::string &interfaceName,
                      const char *member, const char *types,
                      Arguments... arguments)
 {
-    const std::string failure = std::string("can't send ") + member;
-    Checked(sd_bus_emit_signal(mBus.get(), path.c_str(), interfaceName.c_str(),
-                               member, types, arguments...),
-            failure);
-    Checked(sd_bus_flush(mBus.get()), failure);
+    CheckSent(sd_bus_emit_signal(mBus.get(), path.c_str(),
+                                 interfaceName.c_str(), member, types,
+                                 arguments...),
+              member);
+    CheckSent(sd_bus_flush(mBus.get()), member);
 }
 
 void ConfigBus::SendAdded(const json_t *attribute)
