@@ -110,6 +110,19 @@ int ChangeBus::OnOwner(sd_bus_message *message, void *self, sd_bus_error *)
     return 0;
 }
 
+// An answer about one who has been followed by another since is no news.
+int ChangeBus::OnHasOwner(sd_bus_message *reply, void *self, sd_bus_error *)
+{
+    auto *bus = static_cast<ChangeBus *>(self);
+    int hasOwner = 1;
+    if (sd_bus_message_read(reply, "b", &hasOwner) >= 0 && hasOwner == 0 &&
+        bus->sender_ == bus->asked_)
+    {
+        bus->isServiceGone_ = true;
+    }
+    return 0;
+}
+
 int ChangeBus::OnChange(sd_bus_message *message, void *self, sd_bus_error *)
 {
     const char *name = sd_bus_message_get_member(message);
@@ -154,6 +167,23 @@ void ChangeBus::NoteSender(const char *sender, uint64_t serial)
     }
     serial_ = serial;
     isServiceGone_ = false;
+    hasSpoken_ = true;
+    isUnchecked_ = true;
+}
+
+void ChangeBus::CheckService()
+{
+    if (std::exchange(hasSpoken_, false) || !isUnchecked_ || !isSubscribed_)
+    {
+        return;
+    }
+    isUnchecked_ = false;
+    asked_ = sender_;
+    // Refused for want of memory it is the same as without an answer.
+    (void)sd_bus_call_method_async(bus_.get(), nullptr, "org.freedesktop.DBus",
+                                   "/org/freedesktop/DBus",
+                                   "org.freedesktop.DBus", "NameHasOwner",
+                                   OnHasOwner, this, "s", asked_.c_str());
 }
 
 void ChangeBus::ForgetService()

@@ -55,6 +55,11 @@ class ChangeBus
         return isServiceGone_;
     }
 
+    // To be called now and then. Asks the bus whether who sent the last signal
+    // is still there, once it has been silent for so long: its leaving may have
+    // been dropped with what a slow reader had no room for.
+    void CheckService();
+
     // As if none had ever spoken.
     void ForgetService();
 
@@ -76,6 +81,7 @@ class ChangeBus
     static int OnChange(sd_bus_message *message, void *self, sd_bus_error *);
     static int OnSubscribed(sd_bus_message *reply, void *self, sd_bus_error *);
     static int OnOwner(sd_bus_message *message, void *self, sd_bus_error *);
+    static int OnHasOwner(sd_bus_message *reply, void *self, sd_bus_error *);
     void Take(sd_bus_message *message, SignalKind kind);
     void NoteSender(const char *sender, uint64_t serial);
     bool Subscribe();
@@ -86,6 +92,9 @@ class ChangeBus
     bool isServiceGone_ = false;
     std::string sender_; // of the last signal; "": none yet
     uint64_t serial_ = 0;
+    bool hasSpoken_ = false; // since the last check
+    bool isUnchecked_ = false;
+    std::string asked_; // the sender that the bus was asked about
     int reason_ = 0;
     std::vector<RawSignal> signals_;
 };

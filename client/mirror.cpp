@@ -130,6 +130,10 @@ int qdb_mirror::Process()
     if ((bus.Descriptor() >= 0 || isTick) && bus.Connect())
     {
         bus.Process(qdb::client::kMostMessages, &isMore);
+        if (isTick)
+        {
+            bus.CheckService();
+        }
     }
     Follow(isTick, isMore);
     Arm();

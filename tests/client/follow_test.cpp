@@ -49,6 +49,7 @@ class World
     void Churn();
     void ComeAndGo();
     void Stall();
+    void LetServiceSpeak();
     void KillService();
     void RestartService();
     void RestartBus();
@@ -118,28 +119,55 @@ void World::ComeAndGo()
     }
 }
 
-// More than daemon and socket hold for it. A loss shows at the next signal that
-// gets through.
+// More than daemon and socket hold for it, however many changes the service
+// tells of in one. A loss shows at the next signal that gets through.
 void World::Stall()
 {
-    constexpr int kChanges = 3000;
+    int changes = 3000;
     Settle("before it stalls"); // so that nothing else explains the loss
     const int before = shadow_.Resyncs(QDB_LOST_SIGNALS);
-    service_.Command(R"({"op":"churn","count":)" + std::to_string(kChanges) +
-                     "}");
     ++stalls_;
     int speed = 0;
     EXPECT_TRUE(WaitUntil(
         [&]
         {
+            service_.Command(R"({"op":"churn","count":)" +
+                             std::to_string(changes) + "}");
+            changes *= 2;
             service_.SetSpeed(++speed);
+            EXPECT_TRUE(service_.WaitForSpeed(speed));
             shadow_.Process(20);
             return shadow_.Resyncs(QDB_LOST_SIGNALS) > before;
         }));
 }
 
+// A reader knows who serves it by that one's signals alone.
+void World::LetServiceSpeak()
+{
+    const auto scans = [&]
+    {
+        int count = 0;
+        for (int reason = 0; reason < Shadow::kReasons; ++reason)
+        {
+            count += shadow_.Resyncs(static_cast<qdb_reason>(reason));
+        }
+        return count;
+    };
+    int speed = 0;
+    EXPECT_TRUE(WaitUntil(
+        [&]
+        {
+            const int scansBefore = scans();
+            const size_t told = shadow_.Told();
+            service_.SetSpeed(++speed);
+            shadow_.Process(20);
+            return shadow_.Told() > told && scans() == scansBefore;
+        }));
+}
+
 void World::KillService()
 {
+    LetServiceSpeak();
     std::thread churn(
         [path = service_.Root().Path() + "/control"]
         {

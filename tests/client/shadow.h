@@ -46,6 +46,8 @@ class Shadow
     // was told twice or wrongly until then. Returns the seconds that it took.
     double Settle();
 
+    static constexpr int kReasons = 8;
+
     bool IsReady() const
     {
         return isReady_;
@@ -82,9 +84,9 @@ class Shadow
     SeenTables rows_;
     std::string wrong_; // what was told and can't be, a line each
     bool isReady_ = false;
-    std::array<int, 8> resyncs_ = {}; // by qdb_reason
-    size_t told_ = 0;                 // differences
-    size_t known_ = 0;                // changes with all columns known
+    std::array<int, kReasons> resyncs_ = {}; // by qdb_reason
+    size_t told_ = 0;                        // differences
+    size_t known_ = 0;                       // changes with all columns known
 };
 
 } // namespace qdb::test
