@@ -4,7 +4,7 @@
 #pragma once
 
 #include "client/change_bus.h"
-#include "client/descriptor.h"
+#include "core/descriptor.h"
 
 #include <atomic>
 #include <cstdint>
@@ -35,9 +35,9 @@ struct qdb_mirror
     qdb::client::Database database;
     qdb::client::ChangeBus bus;
     qdb::client::Follower follower;
-    qdb::client::Descriptor epoll;
-    qdb::client::Descriptor timer;
-    qdb::client::Descriptor wake;
+    qdb::Descriptor epoll;
+    qdb::Descriptor timer;
+    qdb::Descriptor wake;
     std::atomic<bool> isStopped = false;
     qdb_state state = QDB_NO_BUS;
     std::string error = {}; // of the last select

@@ -103,4 +103,12 @@ void NoteFailure(int status)
     }
 }
 
+void NoteEnd(int status)
+{
+    if (status != SQLITE_OK)
+    {
+        NoteFailure(status);
+    }
+}
+
 } // namespace qdb

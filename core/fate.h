@@ -72,7 +72,11 @@ void CountFates(Road road, Fate fate, uint64_t count);
 // do better. Without one it is a no-op.
 void NoteFate(Fate fate);
 
-// The same by a status of core/status.h. What is kept for later stays so.
+// The same by a status of core/status.h that isn't success. What is kept for
+// later stays so.
 void NoteFailure(int status);
+
+// What failed, if something did: a success has noted its fate before.
+void NoteEnd(int status);
 
 } // namespace qdb

@@ -1,5 +1,6 @@
 #include "core/statistics.h"
 
+#include "core/descriptor.h"
 #include "core/statistics_families.h"
 #include "core/waiting.h"
 
@@ -30,35 +31,6 @@ struct Image
 };
 static_assert(offsetof(Image, figures) % sizeof(Cell) == 0);
 
-class FileDescriptor
-{
-  public:
-    explicit FileDescriptor(int fd) : fd_(fd)
-    {
-    }
-    ~FileDescriptor()
-    {
-        if (fd_ >= 0)
-        {
-            close(fd_);
-        }
-    }
-    FileDescriptor(const FileDescriptor &) = delete;
-    FileDescriptor &operator=(const FileDescriptor &) = delete;
-
-    int Get() const
-    {
-        return fd_;
-    }
-    void Keep()
-    {
-        fd_ = -1;
-    }
-
-  private:
-    int fd_;
-};
-
 // With all its blocks, since a write to a page that finds no room is a SIGBUS.
 // Locked for the life of the process, as the format promises. 0 or errno.
 int Fill(int fd)
@@ -75,18 +47,18 @@ int Fill(int fd)
     return posix_fallocate(fd, 0, sizeof(Image));
 }
 
-int Map(const FileDescriptor &file, Image **ppImage)
+int Map(const Descriptor &file, Image **ppImage)
 {
-    if (file.Get() < 0)
+    if (file < 0)
     {
         return errno;
     }
-    if (const int error = Fill(file.Get()))
+    if (const int error = Fill(file))
     {
         return error;
     }
     void *memory = mmap(nullptr, sizeof(Image), PROT_READ | PROT_WRITE,
-                        MAP_SHARED, file.Get(), 0);
+                        MAP_SHARED, file, 0);
     if (memory == MAP_FAILED)
     {
         return errno;
@@ -193,7 +165,7 @@ int OpenStatistics(const char *path)
     {
         return errno;
     }
-    FileDescriptor file(
+    Descriptor file(
         open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     Image *image = nullptr;
     if (const int error = Map(file, &image))
@@ -202,7 +174,7 @@ int OpenStatistics(const char *path)
     }
     Describe(image);
     gStatistics = &image->figures;
-    file.Keep();
+    file.Release(); // or the lock would go with it
     return 0;
 }
 

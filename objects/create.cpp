@@ -322,20 +322,9 @@ int RunSteps(const Create &create)
         LogRowError(kLogTrace, kStem, create.row);
         return ret;
     }
+    NoteFate(Fate::Created);
     Announce(create, std::move(reading));
     return SQLITE_OK;
-}
-
-void NoteEnd(int ret)
-{
-    if (ret == SQLITE_OK)
-    {
-        NoteFate(Fate::Created);
-    }
-    else
-    {
-        NoteFailure(StatusBehind(ret));
-    }
 }
 
 } // namespace
@@ -368,7 +357,7 @@ int CreateObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
                                    {
                                        return RunSteps(create);
                                    });
-                  NoteEnd(ret);
+                  NoteEnd(StatusBehind(ret));
               });
     }
     const int status = ResultOf(ret);

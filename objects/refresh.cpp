@@ -269,10 +269,7 @@ int RefreshObject(const ObjTypeRow &row, const DataObjHeader *pDOH,
                                       {
                                           return RunSteps(refresh);
                                       });
-                  if (status != SQLITE_OK)
-                  {
-                      NoteFailure(StatusBehind(status));
-                  }
+                  NoteEnd(StatusBehind(status));
               });
     }
     QDB_LOG(kLogTrace, "%s: [%s] %s%s Exit for OID: %d,status:%d ret:%d",

@@ -28,10 +28,10 @@ SERVICE = [
 
 # What stands beside the service, and what it may look at.
 BESIDE = {
-    "standin": ["platform", "objects/schema", "core/json.h"],
-    "client": ["core/json.h"],
-    "tools": ["client/descriptor.h", "objects/schema", "core/json.h", "core/statistics_file.h",
-              "db/statement_ptr.h"],
+    "standin": ["platform", "objects/schema", "core/descriptor.h", "core/json.h"],
+    "client": ["core/descriptor.h", "core/json.h"],
+    "tools": ["objects/schema", "core/descriptor.h", "core/grouped.h", "core/json.h",
+              "core/statistics_file.h", "db/statement_ptr.h"],
 }
 FREE = ["tests", "bench", "fuzz"]
 

@@ -11,6 +11,7 @@
 #include "config/presence_check.h"
 #include "config/raw_data.h"
 #include "core/gate.h"
+#include "core/grouped.h"
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/ready.h"
@@ -190,19 +191,6 @@ bool StartThreads(QdbWorkerArg *arguments)
     return true;
 }
 
-// With a comma before every three digits from the right.
-std::string Grouped(int64_t number)
-{
-    std::string text = std::to_string(number);
-    constexpr size_t kGroup = 3;
-    for (size_t at = text.size(); at > kGroup;)
-    {
-        at -= kGroup;
-        text.insert(at, ",");
-    }
-    return text;
-}
-
 void TellOfMirror()
 {
     if (gQdbReadyRetryPending == 1)
@@ -216,7 +204,7 @@ void TellOfMirror()
     else
     {
         TellStatus("%s objects, changes announced",
-                   Grouped(CountObjects()).c_str());
+                   Grouped(static_cast<uint64_t>(CountObjects())).c_str());
     }
     TellReady();
 }

@@ -1,6 +1,7 @@
 // The control socket.
 #include "standin/control.h"
 
+#include "core/descriptor.h"
 #include "standin/commands.h"
 #include "standin/support.h"
 
@@ -22,28 +23,6 @@ namespace
 {
 
 constexpr size_t kLongestLine = 16U << 20;
-
-// Closes the descriptor when its thread is done with it.
-class Descriptor
-{
-  public:
-    explicit Descriptor(int opened) : fd(opened)
-    {
-    }
-
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-
-    ~Descriptor()
-    {
-        if (fd >= 0)
-        {
-            close(fd);
-        }
-    }
-
-    const int fd;
-};
 
 bool SendAll(int fd, std::string_view text)
 {
@@ -74,12 +53,12 @@ std::string ReplyTo(std::string_view line)
 
 void ServeClient(int fd)
 {
-    const Descriptor client(fd);
+    const qdb::Descriptor client(fd);
     std::string input;
     char chunk[65536];
     for (;;)
     {
-        const ssize_t received = recv(client.fd, chunk, sizeof(chunk), 0);
+        const ssize_t received = recv(client, chunk, sizeof(chunk), 0);
         if (received <= 0)
         {
             return;
@@ -92,8 +71,7 @@ void ServeClient(int fd)
              end != std::string::npos; end = input.find('\n', begin))
         {
             const std::string_view line(input.data() + begin, end - begin);
-            if (line.size() > kLongestLine ||
-                !SendAll(client.fd, ReplyTo(line)))
+            if (line.size() > kLongestLine || !SendAll(client, ReplyTo(line)))
             {
                 return;
             }
@@ -107,11 +85,11 @@ void ServeClient(int fd)
     }
 }
 
-void AcceptClients(const Descriptor &listener)
+void AcceptClients(const qdb::Descriptor &listener)
 {
     for (;;)
     {
-        const int client = accept4(listener.fd, nullptr, nullptr, SOCK_CLOEXEC);
+        const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (client >= 0)
         {
             RunInBackground(
@@ -156,14 +134,14 @@ void ServeControl(const char *path)
         return;
     }
     std::memcpy(address.sun_path, path, std::strlen(path));
-    const auto listener = std::make_shared<Descriptor>(
+    const auto listener = std::make_shared<qdb::Descriptor>(
         socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     // The mode that the socket has before it gets its name is the name's mode.
-    if (listener->fd < 0 || fchmod(listener->fd, 0600) != 0 ||
+    if (*listener < 0 || fchmod(*listener, 0600) != 0 ||
         !RemoveStale(path) ||
-        bind(listener->fd, reinterpret_cast<const sockaddr *>(&address),
+        bind(*listener, reinterpret_cast<const sockaddr *>(&address),
              sizeof(address)) != 0 ||
-        listen(listener->fd, 16) != 0)
+        listen(*listener, 16) != 0)
     {
         Complain("control socket %s: %s", path, std::strerror(errno));
         return;

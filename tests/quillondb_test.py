@@ -33,18 +33,38 @@ class Reading(unittest.TestCase):
             self.assertIsNone(mirror.get("TblMemoryInfo", "DIMM9"))
             self.assertEqual([row.oid for row in mirror.each("TblMemoryInfo")], MODULES)
             self.assertIn("TblMemoryInfo", mirror.tables())
+            self.assertEqual(mirror.count("TblMemoryInfo"), 3)
+            self.assertEqual(mirror.columns("TblMemoryInfo")["Speed"], "INTEGER")
             with self.assertRaises(KeyError):
                 row["Sped"]
 
+    def test_selects(self):
+        with modules() as mirror:
+            rows = mirror.select("SELECT OID, 2 * count(*) AS n, NULL AS no FROM TblMemoryInfo")
+            self.assertEqual(rows, [{"OID": 4096, "n": 6, "no": None}])
+            self.assertEqual(rows[0].oid, 4096)
+            self.assertEqual(mirror.select("SELECT 1 WHERE 0"), [])
+            with self.assertRaisesRegex(ValueError, "no such table: TblNone"):
+                mirror.select("SELECT * FROM TblNone")
+            with self.assertRaises(PermissionError):
+                mirror.select("DELETE FROM TblMemoryInfo")
+
     def test_says_why_not(self):
         with modules() as mirror:
-            for call in (lambda: mirror.get("TblNone", 1), lambda: mirror.each("TblNone")):
+            for call in (
+                lambda: mirror.get("TblNone", 1),
+                lambda: mirror.each("TblNone"),
+                lambda: mirror.count("TblNone"),
+                lambda: mirror.columns("TblNone"),
+            ):
                 self.assertRaises(KeyError, call)
         self.assertRaises(ValueError, mirror.process)
         self.assertRaises(ValueError, lambda: mirror.each("TblMemoryInfo"))
         with quillondb.Mirror(database="/nonexistent") as mirror:
             self.assertRaises(OSError, lambda: mirror.each("TblMemoryInfo"))
             self.assertRaises(OSError, mirror.tables)
+            self.assertRaises(OSError, lambda: mirror.select("SELECT 1"))
+            self.assertEqual(mirror.state, "no bus")  # or not asked yet
 
     def test_loses_no_exception(self):
         with modules() as mirror:
@@ -62,6 +82,7 @@ class Following(unittest.TestCase):
             if change.kind == "ready":
                 break
         self.assertEqual(told, [("added", oid, None) for oid in MODULES] + [("ready", 0, True)])
+        self.assertEqual(mirror.state, "ready")
 
     def test_goes_on_behind_a_break(self):
         mirror = modules()

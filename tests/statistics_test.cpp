@@ -80,6 +80,51 @@ struct Case
     Action cause;
 };
 
+// What only a whole service moves: its start, its threads and its detach
+// (status_test.cpp).
+const std::set<std::string> kOfALife = {
+    "bus_connected",   "detached",        "events_received type=\"detach\"",
+    "objects stopped", "passes",          "types",
+    "pass_began",      "pass_length",     "phase_since",
+    "started",         "workers_admitted"};
+
+// The series that no case is about. One worker and one table are as good as the
+// next; of fates EachRoadTellsTheFate has the roads.
+std::set<std::string> NotMoved(const std::set<std::string> &moved)
+{
+    std::set<std::string> rest;
+    const auto check = [&](const std::string &family, const std::string &label)
+    {
+        const bool isMoved = std::ranges::any_of(
+            moved,
+            [&](const std::string &one)
+            {
+                const size_t space = one.find(' ');
+                return family == one.substr(0, space) &&
+                       (one.find(label, space) != std::string::npos ||
+                        label.find(one.substr(space + 1)) != std::string::npos);
+            });
+        if (!isMoved)
+        {
+            rest.insert(family + (label.empty() ? "" : " ") + label);
+        }
+    };
+    for (const tool::Family &family : Look().families)
+    {
+        for (const tool::Series &series : family.series)
+        {
+            const bool isFate = family.name == "objects";
+            if (!series.labels.starts_with("worker=") &&
+                !series.labels.starts_with("table="))
+            {
+                check(family.name, isFate ? std::string(series.Label("fate"))
+                                          : series.labels);
+            }
+        }
+    }
+    return rest;
+}
+
 // A pipe without room, or without a way to write.
 void WritePipe(const TempRoot &root, int flags, bool isFull)
 {
@@ -119,6 +164,7 @@ TEST_F(StatisticsTest, EachFigureHasItsCause)
     constexpr uint16_t kKept = 0x15;
     // clang-format off
     const std::vector<Case> cases = {
+        {"types_filled", "", [] { OnLoadObjectsCreation(); }},
         {"events_received", "\"create\"", [&] { GiveToListener(List(7, Words{})); }},
         {"events_received", "\"refresh\"", [&] { GiveToListener(List(3, Words{})); }},
         {"events_received", "\"destroy\"", [&] { GiveToListener(List(8, Words{})); }},
@@ -137,6 +183,9 @@ TEST_F(StatisticsTest, EachFigureHasItsCause)
         {"queue_most", "", [] { for (int i = 0; i < 64; ++i) { Enqueue(List(7, Words{})); } TakeQueued(); }},
         {"objects_arrived", "data_manager", [] { GiveToListener(List(7, Words{kOid})); TakeQueued(); }},
         {"objects_arrived", "bus", [] { qdb_signal_notification_callback("i", "InterfacesAdded", "/p", 1); TakeQueued(); }},
+        {"objects_arrived", "population", [&] { put(); OnLoadObjectsCreation(); }},
+        {"objects_arrived", "reload", [&] { Clear(); PutObject(0xEB, kOid); ObjTypeBasedNCObjects(); }},
+        {"objects_arrived", "drain", [] { QdbFailenQueue(gFailQueue, kOid, FailedOperation::Create, -1); Kept(); }},
         {"objects", Fate("ignored"), [&] { Clear(); Put(object); Work(Record(4, {0}, {object.begin(), object.end()})); }},
         {"objects", Fate("legacy"), [&] { Clear(); Put(MakeObject(TYPE_CFGSTR, kOid)); Notify(7, {kOid}); }},
         {"objects", Fate("no_row"), [&] { put(); Notify(3, {kOid}); }},
@@ -182,6 +231,7 @@ TEST_F(StatisticsTest, EachFigureHasItsCause)
         {"phase", "", [] { EnterPhase(Phase::Starting); EnterPhase(Phase::Running); }},
     };
     // clang-format on
+    std::set<std::string> moved;
     for (const Case &c : cases)
     {
         SCOPED_TRACE(c.figure + " " + c.label);
@@ -189,9 +239,85 @@ TEST_F(StatisticsTest, EachFigureHasItsCause)
         const tool::Statistics before = Look();
         c.cause();
         EXPECT_NE(Look().Sum(c.figure, c.label), before.Sum(c.figure, c.label));
+        moved.insert(c.figure + " " + c.label);
     }
     TakeQueued();
     Kept();
+    Clear();
+    EXPECT_EQ(NotMoved(moved), kOfALife);
+}
+
+// What may become of an object on its way to a row, on each road.
+TEST_F(StatisticsTest, EachRoadTellsTheFate)
+{
+    constexpr uint16_t kKept = 0x15;
+    const std::string kInterface = "CfgIntAttribute";
+    const std::string kKey = "A.1#B.1#C";
+    const Bytes added = BusRecord(DATA_EVENT_DATA_OBJ_CREATE, kOid,
+                                  standin::AttributePath(kKey),
+                                  "com.vexo.tarnu.Config." + kInterface);
+    const auto put = []
+    {
+        Put(Status(kOid, "a", 1));
+    };
+    const auto drain = []
+    {
+        const int index = QdbFailObjTypeIndex(kKept);
+        QdbFailenQueue(gFailQueue, kOid, FailedOperation::Create, index);
+        // The last one waits for another.
+        QdbFailenQueue(gFailQueue, 1, FailedOperation::Create, index);
+        CheckDMObjCountandReCreateEntries();
+    };
+    // clang-format off
+    const struct
+    {
+        const char *road;
+        Action put;
+        Action look;
+        std::string fetch = "ZOILGetObjByOID";
+        std::string ifBusy = "busy";
+    } kRoads[] = {
+        {"data_manager", put, [] { Notify(DATA_EVENT_DATA_OBJ_CREATE, {kOid}); }},
+        {"bus", [&] { PutAttribute(kInterface.c_str(), kKey, kOid); }, [&] { Work(added); }, kInterface + "_get_object"},
+        {"population", put, [] { OnLoadObjectsCreation(); }},
+        {"reload", [] { PutObject(0xEB, kOid); }, [] { ObjTypeBasedNCObjects(); }},
+        {"drain", [] { Put(MakeObject(kKept, kOid)); }, drain, "ZOILGetObjByOID", "kept"},
+    };
+    // clang-format on
+    for (const auto &road : kRoads)
+    {
+        const auto mapping = [](int status)
+        {
+            return [status]
+            {
+                FailSteps(kMapping, status, kForever);
+            };
+        };
+        const std::pair<std::string, Action> kFaults[] = {
+            {"created", kNothing},
+            {road.ifBusy, mapping(SQLITE_BUSY)},
+            {"no_memory", mapping(SQLITE_NOMEM)},
+            {"failed", mapping(SQLITE_IOERR)},
+            {"constraint", mapping(SQLITE_CONSTRAINT)},
+            {"vanished",
+             [&]
+             {
+                 standin::SetFault(road.fetch, 5, 1000);
+             }},
+        };
+        for (const auto &[fate, fault] : kFaults)
+        {
+            SCOPED_TRACE(road.road + (" " + fate));
+            Clear();
+            road.put();
+            fault();
+            const std::string label = Fate(fate.c_str(), road.road);
+            const uint64_t before = Look().Sum("objects", label);
+            road.look();
+            EXPECT_EQ(Look().Sum("objects", label), before + 1);
+            Kept();
+        }
+    }
     Clear();
 }
 
@@ -254,6 +380,17 @@ TEST_F(StatisticsTest, ADamagedFileIsRefused)
                               bytes.size() / 2, bytes.size() - 1})
     {
         EXPECT_TRUE(refused(bytes.substr(0, size))) << size;
+    }
+    // A series without cells, and one with more than there are.
+    for (const char size : {'\0', '\x7f'})
+    {
+        std::string damaged = bytes;
+        StatisticsHeader header = {};
+        std::memcpy(&header, bytes.data(), sizeof(header));
+        std::fill_n(damaged.begin() + header.series.at +
+                        offsetof(StatisticsSeries, cellCount),
+                    sizeof(uint32_t), size);
+        EXPECT_TRUE(refused(damaged)) << int{size};
     }
     // Each word of the header, wherever it points to then.
     for (size_t at = 0; at < offsetof(StatisticsHeader, unused); at += 4)

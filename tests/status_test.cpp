@@ -4,8 +4,10 @@
 #include "tests/support/program.h"
 #include "tests/support/service_process.h"
 #include "tests/support/wait.h"
+#include "tools/qdb/statistics.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -61,8 +63,9 @@ TEST_F(QdbStatus, FollowsALife)
     } kSteps[] = {
         {"",
          "--json",
-         {R"("running":true,"state":"live")", R"("types_filled":159)",
-          R"("bus_connected":1)", R"("signals_enabled":1)"}},
+         {R"("running":true,"state":"live")",
+          R"("types_filled":159,"types":159)", R"("bus_connected":1)",
+          R"("signals_enabled":1)"}},
         {"", "--prometheus", {"quillondb_passes_total 2\n"}},
         {"", "", {"is live", "\npasses     "}},
         {R"({"op":"delay","microseconds":"hang","call":"ZOILGetObjByOID"})",
@@ -97,6 +100,39 @@ TEST_F(QdbStatus, FollowsALife)
     EXPECT_EQ(service.Stop(), 0);
     Expect(service, "", {"isn't running; this is what it left", "exit 3"});
     Expect(service, "--json", {R"("state":"not_running")", R"("phase":3)"});
+    const auto left = tool::ReadStatistics(service.Root().Statistics());
+    ASSERT_TRUE(left.has_value());
+    for (const char *figure :
+         {"started", "phase_since", "pass_began", "pass_length"})
+    {
+        EXPECT_NE(left->Value(figure), 0U) << figure;
+    }
+}
+
+// A stop while the tables are being filled leaves the rest of a list, and says
+// so.
+TEST_F(QdbStatus, AccountsForWhatAStopLeaves)
+{
+    ServiceOptions options;
+    options.scenario = Server(
+        5, R"("delays":[{"call":"ZOILGetObjByOID","microseconds":"hang"}],)");
+    ServiceProcess service(options);
+    service.Start();
+    Expect(service, "", {"fills its tables: type", "exit 1"});
+    ASSERT_TRUE(WaitUntil(
+        [&]
+        {
+            return service
+                       .Command(R"({"op":"hanging","call":"ZOILGetObjByOID"})")
+                       .find('1') != std::string::npos;
+        }));
+    service.Signal(SIGTERM);
+    Expect(service, "", {" stops, "});
+    service.Command(R"({"op":"release"})");
+    EXPECT_EQ(service.WaitExit(), 0);
+    Expect(service, "--prometheus",
+           {R"(objects_total{road="population",fate="stopped"} 4)",
+            R"(objects_arrived_total{road="population"} 5)"});
 }
 
 // What the service can't do without its file is nothing.

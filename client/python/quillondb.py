@@ -15,7 +15,7 @@ import select
 import signal
 import weakref
 
-__all__ = ["REASONS", "Change", "Mirror", "Row"]
+__all__ = ["REASONS", "STATES", "Change", "Mirror", "Row"]
 
 # Why tables were read again.
 REASONS = {
@@ -25,6 +25,9 @@ REASONS = {
     4: "new bus",
     5: "silent change",
 }
+
+# Why rows are told, or aren't.
+STATES = ("ready", "no bus", "no database", "no service", "filling", "busy")
 
 
 class Row(dict):
@@ -109,6 +112,10 @@ class _Options(ctypes.Structure):
     ]
 
 
+class _Column(ctypes.Structure):
+    _fields_ = [("name", ctypes.c_char_p), ("type", ctypes.c_char_p)]
+
+
 def _load():
     """The library, with the types of what is called."""
     lib = ctypes.CDLL("libquillondb-client.so.0")
@@ -134,10 +141,22 @@ def _load():
         ("mirror_process", ctypes.c_int, [handle]),
         ("mirror_run", ctypes.c_int, [handle]),
         ("mirror_stop", None, [handle]),
+        ("mirror_state", ctypes.c_int, [handle]),
         ("tables", ctypes.POINTER(text), [handle]),
+        (
+            "mirror_columns",
+            ctypes.c_int,
+            [handle, text, ctypes.POINTER(ctypes.POINTER(_Column))],
+        ),
+        ("mirror_count", oid, [handle, text]),
         ("mirror_get", ctypes.c_int, [handle, text, oid, _ON_READ, handle]),
         ("mirror_get_by_key", ctypes.c_int, [handle, text, text, _ON_READ, handle]),
         ("mirror_each", ctypes.c_int, [handle, text, _ON_READ, handle]),
+        ("mirror_select", ctypes.c_int, [handle, text, ctypes.POINTER(handle)]),
+        ("mirror_error", text, [handle]),
+        ("result_count", size, [handle]),
+        ("result_row", handle, [handle, size]),
+        ("result_free", None, [handle]),
     ):
         function = getattr(lib, "qdb_" + name)
         function.restype = result
@@ -354,6 +373,11 @@ class Mirror:
         if self._told.error is not None:
             raise self._told.error
 
+    @property
+    def state(self):
+        """Why rows are told, or aren't: a text of STATES."""
+        return STATES[_lib.qdb_mirror_state(self._handle)]
+
     def tables(self):
         """The names of the object tables, of the database as it is now."""
         names = _lib.qdb_tables(self._handle)
@@ -363,6 +387,19 @@ class Mirror:
         while names[len(found)] is not None:
             found.append(names[len(found)])
         return [_decoded(name) for name in found]
+
+    def columns(self, table):
+        """The columns of a table: name to the type that it declares. KeyError for
+        a table that isn't there."""
+        columns = ctypes.POINTER(_Column)()
+        count = _check(
+            _lib.qdb_mirror_columns(self._handle, _encoded(table), ctypes.byref(columns)), table
+        )
+        return {_decoded(columns[i].name): _decoded(columns[i].type) for i in range(count)}
+
+    def count(self, table):
+        """How many rows a table has. KeyError as of columns()."""
+        return _check(_lib.qdb_mirror_count(self._handle, _encoded(table)), table)
 
     def get(self, table, key):
         """The row of an OID (int) or of a key (str), that of the lowest OID;
@@ -376,6 +413,21 @@ class Mirror:
     def each(self, table):
         """All rows of a table, as a list. KeyError as of get()."""
         return self._read(_lib.qdb_mirror_each, table)
+
+    def select(self, sql):
+        """What a statement selects, as a list of rows. They have no table and no
+        key, and an oid if there is such a column. PermissionError for a statement
+        that would do more than read, ValueError for a wrong one."""
+        result = ctypes.c_void_p()
+        status = _lib.qdb_mirror_select(self._handle, _encoded(sql), ctypes.byref(result))
+        if status == -errno.EINVAL:
+            raise ValueError(_decoded(_lib.qdb_mirror_error(self._handle)))
+        _check(status, sql)
+        try:
+            count = _lib.qdb_result_count(result)
+            return [_copied(_lib.qdb_result_row(result, i)) for i in range(count)]
+        finally:
+            _lib.qdb_result_free(result)
 
     def _read(self, function, table, *arguments):
         rows, errors = [], []

@@ -317,6 +317,7 @@ Chaos::Chaos(uint32_t seed, World &theWorld, Driver &theDriver)
     : world(theWorld), driver(theDriver), engine(seed),
       shadow(driver.Service().Root().Database(), "")
 {
+    givenUp = driver.GivenUp();
     checker.Doubt(); // what is there was never announced
     checker.LetVanish(
         [this](const test::RowName &name)
@@ -368,6 +369,8 @@ bool Chaos::Settle()
     world.epoch.heldMs = driver.Release();
     bool passRan = false;
     const bool settled = driver.Settle(&passRan);
+    const uint64_t givenUpBefore = std::exchange(givenUp, driver.GivenUp());
+    world.epoch.gaveUp = givenUp != givenUpBefore;
     world.epoch.passRan = world.epoch.passRan || passRan;
     FollowSignals();
     world.EndEpoch();

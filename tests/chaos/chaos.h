@@ -41,6 +41,7 @@ struct Chaos
     std::string hang;       // the command that lets a hanging call go
     test::SignalChecker checker;
     std::string signalFault;  // the first, with the journal of its object
+    uint64_t givenUp = 0;     // by the service, at the end of the last epoch
     bool wasDoubtful = false; // and so may this epoch's signals be
     size_t signals = 0;       // that were judged
     test::Shadow shadow;      // which knows the client library alone

@@ -1,6 +1,7 @@
 #include "tests/chaos/driver.h"
 
 #include "tests/support/wait.h"
+#include "tools/qdb/statistics.h"
 
 #include <thread>
 
@@ -119,6 +120,21 @@ bool Driver::HasPassRun()
 {
     log_.Read();
     return log_.passRan;
+}
+
+uint64_t Driver::GivenUp() const
+{
+    const tool::Statistics statistics =
+        tool::ReadStatistics(service_.Root().Statistics()).value();
+    uint64_t sum = statistics.Sum("events_dropped");
+    for (const char *fate : {"kept", "vanished", "constraint", "invalid",
+                             "busy", "no_memory", "failed"})
+    {
+        // Reloads find most of what they look for there already, or not at all.
+        sum += statistics.Sum("objects", "fate=\"" + std::string(fate) + '"',
+                              "road=\"reload\"");
+    }
+    return sum;
 }
 
 bool Driver::WaitPasses(size_t count)

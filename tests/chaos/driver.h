@@ -48,6 +48,10 @@ class Driver
     // A pass was under way since the last Settle(), as far as the log tells.
     bool HasPassRun();
 
+    // How many objects and events the service has not carried out, by its own
+    // count.
+    uint64_t GivenUp() const;
+
     // Waits for so many whole passes.
     bool WaitPasses(size_t count);
 

@@ -103,8 +103,9 @@ void World::DoubtChildren(const Slot &slot)
 
 void World::EndEpoch()
 {
-    const bool isFaulty =
-        epoch.heldMs != 0 || !epoch.fault.empty() || epoch.cleared;
+    // What met a fault is done all the same, unless the books tell otherwise.
+    const bool isFaulty = epoch.heldMs != 0 || !epoch.fault.empty();
+    const bool isLeft = epoch.cleared || (isFaulty && epoch.gaveUp);
     std::set<uint16_t> moved; // types
     for (const Slot &slot : slots)
     {
@@ -117,12 +118,13 @@ void World::EndEpoch()
     {
         // A pass that meets a change, or a fault, may leave what it does to
         // rows of the type to the next one.
-        const bool metPass = epoch.passRan && slot.Is(kPassed) &&
-                             (isFaulty || moved.contains(slot.kind->type));
+        const bool metPass =
+            epoch.passRan && slot.Is(kPassed) &&
+            (isFaulty || epoch.cleared || moved.contains(slot.kind->type));
         const bool wasTold = slot.told != Told::Nothing;
         const bool isLost = wasTold && epoch.flooded && slot.IsAttribute();
         if (metPass || slot.isDoubted || slot.told == Told::Several ||
-            (wasTold && isFaulty) || isLost)
+            (wasTold && isLeft) || isLost)
         {
             slot.isExact = false;
         }
@@ -130,12 +132,14 @@ void World::EndEpoch()
         {
             slot.isExact = true; // there is nothing
         }
-        if (wasTold && (isFaulty || epoch.passRan || isLost))
+        if (wasTold && (isFaulty || epoch.cleared || epoch.passRan || isLost))
         {
             Note(slot, std::string(epoch.passRan ? "[pass]" : "") +
                            (epoch.cleared ? "[cleared]" : "") +
                            (epoch.heldMs == 0 ? "" : "[held]") +
-                           (isLost ? "[flood]" : "") + epoch.fault);
+                           (isLost ? "[flood]" : "") +
+                           (isFaulty && !isLeft ? "[all done]" : "") +
+                           epoch.fault);
         }
         slot.told = Told::Nothing;
         slot.isDoubted = false;

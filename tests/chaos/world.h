@@ -35,6 +35,7 @@ struct Epoch
     std::string fault;    // the platform call that failed now and then
     bool cleared = false; // everything, or all attributes, without a word
     bool flooded = false; // the queue may have had no room for the bus
+    bool gaveUp = false;  // the service says that it didn't do everything
 };
 
 struct Slot

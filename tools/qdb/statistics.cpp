@@ -1,5 +1,7 @@
 #include "tools/qdb/statistics.h"
 
+#include "core/descriptor.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,25 +20,6 @@ namespace
 
 // More than any version will need; what is longer is no such file.
 constexpr off_t kLongestFile = off_t{16} << 20;
-
-struct File
-{
-    int fd;
-
-    explicit File(const std::string &path)
-        : fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK))
-    {
-    }
-    ~File()
-    {
-        if (fd >= 0)
-        {
-            close(fd);
-        }
-    }
-    File(const File &) = delete;
-    File &operator=(const File &) = delete;
-};
 
 [[noreturn]] void Fail(const std::string &path, const std::string &reason)
 {
@@ -100,7 +83,7 @@ class Parser
         return header_.pid;
     }
 
-    std::vector<Family> Families() const
+    std::vector<Family> Families()
     {
         std::vector<Family> families;
         for (uint32_t i = 0; i < header_.families.count; ++i)
@@ -140,7 +123,7 @@ class Parser
         return {text, strnlen(text, kSize)};
     }
 
-    Family TakeFamily(const StatisticsFamily &entry) const
+    Family TakeFamily(const StatisticsFamily &entry)
     {
         Family family = {
             Text(entry.name), Text(entry.help), entry.kind, entry.unit, {}};
@@ -152,8 +135,16 @@ class Parser
         return family;
     }
 
-    Series TakeSeries(const StatisticsSeries &entry) const
+    // Each has cells, and no two have the same: what is read is never more than
+    // the file.
+    Series TakeSeries(const StatisticsSeries &entry)
     {
+        if (entry.cellCount == 0 ||
+            entry.cellCount > header_.cells.count - cellsTaken_)
+        {
+            Fail(path_, "is malformed");
+        }
+        cellsTaken_ += entry.cellCount;
         Series series = {Text(entry.labels), {}};
         for (uint32_t i = 0; i < entry.cellCount; ++i)
         {
@@ -175,6 +166,7 @@ class Parser
     const std::string &bytes_;
     const std::string &path_;
     StatisticsHeader header_ = {};
+    uint32_t cellsTaken_ = 0;
 };
 
 bool Holds(const Series &series, std::string_view label)
@@ -266,8 +258,9 @@ uint64_t PercentileOf(const std::vector<uint64_t> &cells, double share)
 
 std::optional<Statistics> ReadStatistics(const std::string &path)
 {
-    const File file(path);
-    if (file.fd < 0)
+    const Descriptor file(
+        open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (file < 0)
     {
         if (errno == ENOENT)
         {
@@ -275,10 +268,9 @@ std::optional<Statistics> ReadStatistics(const std::string &path)
         }
         Fail(path, std::strerror(errno));
     }
-    const std::string bytes = ReadAll(file.fd, path);
-    const Parser parser(bytes, path);
-    return Statistics{IsLocked(file.fd), parser.Pid(), Now(),
-                      parser.Families()};
+    const std::string bytes = ReadAll(file, path);
+    Parser parser(bytes, path);
+    return Statistics{IsLocked(file), parser.Pid(), Now(), parser.Families()};
 }
 
 std::vector<std::string> Unbalanced(const Statistics &statistics)

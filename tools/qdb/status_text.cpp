@@ -1,5 +1,6 @@
 #include "tools/qdb/status_text.h"
 
+#include "core/grouped.h"
 #include "tools/qdb/state.h"
 
 #include <algorithm>
@@ -20,19 +21,6 @@ constexpr double kNanoseconds = 1e9;
     va_start(arguments, format);
     std::vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
-    return text;
-}
-
-// With a comma before every three digits from the right.
-std::string Grouped(uint64_t number)
-{
-    std::string text = std::to_string(number);
-    constexpr size_t kGroup = 3;
-    for (size_t at = text.size(); at > kGroup;)
-    {
-        at -= kGroup;
-        text.insert(at, ",");
-    }
     return text;
 }
 

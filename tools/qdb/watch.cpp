@@ -1,6 +1,6 @@
 // qdb watch: shows changes as they happen, until SIGINT, SIGTERM or the end of
 // whoever reads them.
-#include "client/descriptor.h"
+#include "core/descriptor.h"
 #include "tools/qdb/command.h"
 #include "tools/qdb/value.h"
 #include "tools/qdb/watcher.h"
@@ -22,8 +22,6 @@ namespace qdb::tool
 {
 namespace
 {
-
-using client::Descriptor;
 
 struct Options
 {

@@ -3,7 +3,9 @@
 
 #include <unistd.h>
 
-namespace qdb::client
+#include <utility>
+
+namespace qdb
 {
 
 // -1: there is none.
@@ -28,8 +30,14 @@ class Descriptor
         return fd_;
     }
 
+    // Somebody else closes it from here on, or nobody.
+    int Release()
+    {
+        return std::exchange(fd_, -1);
+    }
+
   private:
     int fd_;
 };
 
-} // namespace qdb::client
+} // namespace qdb
