@@ -82,12 +82,14 @@ const DataObjHeader *FindParent(const DataObjHeader *object,
 {
     if (groups == nullptr || groups->IsNull())
     {
+        NoteLack();
         return nullptr;
     }
     const DataObjHeader *parent =
         GetGroupObject(object, groups->Objects(), pCache);
     if (parent == nullptr)
     {
+        NoteLack();
         QDB_LOG(kLogError, "%s: Couldn't find group: %x %x\n", object->objID,
                 object->objType);
     }

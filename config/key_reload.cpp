@@ -63,6 +63,7 @@ int Insert(const KeyedRow &row, const DataObjHeader *object)
     else
     {
         QDB_LOG(kLogTrace, "%s: %s: Parent Object not found\n", kHandling);
+        NoteLack();
     }
     QDB_LOG(kLogError, "%s: Insert the row\n");
     return CreateObject(*FindRow(row.objType), object, group.get());

@@ -62,7 +62,10 @@ BookEntry::~BookEntry()
 
 void BookEntry::NextRow()
 {
-    gravest_ = std::max(gravest_, now_);
+    const bool isWritten = now_ == Fate::Unchanged || now_ == Fate::Changed ||
+                           now_ == Fate::Created;
+    gravest_ =
+        std::max(gravest_, isWritten && lacks_ ? Fate::Incomplete : now_);
     now_ = Fate::Ignored;
 }
 
@@ -100,6 +103,14 @@ void NoteFailure(int status)
     if (tEntry != nullptr && tEntry->now_ != Fate::Kept)
     {
         tEntry->now_ = FateOf(status);
+    }
+}
+
+void NoteLack()
+{
+    if (tEntry != nullptr)
+    {
+        tEntry->lacks_ = true;
     }
 }
 

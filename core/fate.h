@@ -31,11 +31,13 @@ class BookEntry
   private:
     friend void NoteFate(Fate fate);
     friend void NoteFailure(int status);
+    friend void NoteLack();
 
     BookEntry *const outer_;
     const Road road_;
     Fate gravest_ = Fate::Ignored; // of the rows so far
     Fate now_ = Fate::Ignored;
+    bool lacks_ = false;
     const int exceptions_; // that were under way at its beginning
 };
 
@@ -75,6 +77,10 @@ void NoteFate(Fate fate);
 // The same by a status of core/status.h that isn't success. What is kept for
 // later stays so.
 void NoteFailure(int status);
+
+// Its row will lack something that could not be had, and be written all the
+// same.
+void NoteLack();
 
 // What failed, if something did: a success has noted its fate before.
 void NoteEnd(int status);

@@ -107,11 +107,19 @@ inline ObjectPtr FetchByKey(const char *key)
     return object;
 }
 
+// Whose children have no parent that could be fetched.
+inline constexpr uint32_t kRootOid = 1;
+
 // A relation of an object that is in hand: its parent, say.
 inline ObjectPtr FetchRelated(uint32_t oid)
 {
     const Wait wait;
-    return ObjectPtr(ZOILGetObjByOID(&oid));
+    ObjectPtr object(ZOILGetObjByOID(&oid));
+    if (object == nullptr && oid != kRootOid)
+    {
+        NoteLack();
+    }
+    return object;
 }
 
 inline OidList ListParents(uint32_t oid)
@@ -123,7 +131,6 @@ inline OidList ListParents(uint32_t oid)
 // All objects of a type.
 inline OidList ListChildren(uint32_t objType)
 {
-    constexpr uint32_t kRootOid = 1;
     const Wait wait;
     return OidList(
         ZOILListChildOIDByType(&kRootOid, static_cast<uint16_t>(objType)));

@@ -13,6 +13,7 @@
 #include <bit>
 #include <cerrno>
 #include <new>
+#include <utility>
 
 namespace qdb
 {
@@ -93,6 +94,22 @@ size_t IndexOf(const char *table)
                : kCountedTables;
 }
 
+struct TableChanges
+{
+    int64_t rowsMore = 0;
+    uint64_t changes = 0;
+};
+
+// Of the statement under way: those of the tables from begin to end.
+struct NotedChanges
+{
+    std::array<TableChanges, kCountedTables> tables = {};
+    size_t begin = kCountedTables;
+    size_t end = 0;
+};
+
+constinit thread_local NotedChanges tNoted;
+
 } // namespace
 
 constinit std::atomic<Statistics *> gStatistics = &gUnseen;
@@ -129,16 +146,34 @@ void CountSince(Histogram &histogram, uint64_t moment)
     Count(histogram[kHistogramBuckets], took);
 }
 
-void CountRowChange(const char *table, int rowsMore)
+void NoteRowChange(const char *table, int rowsMore)
 {
     const size_t index = kCounts ? IndexOf(table) : kCountedTables;
     if (index == kCountedTables)
     {
         return;
     }
-    Count(Figures().tableRows[index], static_cast<uint64_t>(int64_t{rowsMore}));
-    Count(Figures().tableChanges[index]);
-    Put(Figures().tableChanged[index], MomentNow());
+    tNoted.begin = std::min(tNoted.begin, index);
+    tNoted.end = std::max(tNoted.end, index + 1);
+    tNoted.tables[index].rowsMore += rowsMore;
+    ++tNoted.tables[index].changes;
+}
+
+void CountRowChanges(bool succeeded)
+{
+    for (size_t i = tNoted.begin; i < tNoted.end; ++i)
+    {
+        const TableChanges noted = std::exchange(tNoted.tables[i], {});
+        if (succeeded && noted.changes != 0)
+        {
+            Count(Figures().tableRows[i],
+                  static_cast<uint64_t>(noted.rowsMore));
+            Count(Figures().tableChanges[i], noted.changes);
+            Put(Figures().tableChanged[i], MomentNow());
+        }
+    }
+    tNoted.begin = kCountedTables;
+    tNoted.end = 0;
 }
 
 std::span<const std::string_view> CountedTables()

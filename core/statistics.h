@@ -82,8 +82,9 @@ enum class Fate : size_t
     Changed,
     Created,
     Removed,
-    Stopped, // the service ended first
-    Kept,    // in the queue of failed operations
+    Incomplete, // written, but without a parent, a link or an array
+    Stopped,    // the service ended first
+    Kept,       // in the queue of failed operations
     Vanished,
     Constraint,
     Invalid,
@@ -226,9 +227,12 @@ void CountSince(Histogram &histogram, uint64_t moment);
 // none.
 extern constinit thread_local uint64_t tEventCame;
 
-// A row was inserted (1), deleted (-1) or changed (0). Tables that aren't of
-// the catalogue are left out.
-void CountRowChange(const char *table, int rowsMore);
+// The statement that the calling thread steps inserts (1), deletes (-1) or
+// changes (0) a row. Tables that aren't of the catalogue are left out.
+void NoteRowChange(const char *table, int rowsMore);
+
+// It has ended: counts what was noted, if that has come to be.
+void CountRowChanges(bool succeeded);
 
 // The tables of the catalogue, each once, in the order of their names, which
 // end in a NUL.

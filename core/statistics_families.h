@@ -75,9 +75,9 @@ inline constexpr std::string_view kWorkers[] = {"1", "2", "3", "4", "5",
 inline constexpr std::string_view kRoads[] = {"data_manager", "bus",
                                               "population", "reload", "drain"};
 inline constexpr std::string_view kFates[] = {
-    "ignored", "legacy",  "no_row",    "passed_on", "unchanged", "changed",
-    "created", "removed", "stopped",   "kept",      "vanished",  "constraint",
-    "invalid", "busy",    "no_memory", "failed"};
+    "ignored",    "legacy",  "no_row",     "passed_on", "unchanged", "changed",
+    "created",    "removed", "incomplete", "stopped",   "kept",      "vanished",
+    "constraint", "invalid", "busy",       "no_memory", "failed"};
 inline constexpr std::string_view kSignalEnds[] = {"sent", "failed", "too_long",
                                                    "not_ready", "no_bus"};
 inline constexpr std::string_view kRecordEnds[] = {"written", "no_reader",

@@ -27,18 +27,25 @@ bool MayBeOurRead(int status)
     return IsBusy(status) || status == SQLITE_ABORT;
 }
 
+int Step(sqlite3_stmt *statement)
+{
+    const int status = sqlite3_step(statement);
+    CountRowChanges(IsSuccess(status));
+    return status;
+}
+
 // A statement is fresh until it has given a row. Only a fresh one is stepped
 // again: from its start, the other one would give the same rows twice.
 int StepOnce(sqlite3_stmt *statement, bool isFresh)
 {
     const LeafLock lock(SqliteStepMutex);
     NoteStep();
-    int status = sqlite3_step(statement);
+    int status = Step(statement);
     if (MayBeOurRead(status) && GiveUpRead() && isFresh)
     {
         // A statement that is blocked counts as a reader itself.
         sqlite3_reset(statement);
-        status = sqlite3_step(statement);
+        status = Step(statement);
     }
     // The row that a reader stands on is the cheapest moment to keep the read:
     // its statement holds the lock already.

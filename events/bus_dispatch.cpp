@@ -102,6 +102,7 @@ ConfigObjectPtr FetchGroup(const BusEvent &event)
     if (status != SQLITE_OK || parent == nullptr)
     {
         QDB_LOG(kLogError, "%s: Parent not found: %s\n", event.path);
+        NoteLack();
         parent.reset();
     }
     else

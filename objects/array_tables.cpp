@@ -1,5 +1,6 @@
 #include "objects/array_tables.h"
 
+#include "core/fate.h"
 #include "core/guard.h"
 #include "core/status.h"
 #include "db/execute.h"
@@ -170,6 +171,10 @@ void InsertArray(const ObjTypeRow &row, const ArrayProperty &property,
     else
     {
         status = InsertElements(row, property, statement.Get(), pDOH);
+    }
+    if (status != SQLITE_OK)
+    {
+        NoteLack();
     }
     QDB_LOG(kLogTrace, "%s: [%s] %s Exit for OID: %d,status:%d ret:%d",
             row.suffix, function.text, StoredOid(pDOH->objID), status, ret);

@@ -1,5 +1,6 @@
 #include "objects/binder.h"
 
+#include "core/fate.h"
 #include "core/log.h"
 #include "core/platform_ptr.h"
 #include "core/status.h"
@@ -193,6 +194,10 @@ KeyOfParent FetchParentKey(const DataObjHeader *pParentDOH)
         char *text = nullptr;
         key.asked = true;
         key.status = ZOILDOGetObjKeyUTF8(pParentDOH, &text);
+        if (key.status != 0)
+        {
+            NoteLack();
+        }
         key.text.reset(text);
     }
     return key;

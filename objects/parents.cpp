@@ -1,8 +1,10 @@
 #include "objects/parents.h"
 
+#include "core/fate.h"
 #include "core/log.h"
 #include "core/status.h"
 #include "db/mapping.h"
+#include "objects/catalogue.h"
 
 #include <algorithm>
 #include <bitset>
@@ -25,7 +27,10 @@ void RecordLink(uint32_t oid, uint32_t parentOid, bool parentFound)
     QDB_LOG(kLogTrace,
             "%s: ZOILGetObjByOID success for OID = 0x%x and POID = 0x%x \n",
             oid, parentOid);
-    InsertInParentChildMappingTable(oid, parentOid);
+    if (InsertInParentChildMappingTable(oid, parentOid) != SQLITE_OK)
+    {
+        NoteLack();
+    }
 }
 
 // Links are fetched and recorded in blocks, so that a create whose row is
@@ -53,6 +58,11 @@ void RefreshParentChildMapping(const DataObjHeader *pDOH, uint32_t oid)
     const OidList parents = ListParents(pDOH->objID);
     if (parents.IsNull())
     {
+        // The Data Manager knows nothing of attributes.
+        if (!IsConfigType(pDOH->objType))
+        {
+            NoteLack();
+        }
         return;
     }
     std::span<const uint32_t> left = parents.Oids();
@@ -75,6 +85,7 @@ int GetParentDOH(const DataObjHeader *pDOH, DataObjHeader **ppParentDOH)
     if (parents.IsNull())
     {
         QDB_LOG(kLogInvalid, "%s: Error: ZOILListParentOID returned NULL \n");
+        NoteLack();
         return kFailed;
     }
     int status = SQLITE_OK;

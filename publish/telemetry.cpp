@@ -100,9 +100,9 @@ void TelemetryUpdateHook(void * /*userData*/, int operation,
 {
     if (tableName != nullptr)
     {
-        CountRowChange(tableName, operation == SQLITE_INSERT   ? 1
-                                  : operation == SQLITE_DELETE ? -1
-                                                               : 0);
+        NoteRowChange(tableName, operation == SQLITE_INSERT   ? 1
+                                 : operation == SQLITE_DELETE ? -1
+                                                              : 0);
     }
     if (rowid < 1 || tableName == nullptr || databaseName == nullptr)
     {

@@ -195,6 +195,7 @@ TEST_F(StatisticsTest, EachFigureHasItsCause)
         {"objects", Fate("changed"), [&] { putWithRow(); Put(Status(kOid, "b", 1)); Notify(3, {kOid}); }},
         {"objects", Fate("created"), [&] { put(); Notify(7, {kOid}); }},
         {"objects", Fate("removed"), [&] { putWithRow(); Notify(8, {kOid}); }},
+        {"objects", Fate("incomplete"), [&] { Clear(); Put(object, {0x77}); Notify(7, {kOid}); }},
         {"objects", Fate("vanished"), [&] { Clear(); Notify(7, {kOid}); }},
         {"objects", Fate("constraint"), [&] { putWithRow(); Notify(7, {kOid}); }},
         {"objects", Fate("invalid"), [&] { Clear(); Put(Broken(MakeObject(0xE1, kOid, R"({"Key": "A1"})"))); Notify(7, {kOid}); }},

@@ -127,8 +127,8 @@ uint64_t Driver::GivenUp() const
     const tool::Statistics statistics =
         tool::ReadStatistics(service_.Root().Statistics()).value();
     uint64_t sum = statistics.Sum("events_dropped");
-    for (const char *fate : {"kept", "vanished", "constraint", "invalid",
-                             "busy", "no_memory", "failed"})
+    for (const char *fate : {"incomplete", "kept", "vanished", "constraint",
+                             "invalid", "busy", "no_memory", "failed"})
     {
         // Reloads find most of what they look for there already, or not at all.
         sum += statistics.Sum("objects", "fate=\"" + std::string(fate) + '"',

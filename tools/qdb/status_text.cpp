@@ -181,6 +181,8 @@ constexpr Trouble kTroubles[] = {
     {"events_dropped", "over_bound",
      "events from the bus dropped: too many wait already"},
     {"events_dropped", "unknown_type", "events dropped: of unknown type"},
+    {"objects", "fate=\"incomplete\"",
+     "objects stored without a parent, a link or an array"},
     {"objects", "fate=\"vanished\"", "objects given up: vanished", kReload},
     {"objects", "fate=\"busy\"", "objects given up: the database was busy"},
     {"objects", "fate=\"constraint\"",
