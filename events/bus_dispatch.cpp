@@ -328,8 +328,7 @@ int ObjectNotificationDbus(const DataEventHeader *record, uint16_t eventType,
                 "%s: Invalid Event Type, notification not processed\n");
         return kInvalidArgument;
     }
-    // A restart of the configuration manager names no object.
-    if (KindOf(*record) == DATA_EVENT_POP_UNLOADED)
+    if (ClearsConfiguration(*record))
     {
         return ClearConfiguration();
     }

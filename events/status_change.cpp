@@ -63,7 +63,6 @@ int HandleOther(const DataObjHeader &object, uint64_t taken, BookEntry *pEntry)
     const ObjectPtr keyed = FetchKeyedObject();
     if (keyed == nullptr)
     {
-        NoteFate(Fate::Ignored);
         QDB_LOG(kLogTrace, "%s: ObjectNotificationStChg: pDOHkey is NULL\n");
         return SQLITE_OK;
     }

@@ -55,6 +55,7 @@ int Dispatch(const QdbEventNode &node, int thID, int status)
         return ObjectNotification(&record, record.evtType, node.taken);
     case DATA_EVENT_DBUS_TO_QDB:
         LogBusRecord(record, thID);
+        AwaitClearings(node);
         return ObjectNotificationDbus(&record, record.evtType, node.taken);
     case DATA_EVENT_OBJ_STATUS_CHG:
         return ObjectNotificationStChg(&record, node.taken);

@@ -61,6 +61,17 @@ std::atomic<int> gStopNodesOut = 0;
 // gQdbDBMutex.
 std::atomic<int64_t> gBusBytes = 0;
 
+// Clearings taken, under gQdbDBMutex, and those that are over.
+uint64_t gClearingsTaken = 0;
+std::atomic<uint64_t> gClearingsOver = 0;
+pthread_mutex_t gClearingMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t gClearingOver = PTHREAD_COND_INITIALIZER;
+
+bool IsClearing(const QdbEventNode &node)
+{
+    return node.data != nullptr && ClearsConfiguration(*node.data);
+}
+
 constexpr int64_t BusBytes(uint32_t recordSize)
 {
     return int64_t{recordSize} + int64_t{sizeof(QdbEventNode)};
@@ -170,6 +181,8 @@ QdbEventNode *TakeHead(QdbEventQueue &queue)
     }
     Put(Figures().queueOldest, queue.head == nullptr ? 0 : queue.head->came);
     gBusBytes -= BusBytesOf(*node);
+    node->clearings = gClearingsTaken;
+    gClearingsTaken += IsClearing(*node) ? 1U : 0U;
     return node;
 }
 
@@ -183,7 +196,7 @@ QdbEventNode *QdbnewNode(DataEventHeader *data, int seqNo)
         return nullptr;
     }
     LogEntry("QdbnewNode");
-    *node = {data, seqNo, nullptr, MomentNow(), 0};
+    *node = {data, seqNo, nullptr, MomentNow(), 0, 0};
     LogExit("QdbnewNode");
     return node;
 }
@@ -230,6 +243,24 @@ QdbEventNode *QdbdeQueue(QdbEventQueue *queue)
     return node;
 }
 
+void AwaitClearings(const QdbEventNode &node)
+{
+    if (node.data->evtType != DATA_EVENT_DBUS_TO_QDB ||
+        gClearingsOver >= node.clearings)
+    {
+        return;
+    }
+    constexpr int64_t kLookAgain = 100000000; // nanoseconds
+    const Wait wait;
+    const LeafLock lock(gClearingMutex);
+    while (gClearingsOver < node.clearings && !StopPatienceIsOver())
+    {
+        const timespec until = ToTimespec(NowNanoseconds() + kLookAgain);
+        pthread_cond_clockwait(&gClearingOver, &gClearingMutex, CLOCK_MONOTONIC,
+                               &until);
+    }
+}
+
 void QueueStopRecords()
 {
     // Invariant 3. A second stop finds the first one's nodes still out.
@@ -241,7 +272,7 @@ void QueueStopRecords()
     for (size_t i = 0; i < gStopNodes.size(); ++i)
     {
         LogEntry("QdbenQueue");
-        gStopNodes[i] = {&gStopRecords[i], gQdbSeqNumber, nullptr, 0, 0};
+        gStopNodes[i] = {&gStopRecords[i], gQdbSeqNumber, nullptr, 0, 0, 0};
         Enqueue(*gQdbEventQueue, &gStopNodes[i], &gStopRecords[i]);
     }
 }
@@ -253,6 +284,12 @@ void FreeEventNode::operator()(QdbEventNode *node) const
     {
         --gStopNodesOut;
         return;
+    }
+    if (IsClearing(*node))
+    {
+        const LeafLock lock(gClearingMutex);
+        ++gClearingsOver;
+        pthread_cond_broadcast(&gClearingOver);
     }
     FreeRecord(node->data);
     std::free(node);

@@ -21,8 +21,9 @@ struct QdbEventNode
     DataEventHeader *data;
     int seqNo; // for the log alone; two nodes may carry the same number
     QdbEventNode *next;
-    uint64_t came;  // the moment of core/statistics.h
-    uint64_t taken; // the tick of core/object_order.h at which it was taken
+    uint64_t came;      // the moment of core/statistics.h
+    uint64_t taken;     // the tick of core/object_order.h at which it was taken
+    uint64_t clearings; // that were taken before it
 };
 
 // Guarded by gQdbDBMutex.
@@ -58,6 +59,16 @@ bool HasRoomForBusRecord(uint32_t size);
 // empty all the same. Ticks are in the order of taking. At 50 nodes or fewer
 // clears gSkipConstraintCheck. Takes gQdbDBMutex.
 QdbEventNode *QdbdeQueue(QdbEventQueue *queue);
+
+// A clearing of the configuration claims no object: it removes whatever rows
+// there are when its statements run, which a busy database may keep waiting. So
+// what the bus told later waits here until the clearings taken before it are
+// over, their nodes freed, or a stop has lost its patience. Other records
+// don't.
+//
+// Who clears may wait for the turn at the database, SQLite and the pauses of a
+// busy database, never for the platform. Who waits may hold nothing.
+void AwaitClearings(const QdbEventNode &node);
 
 // Puts one stop record per worker on gQdbEventQueue. Needs no memory. Does
 // nothing while one of an earlier call is on its way to a worker.

@@ -103,6 +103,15 @@ inline constexpr uint32_t kBusPathOffsetAt = 24;
 inline constexpr uint32_t kBusInterfaceOffsetAt = 28;
 inline constexpr uint32_t kBusFixedSize = 32;
 
+// A restart of the configuration manager, which names no object.
+inline bool ClearsConfiguration(const DataEventHeader &record)
+{
+    return record.evtType == DATA_EVENT_DBUS_TO_QDB &&
+           static_cast<uint16_t>(
+               RecordWord(record, kBusEventTypeAt).value_or(0)) ==
+               DATA_EVENT_POP_UNLOADED;
+}
+
 // How many objects a record on the queue is about, for the books.
 inline uint32_t ObjectsIn(const DataEventHeader &record)
 {
@@ -115,12 +124,7 @@ inline uint32_t ObjectsIn(const DataEventHeader &record)
     case DATA_EVENT_OBJ_STATUS_CHG:
         return 1;
     case DATA_EVENT_DBUS_TO_QDB:
-        // A restart of the configuration manager names none.
-        return static_cast<uint16_t>(
-                   RecordWord(record, kBusEventTypeAt).value_or(0)) ==
-                       DATA_EVENT_POP_UNLOADED
-                   ? 0
-                   : 1;
+        return ClearsConfiguration(record) ? 0 : 1;
     default:
         return 0;
     }

@@ -8,6 +8,7 @@
 #include "events/bus_dispatch.h"
 #include "events/dispatch.h"
 #include "events/status_change.h"
+#include "events/workers.h"
 #include "reconcile/count_check.h"
 #include "reconcile/fail_drain.h"
 #include "reconcile/fru_reload.h"
@@ -210,6 +211,48 @@ TEST_F(Overtaken, NobodyWritesThePast)
             EXPECT_EQ(Row(way), goes ? Lines() : Lines{"2"});
         }
     }
+}
+
+void RunWorker(int number)
+{
+    QdbWorkerArg argument = {number};
+    QdbWorkerThread(&argument);
+}
+
+// A restart of the configuration manager clears its rows, and takes its time;
+// what the manager announces when it is back must not go with them.
+TEST_F(Overtaken, AClearingTakesNothingThatIsAnnouncedBehindIt)
+{
+    static DataEventHeader stops[2] = {{0, DATA_EVENT_WORKER_EXIT, 0, {}},
+                                       {0, DATA_EVENT_WORKER_EXIT, 0, {}}};
+    const auto rows = [&]
+    {
+        return mirror_.Rows("SELECT OID FROM TblIntAttribute");
+    };
+    Clear();
+    PutAttribute(kInterface, kKey, kOid);
+    Enqueue(Record(DATA_EVENT_DBUS_TO_QDB, {DATA_EVENT_POP_UNLOADED, 0, 0, 0}));
+    Enqueue(BusRecord(kCreate, kOid, kPath, kInterface));
+    QdbenQueue(gQdbEventQueue, &stops[0]);
+    QdbenQueue(gQdbEventQueue, &stops[1]);
+    std::thread second;
+    const LineHook hook("Clearing table Cfg from ActiveOIDMapping.",
+                        [&](int)
+                        {
+                            second = std::thread(RunWorker, 2);
+                            // It has this long to run ahead.
+                            constexpr int kAheadMs = 300;
+                            WaitUntil(
+                                [&]
+                                {
+                                    return !rows().empty();
+                                },
+                                kAheadMs);
+                        });
+    RunWorker(1);
+    ASSERT_TRUE(second.joinable());
+    second.join();
+    EXPECT_EQ(rows(), Lines{std::to_string(kOid)});
 }
 
 } // namespace

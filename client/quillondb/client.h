@@ -29,8 +29,7 @@ extern "C"
 
     typedef struct qdb_mirror qdb_mirror;
 
-    /* --- Rows
-     * ------------------------------------------------------------------
+    /* --- Rows ---
      *
      * A row belongs to the library, and is valid until the callback that was
      * given it returns. Its columns are those of the table, in the table's
@@ -68,8 +67,7 @@ extern "C"
      * name. */
     size_t qdb_row_find(const qdb_row *row, const char *name);
 
-    /* --- Changes
-     * -------------------------------------------------------------- */
+    /* --- Changes --- */
 
     typedef struct qdb_change qdb_change;
 
@@ -89,16 +87,14 @@ extern "C"
 
     enum qdb_reason
     {
-        QDB_LOST_SIGNALS =
-            1,               /* the bus dropped some of the service's signals */
-        QDB_NEW_SERVICE = 2, /* the service has been started anew */
+        QDB_LOST_SIGNALS = 1,  /* the bus dropped some of the service's */
+        QDB_NEW_SERVICE = 2,   /* the service has been started anew */
         QDB_NEW_DATABASE = 3,  /* another file is in the database's place */
         QDB_NEW_BUS = 4,       /* the bus was gone */
         QDB_SILENT_CHANGE = 5, /* rows came, changed or went without a signal */
     };
 
-    /* --- Following
-     * ------------------------------------------------------------ */
+    /* --- Following --- */
 
     typedef struct qdb_options
     {
@@ -167,8 +163,7 @@ extern "C"
     int qdb_mirror_run(qdb_mirror *mirror);
     void qdb_mirror_stop(qdb_mirror *mirror);
 
-    /* --- Reading
-     * --------------------------------------------------------------
+    /* --- Reading ---
      *
      * The database as it is now, whatever has been told. -ENOENT for a table
      * that isn't there, -EBUSY when the database stayed busy, -ENODATA when the
@@ -209,8 +204,7 @@ extern "C"
     int qdb_mirror_each(qdb_mirror *mirror, const char *table,
                         qdb_row_callback callback, void *user);
 
-    /* --- Statements of one's own
-     * --------------------------------------------
+    /* --- Statements of one's own ---
      *
      * All rows are in memory, and the database is free, before the first is
      * looked at. A row of them has no key, and an OID if there is such a
