@@ -76,7 +76,10 @@ ListEntry::ListEntry(Road road, uint64_t count)
 
 ListEntry::~ListEntry()
 {
-    CountFates(road_, EndOf(exceptions_, Fate::Stopped), left_);
+    if (left_ > 0)
+    {
+        CountFates(road_, EndOf(exceptions_, Fate::Stopped), left_);
+    }
 }
 
 void CountArrivals(Road road, uint64_t count)

@@ -86,12 +86,21 @@ void Describe(Image *pImage)
 }
 
 // kCountedTables for one that isn't counted.
-size_t IndexOf(const char *table)
+size_t IndexOf(std::string_view table)
 {
+    // Mostly the same as before.
+    thread_local size_t last = 0;
+    if (figures::kTables[last] == table)
+    {
+        return last;
+    }
     const auto found = std::ranges::lower_bound(figures::kTables, table);
-    return found != figures::kTables.end() && *found == table
-               ? static_cast<size_t>(found - figures::kTables.begin())
-               : kCountedTables;
+    if (found == figures::kTables.end() || *found != table)
+    {
+        return kCountedTables;
+    }
+    last = static_cast<size_t>(found - figures::kTables.begin());
+    return last;
 }
 
 struct TableChanges

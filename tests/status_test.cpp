@@ -3,6 +3,7 @@
 #include "tests/support/private_bus.h"
 #include "tests/support/program.h"
 #include "tests/support/service_process.h"
+#include "tests/support/text.h"
 #include "tests/support/wait.h"
 #include "tools/qdb/statistics.h"
 
@@ -107,6 +108,22 @@ TEST_F(QdbStatus, FollowsALife)
     {
         EXPECT_NE(left->Value(figure), 0U) << figure;
     }
+}
+
+// Prometheus itself has nothing to say against it.
+TEST_F(QdbStatus, IsFitForPrometheus)
+{
+    if (OutputOf("command -v promtool").find("exit") != std::string::npos)
+    {
+        GTEST_SKIP() << "no promtool";
+    }
+    ServiceOptions options;
+    options.scenario = Server(3);
+    ServiceProcess service(options);
+    service.Start();
+    Serve(service);
+    EXPECT_EQ(Status(service, "--prometheus | promtool check metrics 2>&1"),
+              "");
 }
 
 // A stop while the tables are being filled leaves the rest of a list, and says

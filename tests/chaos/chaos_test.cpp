@@ -127,6 +127,36 @@ void Judge(const audit::Report &report, const World &world, bool isAll)
     gCouldBe += world.slots.size();
 }
 
+// The service accounts for each object that arrived.
+std::string JudgeRoads(const tool::Statistics &statistics)
+{
+    std::string wrong;
+    for (const std::string &road : tool::Unbalanced(statistics))
+    {
+        wrong += road + "\n";
+    }
+    return wrong;
+}
+
+// It has counted as many rows as each table has.
+std::string JudgeRows(const tool::Statistics &statistics,
+                      const std::string &database)
+{
+    std::string wrong;
+    for (const tool::Series &table : statistics.Find("table_rows")->series)
+    {
+        const std::string name(table.Label("table"));
+        const std::string rows =
+            test::QueryValue(database, "SELECT count(*) FROM " + name);
+        if (rows != std::to_string(table.Count()))
+        {
+            wrong += name + " has " + rows + " rows, " +
+                     std::to_string(table.Count()) + " counted\n";
+        }
+    }
+    return wrong;
+}
+
 // While a pass is under way nothing stands still.
 void JudgeAmidst(Chaos &chaos)
 {
@@ -136,39 +166,13 @@ void JudgeAmidst(Chaos &chaos)
     }
     const audit::Report report = Audit(chaos.driver, 1);
     const std::string signals = chaos.JudgeSignals();
+    const std::string roads = JudgeRoads(chaos.driver.Statistics());
     if (!chaos.driver.HasPassRun())
     {
         Judge(report, chaos.world, false);
         EXPECT_EQ(signals, "");
+        EXPECT_EQ(roads, "");
     }
-}
-
-// What the service has counted agrees with itself and with the tables.
-std::string JudgeBooks(const Driver &driver)
-{
-    const test::TempRoot &root = driver.Service().Root();
-    const auto statistics = tool::ReadStatistics(root.Statistics());
-    if (!statistics || !statistics->isRunning)
-    {
-        return "no statistics";
-    }
-    std::string wrong;
-    for (const std::string &road : tool::Unbalanced(*statistics))
-    {
-        wrong += road + "\n";
-    }
-    for (const tool::Series &table : statistics->Find("table_rows")->series)
-    {
-        const std::string name(table.Label("table"));
-        const std::string rows =
-            test::QueryValue(root.Database(), "SELECT count(*) FROM " + name);
-        if (rows != std::to_string(table.Count()))
-        {
-            wrong += name + " has " + rows + " rows, " +
-                     std::to_string(table.Count()) + " counted\n";
-        }
-    }
-    return wrong;
 }
 
 // Also while a pass is under way, which the shadow follows.
@@ -210,7 +214,9 @@ void RunRound(double seconds, Chaos &chaos)
     EXPECT_TRUE(test::WaitUntil(
         [&]
         {
-            wrong = chaos.JudgeSignals() + JudgeBooks(chaos.driver);
+            const tool::Statistics books = chaos.driver.Statistics();
+            wrong = chaos.JudgeSignals() + JudgeRoads(books) +
+                    JudgeRows(books, chaos.driver.Service().Root().Database());
             return wrong.empty();
         }))
         << wrong;

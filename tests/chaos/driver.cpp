@@ -1,7 +1,6 @@
 #include "tests/chaos/driver.h"
 
 #include "tests/support/wait.h"
-#include "tools/qdb/statistics.h"
 
 #include <thread>
 
@@ -122,10 +121,14 @@ bool Driver::HasPassRun()
     return log_.passRan;
 }
 
+tool::Statistics Driver::Statistics() const
+{
+    return tool::ReadStatistics(service_.Root().Statistics()).value();
+}
+
 uint64_t Driver::GivenUp() const
 {
-    const tool::Statistics statistics =
-        tool::ReadStatistics(service_.Root().Statistics()).value();
+    const tool::Statistics statistics = Statistics();
     uint64_t sum = statistics.Sum("events_dropped");
     for (const char *fate : {"incomplete", "kept", "vanished", "constraint",
                              "invalid", "busy", "no_memory", "failed"})

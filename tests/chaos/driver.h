@@ -8,6 +8,7 @@
 #include "tests/support/service_process.h"
 #include "tools/dmctl/client.h"
 #include "tools/dmctl/config_bus.h"
+#include "tools/qdb/statistics.h"
 
 #include <sqlite3.h>
 
@@ -48,8 +49,10 @@ class Driver
     // A pass was under way since the last Settle(), as far as the log tells.
     bool HasPassRun();
 
-    // How many objects and events the service has not carried out, by its own
-    // count.
+    // What the service has counted. Throws when there is nothing.
+    tool::Statistics Statistics() const;
+
+    // How many objects and events it has not carried out, by its own count.
     uint64_t GivenUp() const;
 
     // Waits for so many whole passes.

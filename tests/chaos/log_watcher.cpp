@@ -51,10 +51,12 @@ void LogWatcher::GiveBack()
         return;
     }
     const int fd = open(path_.c_str(), O_WRONLY | O_CLOEXEC);
-    fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, given_,
-              read - kKept - given_);
+    if (fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, given_,
+                  read - kKept - given_) == 0)
+    {
+        given_ = read - kKept;
+    }
     close(fd);
-    given_ = read - kKept;
 }
 
 std::string LogWatcher::Tail() const
