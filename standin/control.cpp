@@ -137,8 +137,7 @@ void ServeControl(const char *path)
     const auto listener = std::make_shared<qdb::Descriptor>(
         socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     // The mode that the socket has before it gets its name is the name's mode.
-    if (*listener < 0 || fchmod(*listener, 0600) != 0 ||
-        !RemoveStale(path) ||
+    if (*listener < 0 || fchmod(*listener, 0600) != 0 || !RemoveStale(path) ||
         bind(*listener, reinterpret_cast<const sockaddr *>(&address),
              sizeof(address)) != 0 ||
         listen(*listener, 16) != 0)
