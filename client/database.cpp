@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 namespace qdb::client
 {
@@ -59,7 +61,7 @@ int Database::Open(bool *pIsNew)
         handle_.reset();
         return -ENODATA;
     }
-    sqlite3_busy_timeout(opened, busyMs_);
+    sqlite3_busy_handler(opened, OnBusy, this);
     sqlite3_exec(opened, "PRAGMA cache_size = -512", nullptr, nullptr, nullptr);
     const int loaded = Load();
     if (loaded != 0)
@@ -72,6 +74,24 @@ int Database::Open(bool *pIsNew)
     device_ = file.st_dev;
     *pIsNew = true;
     return 0;
+}
+
+// SQLite's own handler would have each statement wait for the whole time.
+int Database::OnBusy(void *self, int attempts)
+{
+    constexpr int kFirstPausesMs = 1;
+    constexpr int kPauseMs = 10;
+    constexpr int kFirst = 5;
+    auto *database = static_cast<Database *>(self);
+    const int pause = std::min(attempts < kFirst ? kFirstPausesMs : kPauseMs,
+                               database->busyMs_ - database->waitedMs_);
+    if (pause <= 0)
+    {
+        return 0;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(pause));
+    database->waitedMs_ += pause;
+    return 1;
 }
 
 sqlite3_stmt *Database::Prepared(const std::string &sql)

@@ -50,6 +50,13 @@ class Database
     }
     const Table *FindTable(const std::string &name) const; // NULL: none
 
+    // What follows up to the next one waits for a busy database no longer than
+    // the handle was told, in all.
+    void BeginCall()
+    {
+        waitedMs_ = 0;
+    }
+
     const std::string &Path() const
     {
         return path_;
@@ -85,7 +92,10 @@ class Database
     int ReadSide(const Table &table, const SideTable &side, qdb_row *pRow);
 
     const std::string path_;
+    static int OnBusy(void *self, int attempts);
+
     const int busyMs_;
+    int waitedMs_ = 0; // in this call
     DatabasePtr handle_;
     dev_t device_ = 0;
     ino_t inode_ = 0;

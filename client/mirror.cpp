@@ -123,6 +123,7 @@ int qdb_mirror::Process()
 {
     qdb::client::Drain(timer);
     qdb::client::Drain(wake);
+    database.BeginCall();
     const uint64_t now = qdb::client::NowMicroseconds();
     const bool isTick = now >= nextTick_;
     nextTick_ = isTick ? now + qdb::client::kTickMicroseconds : nextTick_;
@@ -164,13 +165,22 @@ qdb_state qdb_mirror::FindState(int opened) const
     return bus.IsServiceGone() ? QDB_NO_SERVICE : QDB_FILLING;
 }
 
-bool qdb_mirror::Scan(Counts *pCounts)
+// False when others hold the database: the rest is left to the next tick.
+bool qdb_mirror::Scan(bool isTick)
 {
+    if (isCutShort_ && !isTick)
+    {
+        return false;
+    }
     const int64_t version = database.Version();
-    const bool isWhole = follower.Scan(pCounts) == 0;
+    Counts counts;
+    isCutShort_ = follower.Scan(&counts) != 0;
+    told_.added += counts.added;
+    told_.changed += counts.changed;
+    told_.removed += counts.removed;
     ticksSinceScan_ = 0;
-    version_ = isWhole ? version : 0;
-    return isWhole;
+    version_ = isCutShort_ ? 0 : version;
+    return !isCutShort_;
 }
 
 // The rows are of a service that has filled them. Best known of one that has
@@ -256,18 +266,15 @@ void qdb_mirror::FollowReady(bool isTick, bool isMore)
         version_ = 0;
     }
     const bool isSilent = MayBeSilent(isTick, isMore);
-    Counts counts;
-    if (isFirst || reason_ != 0 || isSilent)
+    const bool isDue = isFirst || reason_ != 0 || isSilent || isCutShort_;
+    if (isDue && !Scan(isTick))
     {
-        const bool isWhole = Scan(&counts);
-        if (isFirst && !isWhole)
-        {
-            return SetState(QDB_BUSY); // again at the next tick
-        }
+        return isFirst ? SetState(QDB_BUSY) : void();
     }
+    const Counts counts = std::exchange(told_, {});
     const bool isAny = counts.added + counts.changed + counts.removed > 0;
-    const int reason = reason_ == 0 && isSilent && !isFirst && isAny
-                           ? QDB_SILENT_CHANGE
+    const int reason = reason_ == 0 && isDue && !isFirst && isAny
+                           ? int{QDB_SILENT_CHANGE}
                            : reason_;
     if (reason != 0 && options.resynced != nullptr)
     {
@@ -281,6 +288,7 @@ void qdb_mirror::FollowReady(bool isTick, bool isMore)
 // In a callback the tables have to stay what they are.
 bool qdb_mirror::OpenDatabase()
 {
+    database.BeginCall();
     bool isNew = false;
     const bool isThere = follower.IsTelling() || database.Open(&isNew) == 0;
     if (isNew && version_ != 0)

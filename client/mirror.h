@@ -51,13 +51,15 @@ struct qdb_mirror
     void FollowReady(bool isTick, bool isMore);
     bool MayBeSilent(bool isTick, bool isMore);
     bool IsServed(bool isTick);
-    bool Scan(qdb::client::Counts *pCounts);
+    bool Scan(bool isTick);
     void SetState(qdb_state now);
     qdb_state FindState(int opened) const;
     void Watch(int fd, uint32_t events);
     void Arm();
 
-    int reason_ = 0;      // for the next scan; 0: none
+    int reason_ = 0;                // for the next scan; 0: none
+    bool isCutShort_ = false;       // the last scan met a busy database
+    qdb::client::Counts told_ = {}; // by scans that were cut short
     int64_t version_ = 0; // of the database when it was last scanned; 0: never
     int64_t seen_ = 0;    // of the database at the last look
     int quiet_ = -1;      // looks at which it was the same; -1: none yet

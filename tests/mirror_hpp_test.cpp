@@ -2,6 +2,7 @@
 // and the ways of exceptions.
 
 #include "client/quillondb/copy.hpp"
+#include "db/statement_ptr.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/service_process.h"
 
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <functional>
 #include <sstream>
 #include <stdexcept>
@@ -106,6 +108,62 @@ TEST_F(MirrorHpp, TellsRowsChangesAndReadiness)
     tells("changed 4096 2667\n");
     service_.Command(R"({"op":"delete","oids":[4097]})");
     tells("changed 4096 2667\nremoved 4097\n");
+}
+
+// Others hold the database while all tables are to be looked at: the call waits
+// once, not for each of them, and what it missed is told later.
+TEST_F(MirrorHpp, ACallWaitsForABusyDatabaseOnce)
+{
+    using Clock = std::chrono::steady_clock;
+    quillondb::Options options = Modules();
+    options.tables = {};
+    options.busy = std::chrono::milliseconds(200);
+    constexpr auto kFarLessThanForEach = std::chrono::seconds(5);
+    constexpr auto kTicks = std::chrono::seconds(2);
+    std::string told;
+    Mirror mirror({.changed =
+                       [&](const Change &change)
+                   {
+                       told += std::to_string(change.Oid()) + " ";
+                   },
+                   .resynced =
+                       [&](const quillondb::Resync &resync)
+                   {
+                       told += std::to_string(resync.reason);
+                   }},
+                  options);
+    EXPECT_TRUE(ProcessUntil(mirror,
+                             [&]
+                             {
+                                 return mirror.State() == QDB_READY;
+                             }));
+    sqlite3 *opened = nullptr;
+    sqlite3_open(service_.Root().Database().c_str(), &opened);
+    const ConnectionPtr holder(opened);
+    sqlite3_busy_timeout(opened, kDeadlineMs);
+    EXPECT_EQ(sqlite3_exec(opened,
+                           "UPDATE TblMemoryInfo SET SingleRecordEtag = 1, "
+                           "Speed = 1 WHERE OID = 4097; BEGIN EXCLUSIVE",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    told.clear();
+    const auto begin = Clock::now();
+    Clock::duration longest = {};
+    for (auto now = begin; now - begin < kTicks;)
+    {
+        mirror.Process();
+        longest = std::max(longest, Clock::now() - now);
+        now = Clock::now();
+    }
+    EXPECT_LT(longest, kFarLessThanForEach);
+    EXPECT_EQ(told, "");
+    sqlite3_exec(opened, "COMMIT", nullptr, nullptr, nullptr);
+    EXPECT_TRUE(ProcessUntil(mirror,
+                             [&]
+                             {
+                                 return told == "4097 5";
+                             }))
+        << told;
 }
 
 TEST_F(MirrorHpp, TellsWhichColumnsDifferAndOldValuesAsFarAsSignalsDo)
