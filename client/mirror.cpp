@@ -76,6 +76,8 @@ int qdb_mirror::Give(const Table &table, const std::vector<int64_t> &oids,
     {
         const std::span<const int64_t> some(
             oids.data() + at, std::min(Database::kTogether, oids.size() - at));
+        // Where it goes on for long, short waits must not add up to a failure.
+        database.BeginCall();
         if (const int result = database.Read(table, some, &rows))
         {
             return result;
