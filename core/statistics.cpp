@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <new>
 #include <utility>
 
@@ -48,8 +50,27 @@ int Fill(int fd)
     return posix_fallocate(fd, 0, sizeof(Image));
 }
 
-int Map(const Descriptor &file, Image **ppImage)
+void Describe(Image *pImage)
 {
+    constexpr auto cellCount =
+        static_cast<uint32_t>(sizeof(Statistics) / sizeof(Cell));
+    DescribeFamilies(pImage->families, pImage->series);
+    StatisticsHeader &header = pImage->header;
+    header.magic = kStatisticsMagic;
+    header.version = kStatisticsVersion;
+    header.pid = static_cast<uint32_t>(getpid());
+    header.families = {offsetof(Image, families), kFamilyCount,
+                       sizeof(StatisticsFamily)};
+    header.series = {offsetof(Image, series), kSeriesCount,
+                     sizeof(StatisticsSeries)};
+    header.cells = {offsetof(Image, figures), cellCount, sizeof(Cell)};
+}
+
+// A file of that name, complete and mapped. 0 or errno.
+int Make(const char *path, Image **ppImage)
+{
+    Descriptor file(
+        open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (file < 0)
     {
         return errno;
@@ -65,24 +86,9 @@ int Map(const Descriptor &file, Image **ppImage)
         return errno;
     }
     *ppImage = new (memory) Image{};
+    Describe(*ppImage);
+    file.Release(); // or the lock would go with it
     return 0;
-}
-
-void Describe(Image *pImage)
-{
-    constexpr auto cellCount =
-        static_cast<uint32_t>(sizeof(Statistics) / sizeof(Cell));
-    DescribeFamilies(pImage->families, pImage->series);
-    StatisticsHeader &header = pImage->header;
-    header.version = kStatisticsVersion;
-    header.pid = static_cast<uint32_t>(getpid());
-    header.families = {offsetof(Image, families), kFamilyCount,
-                       sizeof(StatisticsFamily)};
-    header.series = {offsetof(Image, series), kSeriesCount,
-                     sizeof(StatisticsSeries)};
-    header.cells = {offsetof(Image, figures), cellCount, sizeof(Cell)};
-    std::atomic_ref(header.magic)
-        .store(kStatisticsMagic, std::memory_order_release);
 }
 
 // kCountedTables for one that isn't counted.
@@ -204,21 +210,29 @@ int OpenStatistics(const char *path)
     {
         return 0;
     }
-    // A reader that still maps the old file keeps that.
-    if (unlink(path) != 0 && errno != ENOENT)
+    // Nobody sees half a file, and a reader that still maps the old one keeps
+    // that.
+    char unfinished[PATH_MAX];
+    if (std::snprintf(unfinished, sizeof(unfinished), "%s.new", path) >=
+        static_cast<int>(sizeof(unfinished)))
     {
-        return errno;
+        return ENAMETOOLONG;
     }
-    Descriptor file(
-        open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    unlink(unfinished);
     Image *image = nullptr;
-    if (const int error = Map(file, &image))
+    int error = Make(unfinished, &image);
+    if (error == 0 && std::rename(unfinished, path) != 0)
     {
+        error = errno;
+    }
+    if (error != 0)
+    {
+        // The figures of an earlier service would be taken for this one's.
+        unlink(unfinished);
+        unlink(path);
         return error;
     }
-    Describe(image);
     gStatistics = &image->figures;
-    file.Release(); // or the lock would go with it
     return 0;
 }
 

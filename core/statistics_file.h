@@ -7,8 +7,9 @@
 // sizes of entries travel with the header, so that later versions may append
 // members that earlier readers skip.
 //
-// For its life the service holds a lock on the file (fcntl, the first byte),
-// which tells one that runs from what it left behind.
+// The file gets its name when it is complete. For its life the service holds a
+// lock on it (fcntl, the first byte), which tells one that runs from what it
+// left behind.
 #pragma once
 
 #include <array>
@@ -32,7 +33,7 @@ struct StatisticsPart
 
 struct StatisticsHeader
 {
-    uint64_t magic; // written last
+    uint64_t magic;
     uint32_t version;
     uint32_t pid;
     StatisticsPart families;
