@@ -30,6 +30,7 @@ bool gStarted = false; // `main` alone
 // The steps may run on three threads: this file's, the watch, `main`.
 pthread_mutex_t gStepsMutex = PTHREAD_MUTEX_INITIALIZER;
 bool gStepsDone = false; // or not to be done; guarded by gStepsMutex
+std::atomic<bool> gQueueing = false; // the stop records
 
 void HandleSignal(int signalNumber)
 {
@@ -140,13 +141,20 @@ void EndThreads()
     gStepsDone = true;
     // One for each worker, behind all that is queued: that is still carried
     // out.
+    gQueueing = true;
     QueueStopRecords();
+    gQueueing = false;
     SetCancelNCThread();
     // These two wait where only a cancel reaches them; the others look at their
     // flags by themselves.
     CancelThread(gCorruptionThread);
     CancelThread(gBusServiceThread);
     SetCancelSignalThread();
+}
+
+bool QueueingStopRecords()
+{
+    return gQueueing;
 }
 
 void FinishStop()

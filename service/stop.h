@@ -31,6 +31,10 @@ void StopService();
 // nothing.
 void EndThreads();
 
+// Whether EndThreads hasn't got the stop records on the queue yet, whose mutex
+// others may have.
+bool QueueingStopRecords();
+
 // Ends the thread and waits for it, so that what the steps use can be freed.
 void FinishStop();
 

@@ -1,5 +1,6 @@
 #include "service/watch.h"
 
+#include "core/cancel.h"
 #include "core/gate.h"
 #include "core/lock.h"
 #include "core/log.h"
@@ -27,7 +28,7 @@ constexpr int64_t kTickNanoseconds = kTickMs * int64_t{1000000};
 // watch, what is watched has its time too.
 constexpr int kHangTicks = 20;
 constexpr int kStepTicks = 40;
-constexpr int kListenerTicks = 10;
+constexpr int kWaitTicks = 10;
 
 constexpr unsigned kLastActsSeconds = 2;
 constexpr int kFlushLimitMs = 1000;
@@ -127,15 +128,23 @@ void WatchStop()
     unsigned seen = gProgress;
     int still = 0;
     int removing = 0;
+    int queueing = 0;
     while (NextTick())
     {
         const unsigned now = gProgress;
         still = now == seen ? still + 1 : 0;
         seen = now;
         removing = RemovingListener() ? removing + 1 : 0;
-        if (removing == kListenerTicks)
+        if (removing == kWaitTicks)
         {
             TakeStepsOver();
+        }
+        queueing = QueueingStopRecords() ? queueing + 1 : 0;
+        if (queueing == kWaitTicks)
+        {
+            // Their work would be taken for that of a stop that gets on.
+            SetCancelNCThread();
+            SetCancelSignalThread();
         }
         if (still >= kHangTicks + kStepTicks ||
             (still >= kHangTicks && NoStepIsUnderWay()))

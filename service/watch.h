@@ -6,6 +6,9 @@
 // can take yet. From then on:
 //   - A ZOILRemoveEventListener that doesn't come back within a second is left
 //     alone: the watch takes the steps of the stop that follow it.
+//   - Stop records that can't be queued within a second, since somebody doesn't
+//     give the queue's mutex back, keep no one else: the watch sets the cancel
+//     flags.
 //   - When nothing at all has moved for two seconds (core/waiting.h), the
 //     process leaves what hangs behind: the last signals go out, readiness is
 //     withdrawn, and the process ends with status 0, without closing the
