@@ -21,7 +21,7 @@ namespace
 
 constexpr uint32_t kFirstRaw = 0x7000; // OIDs of objects from the input
 constexpr uint32_t kRawCount = 8;
-constexpr uint32_t kMostClaimed = 0x2000;
+constexpr uint32_t kMostClaimed = 0x800;
 constexpr int kMostSteps = 12;
 
 constexpr uint16_t kListTypes[] = {3, 7, 8};

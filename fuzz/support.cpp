@@ -4,6 +4,7 @@
 #include "core/sleep.h"
 #include "core/state.h"
 #include "db/statement_ptr.h"
+#include "db/turn.h"
 #include "queues/event_queue.h"
 #include "queues/fail_queue.h"
 #include "standin/standin.h"
@@ -13,11 +14,24 @@
 
 #include <cstdlib>
 #include <stdexcept>
+#include <vector>
 
 namespace qdb::fuzz
 {
 namespace
 {
+
+// All that ask for it have the same one.
+sqlite3 *Connect()
+{
+    sqlite3 *handle = nullptr;
+    Require(sqlite3_open_v2("file:/mirror?vfs=memdb", &handle,
+                            SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
+                                SQLITE_OPEN_URI,
+                            nullptr) == SQLITE_OK,
+            "a database");
+    return handle;
+}
 
 void Run(const std::string &sql)
 {
@@ -27,17 +41,66 @@ void Run(const std::string &sql)
     Require(status == SQLITE_OK, error == nullptr ? sql : error);
 }
 
-StatementPtr Prepare(const std::string &sql)
+StatementPtr Prepare(sqlite3 *handle, const std::string &sql)
 {
     sqlite3_stmt *prepared = nullptr;
-    Require(sqlite3_prepare_v2(QDVdbHandle, sql.c_str(), -1, &prepared,
-                               nullptr) == SQLITE_OK,
+    Require(sqlite3_prepare_v2(handle, sql.c_str(), -1, &prepared, nullptr) ==
+                SQLITE_OK,
             sql);
     return StatementPtr(prepared);
 }
 
-// The mapping takes all rows along. Made once: its compiling visits all tables.
-StatementPtr gClear;
+// Empties the tables that objects have rows in. Without foreign keys, and so on
+// a connection of its own: SQLite drops a table's rows at once then, where a
+// cascade looks for each of them in every table.
+class Clearing
+{
+  public:
+    Clearing()
+    {
+        statements_.push_back(Prepare(handle_, "BEGIN"));
+        const StatementPtr tables = Prepare(
+            handle_, "SELECT name FROM sqlite_schema WHERE type = 'table' AND "
+                     "(name = 'ActiveOIDMapping' OR EXISTS (SELECT 1 FROM "
+                     "pragma_foreign_key_list(name)))");
+        while (sqlite3_step(tables.get()) == SQLITE_ROW)
+        {
+            const void *name = sqlite3_column_text(tables.get(), 0);
+            statements_.push_back(
+                Prepare(handle_, std::string("DELETE FROM ") +
+                                     static_cast<const char *>(name)));
+        }
+        statements_.push_back(Prepare(handle_, "COMMIT"));
+    }
+
+    void Run()
+    {
+        for (const StatementPtr &statement : statements_)
+        {
+            sqlite3_step(statement.get());
+            Require(sqlite3_reset(statement.get()) == SQLITE_OK,
+                    sqlite3_sql(statement.get()));
+        }
+    }
+
+  private:
+    sqlite3 *handle_ = Connect(); // for the life of the process
+    std::vector<StatementPtr> statements_;
+};
+
+// Pages come of one block: a sanitizer's allocations are slow, and each input
+// takes hundreds.
+void KeepPages()
+{
+    constexpr int kCount = 4096;
+    constexpr int kPageSize = 4096;
+    int headSize = 0;
+    sqlite3_config(SQLITE_CONFIG_PCACHE_HDRSZ, &headSize);
+    static std::vector<char> pages(size_t{kCount} *
+                                   static_cast<size_t>(kPageSize + headSize));
+    sqlite3_config(SQLITE_CONFIG_PAGECACHE, pages.data(), kPageSize + headSize,
+                   kCount);
+}
 
 // As start-up leaves them. The process keeps all of it.
 bool Open()
@@ -54,13 +117,10 @@ bool Open()
     gQdbDBMutex = ZOMutexCreate(0);
     gNamedPipeMutex = ZOMutexCreate(0);
     DbusEventsEnabled = 1;
-    sqlite3 *handle = nullptr;
-    Require(sqlite3_open(":memory:", &handle) == SQLITE_OK, "a database");
-    // A cascade allocates for each of the tables, and a sanitizer's are slow.
-    QDVdbHandle = handle;
+    KeepPages();
+    QDVdbHandle = Connect();
     Run(SchemaSql());
     Run("PRAGMA foreign_keys = ON");
-    gClear = Prepare("DELETE FROM ActiveOIDMapping");
     return true;
 }
 
@@ -108,8 +168,9 @@ MirrorInMemory::~MirrorInMemory()
 {
     if (clearsRows_)
     {
-        sqlite3_step(gClear.get());
-        sqlite3_reset(gClear.get());
+        static Clearing clearing;
+        GiveUpRead();
+        clearing.Run();
     }
     while (QdbEventQSize > 0)
     {
@@ -123,7 +184,7 @@ MirrorInMemory::~MirrorInMemory()
 
 std::string QueryValue(const std::string &sql)
 {
-    const StatementPtr statement = Prepare(sql);
+    const StatementPtr statement = Prepare(QDVdbHandle, sql);
     if (sqlite3_step(statement.get()) != SQLITE_ROW)
     {
         return "";

@@ -99,8 +99,7 @@ Head *HeadOf(std::vector<uint8_t> &block)
 
 // Whoever has one finds the service's database open, in memory, with its tables
 // and no rows, the queues empty, the stand-in without objects, and nobody
-// sleeping or logging. Its end clears the queues, and the rows if `clearsRows`:
-// that takes as long as all else.
+// sleeping or logging. Its end clears the queues, and the rows if `clearsRows`.
 class MirrorInMemory
 {
   public:
