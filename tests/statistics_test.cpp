@@ -10,6 +10,7 @@
 #include "reconcile/count_check.h"
 #include "reconcile/population.h"
 #include "tests/support/memory_sweep.h"
+#include "tests/support/text.h"
 #include "tools/qdb/statistics.h"
 #include "tools/qdb/status_text.h"
 
@@ -17,7 +18,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <regex>
 #include <set>
@@ -360,8 +360,7 @@ TEST_F(StatisticsTest, TheBooksBalance)
 // A file is read as far as its header says, and no further.
 TEST_F(StatisticsTest, ADamagedFileIsRefused)
 {
-    std::ifstream good(File(), std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(good)), {});
+    const std::string bytes = FileText(File());
     const std::string path = mirror_.Root().Path() + "/damaged";
     const auto refused = [&](const std::string &damaged)
     {
