@@ -9,7 +9,6 @@
 
 #include <set>
 #include <thread>
-#include <tuple>
 
 namespace qdb::test
 {
@@ -166,21 +165,25 @@ TEST_F(QueueTest, ManyThreadsLoseNothing)
 {
     constexpr uint32_t kThreads = 8;
     constexpr uint32_t kEach = 5000;
-    const std::tuple<const char *, void (*)(uint32_t), uint32_t (*)()>
-        kQueues[] = {{"events", PutEvent, TakeEvent},
-                     {"failures", Fail, TakeFailure}};
-    for (const auto &[name, put, take] : kQueues)
+    const struct
     {
-        SCOPED_TRACE(name);
+        const char *name;
+        void (*put)(uint32_t);
+        uint32_t (*take)();
+    } kQueues[] = {{"events", PutEvent, TakeEvent},
+                   {"failures", Fail, TakeFailure}};
+    for (const auto &queue : kQueues)
+    {
+        SCOPED_TRACE(queue.name);
         std::vector<std::jthread> threads;
         for (uint32_t thread = 0; thread < kThreads; ++thread)
         {
             threads.emplace_back(
-                [thread, put = put]
+                [thread, &queue]
                 {
                     for (uint32_t i = 1; i <= kEach; ++i)
                     {
-                        put(i * kThreads + thread);
+                        queue.put(i * kThreads + thread);
                     }
                 });
         }
@@ -188,9 +191,9 @@ TEST_F(QueueTest, ManyThreadsLoseNothing)
         uint32_t last[kThreads] = {};
         uint32_t taken = 0;
         EXPECT_TRUE(WaitUntil(
-            [&, take = take]
+            [&]
             {
-                while (const uint32_t number = take())
+                while (const uint32_t number = queue.take())
                 {
                     EXPECT_EQ(number / kThreads, ++last[number % kThreads]);
                     ++taken;

@@ -268,9 +268,9 @@ TEST_F(RawData, HoldsTheRefreshMutex)
     {
         SCOPED_TRACE(line);
         const LineHook hook(line,
-                            [&, expected = expected](int)
+                            [&, isFreeThen = expected](int)
                             {
-                                EXPECT_EQ(isFree(refresh), expected);
+                                EXPECT_EQ(isFree(refresh), isFreeThen);
                                 EXPECT_TRUE(isFree(SqliteStepMutex));
                             });
         EXPECT_EQ(Import(kPlain, path), 0);
