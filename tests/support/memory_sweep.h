@@ -109,12 +109,13 @@ class NoMemory : StreamClock, public Handler
                 state.push_back(table + " " + row);
             }
         }
-        const std::vector<Bytes> queued = TakeQueued();
         // A repeated signal makes a second record.
-        for (const Bytes &record : std::set(queued.begin(), queued.end()))
+        std::set<std::string> queued;
+        for (const Bytes &record : TakeQueued())
         {
-            state.emplace_back(record.begin(), record.end());
+            queued.emplace(record.begin(), record.end());
         }
+        state.insert(state.end(), queued.begin(), queued.end());
         return state;
     }
 
