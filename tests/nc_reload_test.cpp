@@ -11,6 +11,7 @@
 #include "reconcile/memory_reload.h"
 #include "tests/support/config_bytes.h"
 #include "tests/support/reload_fixture.h"
+#include "tests/support/works.h"
 
 namespace qdb::test
 {
@@ -197,6 +198,10 @@ class FruReload : public NcReload
     static constexpr uint32_t kFirst = 0x42000;
     static constexpr uint32_t kMany = 40;
 
+    FruReload()
+    {
+        ClearFRUCacheEntry(kWorkOid); // other tests leave it
+    }
     ~FruReload() override
     {
         Forget();
