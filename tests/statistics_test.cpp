@@ -391,9 +391,9 @@ TEST_F(StatisticsTest, ADamagedFileIsRefused)
         std::string damaged = bytes;
         StatisticsHeader header = {};
         std::memcpy(&header, bytes.data(), sizeof(header));
-        std::fill_n(damaged.begin() + header.series.at +
+        std::memset(damaged.data() + header.series.at +
                         offsetof(StatisticsSeries, cellCount),
-                    sizeof(uint32_t), size);
+                    size, sizeof(uint32_t));
         EXPECT_TRUE(refused(damaged)) << int{size};
     }
     // Each word of the header, wherever it points to then.
